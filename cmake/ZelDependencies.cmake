@@ -1,0 +1,13 @@
+# Third-party libraries, all from the distribution's packages.
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(tinyxml REQUIRED IMPORTED_TARGET tinyxml)
+pkg_check_modules(jsoncpp REQUIRED IMPORTED_TARGET jsoncpp)
+
+# pystring ships neither a CMake package nor a .pc file.
+find_library(ZEL_PYSTRING_LIBRARY pystring REQUIRED)
+find_path(ZEL_PYSTRING_INCLUDE pystring/pystring.h REQUIRED)
+add_library(zel::pystring UNKNOWN IMPORTED)
+set_target_properties(zel::pystring PROPERTIES
+    IMPORTED_LOCATION ${ZEL_PYSTRING_LIBRARY}
+    INTERFACE_INCLUDE_DIRECTORIES ${ZEL_PYSTRING_INCLUDE})

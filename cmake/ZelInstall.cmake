@@ -1,0 +1,21 @@
+# Install rules: headers, library, model files, the CMake package and the pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(ZEL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zelCore)
+set(ZEL_INSTALL_DATADIR ${CMAKE_INSTALL_DATADIR}/zelCore)
+
+install(TARGETS zelCore EXPORT zelCoreTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
+install(DIRECTORY Components/ DESTINATION ${ZEL_INSTALL_DATADIR}/Components)
+install(EXPORT zelCoreTargets NAMESPACE zelCore:: DESTINATION ${ZEL_INSTALL_CMAKEDIR})
+
+configure_package_config_file(cmake/zelCoreConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfig.cmake
+    INSTALL_DESTINATION ${ZEL_INSTALL_CMAKEDIR} PATH_VARS ZEL_INSTALL_DATADIR)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfigVersion.cmake
+        DESTINATION ${ZEL_INSTALL_CMAKEDIR})
+
+configure_file(cmake/zelCore.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelCore.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelCore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

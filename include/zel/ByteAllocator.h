@@ -1,0 +1,45 @@
+#pragma once
+
+#include <zel/Export.h>
+#include <zel/Integers.h>
+
+namespace zel {
+
+/// The allocator of the containers: aligned bytes from malloc. Never gives null for a non-zero size: a failed
+/// allocation is a failed verification.
+/// @threads any thread; the debug switches are set while no other thread allocates
+class ZEL_CORE_API ByteAllocator {
+public:
+    /// The alignment that all containers ask for, in bytes.
+    static constexpr size_t DefaultAlignment = 16;
+
+    /// Fills memory on allocation and before release with the patterns below. Off by default.
+    static bool initMemoryFlag;
+    /// Written repeatedly over fresh memory, 0xDEADBEEF by default; a tail of one to three bytes gets the
+    /// pattern's low bytes in little-endian order.
+    static uint32 allocatedMemoryPattern;
+    /// The same for memory about to be released, 0x55555555 by default.
+    static uint32 deallocatedMemoryPattern;
+
+    /// @param alignment  a power of two, at least 8
+    /// @return null for size 0, otherwise `size` bytes at an address that is a multiple of `alignment`
+    [[nodiscard]] void* allocateBytes(size_t size, size_t alignment = DefaultAlignment) {
+        return standaloneAllocateBytes(size, alignment);
+    }
+
+    /// Releases a block of allocateBytes; null is ignored. The size is used for the debug fill alone.
+    void deallocateBytes(void* pointer, size_t size);
+
+    [[nodiscard]] static void* standaloneAllocateBytes(size_t size, size_t alignment = DefaultAlignment);
+    static void standaloneDeallocateTypes(void* pointer);
+};
+
+namespace detail {
+/// count * size in bytes; a product that does not fit gives the largest size, which no allocation can serve.
+[[nodiscard]] constexpr size_t byteCount(size_t count, size_t size) noexcept {
+    size_t bytes = 0;
+    return __builtin_mul_overflow(count, size, &bytes) ? ~size_t{0} : bytes;
+}
+} // namespace detail
+
+} // namespace zel

@@ -1,0 +1,315 @@
+#pragma once
+
+#include <zel/ByteAllocator.h>
+#include <zel/HashFn.h>
+#include <zel/HashSet.h>
+
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace zel {
+
+/// A hash table of power-of-two size with linear probing, at most two thirds full. Iteration goes by slot order,
+/// which follows HashFn. Insertion may rebuild the table and invalidates positions; erase keeps them.
+/// @threads external lock
+template <typename Key, typename Value, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>
+class LinearProbingHashTableImplementation {
+public:
+    struct Entry {
+        Key key;
+        Value value;
+    };
+
+    template <bool Const>
+    class Iterator {
+        using Table = std::conditional_t<Const,
+                                         const LinearProbingHashTableImplementation,
+                                         LinearProbingHashTableImplementation>;
+
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = Entry;
+        using difference_type = std::ptrdiff_t;
+        using pointer = std::conditional_t<Const, const Entry*, Entry*>;
+        using reference = std::conditional_t<Const, const Entry&, Entry&>;
+
+        Iterator() = default;
+        operator Iterator<true>() const { return {m_table, m_index}; }
+        [[nodiscard]] reference operator*() const { return m_table->m_entries[m_index]; }
+        [[nodiscard]] pointer operator->() const { return m_table->m_entries + m_index; }
+        Iterator& operator++() {
+            m_index = m_table->nextFilled(m_index + 1);
+            return *this;
+        }
+        Iterator operator++(int) {
+            Iterator old = *this;
+            ++*this;
+            return old;
+        }
+        [[nodiscard]] uint64 index() const noexcept { return m_index; }
+        friend bool operator==(const Iterator& a, const Iterator& b) { return a.m_index == b.m_index; }
+
+    private:
+        friend class LinearProbingHashTableImplementation;
+        Iterator(Table* table, uint64 index) : m_table(table), m_index(index) {}
+        Table* m_table = nullptr;
+        uint64 m_index = 0;
+    };
+    using iterator = Iterator<false>;
+    using const_iterator = Iterator<true>;
+
+    LinearProbingHashTableImplementation() = default;
+    LinearProbingHashTableImplementation(const LinearProbingHashTableImplementation& other) { copy(other); }
+    LinearProbingHashTableImplementation(LinearProbingHashTableImplementation&& other) noexcept {
+        swap(other);
+    }
+    LinearProbingHashTableImplementation& operator=(const LinearProbingHashTableImplementation& other) {
+        if (this != &other) {
+            LinearProbingHashTableImplementation fresh(other);
+            swap(fresh);
+        }
+        return *this;
+    }
+    LinearProbingHashTableImplementation& operator=(LinearProbingHashTableImplementation&& other) noexcept {
+        if (this != &other) {
+            release();
+            swap(other);
+        }
+        return *this;
+    }
+    ~LinearProbingHashTableImplementation() { release(); }
+
+    void swap(LinearProbingHashTableImplementation& other) noexcept {
+        std::swap(m_minimumCapacity, other.m_minimumCapacity);
+        std::swap(m_growthFactor, other.m_growthFactor);
+        std::swap(m_minimumLoad, other.m_minimumLoad);
+        std::swap(m_maximumLoad, other.m_maximumLoad);
+        std::swap(m_states, other.m_states);
+        std::swap(m_entries, other.m_entries);
+        std::swap(m_capacity, other.m_capacity);
+        std::swap(m_size, other.m_size);
+        std::swap(m_maxProbeLength, other.m_maxProbeLength);
+        std::swap(m_mask, other.m_mask);
+    }
+
+    [[nodiscard]] uint64 size() const noexcept { return m_size; }
+    [[nodiscard]] bool empty() const noexcept { return m_size == 0; }
+    /// The number of slots: 0 before the first insertion.
+    [[nodiscard]] uint64 capacity() const noexcept { return m_capacity; }
+    /// The largest probe number at which a pair has been placed since the last rebuild; -1 for an empty table.
+    [[nodiscard]] int32 maxProbeLength() const noexcept { return m_maxProbeLength; }
+
+    [[nodiscard]] iterator begin() { return {this, nextFilled(0)}; }
+    [[nodiscard]] const_iterator begin() const { return {this, nextFilled(0)}; }
+    [[nodiscard]] iterator end() { return {this, m_capacity}; }
+    [[nodiscard]] const_iterator end() const { return {this, m_capacity}; }
+
+    /// Inserts the pair, or gives the equal key that is there already the new value.
+    /// @return the pair's position
+    /// @throws std::bad_alloc if the allocator gives null
+    iterator insert(Key key, Value value) {
+        const uint64 needed = m_size + ((m_size + 1) >> 1) + 2;
+        if (m_capacity < needed)
+            rehash(slotsFor(needed));
+        return insertWithin(std::move(key), std::move(value));
+    }
+
+    template <typename Equal>
+    [[nodiscard]] iterator find(const Equal& key) {
+        return {this, indexOf(key)};
+    }
+    template <typename Equal>
+    [[nodiscard]] const_iterator find(const Equal& key) const {
+        return {this, indexOf(key)};
+    }
+    template <typename Equal>
+    [[nodiscard]] bool contains(const Equal& key) const {
+        return indexOf(key) != m_capacity;
+    }
+
+    /// @return whether the key was there
+    template <typename Equal>
+        requires(!std::is_same_v<Equal, iterator> && !std::is_same_v<Equal, const_iterator>)
+    bool erase(const Equal& key) {
+        const uint64 index = indexOf(key);
+        if (index == m_capacity)
+            return false;
+        erase(const_iterator(this, index));
+        return true;
+    }
+
+    void erase(const_iterator position) {
+        m_states[position.m_index] = SlotState::Deleted;
+        std::destroy_at(m_entries + position.m_index);
+        --m_size;
+    }
+
+    /// Removes all pairs and keeps the slots.
+    void clear() {
+        destroyEntries();
+        if (m_capacity != 0)
+            std::memset(m_states, 0, m_capacity);
+        m_size = 0;
+        m_maxProbeLength = -1;
+    }
+
+    /// Throws all content away and makes room for n pairs.
+    void clearResize(uint64 n) {
+        release();
+        allocate(slotsFor(n + (n >> 1) + 1));
+    }
+
+private:
+    [[nodiscard]] uint64 slot(uint32 hash, uint64 i) const noexcept {
+        return static_cast<uint32>(static_cast<uint32>(i) + hash) & m_mask;
+    }
+
+    [[nodiscard]] uint64 slotsFor(uint64 needed) const noexcept {
+        uint64 capacity = m_minimumCapacity;
+        while (capacity < needed)
+            capacity *= m_growthFactor;
+        return capacity;
+    }
+
+    [[nodiscard]] uint64 nextFilled(uint64 index) const noexcept {
+        while (index < m_capacity && m_states[index] != SlotState::Filled)
+            ++index;
+        return index;
+    }
+
+    template <typename Equal>
+    [[nodiscard]] uint64 indexOf(const Equal& key) const {
+        if (m_size == 0)
+            return m_capacity;
+        const uint32 hash = Hash()(key);
+        for (int64 i = 0; i <= m_maxProbeLength; ++i) {
+            const uint64 index = slot(hash, static_cast<uint64>(i));
+            if (m_states[index] == SlotState::Filled) {
+                if (Hash::equal(m_entries[index].key, key))
+                    return index;
+            } else if (m_states[index] == SlotState::Empty) {
+                break;
+            }
+        }
+        return m_capacity;
+    }
+
+    /// Insertion into a table that has room.
+    iterator insertWithin(Key&& key, Value&& value) {
+        const uint32 hash = Hash()(key);
+        int64 i = 0;
+        int64 deleted = -1;
+        for (; i <= m_maxProbeLength; ++i) {
+            const uint64 index = slot(hash, static_cast<uint64>(i));
+            if (m_states[index] == SlotState::Filled) {
+                if (Hash::equal(m_entries[index].key, key)) {
+                    m_entries[index].value = std::move(value);
+                    return {this, index};
+                }
+            } else if (m_states[index] == SlotState::Empty) {
+                // The first free slot of the chain: a deleted one ahead of it stays for a longer search.
+                return place(index, std::move(key), std::move(value));
+            } else if (deleted < 0) {
+                deleted = i;
+            }
+        }
+        if (deleted >= 0)
+            return place(slot(hash, static_cast<uint64>(deleted)), std::move(key), std::move(value));
+        while (m_states[slot(hash, static_cast<uint64>(i))] == SlotState::Filled)
+            ++i;
+        m_maxProbeLength = static_cast<int32>(i);
+        return place(slot(hash, static_cast<uint64>(i)), std::move(key), std::move(value));
+    }
+
+    iterator place(uint64 index, Key&& key, Value&& value) {
+        ::new (static_cast<void*>(m_entries + index)) Entry{std::move(key), std::move(value)};
+        m_states[index] = SlotState::Filled;
+        ++m_size;
+        return {this, index};
+    }
+
+    void rehash(uint64 capacity) {
+        LinearProbingHashTableImplementation old;
+        swap(old);
+        std::swap(m_minimumCapacity, old.m_minimumCapacity);
+        std::swap(m_growthFactor, old.m_growthFactor);
+        allocate(capacity);
+        for (uint64 i = 0; i < old.m_capacity; ++i)
+            if (old.m_states[i] == SlotState::Filled)
+                insertWithin(std::move(old.m_entries[i].key), std::move(old.m_entries[i].value));
+    }
+
+    void allocate(uint64 capacity) {
+        Allocator allocator;
+        m_states = static_cast<SlotState*>(allocator.allocateBytes(capacity, 16));
+        m_entries = static_cast<Entry*>(
+            allocator.allocateBytes(detail::byteCount(capacity, sizeof(Entry)), entryAlignment()));
+        if (m_states == nullptr || m_entries == nullptr) {
+            allocator.deallocateBytes(m_states, capacity);
+            allocator.deallocateBytes(m_entries, detail::byteCount(capacity, sizeof(Entry)));
+            m_states = nullptr;
+            m_entries = nullptr;
+            throw std::bad_alloc();
+        }
+        std::memset(m_states, 0, capacity);
+        m_capacity = capacity;
+        m_mask = capacity - 1;
+        m_maxProbeLength = -1;
+    }
+
+    void destroyEntries() noexcept {
+        if constexpr (!std::is_trivially_destructible_v<Entry>)
+            for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
+                std::destroy_at(m_entries + i);
+    }
+
+    void release() noexcept {
+        if (m_capacity == 0)
+            return;
+        destroyEntries();
+        Allocator allocator;
+        allocator.deallocateBytes(m_states, m_capacity);
+        allocator.deallocateBytes(m_entries, detail::byteCount(m_capacity, sizeof(Entry)));
+        m_states = nullptr;
+        m_entries = nullptr;
+        m_capacity = m_size = m_mask = 0;
+        m_maxProbeLength = -1;
+    }
+
+    void copy(const LinearProbingHashTableImplementation& other) {
+        m_minimumCapacity = other.m_minimumCapacity;
+        m_growthFactor = other.m_growthFactor;
+        if (other.m_capacity == 0)
+            return;
+        allocate(other.m_capacity);
+        for (uint64 i = 0; i < m_capacity; ++i) {
+            if (other.m_states[i] == SlotState::Filled)
+                ::new (static_cast<void*>(m_entries + i)) Entry(other.m_entries[i]);
+            m_states[i] = other.m_states[i];
+        }
+        m_size = other.m_size;
+        m_maxProbeLength = other.m_maxProbeLength;
+    }
+
+    static constexpr size_t entryAlignment() { return alignof(Entry) > 16 ? alignof(Entry) : 16; }
+
+    uint64 m_minimumCapacity = 4;
+    uint64 m_growthFactor = 2;
+    // Carried with the table; the growth rule does not read them.
+    float m_minimumLoad = 0.25F;
+    float m_maximumLoad = 0.8F;
+    SlotState* m_states = nullptr;
+    Entry* m_entries = nullptr;
+    uint64 m_capacity = 0;
+    uint64 m_size = 0;
+    int32 m_maxProbeLength = -1;
+    uint64 m_mask = 0;
+};
+
+template <typename Key, typename Value, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>
+class LinearProbingHashTable : public LinearProbingHashTableImplementation<Key, Value, Hash, Allocator> {};
+
+} // namespace zel

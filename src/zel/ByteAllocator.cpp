@@ -1,0 +1,57 @@
+#include <zel/ByteAllocator.h>
+#include <zel/Verify.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace zel {
+
+bool ByteAllocator::initMemoryFlag = false;
+uint32 ByteAllocator::allocatedMemoryPattern = 0xDEADBEEFU;
+uint32 ByteAllocator::deallocatedMemoryPattern = 0x55555555U;
+
+namespace {
+
+void fill(void* memory, size_t size, uint32 pattern) {
+    auto* bytes = static_cast<unsigned char*>(memory);
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<unsigned char>(pattern >> (8 * (i % 4)));
+}
+
+/// The malloc pointer lies in the eight bytes ahead of every block.
+void* mallocPointer(void* block) {
+    void* pointer = nullptr;
+    std::memcpy(&pointer, static_cast<char*>(block) - sizeof(void*), sizeof(void*));
+    return pointer;
+}
+
+} // namespace
+
+void* ByteAllocator::standaloneAllocateBytes(size_t size, size_t alignment) {
+    if (size == 0)
+        return nullptr;
+    size_t total = 0;
+    void* buf = __builtin_add_overflow(size, alignment + 7, &total) ? nullptr : std::malloc(total);
+    zelVerifyN(buf, "ByteAllocator: malloc could not allocate %lu bytes!", size);
+    const auto address = (reinterpret_cast<uint64>(buf) + alignment + 7) & ~(uint64{alignment} - 1);
+    void* block = static_cast<char*>(buf) + (address - reinterpret_cast<uint64>(buf));
+    std::memcpy(static_cast<char*>(block) - sizeof(void*), &buf, sizeof(void*));
+    if (initMemoryFlag)
+        fill(block, size, allocatedMemoryPattern);
+    return block;
+}
+
+void ByteAllocator::standaloneDeallocateTypes(void* pointer) {
+    if (pointer != nullptr)
+        std::free(mallocPointer(pointer));
+}
+
+void ByteAllocator::deallocateBytes(void* pointer, size_t size) {
+    if (pointer == nullptr)
+        return;
+    if (initMemoryFlag)
+        fill(pointer, size, deallocatedMemoryPattern);
+    standaloneDeallocateTypes(pointer);
+}
+
+} // namespace zel
