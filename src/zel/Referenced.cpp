@@ -1,27 +1,27 @@
+#include <zel/Log.h>
 #include <zel/Observer.h>
 #include <zel/Referenced.h>
 
-#include <memory>
 #include <typeinfo>
+#include <utility>
 
 namespace zel {
 
 namespace {
 
-/// Owns the installed handler until the process ends.
+/// Owns the installed handler until the process ends. The pointer is apart from it, since static objects that
+/// are destroyed later still look at it.
 class DeleteHandlerPointer {
 public:
-    ~DeleteHandlerPointer() { delete m_handler; }
-    void set(DeleteHandler* handler) {
-        if (handler == m_handler)
-            return;
-        delete m_handler;
-        m_handler = handler;
+    ~DeleteHandlerPointer() { set(nullptr); }
+    static void set(DeleteHandler* handler) {
+        if (handler != s_handler)
+            delete std::exchange(s_handler, handler);
     }
-    [[nodiscard]] DeleteHandler* get() const { return m_handler; }
+    [[nodiscard]] static DeleteHandler* get() { return s_handler; }
 
 private:
-    DeleteHandler* m_handler = nullptr;
+    constinit static inline DeleteHandler* s_handler = nullptr;
 };
 
 DeleteHandlerPointer s_deleteHandler;
@@ -29,9 +29,16 @@ DeleteHandlerPointer s_deleteHandler;
 } // namespace
 
 Referenced::~Referenced() {
+    if (const int count = referenceCount(); count > 0)
+        // The type is that of the pointer, whichever class is being destroyed.
+        ZEL_LOG_ERROR("Deleting still referenced object " << static_cast<const void*>(this) << " of type '"
+                                                          << typeid(this).name() << "'" << std::endl
+                                                          << "         the final reference count was "
+                                                          << count << ", memory corruption possible.");
     if (m_observers != nullptr) {
+        // Without the lock: an observer may take itself, or others, off the list.
         const size_t count = m_observers->size();
-        for (size_t i = 0; i < count; ++i)
+        for (size_t i = 0; i < count && i < m_observers->size(); ++i)
             (*m_observers)[i]->objectDeleted(this);
         delete m_observers;
     }

@@ -1,3 +1,5 @@
+#include "zel/ThreadHooks.h"
+
 #include <zel/String.h>
 #include <zel/Verify.h>
 
@@ -8,6 +10,7 @@
 namespace zel {
 
 void abort() {
+    detail::flushThreadLogs();
     std::abort();
 }
 
@@ -38,8 +41,8 @@ void verifyFailed(const char* file, unsigned line, const char* expression, const
     va_start(arguments, format);
     const std::string message = detail::formatText(format, arguments);
     va_end(arguments);
-    abortWith(buildErrorString(
-        "[%s:%u] zelVerify failed: `%s', ", "%s", file, line, expression, message.c_str()));
+    abortWith(
+        buildErrorString("[%s:%u] zelVerify failed: `%s', ", "%s", file, line, expression, message.c_str()));
 }
 
 void abortAt(const char* file, unsigned line) {
