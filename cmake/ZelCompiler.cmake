@@ -27,7 +27,9 @@ target_compile_options(zelFlags INTERFACE
     -fmacro-prefix-map=${CMAKE_CURRENT_SOURCE_DIR}/=)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(zelFlags INTERFACE
-        -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wsuggest-override)
+        -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wsuggest-override
+        # g++ 12 warns wrongly about std::string's operator+ (its bugs 105329 and 105651).
+        -Wno-restrict -Wno-stringop-overflow)
 else()
     target_compile_options(zelFlags INTERFACE
         -Wthread-safety -Wunreachable-code -Wdocumentation -Wcomma)

@@ -1,6 +1,5 @@
 #include "zel/ThreadHooks.h"
 
-#include <zel/Date.h>
 #include <zel/LogStream.h>
 #include <zelCore/zelCore.h>
 #include <zelIO/FileSystem.h>
@@ -11,6 +10,16 @@
 #include <iostream>
 
 namespace zel {
+
+namespace {
+
+std::tm localTime(std::time_t time) {
+    std::tm local{};
+    localtime_r(&time, &local);
+    return local;
+}
+
+} // namespace
 
 LogStream::LogStream()
     : std::ostream(nullptr), m_buffer(new LogBuf<LogStream, char, std::char_traits<char>>(this)) {
@@ -88,8 +97,9 @@ bool LogStream::finishLine(const std::string& body) {
 }
 
 std::string LogStream::getTimeString(const std::string& format, bool useMilliseconds) {
-    const Date now = Date::now();
-    const std::tm local = now.localTime();
+    std::timespec now{};
+    std::timespec_get(&now, TIME_UTC);
+    const std::tm local = localTime(now.tv_sec);
     if (!useMilliseconds) {
         std::ostringstream text;
         text << std::put_time(&local, format.c_str());
@@ -97,7 +107,7 @@ std::string LogStream::getTimeString(const std::string& format, bool useMillisec
     }
     std::array<char, 128> text{};
     const size_t length = std::strftime(text.data(), text.size(), "%X", &local);
-    const std::string milliseconds = std::to_string(1000 + now.getMicroSeconds() / 1000);
+    const std::string milliseconds = std::to_string(1000 + now.tv_nsec / 1'000'000);
     return std::string(text.data(), length) + "." + milliseconds.substr(1);
 }
 

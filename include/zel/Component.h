@@ -1,0 +1,120 @@
+#pragma once
+
+#include <zel/Callback.h>
+#include <zel/Event.h>
+#include <zel/Export.h>
+#include <zel/HashTable.h>
+#include <zel/Object.h>
+#include <zel/Vector.h>
+#include <zel/ref_ptr.h>
+
+#include <iosfwd>
+
+namespace zel {
+
+class ComponentVisitor;
+
+/// An object with children, which it owns. Children of one name form a chain in the order of insertion; names
+/// may be empty, and those chain as well.
+///
+/// Adding and removing fires events here and in each component above. While rebinding is enabled, both look
+/// up anew what the changed objects refer to.
+/// @threads owner thread; tasks of other threads may read while the tree is not changed
+/// @cost addObject and findObject O(1) in the number of children; removeObject O(children)
+class ZEL_CORE_API Component : public Object {
+public:
+    explicit Component(const Name& name = Name(), Model* model = nullptr, Device* device = nullptr);
+    ~Component() override;
+
+    /// Loads each child element in document order; see docs/model-files.md.
+    /// @throws std::runtime_error with file and row
+    void configure(TiXmlElement* element) override;
+    void printSubtree() const override;
+    void buildNavigationTree(Json::Value& json) const override;
+    /// Calls each child's rebind. A request from within starts the pass again instead of nesting.
+    void rebind() override;
+    Object* getResourceImpl(const Path& path, Model* model) override;
+
+    /// Takes the object in as last of its name.
+    /// @param assignContext  whether the object gets this component as its context
+    virtual void addObject(Object* object, bool assignContext = true);
+    /// Lets a child go; it is deleted if nobody else owns it. The other children keep their order.
+    /// @return whether the object was a child
+    virtual bool removeObject(Object* object);
+    /// Appends the names of the children that begin with the text, whatever the case of the letters.
+    virtual void autoComplete(const String& text, Vector<String>& list);
+
+    /// Lets the index-th child of the name go.
+    /// @return whether there was one
+    bool removeObject(const Name& name, size_t index);
+    void removeAllObjects();
+
+    /// @param model  the class that the child must be of; null for any. Children without a model fit only
+    /// null.
+    /// @param index  how many fitting children of the name to pass over
+    [[nodiscard]] Object* findObject(const Name& name, Model* model = nullptr, size_t index = 0) const;
+    [[nodiscard]] size_t getNumObjects() const noexcept { return m_objects.size(); }
+    [[nodiscard]] size_t getNumObjects(const Name& name) const;
+    [[nodiscard]] Object* getObject(size_t index) const { return m_objects[index].get(); }
+    /// Appends the children of the class, all for a null model.
+    void getObjects(Vector<Object*>& objects, Model* model = nullptr) const;
+
+    /// Calls the callback on this component and everything below, parents first.
+    void traverse(const Callback1<Object*>& callback);
+    /// Lets the visitor visit the children; not this component itself.
+    void traverse(ComponentVisitor* visitor);
+
+    /// A dump for debugging: one line an object, indented by its depth.
+    void printSubtree(std::ostream& stream, int indentation) const;
+
+    /// The device on which buffers of this component live; may be null.
+    [[nodiscard]] Device* getDevice() const noexcept { return m_device; }
+    void setDevice(Device* device);
+
+    [[nodiscard]] static Model* ClassModel();
+
+    /// Makes a component of the model that the path names and fills it from the model's file.
+    /// @return a new component without owner; null, with a warning, if there is no such model
+    /// @throws std::runtime_error with file and row for bad content
+    [[nodiscard]] static Component* load(const Path& path, const Name& name, Device* device);
+    /// The same, named as its model.
+    [[nodiscard]] static Component* load(const Path& path, Device* device);
+    /// The same from a model file, which holds a model of the file's name.
+    [[nodiscard]] static Component* load(const char* file, Device* device);
+    /// Makes a component from an element of the tag "Component", with its children.
+    [[nodiscard]] static Component* load(TiXmlElement* element, Device* device);
+
+    /// Fills the component from its model's file, beginning with the models that this one derives from.
+    /// @throws std::runtime_error with file and row
+    void configure(Model* model);
+
+    /// Fires when an object enters this component or any below; the component is the object's parent.
+    EventT<Callback2<Component*, Object*>> addObjectEvent;
+    /// Fires when an object leaves; it is still alive.
+    EventT<Callback2<Component*, Object*>> removeObjectEvent;
+
+private:
+    /// The children of one name, linked through Object::m_nextSibling.
+    struct Chain {
+        Object* head = nullptr;
+        Object* tail = nullptr;
+    };
+
+    void link(Object* object);
+    void unlink(Object* object);
+    void trigger(EventT<Callback2<Component*, Object*>> Component::*event, Object* object);
+    void detach(const ref_ptr<Object>& object);
+    void configureChild(TiXmlElement* child);
+
+    Device* m_device = nullptr; // counted
+    Vector<ref_ptr<Object>> m_objects;
+    HashTable<Name, Chain> m_objectTable;
+    uint64 m_rebindDepth = 0;
+};
+
+/// The root of the system's object tree, loaded from "Root.zelComponent" at first use. Null, after an error
+/// message, if that fails.
+/// @throws std::runtime_error as every message of level Error does by default
+[[nodiscard]] ZEL_CORE_API Component* root();
+
+} // namespace zel

@@ -1,0 +1,197 @@
+#include "LoadScope.h"
+
+#include <zel/Component.h>
+#include <zel/ComponentManager.h>
+#include <zel/Device.h>
+#include <zel/Exception.h>
+#include <zel/Log.h>
+#include <zel/Model.h>
+#include <zel/XmlLoader.h>
+
+#include <tinyxml.h>
+
+#include <cstring>
+#include <stdexcept>
+
+namespace zel {
+
+namespace {
+
+/// The models that this thread is filling components from. A model whose file asks for the model itself would
+/// never end.
+thread_local Vector<const Model*> t_loading;
+
+class LoadingModel {
+public:
+    explicit LoadingModel(const Model* model) { t_loading.push_back(model); }
+    LoadingModel(const LoadingModel&) = delete;
+    LoadingModel& operator=(const LoadingModel&) = delete;
+    ~LoadingModel() { t_loading.pop_back(); }
+};
+
+/// Makes the object that the model's implementation asks for, empty.
+Component* instantiate(Model* model, const Name& name, Device* device) {
+    const Name& implementation = model->getImplementationName();
+    if (implementation.empty())
+        return new Component(name, model, device);
+    ref_ptr<Component> component(ComponentManager::instance()->create(implementation, name, device));
+    if (!component)
+        return nullptr;
+    component->setModel(model);
+    return component.release_nodelete();
+}
+
+/// The element of the document that describes the model.
+TiXmlElement* findElement(TiXmlDocument& document, const Model* model) {
+    for (TiXmlElement* element = document.FirstChildElement("Component"); element != nullptr;
+         element = element->NextSiblingElement("Component")) {
+        const char* name = element->Attribute("name");
+        const char* implementation = element->Attribute("implementation");
+        if (name == nullptr || std::strcmp(name, model->getName().c_str()) != 0)
+            continue;
+        if (model->getImplementationName().empty() ||
+            (implementation != nullptr &&
+             std::strcmp(implementation, model->getImplementationName().c_str()) == 0))
+            return element;
+    }
+    return nullptr;
+}
+
+/// Makes models from the top-level elements of the tag "Component".
+class ComponentType : public Model::Loader {
+public:
+    ComponentType() : Loader("Component", "zelComponent") {}
+
+    Model* load(TiXmlElement* element, const Path&) override {
+        const char* name = element->Attribute("name");
+        if (name == nullptr)
+            ZEL_XML_ERROR(element, "Must specify a name for the component!");
+        Model* source = Component::ClassModel();
+        if (const char* sourceName = element->Attribute("source")) {
+            source = Model::findSource(element, std::string(sourceName));
+            if (source == nullptr)
+                ZEL_XML_ERROR(element, String::format("Unable to locate source component '%s'", sourceName));
+        }
+        const char* implementation = element->Attribute("implementation");
+        ref_ptr<Model> model(new Model(name, Name(implementation)));
+        model->setSource(source);
+        return model.release_nodelete();
+    }
+};
+
+ComponentType s_componentType;
+
+Object* loadComponent(TiXmlElement* element, Device* device) {
+    return Component::load(element, device);
+}
+
+const XmlLoaderRegistrator s_componentLoader("Component", loadComponent);
+
+} // namespace
+
+Component* Component::load(const Path& path, const Name& name, Device* device) {
+    Model* model = Model::getModel(path.base(), path.back());
+    if (model == nullptr) {
+        ZEL_LOG_WARNING("Unable to find plugin for resource: '" << path << "'");
+        return nullptr;
+    }
+    ref_ptr<Component> component(instantiate(model, name, device));
+    if (component)
+        component->configure(model);
+    return component.release_nodelete();
+}
+
+Component* Component::load(const Path& path, Device* device) {
+    return load(path, path.back(), device);
+}
+
+Component* Component::load(const char* file, Device* device) {
+    Model* model = Model::getModelFromFile(String(file));
+    if (model == nullptr) {
+        ZEL_LOG_WARNING("Unable to find plugin for resource: '" << file << "'");
+        return nullptr;
+    }
+    ref_ptr<Component> component(instantiate(model, model->getName(), device));
+    if (component)
+        component->configure(model);
+    return component.release_nodelete();
+}
+
+Component* Component::load(TiXmlElement* element, Device* device) {
+    Model* model = Model::getModel(element);
+    const char* name = element->Attribute("name");
+    ref_ptr<Component> component;
+    if (const char* sourceName = element->Attribute("source")) {
+        Model* source = Model::findSource(element, std::string(sourceName));
+        if (source == nullptr)
+            ZEL_XML_ERROR(element, String::format("Unable to locate source component '%s'", sourceName));
+        if (t_loading.contains(source))
+            ZEL_XML_ERROR(element, String::format("Load loop detected for component '%s'", sourceName));
+        component = instantiate(source, source->getName(), device);
+        if (!component)
+            ZEL_XML_ERROR(element, String::format("Unable to locate source component '%s'", sourceName));
+        component->configure(source);
+        // A child element without a model of its own stays what its source made it.
+        if (model != ClassModel())
+            component->setModel(model);
+        if (name != nullptr)
+            component->setName(name);
+    } else {
+        if (name == nullptr)
+            ZEL_XML_ERROR(element, "Must specify a name for the component!");
+        component = new Component(name, model, device);
+    }
+    component->configure(element);
+    return component.release_nodelete();
+}
+
+void Component::configure(Model* model) {
+    const LoadScope scope;
+    if (model->getSourcePath().empty())
+        return;
+    const LoadingModel loading(model);
+    const auto document = openDocument(model->getSourcePath());
+    for (const char* tag : {"Entity", "Entity.Model"})
+        for (TiXmlElement* entity = document->FirstChildElement(tag); entity != nullptr;
+             entity = entity->NextSiblingElement(tag))
+            const ref_ptr<Object> registered(Object::load(entity, m_device));
+    TiXmlElement* element = findElement(*document, model);
+    if (element == nullptr)
+        ZEL_XML_ERROR(document->RootElement(),
+                      String::format("Could not find matching model %s in file %s",
+                                     model->fullPath().c_str(),
+                                     model->getSourcePath().c_str()));
+    if (const char* sourceName = element->Attribute("source")) {
+        Model* source = Model::findSource(element, std::string(sourceName));
+        if (source == nullptr)
+            ZEL_XML_ERROR(element, String::format("Unable to locate source component '%s'", sourceName));
+        if (source->is(model))
+            ZEL_XML_ERROR(element, String::format("Load loop detected for component '%s'", sourceName));
+        configure(source);
+        model->setSource(source);
+    }
+    configure(element);
+}
+
+void Component::configure(TiXmlElement* element) {
+    Object::configure(element);
+    for (TiXmlElement* child = element->FirstChildElement(); child != nullptr;
+         child = child->NextSiblingElement())
+        configureChild(child);
+}
+
+void Component::configureChild(TiXmlElement* child) {
+    if (child->ValueStr() == "description")
+        return;
+    if (const char* path = child->Attribute("instance")) {
+        Object* instance = getResource(Path(path));
+        if (instance == nullptr)
+            ZEL_XML_ERROR(child, String::format("Could not find instance '%s'", path));
+        instance->configure(child);
+        return;
+    }
+    const ref_ptr<Object> object(Object::load(child, m_device));
+    addObject(object.get(), true);
+}
+
+} // namespace zel
