@@ -1,6 +1,5 @@
-#include "zel/ThreadHooks.h"
-
 #include <zel/LogStream.h>
+#include <zel/Thread.h>
 #include <zelCore/zelCore.h>
 #include <zelIO/FileSystem.h>
 
@@ -80,7 +79,7 @@ bool LogStream::finishLine(const std::string& body) {
     if (m_enableDate)
         line += getTimeString(m_dateFormat, true);
     if (m_enableThreadId && !zelCore::isShutdown())
-        line += " (thread: " + detail::threadDescription() + "):  ";
+        line += " (thread: " + Thread::getCurrentThreadDescription() + "):  ";
     line += body;
 
     const auto length = static_cast<unsigned int>(line.size());

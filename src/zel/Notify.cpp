@@ -1,6 +1,5 @@
-#include "zel/ThreadHooks.h"
-
 #include <zel/Notify.h>
+#include <zel/Thread.h>
 
 #include <bit>
 #include <iostream>
@@ -86,8 +85,8 @@ std::string Notify::getClassName() const {
 }
 
 Notify::ThreadData& Notify::getThreadData() {
-    if (ThreadData* data = detail::currentNotifyData())
-        return *data;
+    if (const Thread* thread = Thread::getCurrentThread())
+        return *thread->getNotifyData();
     return s_threadDataHolder.get();
 }
 

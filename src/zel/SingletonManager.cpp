@@ -1,8 +1,7 @@
-#include "zel/ThreadHooks.h"
-
 #include <zel/DynamicLibrary.h>
 #include <zel/Singleton.h>
 #include <zel/SingletonManager.h>
+#include <zel/Thread.h>
 
 #include <algorithm>
 #include <iostream>
@@ -80,7 +79,7 @@ void SingletonManager::destroyLast(Vector<Singleton*>& list) {
 }
 
 void SingletonManager::shutdown() {
-    if (m_shutdown || detail::forcedShutdown())
+    if (m_shutdown || forcedShutdown())
         return;
     m_shutdown = true;
     m_modified = false;

@@ -1,6 +1,5 @@
-#include "zel/ThreadHooks.h"
-
 #include <zel/String.h>
+#include <zel/Thread.h>
 #include <zel/Verify.h>
 
 #include <cstdarg>
@@ -10,7 +9,7 @@
 namespace zel {
 
 void abort() {
-    detail::flushThreadLogs();
+    Thread::flushLogs();
     std::abort();
 }
 

@@ -1,9 +1,8 @@
-#include "zel/ThreadHooks.h"
-
 #include <zel/InitCallback.h>
 #include <zel/Logger.h>
 #include <zel/Notify.h>
 #include <zel/SingletonManager.h>
+#include <zel/Thread.h>
 #include <zel/Timer.h>
 #include <zelCore/zelCore.h>
 
@@ -23,7 +22,7 @@ namespace zelCore {
 void init() {
     if (!isShutdown())
         return;
-    zel::detail::initThreadSystem();
+    zel::Thread::initThreadSystem();
     zel::InitCallback::triggerInit();
     zel::resetStartTick();
     s_zel_initialized.store(true, std::memory_order_relaxed);
@@ -39,7 +38,7 @@ void shutdown() {
     if (isShutdown())
         return;
     s_zel_initialized.store(false, std::memory_order_relaxed);
-    zel::detail::shutdownThreads();
+    zel::Thread::shutdown();
     zel::ShutdownCallback::triggerShutdown();
     if (zel::SingletonManager* manager = zel::SingletonManager::instance())
         manager->shutdown();

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <zel/Callback.h>
+#include <zel/Export.h>
+#include <zel/Integers.h>
+#include <zel/Vector.h>
+#include <zel/ref_ptr.h>
+
+#include <atomic>
+
+namespace zel {
+
+class SyncTag;
+class Task;
+class Thread;
+class WaitJob;
+
+/// A piece of work that a thread runs in one go: a callback, a priority, and the jobs that it must wait for.
+/// Jobs form a graph that can run any number of times. Owned by whoever made it; the edges are plain
+/// pointers.
+///
+/// A job may be copied to make more of its kind. The copy has the same work, priority, target, task and tag,
+/// and no edges.
+/// @threads edges and settings are changed while neither job runs or lies in a queue; spawn and resolve any
+///     thread of the system
+class ZEL_CORE_API Job {
+public:
+    explicit Job(const char* name = "");
+    explicit Job(Callback callback, const char* name = "", uint32 priority = 0);
+    Job(const Job& other);
+    Job& operator=(const Job& other);
+    virtual ~Job();
+
+    /// The work. Calls the callback if there is one.
+    virtual void implementation();
+
+    /// Puts the job in the queue of the calling thread, or of its target thread.
+    /// @pre the calling thread is a zel::Thread
+    void spawn();
+    /// Tells that one of the dependencies is met.
+    /// @return true if it was the last one: the job may run now, and counts anew for the next pass
+    /// @threads any thread
+    bool resolve() noexcept;
+    /// Runs the job and appends each dependent that may run now to `localJobs`.
+    /// @param thread  the calling thread
+    void execute(VectorPOD<Job*>& localJobs, Thread* thread);
+
+    /// Makes `job` wait for this one in every pass.
+    void addDependent(Job* job);
+    /// Takes one such edge away.
+    /// @return whether there was one
+    bool removeDependent(Job* job);
+    /// Forgets all edges on both sides, and with them all counts. The neighbours keep theirs: for a job whose
+    /// neighbours are forgotten as well.
+    void clearDependencies();
+    [[nodiscard]] const VectorPOD<Job*>& getDependents() const noexcept { return m_dependents; }
+    [[nodiscard]] const VectorPOD<Job*>& getDependencies() const noexcept { return m_dependencies; }
+    [[nodiscard]] uint32 getNumDependencies() const noexcept { return m_numDependencies; }
+
+    /// How a clock or a dependency starts the job; by default Job::spawn.
+    void setSpawnCallback(Callback callback) { m_spawnCallback = std::move(callback); }
+    [[nodiscard]] const Callback& getSpawnCallback() const noexcept { return m_spawnCallback; }
+    void setCallback(Callback callback) { m_callback = std::move(callback); }
+    [[nodiscard]] const Callback& getCallback() const noexcept { return m_callback; }
+    /// @param name  for reports; must outlive the job
+    void setName(const char* name) noexcept { m_name = name; }
+    [[nodiscard]] const char* getName() const noexcept { return m_name; }
+    /// Jobs of higher priority leave a queue first; those of equal priority in no particular order.
+    void setPriority(uint32 priority) noexcept { m_priority = priority; }
+    [[nodiscard]] uint32 getPriority() const noexcept { return m_priority; }
+    /// The only thread that may run the job; null for any. The thread must be at work, or be a worker.
+    void setTargetThread(Thread* thread) noexcept { m_targetThread = thread; }
+    [[nodiscard]] Thread* getTargetThread() const noexcept { return m_targetThread; }
+    /// The job stays queued until the tag is ready; null for no such wait.
+    void setSyncTag(SyncTag* tag);
+    [[nodiscard]] SyncTag* getSyncTag() const noexcept { return m_syncTag.get(); }
+    /// A place for the memory pool that the job came from; -1 for none.
+    void setPoolTag(int64 tag) noexcept { m_poolTag = tag; }
+    [[nodiscard]] int64 getPoolTag() const noexcept { return m_poolTag; }
+
+    /// The thread that runs the job, or ran it last.
+    [[nodiscard]] Thread* getExecutingThread() const noexcept { return m_executingThread; }
+    /// Time-stamp counter at the start of the last run.
+    [[nodiscard]] uint64 getStartTick() const noexcept { return m_startTick; }
+    /// Ticks that the last run took.
+    [[nodiscard]] uint64 getCycles() const noexcept { return m_cycles; }
+    [[nodiscard]] bool isTiming() const noexcept { return m_timing; }
+
+    /// Zeroes the cycles and starts the clock of this run.
+    void startTiming() noexcept;
+    /// Adds the ticks since startTiming, unless the clock is stopped already. For work that must not be
+    /// counted to its end.
+    void stopTiming() noexcept;
+
+protected:
+    friend class Thread;
+    friend class WaitJob;
+
+    Callback m_spawnCallback;
+    const char* m_name;
+    VectorPOD<Job*> m_dependents;
+    VectorPOD<Job*> m_dependencies;
+    Callback m_callback;
+    uint64 m_startTick = 0;
+    uint64 m_cycles = 0;
+    bool m_timing = false;
+    uint32 m_numDependencies = 0;
+    std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
+    Thread* m_targetThread = nullptr;
+    Thread* m_executingThread = nullptr;
+    ref_ptr<SyncTag> m_syncTag;
+    uint32 m_priority = 0;
+    int64 m_poolTag = -1;
+    std::atomic<WaitJob*> m_waiters{
+        nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
+};
+
+} // namespace zel

@@ -1,0 +1,324 @@
+#pragma once
+
+#include <zel/BasicThread.h>
+#include <zel/Export.h>
+#include <zel/HashSet.h>
+#include <zel/HashTable.h>
+#include <zel/Integers.h>
+#include <zel/InvalidIndex.h>
+#include <zel/Job.h>
+#include <zel/Notify.h>
+#include <zel/SpinMutex.h>
+#include <zel/ThreadLocalAllocator.h>
+#include <zel/Timer.h>
+#include <zel/Uuid.h>
+#include <zel/Vector.h>
+#include <zel/ref_ptr.h>
+#include <zelData/AttributeContainer.h>
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdarg>
+#include <exception>
+#include <mutex>
+#include <random>
+#include <string>
+
+/// The most threads that the system runs, the main thread included.
+#define ZEL_MAX_NUM_THREADS 1024
+/// The most tasks that one thread may be executing at a time, one inside the other.
+#define ZEL_THREAD_FRAME_STACK_MAX_DEPTH 64
+
+namespace zel {
+
+class LogChunk;
+class Task;
+struct LogEntry;
+
+/// A thread of the scheduler: a queue of jobs, and the loop that works it off and steals from other threads
+/// when it runs dry.
+///
+/// The thread that called zelCore::init() is the main thread, with id 0. Workers have ids from 1 upward and
+/// are started by zel::setNumThreads. Any other thread may register itself; it then runs its own tasks, and
+/// has InvalidIndex for an id. Threads wait for their tasks by working.
+/// @threads static functions any thread, unless told otherwise; members the thread itself, unless told
+/// otherwise
+class ZEL_CORE_API Thread : public BasicThread, public zelData::AttributeContainer {
+public:
+    /// A Lehmer generator, the source of random victims.
+    class ZEL_CORE_API FastRandom {
+    public:
+        static constexpr uint64 Modulus = 4294967291;
+        static constexpr uint64 Multiplier = 69070;
+
+        /// Seeds from getRandGenerator(), so that the threads of a run get the same seeds as those of the run
+        /// before.
+        FastRandom();
+        explicit FastRandom(uint32 seed) { init(seed); }
+
+        /// Every seed is good; none leads to the state 0, which has no successor but itself.
+        void init(uint32 seed) noexcept {
+            m_state = seed >= Modulus ? seed + 5 : seed;
+            if (m_state == 0)
+                m_state = 1;
+        }
+        uint32 operator()() noexcept {
+            m_state = static_cast<uint32>(m_state * Multiplier % Modulus);
+            return m_state;
+        }
+        [[nodiscard]] uint32 getState() const noexcept { return m_state; }
+
+    private:
+        uint32 m_state = 1;
+    };
+
+    /// The id of a main thread that another one has replaced; it may not work any more.
+    static constexpr uint32 DiscardedMainThread = static_cast<uint32>(-2);
+
+    /// Whether lines of the thread log are printed at once, which they are by default, or kept for flushLogs.
+    static std::atomic<bool> immediateLogging;
+
+    /// @param id  below ZEL_MAX_NUM_THREADS, or InvalidIndex for a thread outside the pool
+    explicit Thread(uint32 id = InvalidIndex);
+    /// Stops a worker. The queues must be empty, unless the system was forced to shut down.
+    ~Thread() override;
+
+    // The system
+
+    /// Makes the caller the main thread if there is none, and lets it compute without denormals like all
+    /// threads.
+    static void initThreadSystem();
+    /// Ends the workers and frees registered threads, which must not use their thread any more. If tasks are
+    /// still active, the shutdown is forced: the workers are cancelled, and nothing may be executed until the
+    /// process ends.
+    /// @threads main thread
+    static void shutdown();
+    /// False at all times.
+    [[nodiscard]] static bool isShuttingDown() noexcept { return false; }
+    /// Brings the number of threads to what was last asked for with setNumThreads, if anything was.
+    /// @pre no task is active
+    static void performNumThreadsChange();
+
+    /// The caller's thread; null if it is not registered.
+    [[nodiscard]] static Thread* getCurrentThread() noexcept;
+    /// pthread_self in decimal, ", ", and the id of the caller's thread or "null".
+    [[nodiscard]] static std::string getCurrentThreadDescription();
+
+    /// Makes the caller a thread of the system, so that it may log, execute tasks and use per-thread
+    /// allocators.
+    /// @return the caller's thread, which it may have been before
+    static Thread* registerAsZelThread();
+    /// Ends what registerAsZelThread began and frees the thread. No job may be left in its queue.
+    static void unregisterAsZelThread();
+    /// Makes the caller the main thread. The old main thread may not work any more.
+    /// @throws std::runtime_error "Can not convert an existing work thread to the main thread" if the caller
+    /// is
+    ///     another thread of the system
+    static Thread* makeCurrentThreadMainThread();
+    /// The registered threads from outside with their indices; null until the first one.
+    /// @threads external lock: no thread may register or unregister meanwhile
+    [[nodiscard]] static const HashTable<Thread*, uint32>* getPromotedThreads() noexcept {
+        return s_promotedThreads;
+    }
+
+    /// A key for a value of each thread, as pthread keys.
+    /// @throws std::runtime_error "Could not create thread local storage key."
+    [[nodiscard]] static pthread_key_t allocatePerThreadStorage();
+    /// The calling thread's value, null at first and for an unknown key.
+    [[nodiscard]] static void* readPerThreadStorage(pthread_key_t key) noexcept;
+    /// @throws std::runtime_error "Could not set value in a thread local storage"
+    static void writePerThreadStorage(pthread_key_t key, void* value);
+    /// @throws std::runtime_error "Could not free a thread local storage."
+    static void freePerThreadStorage(pthread_key_t key);
+
+    // Work
+
+    /// Queues the job here, or with its target thread. Wakes nobody but a target.
+    void spawn(Job* job);
+    /// Hands the job to another thread.
+    /// @param activate  whether to wake the target
+    /// @threads any thread
+    void pushTargetJob(Thread* target, Job* job, bool activate);
+    /// Works until the innermost task executed here is complete, or there has been nothing to do for 100
+    /// microseconds.
+    /// @throws what a job throws; the system is then to be shut down
+    void doWork();
+    /// Calls the thread back to work.
+    /// @threads any thread
+    void activate();
+    /// Waits until the thread is activated or handed a job.
+    void sleep();
+    /// Deals the queue out to this thread and those that sleep, and wakes them.
+    void wakeupThreads();
+
+    // Life of a worker
+
+    /// Starts the worker, and returns when it is up.
+    bool start();
+    /// Ends a worker; does nothing on other threads.
+    /// @threads any thread but the worker itself
+    void stop();
+    void run() override;
+
+    // Queries
+
+    [[nodiscard]] uint32 getId() const noexcept { return m_id.load(std::memory_order_relaxed); }
+    /// The id, or for a registered caller a number from getNumThreads() upward. Looks the calling thread up,
+    /// not this object.
+    [[nodiscard]] uint32 getIndex() const;
+    [[nodiscard]] bool isRunning() const noexcept { return m_running.load(std::memory_order_acquire) != 0; }
+    /// This thread's message state.
+    [[nodiscard]] Notify::ThreadData* getNotifyData() const noexcept { return m_notifyData.get(); }
+    /// A random identity from the thread's own generator.
+    [[nodiscard]] Uuid generateUuid() { return m_uuidGenerator.generate(m_uuidRandom); }
+
+    /// Time spent on scheduling, from being activated to being awake, and asleep. Read by the thread itself.
+    [[nodiscard]] const Timer& getOverheadTimer() const noexcept { return m_overheadTimer; }
+    [[nodiscard]] Timer getActivationTimer() const noexcept {
+        const std::lock_guard lock(m_timerLock);
+        return m_activationTimer;
+    }
+    [[nodiscard]] const Timer& getIdleTimer() const noexcept { return m_idleTimer; }
+    void resetOverheadTime() noexcept;
+
+    // The thread log: a cheap trace beside the log proper
+
+    /// Prints or keeps the line "[id] text"; a line end is added. See immediateLogging.
+    [[gnu::format(printf, 2, 0)]] void logImplementation(const char* format, va_list arguments);
+    /// Writes the kept lines of all threads, ordered by time, to the file "thread_log.txt".
+    /// @threads any thread, while no thread starts or ends
+    static void flushLogs();
+
+private:
+    friend class ThreadLocalAllocator; // m_arena
+    friend ZEL_CORE_API size_t getNumThreads() noexcept;
+    friend ZEL_CORE_API size_t getNumThreadsIncludingRegistered();
+    friend ZEL_CORE_API void setNumThreads(size_t n);
+    friend ZEL_CORE_API bool forcedShutdown() noexcept;
+
+    /// A task that this thread executes and waits for.
+    struct Frame {
+        Task* task = nullptr;
+        std::atomic<bool> done{false}; // set by the thread that completes the task
+    };
+
+    /// Something to wait for, which is remembered if it comes first.
+    class Signal {
+    public:
+        void release();
+        void wait();
+        void reset();
+
+    private:
+        std::mutex m_mutex;
+        std::condition_variable m_condition;
+        bool m_flag = false; // guarded by m_mutex
+    };
+
+    class MainThreadSingleton;
+    class Activity;
+    enum class Taken { Job, NotReady, Nothing };
+
+    void initialize();
+    void workLoop();
+    Taken takeJob(Job*& job, size_t& remaining);
+    Taken takeReadyJob(Job*& job, size_t& remaining);
+    Job* queueLocalJobs(size_t& remaining);
+    void stealWork();
+    void takePushedJobs(uint32 count);
+    [[nodiscard]] Thread* chooseVictim(uint32 numThreads, uint32& last);
+    [[nodiscard]] bool topFrameDone() const noexcept;
+    void pushSharedJob(Job* job);
+    Job* popSharedJob();
+    void takeLocalJobs();
+    void gatherLogEntries(Vector<LogEntry>& entries);
+    [[nodiscard]] bool isWorker() const noexcept { return getId() >= 1 && getId() < DiscardedMainThread; }
+    [[nodiscard]] static Thread* getThread(uint32 index) noexcept {
+        // Acquire: pairs with the release in setThread, so that a new thread is seen complete.
+        return s_threads[index].load(std::memory_order_acquire);
+    }
+    static void setThread(uint32 index, Thread* thread) noexcept {
+        s_threads[index].store(thread, std::memory_order_release);
+    }
+    static void performPendingChange();
+    static void changeNumThreads(std::unique_lock<std::mutex>& sharedLock);
+    static void waitUntilInactive();
+    static void endChange();
+    static void resizePool(uint32 oldCount, uint32 newCount);
+    static void killWorkers();
+    static void restoreMainThreadState() noexcept;
+
+    // Owner only, unless told otherwise.
+    ref_ptr<Notify::ThreadData> m_notifyData;
+    FastRandom m_random;
+    Frame m_frames[ZEL_THREAD_FRAME_STACK_MAX_DEPTH]; // tasks guarded by s_sharedMutex
+    std::atomic<uint64> m_numFrames{0};               // written by the owner, read by completing threads
+    uint64 m_workDepth = 0;
+    std::atomic<int32> m_activationCount{0}; // shared: above 0, the thread should be in its work loop
+    Signal m_startSignal;
+    Signal m_sleepSignal;
+    Thread* m_nextInRing = nullptr;     // guarded by s_sharedMutex
+    VectorPOD<Job*> m_sharedJobs;       // a heap by priority; guarded by m_sharedLock
+    VectorPOD<Job*> m_localJobs;        // scratch; of a sleeping thread guarded by s_sharedMutex
+    VectorPOD<Job*> m_pushedJobs;       // guarded by m_pushedLock
+    std::atomic<uint32> m_numPushed{0}; // shared: length of m_pushedJobs, readable without the lock
+    std::atomic<uint32> m_running{0};   // shared: set by the thread, cleared by who stops it
+    // A line of its own: thieves hammer on it, and must not disturb the owner's fields.
+    alignas(64) SpinMutex m_sharedLock;
+    alignas(64) SpinMutex m_pushedLock;
+    alignas(
+        64) std::atomic<uint32> m_id; // written before the thread is known, but for a discarded main thread
+    Timer m_overheadTimer;
+    Timer m_activationTimer; // guarded by m_timerLock: started by the activating thread
+    Timer m_idleTimer;
+    mutable SpinMutex m_timerLock;
+    bool m_sleeping = false; // guarded by s_sharedMutex
+    uint32 m_savedFloatingPointControl = 0;
+    bool m_floatingPointControlSaved = false;
+    std::mt19937 m_uuidRandom;
+    UuidGenerator m_uuidGenerator;
+    ThreadLocalAllocator::Arena m_arena;
+    ref_ptr<LogChunk> m_logChunk; // newest first; guarded by m_logLock
+    SpinMutex m_logLock;
+
+    // The system. Objects with destructors are never destroyed: threads may run on while the process exits.
+    static std::atomic<Thread*> s_threads[ZEL_MAX_NUM_THREADS];
+    static std::atomic<Thread*> s_mainThread;
+    static std::atomic<uint32> s_highestId;
+    static std::atomic<int32> s_numActiveThreads;    // threads inside the outermost work loop
+    static std::mutex s_sharedMutex;                 // before any spin lock
+    static HashSet<Task*>& s_activeTasks;            // guarded by s_sharedMutex
+    static Vector<Thread*>& s_sleepingThreads;       // guarded by s_sharedMutex
+    static bool s_changing;                          // guarded by s_sharedMutex: the pool is being resized
+    static std::condition_variable& s_changed;       // with s_sharedMutex: s_changing was cleared
+    static std::exception_ptr& s_unhandledException; // guarded by s_sharedMutex
+    static std::mutex s_mutex;                       // guards s_promotedThreads
+    static HashTable<Thread*, uint32>* s_promotedThreads;
+    static std::atomic<int64> s_numThreadsPromise; // -1 for none
+    static std::atomic<bool> s_shutdown;           // workers stay out of the work loop
+    static std::atomic<bool> s_forcedShutdown;
+    static Vector<Thread*>& s_discardedMainThreads;
+};
+
+/// The size of the pool: the main thread and the workers.
+/// @threads any thread
+[[nodiscard]] ZEL_CORE_API size_t getNumThreads() noexcept;
+/// The same with the registered threads from outside.
+/// @threads any thread
+[[nodiscard]] ZEL_CORE_API size_t getNumThreadsIncludingRegistered();
+/// Sets the size of the pool, the main thread included; at most ZEL_MAX_NUM_THREADS, and 0 for one thread per
+/// online processor. Takes effect at once, or when the active tasks are complete.
+/// @threads any thread
+ZEL_CORE_API void setNumThreads(size_t n);
+/// Thread::getCurrentThread().
+[[nodiscard]] ZEL_CORE_API Thread* getCurrentThread() noexcept;
+/// Whether the threads were shut down while tasks were active. Stays so.
+/// @threads any thread
+[[nodiscard]] ZEL_CORE_API bool forcedShutdown() noexcept;
+
+} // namespace zel
+
+/// Thread::flushLogs for a debugger.
+extern "C" ZEL_CORE_API void zelFlushThreadLogs();

@@ -1,0 +1,108 @@
+#include <zel/Job.h>
+#include <zel/SyncTag.h>
+#include <zel/Thread.h>
+#include <zel/Timer.h>
+#include <zel/Verify.h>
+#include <zel/WaitJob.h>
+
+namespace zel {
+
+Job::Job(const char* name) : m_spawnCallback([this] { spawn(); }), m_name(name) {}
+
+Job::Job(Callback callback, const char* name, uint32 priority) : Job(name) {
+    m_callback = std::move(callback);
+    m_priority = priority;
+}
+
+Job::Job(const Job& other) : Job(other.m_name) {
+    *this = other;
+}
+
+Job& Job::operator=(const Job& other) {
+    // The spawn callback stays: the other's may be bound to the other job.
+    m_name = other.m_name;
+    m_callback = other.m_callback;
+    m_targetThread = other.m_targetThread;
+    m_syncTag = other.m_syncTag;
+    m_priority = other.m_priority;
+    return *this;
+}
+
+Job::~Job() = default;
+
+void Job::implementation() {
+    if (m_callback)
+        m_callback();
+}
+
+void Job::spawn() {
+    Thread* thread = Thread::getCurrentThread();
+    zelVerify(thread != nullptr);
+    thread->spawn(this);
+}
+
+bool Job::resolve() noexcept {
+    // Whoever adds the last one sees, through this chain of read-modify-writes, all that the other
+    // dependencies wrote; the queues carry it on to the thread that runs the job.
+    if (m_numResolved.fetch_add(1, std::memory_order_seq_cst) + 1 != m_numDependencies)
+        return false;
+    // No dependency adds for the next pass before this pass has run the job, so the store meets nobody.
+    m_numResolved.store(0, std::memory_order_relaxed);
+    return true;
+}
+
+void Job::execute(VectorPOD<Job*>& localJobs, Thread* thread) {
+    startTiming();
+    implementation();
+    stopTiming();
+    // The job may be freed as soon as its last dependent is resolved, or a waiter let go: from there on only
+    // these two pointers are used.
+    Job* const* dependent = m_dependents.begin();
+    Job* const* const end = m_dependents.end();
+    // Acquire: pairs with the release in WaitJob's constructor.
+    if (m_waiters.load(std::memory_order_acquire) != nullptr)
+        WaitJob::runWaiters(*this, thread);
+    for (; dependent != end; ++dependent)
+        if ((*dependent)->resolve())
+            localJobs.push_back(*dependent);
+}
+
+void Job::startTiming() noexcept {
+    m_timing = true;
+    m_cycles = 0;
+    m_startTick = Timer::now();
+}
+
+void Job::stopTiming() noexcept {
+    if (m_timing) {
+        m_timing = false;
+        m_cycles += Timer::now() - m_startTick;
+    }
+}
+
+void Job::addDependent(Job* job) {
+    m_dependents.push_back(job);
+    job->m_dependencies.push_back(this);
+    ++job->m_numDependencies;
+}
+
+bool Job::removeDependent(Job* job) {
+    if (!m_dependents.findAndErase(job))
+        return false;
+    job->m_dependencies.findAndErase(this);
+    --job->m_numDependencies;
+    return true;
+}
+
+void Job::clearDependencies() {
+    m_dependents.clear();
+    m_dependencies.clear();
+    m_numDependencies = 0;
+    m_numResolved.store(0, std::memory_order_relaxed); // the job is at rest
+}
+
+void Job::setSyncTag(SyncTag* tag) {
+    m_syncTag = tag;
+}
+
+} // namespace zel

@@ -1,0 +1,386 @@
+#include <zel/SyncTag.h>
+#include <zel/Thread.h>
+#include <zel/Timer.h>
+#include <zel/Verify.h>
+
+#include <cxxabi.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+// The work loop, theft, and how threads fall asleep and wake.
+//
+// Why no wake-up is lost. A thread is called by `activate`, always after what it is called for has been
+// stored: a pushed job and its count, a job dealt to its queue, or the `done` flag of a frame. All these
+// stores and all operations on the activation count are sequentially consistent, or made under a lock that
+// the thread takes before it looks. Take any call and where it falls:
+//
+// 1. The count was 0: the call raises it to 1 and sets the flag of the sleep signal. The flag stays until the
+//    thread passes the wait in `sleep`, so the thread either finds the count above 0 and does not sleep, or
+//    sleeps and is let through at once. `sleep` clears the flag only when it is through, and the thread then
+//    looks at its frame and its queues.
+// 2. The count was above 0: nobody is woken. Somebody who raised it from 0 is case 1, and the thread has
+// still to
+//    come through `sleep` or was never in it; what it looks at next, it looks at after the present call
+//    stored it, or the present call comes after the look and finds the count that the look left behind. That
+//    count is lowered in two places only. At the end of the work loop it is lowered by one, so a call during
+//    the loop leaves it above 0, and the thread does not sleep. In `sleep` it is set to 0, after the thread
+//    has been entered in the list of sleepers under s_sharedMutex, and *then* the pushed count is read: a job
+//    pushed with a call that fell before the 0 has its count stored before it, and the read sees it.
+// 3. The calls that could fall between a look and that 0 without a flag need a count above 0 there. A waiting
+//    thread goes to sleep only when it has read 0 after its last look at the frame; whoever raises it
+//    afterwards sets the flag. A worker may get there with a higher count while the system resizes its pool;
+//    no task is active then, nobody waits for a frame, pushed jobs are found as in 2, and jobs are dealt only
+//    to threads on the list of sleepers, under s_sharedMutex, hence after the 0. What the resize kept from
+//    running is woken at its end.
+
+namespace zel {
+
+constinit std::atomic<int32> Thread::s_numActiveThreads{0};
+constinit std::mutex Thread::s_sharedMutex;
+HashSet<Task*>& Thread::s_activeTasks = *new HashSet<Task*>;
+Vector<Thread*>& Thread::s_sleepingThreads = *new Vector<Thread*>;
+std::exception_ptr& Thread::s_unhandledException = *new std::exception_ptr;
+
+namespace {
+
+struct LowerPriority {
+    bool operator()(const Job* a, const Job* b) const noexcept { return a->getPriority() < b->getPriority(); }
+};
+
+// The times after which a thief gives the processor away between attempts, and gives up, in milliseconds.
+constexpr double YieldTime = 0.05;
+constexpr double GiveUpTime = 0.1;
+
+} // namespace
+
+// The queues
+
+void Thread::pushSharedJob(Job* job) {
+    m_sharedJobs.push_back(job);
+    std::push_heap(m_sharedJobs.begin(), m_sharedJobs.end(), LowerPriority());
+}
+
+Job* Thread::popSharedJob() {
+    std::pop_heap(m_sharedJobs.begin(), m_sharedJobs.end(), LowerPriority());
+    Job* job = m_sharedJobs.back();
+    m_sharedJobs.pop_back();
+    return job;
+}
+
+void Thread::spawn(Job* job) {
+    Thread* target = job->m_targetThread;
+    if (target != nullptr && target != this) {
+        pushTargetJob(target, job, true);
+        return;
+    }
+    const std::lock_guard lock(m_sharedLock);
+    pushSharedJob(job);
+}
+
+void Thread::pushTargetJob(Thread* target, Job* job, bool activate) {
+    // The lock is held to the end: the job may be the last that a registered thread waits for, and that
+    // thread takes the lock once more before it is destroyed.
+    const std::lock_guard lock(target->m_pushedLock);
+    target->m_pushedJobs.push_back(job);
+    target->m_numPushed.fetch_add(1, std::memory_order_seq_cst);
+    if (activate)
+        target->activate();
+}
+
+void Thread::takePushedJobs(uint32 count) {
+    const std::lock_guard lock(m_pushedLock);
+    for (uint32 i = 0; i < count; ++i) {
+        pushSharedJob(m_pushedJobs.back());
+        m_pushedJobs.pop_back();
+    }
+    m_numPushed.fetch_sub(count, std::memory_order_seq_cst);
+}
+
+// The work loop
+
+/// One level of the work loop on a thread. Leaves it also when a job throws.
+class Thread::Activity {
+public:
+    explicit Activity(Thread& thread) : m_thread(thread) {
+        m_entered = m_thread.m_workDepth > 0 || enterOutermost();
+        if (m_entered)
+            ++m_thread.m_workDepth;
+    }
+    Activity(const Activity&) = delete;
+    Activity& operator=(const Activity&) = delete;
+    ~Activity() {
+        if (m_entered && --m_thread.m_workDepth == 0) {
+            m_thread.m_activationCount.fetch_sub(1, std::memory_order_seq_cst);
+            s_numActiveThreads.fetch_sub(1, std::memory_order_seq_cst);
+        }
+        m_thread.m_overheadTimer.stop();
+    }
+
+    [[nodiscard]] bool entered() const noexcept { return m_entered; }
+
+private:
+    /// Counts the thread as active, unless the pool is being resized. Whoever resizes sets s_shutdown and
+    /// then waits for the count to be zero; here the count is raised and then s_shutdown read, in one total
+    /// order, so that one of the two sees the other.
+    [[nodiscard]] bool enterOutermost() const {
+        for (;;) {
+            s_numActiveThreads.fetch_add(1, std::memory_order_seq_cst);
+            if (!s_shutdown.load(std::memory_order_seq_cst))
+                return true;
+            s_numActiveThreads.fetch_sub(1, std::memory_order_seq_cst);
+            if (m_thread.isWorker() || forcedShutdown())
+                return false;
+            std::unique_lock lock(s_sharedMutex);
+            s_changed.wait(lock, [] { return !s_changing; });
+        }
+    }
+
+    Thread& m_thread;
+    bool m_entered = false;
+};
+
+bool Thread::topFrameDone() const noexcept {
+    // Relaxed: the owner's own count. Sequentially consistent: pairs with completeFrame.
+    const uint64 numFrames = m_numFrames.load(std::memory_order_relaxed);
+    return numFrames != 0 && m_frames[numFrames - 1].done.load(std::memory_order_seq_cst);
+}
+
+Thread::Taken Thread::takeReadyJob(Job*& job, size_t& remaining) {
+    Job* top = popSharedJob();
+    if (SyncTag* tag = top->m_syncTag.get(); tag != nullptr) {
+        const int32 status = tag->getStatus();
+        zelVerify(status != SyncTag::SYNC_TAG_ERROR);
+        if (status == 0) {
+            pushSharedJob(top);
+            return Taken::NotReady;
+        }
+    }
+    job = top;
+    remaining = m_sharedJobs.size();
+    return Taken::Job;
+}
+
+Thread::Taken Thread::takeJob(Job*& job, size_t& remaining) {
+    const std::lock_guard lock(m_sharedLock);
+    if (m_sharedJobs.empty())
+        stealWork();
+    return m_sharedJobs.empty() ? Taken::Nothing : takeReadyJob(job, remaining);
+}
+
+Job* Thread::queueLocalJobs(size_t& remaining) {
+    const std::lock_guard lock(m_sharedLock);
+    for (Job* job : m_localJobs) {
+        Thread* target = job->m_targetThread;
+        if (target != nullptr && target != this)
+            pushTargetJob(target, job, true);
+        else
+            pushSharedJob(job);
+    }
+    m_localJobs.clear();
+    Job* next = nullptr;
+    if (!m_sharedJobs.empty())
+        static_cast<void>(takeReadyJob(next, remaining));
+    return next;
+}
+
+void Thread::workLoop() {
+    if (m_id.load(std::memory_order_relaxed) == DiscardedMainThread)
+        throw std::runtime_error("This thread is a discarded main thread!");
+    m_overheadTimer.start();
+    m_activationCount.store(1, std::memory_order_seq_cst);
+    const Activity activity(*this);
+    if (!activity.entered())
+        return;
+    const auto numThreads = static_cast<int32>(getNumThreads());
+
+    Job* job = nullptr;
+    size_t remaining = 0; // length of the queue at the last pop
+    while (!topFrameDone()) {
+        if (job == nullptr) {
+            const Taken taken = takeJob(job, remaining);
+            if (taken == Taken::Nothing)
+                break;
+            if (taken == Taken::NotReady)
+                continue;
+        }
+        if (Thread* target = job->m_targetThread; target != nullptr && target != this) {
+            pushTargetJob(target, job, true);
+            job = nullptr;
+            continue;
+        }
+        job->m_executingThread = this;
+        m_overheadTimer.stop();
+        zelVerify(m_localJobs.empty());
+        job->execute(m_localJobs, this);
+        m_overheadTimer.start();
+        // The job may be gone; the next one continues here, so that a chain of dependencies stays on its
+        // core.
+        if (m_localJobs.empty()) {
+            job = nullptr;
+            if (remaining == 0)
+                continue;
+        } else {
+            job = queueLocalJobs(remaining);
+            if (job == nullptr || remaining == 0)
+                continue;
+        }
+        if (s_numActiveThreads.load(std::memory_order_relaxed) < numThreads) // a hint
+            wakeupThreads();
+    }
+    if (job != nullptr) {
+        // Not to be stranded on a thread that is leaving.
+        {
+            const std::lock_guard lock(m_sharedLock);
+            pushSharedJob(job);
+        }
+        wakeupThreads();
+    }
+}
+
+void Thread::doWork() {
+    // A worker that was on its way in has nothing more to do; it is no fault of its own.
+    if (isWorker() && m_workDepth == 0 && forcedShutdown())
+        return;
+    zelVerifyNAs(!forcedShutdown(),
+                 "!forcedShutdown()",
+                 "ZEL was forcefully shutdown, further execution is not allowed!");
+    try {
+        workLoop();
+    } catch (const abi::__forced_unwind&) {
+        throw; // a cancelled thread, no failure of a job
+    } catch (...) {
+        {
+            const std::lock_guard lock(s_sharedMutex);
+            s_unhandledException = std::current_exception();
+        }
+        wakeupThreads();
+        throw;
+    }
+    performPendingChange();
+}
+
+// Theft
+
+Thread* Thread::chooseVictim(uint32 numThreads, uint32& last) {
+    const uint32 id = m_id.load(std::memory_order_relaxed);
+    if (id == InvalidIndex && numThreads == 1)
+        return getThread(0);
+    if (id != InvalidIndex && numThreads <= 2)
+        return numThreads == 2 ? getThread(1 - id) : nullptr;
+    uint32 victim = 0;
+    do {
+        victim = m_random() % numThreads;
+    } while (victim == last || victim == id);
+    last = victim;
+    return getThread(victim);
+}
+
+void Thread::stealWork() {
+    if (topFrameDone())
+        return;
+    const uint64 start = Timer::now();
+    const auto numThreads = static_cast<uint32>(getNumThreads());
+    uint32 last = InvalidIndex;
+    do {
+        const double elapsed = Timer::toMilliseconds(Timer::now() - start);
+        if (elapsed > YieldTime) {
+            if (elapsed > GiveUpTime && m_numPushed.load(std::memory_order_seq_cst) == 0)
+                return;
+            sched_yield();
+        }
+        if (const uint32 count = m_numPushed.load(std::memory_order_seq_cst); count != 0) {
+            takePushedJobs(count);
+            return;
+        }
+        // The victim's lock is tried and never waited for: two thieves, each under its own lock, would wait
+        // for each other.
+        Thread* victim = chooseVictim(numThreads, last);
+        if (victim != nullptr && victim->m_sharedLock.try_lock()) {
+            const std::lock_guard lock(victim->m_sharedLock, std::adopt_lock);
+            if (!victim->m_sharedJobs.empty()) {
+                zelVerify(m_sharedJobs.empty());
+                pushSharedJob(victim->popSharedJob());
+                return;
+            }
+        }
+    } while (!topFrameDone());
+}
+
+// Sleep
+
+void Thread::activate() {
+    if (m_activationCount.fetch_add(1, std::memory_order_seq_cst) > 0)
+        return;
+    {
+        const std::lock_guard lock(m_timerLock);
+        m_activationTimer.start();
+    }
+    m_sleepSignal.release();
+}
+
+void Thread::sleep() {
+    {
+        const std::lock_guard lock(s_sharedMutex);
+        if (s_unhandledException)
+            std::rethrow_exception(s_unhandledException);
+        s_sleepingThreads.push_back(this);
+        m_activationCount.store(0, std::memory_order_seq_cst);
+        m_sleeping = true;
+    }
+    m_idleTimer.start();
+    if (m_numPushed.load(std::memory_order_seq_cst) == 0)
+        m_sleepSignal.wait();
+    m_sleepSignal.reset();
+    m_idleTimer.stop();
+    {
+        const std::lock_guard lock(m_timerLock);
+        m_activationTimer.stop();
+    }
+    {
+        const std::lock_guard lock(s_sharedMutex);
+        Thread** position = s_sleepingThreads.find(this);
+        *position = s_sleepingThreads.back();
+        s_sleepingThreads.pop_back();
+        m_sleeping = false;
+    }
+    m_activationCount.store(1, std::memory_order_seq_cst);
+}
+
+void Thread::wakeupThreads() {
+    const std::lock_guard sharedLock(s_sharedMutex);
+    const std::lock_guard ownLock(m_sharedLock);
+    m_nextInRing = this;
+    size_t numChosen = 0;
+    for (Thread* sleeper : s_sleepingThreads) {
+        if (numChosen == m_sharedJobs.size())
+            break;
+        const std::lock_guard lock(sleeper->m_sharedLock);
+        if (!sleeper->m_sharedJobs.empty())
+            continue;
+        sleeper->m_nextInRing = m_nextInRing;
+        m_nextInRing = sleeper;
+        ++numChosen;
+    }
+    if (numChosen == 0)
+        return;
+    for (Thread* cursor = m_nextInRing; !m_sharedJobs.empty(); cursor = cursor->m_nextInRing) {
+        Job* job = popSharedJob();
+        (job->m_targetThread == this ? this : cursor)->m_localJobs.push_back(job);
+    }
+    for (Thread* sleeper = m_nextInRing; sleeper != this; sleeper = sleeper->m_nextInRing) {
+        const std::lock_guard lock(sleeper->m_sharedLock);
+        sleeper->takeLocalJobs();
+        sleeper->activate();
+    }
+    takeLocalJobs();
+}
+
+void Thread::takeLocalJobs() {
+    for (Job* job : m_localJobs)
+        pushSharedJob(job);
+    m_localJobs.clear();
+}
+
+} // namespace zel
