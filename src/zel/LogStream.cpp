@@ -1,3 +1,4 @@
+#include <zel/Date.h>
 #include <zel/LogStream.h>
 #include <zel/Thread.h>
 #include <zelCore/zelCore.h>
@@ -9,16 +10,6 @@
 #include <iostream>
 
 namespace zel {
-
-namespace {
-
-std::tm localTime(std::time_t time) {
-    std::tm local{};
-    localtime_r(&time, &local);
-    return local;
-}
-
-} // namespace
 
 LogStream::LogStream()
     : std::ostream(nullptr), m_buffer(new LogBuf<LogStream, char, std::char_traits<char>>(this)) {
@@ -96,9 +87,8 @@ bool LogStream::finishLine(const std::string& body) {
 }
 
 std::string LogStream::getTimeString(const std::string& format, bool useMilliseconds) {
-    std::timespec now{};
-    std::timespec_get(&now, TIME_UTC);
-    const std::tm local = localTime(now.tv_sec);
+    const Date now = Date::now();
+    const std::tm local = now.localTime();
     if (!useMilliseconds) {
         std::ostringstream text;
         text << std::put_time(&local, format.c_str());
@@ -106,7 +96,7 @@ std::string LogStream::getTimeString(const std::string& format, bool useMillisec
     }
     std::array<char, 128> text{};
     const size_t length = std::strftime(text.data(), text.size(), "%X", &local);
-    const std::string milliseconds = std::to_string(1000 + now.tv_nsec / 1'000'000);
+    const std::string milliseconds = std::to_string(1000 + now.getMicroSeconds() / 1000);
     return std::string(text.data(), length) + "." + milliseconds.substr(1);
 }
 

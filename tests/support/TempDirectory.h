@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -25,10 +26,11 @@ public:
     }
 
     [[nodiscard]] const std::string& path() const { return m_path; }
+    [[nodiscard]] std::string path(const std::string& name) const { return m_path + "/" + name; }
     [[nodiscard]] std::string operator/(const std::string& name) const { return m_path + "/" + name; }
 
     /// Writes a file, and the folders on the way to it.
-    std::string write(const std::string& name, const std::string& content) const {
+    std::string write(const std::string& name, const std::string& content = "") const {
         const std::filesystem::path file = std::filesystem::path(m_path) / name;
         std::filesystem::create_directories(file.parent_path());
         std::ofstream stream(file, std::ios::binary);
@@ -37,6 +39,11 @@ public:
         if (!stream)
             throw std::runtime_error("could not write " + file.string());
         return file.string();
+    }
+
+    [[nodiscard]] std::string read(const std::string& name) const {
+        std::ifstream stream(path(name), std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
     }
 
 private:

@@ -1,4 +1,5 @@
-#include "LogRecorder.h"
+#include "support/LogCapture.h"
+#include "support/StreamCapture.h"
 
 #include <zel/Exception.h>
 #include <zel/Notify.h>
@@ -10,6 +11,8 @@
 #include <stdexcept>
 #include <string>
 
+using zelTest::LogCapture;
+using zelTest::StreamCapture;
 using namespace zel;
 using testing::ElementsAre;
 
@@ -35,7 +38,7 @@ struct TwoPartError : std::runtime_error {
 } // namespace
 
 TEST_F(ExceptionTest, AThrowIsLoggedWithItsPlaceAndThrown) {
-    LogRecorder log;
+    LogCapture log;
     try {
         throwSomething();
     } catch (const std::invalid_argument& error) {
@@ -48,7 +51,7 @@ TEST_F(ExceptionTest, AThrowIsLoggedWithItsPlaceAndThrown) {
 }
 
 TEST_F(ExceptionTest, AThrowTakesTheArgumentsOfItsException) {
-    LogRecorder log;
+    LogCapture log;
     try {
         ZEL_THROW(TwoPartError, "two parts", 5);
     } catch (const TwoPartError& error) {
@@ -61,7 +64,7 @@ TEST_F(ExceptionTest, TheLevelOfTheMessageCanBeSet) {
     EXPECT_EQ(getExceptionNotifyLevel(), Notify::Warning);
     EXPECT_EQ(setExceptionNotifyLevel(Notify::Debug), Notify::Warning);
     EXPECT_EQ(getExceptionNotifyLevel(), Notify::Debug);
-    LogRecorder log;
+    LogCapture log;
     log_throw("here", "why");
     EXPECT_THAT(log.texts(), ElementsAre("Exception thrown from here:  \"why\"\n"));
     EXPECT_THAT(log.levels(), ElementsAre(Notify::Debug));

@@ -1,5 +1,5 @@
-#include "LogRecorder.h"
-#include "TestDirectory.h"
+#include "support/StreamCapture.h"
+#include "support/TempDirectory.h"
 
 #include <zel/LogStream.h>
 #include <zelCore/zelCore.h>
@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+using zelTest::StreamCapture;
+using zelTest::TempDirectory;
 using namespace zel;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -121,7 +123,7 @@ TEST(LogStreamTest, DateAndThreadStandInFrontInThisOrder) {
 
 TEST(LogStreamTest, AllDestinationsGetTheLineInTheToldOrder) {
     s_order.clear();
-    const TestDirectory directory;
+    const TempDirectory directory;
     RecordingStream stream;
     ASSERT_TRUE(stream.open(directory.path("log")));
     stream.setOutputMode(15);
@@ -140,7 +142,7 @@ TEST(LogStreamTest, AllDestinationsGetTheLineInTheToldOrder) {
 }
 
 TEST(LogStreamTest, WithoutItsBitADestinationGetsNothing) {
-    const TestDirectory directory;
+    const TempDirectory directory;
     LogStream stream;
     ASSERT_TRUE(stream.open(directory.path("log")));
     s_callbackText.clear();
@@ -156,7 +158,7 @@ TEST(LogStreamTest, WithoutItsBitADestinationGetsNothing) {
 }
 
 TEST(LogStreamTest, OpenMakesTheDirectoryAndReplacesAnOldFile) {
-    const TestDirectory directory;
+    const TempDirectory directory;
     const std::string name = directory.path("new/deep/log");
     LogStream stream;
     stream.setOutputMode(LogStream::File);
@@ -175,7 +177,7 @@ TEST(LogStreamTest, OpenMakesTheDirectoryAndReplacesAnOldFile) {
 }
 
 TEST(LogStreamTest, AFileThatCannotBeOpenedSetsTheFailbit) {
-    const TestDirectory directory;
+    const TempDirectory directory;
     LogStream stream;
     EXPECT_FALSE(stream.open(directory.path())); // a directory
     EXPECT_TRUE(stream.fail());
@@ -185,7 +187,7 @@ TEST(LogStreamTest, AFileThatCannotBeOpenedSetsTheFailbit) {
 }
 
 TEST(LogStreamTest, ADirectoryThatCannotBeMadeFailsWithoutTheFailbit) {
-    const TestDirectory directory;
+    const TempDirectory directory;
     directory.write("file");
     const StreamCapture quiet(std::cerr);
     LogStream stream;

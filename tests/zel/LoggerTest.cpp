@@ -1,5 +1,5 @@
-#include "LogRecorder.h"
-#include "TestDirectory.h"
+#include "support/StreamCapture.h"
+#include "support/TempDirectory.h"
 
 #include <zel/Log.h>
 #include <zel/Logger.h>
@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+using zelTest::StreamCapture;
+using zelTest::TempDirectory;
 using namespace zel;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -70,7 +72,7 @@ struct LoggerTest : testing::Test {
         return level;
     }
 
-    TestDirectory directory;
+    TempDirectory directory;
     Notify* notify = nullptr;
 };
 

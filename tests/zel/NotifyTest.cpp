@@ -1,4 +1,5 @@
-#include "LogRecorder.h"
+#include "support/LogCapture.h"
+#include "support/StreamCapture.h"
 
 #include <zel/Log.h>
 #include <zel/Notify.h>
@@ -12,6 +13,8 @@
 #include <stdexcept>
 #include <string>
 
+using zelTest::LogCapture;
+using zelTest::StreamCapture;
 using namespace zel;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -152,7 +155,7 @@ TEST_F(NotifyTest, WithoutALevelTheThreadsOutputModeIsMeant) {
 }
 
 TEST_F(NotifyTest, SelectionsAreStoredAndPoppedButFilterNothing) {
-    LogRecorder log;
+    LogCapture log;
     notify->getThreadStringStream() << notify->setDebugStrings(Notify::Info, "", -1, "") << notify->push(0)
                                     << "seen";
     EXPECT_TRUE(notify->getPrintSelection(Notify::Info).isNoneSet());
@@ -166,8 +169,8 @@ TEST_F(NotifyTest, AMessageReachesEveryDestinationOfItsLevel) {
     std::ostringstream fromError;
     notify->addStream(&fromDebug, Notify::Debug);
     notify->addStream(&fromError, Notify::Error);
-    LogRecorder all(Notify::Debug);
-    LogRecorder warnings(Notify::Warning);
+    LogCapture all(Notify::Debug);
+    LogCapture warnings(Notify::Warning);
     const StreamCapture output(std::cerr);
     notify->setNotifyLevel(Notify::Info);
 
@@ -227,7 +230,7 @@ TEST_F(NotifyTest, CallbacksAreOwnedWhileRegisteredAndHaveALevel) {
 TEST_F(NotifyTest, AnErrorThrowsItsTextAndSkipsTheOutputStream) {
     std::ostringstream stream;
     notify->addStream(&stream, Notify::Error);
-    LogRecorder log(Notify::Error);
+    LogCapture log(Notify::Error);
     const StreamCapture output(std::cerr);
     EXPECT_EQ(thrownBy([this] { notify->error("x"); }), "x");
     EXPECT_EQ(output.text(), "");
@@ -238,7 +241,7 @@ TEST_F(NotifyTest, AnErrorThrowsItsTextAndSkipsTheOutputStream) {
 }
 
 TEST_F(NotifyTest, AfterACaughtErrorTheNextMessageBeginsWithItsText) {
-    LogRecorder log;
+    LogCapture log;
     const StreamCapture output(std::cerr);
     notify->getThreadStringStream() << notify->setDebugStrings(Notify::Error, "", -1, "") << notify->push(1)
                                     << "first ";
@@ -264,7 +267,7 @@ TEST_F(NotifyTest, BreakOnErrorThrowsJustTheSame) {
 }
 
 TEST_F(NotifyTest, WithBothSwitchesOffAnErrorPrintsAndReturns) {
-    LogRecorder log;
+    LogCapture log;
     const StreamCapture output(std::cerr);
     notify->setThrowOnError(false);
     notify->setBreakOnError(false);
@@ -275,7 +278,7 @@ TEST_F(NotifyTest, WithBothSwitchesOffAnErrorPrintsAndReturns) {
 }
 
 TEST_F(NotifyTest, AMessageForTheLogOnlyReachesNobodyElse) {
-    LogRecorder log;
+    LogCapture log;
     std::ostringstream stream;
     notify->addStream(&stream, Notify::Debug);
     const StreamCapture output(std::cerr);
@@ -293,7 +296,7 @@ TEST_F(NotifyTest, AMessageForTheLogOnlyReachesNobodyElse) {
 }
 
 TEST_F(NotifyTest, AThreadsThresholdConcernsTheOutputStreamAlone) {
-    LogRecorder log;
+    LogCapture log;
     const StreamCapture output(std::cerr);
     notify->setNotifyLevel(Notify::Error);
     EXPECT_EQ(notify->getNotifyLevel(), Notify::Error);
@@ -355,13 +358,13 @@ TEST_F(NotifyTest, AnExceptionFromACallbackFreesTheLock) {
     notify->addCallback(callback.get(), Notify::Debug);
     EXPECT_THROW(notify->debug("d"), std::logic_error);
     notify->removeCallback(callback.get());
-    LogRecorder log;
+    LogCapture log;
     notify->debug("e"); // would wait forever for a lock that is held
     EXPECT_THAT(log.texts(), ElementsAre("de"));
 }
 
 TEST_F(NotifyTest, TheStatementsStreamTheirTextAndEndTheLine) {
-    LogRecorder log;
+    LogCapture log;
     const StreamCapture output(std::cerr);
     const std::string text = "value ";
     ZEL_LOG_DEBUG(text << 1);
@@ -374,7 +377,7 @@ TEST_F(NotifyTest, TheStatementsStreamTheirTextAndEndTheLine) {
 }
 
 TEST_F(NotifyTest, MacrosAreSingleStatements) {
-    LogRecorder log;
+    LogCapture log;
     if (log.texts().empty())
         ZEL_LOG_DEBUG("then");
     else

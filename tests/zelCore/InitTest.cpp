@@ -1,5 +1,5 @@
-#include "LogRecorder.h"
-#include "TestDirectory.h"
+#include "support/StreamCapture.h"
+#include "support/TempDirectory.h"
 
 #include <zel/Log.h>
 #include <zel/Notify.h>
@@ -13,6 +13,8 @@
 #include <sstream>
 #include <string>
 
+using zelTest::StreamCapture;
+using zelTest::TempDirectory;
 using namespace zel;
 using testing::HasSubstr;
 
@@ -80,7 +82,7 @@ TEST(InitTest, ResetStartTickGivesTheLowHalf) {
 }
 
 TEST(InitTest, TheLibraryCanBeStartedAgain) {
-    const TestDirectory directory;
+    const TempDirectory directory;
     setenv("ZEL_LOG_ENABLE", "1", 1);
     setenv("ZEL_LOG_FILE", directory.path("run.txt").c_str(), 1);
     zelCore::init();

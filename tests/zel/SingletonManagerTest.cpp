@@ -1,0 +1,204 @@
+#include "support/StreamCapture.h"
+
+#include <zel/Log.h>
+#include <zel/Notify.h>
+#include <zel/Singleton.h>
+#include <zel/SingletonManager.h>
+#include <zelCore/zelCore.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+using zelTest::StreamCapture;
+using namespace zel;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+std::vector<std::string> s_log;
+
+/// Notes its end, and does something of the test's when it is shut down.
+struct Service : Singleton {
+    Service(std::string name, int priority, std::function<void()> action = {})
+        : Singleton(priority), m_name(std::move(name)), m_action(std::move(action)) {}
+    ~Service() override { s_log.push_back("~" + m_name); }
+    void shutdown() override {
+        s_log.push_back(m_name);
+        if (m_action)
+            m_action();
+    }
+    [[nodiscard]] std::string getClassName() const override { return m_name; }
+
+private:
+    std::string m_name;
+    std::function<void()> m_action;
+};
+
+SingletonManager& manager() {
+    return *SingletonManager::instance();
+}
+
+struct SingletonManagerTest : testing::Test {
+    void SetUp() override { s_log.clear(); }
+};
+
+} // namespace
+
+TEST_F(SingletonManagerTest, TheInstanceHasOneOwner) {
+    EXPECT_EQ(manager().referenceCount(), 1);
+    EXPECT_EQ(SingletonManager::instance(), SingletonManager::instance());
+}
+
+TEST_F(SingletonManagerTest, DestroysByDescendingPriority) {
+    new Service("b", 20000);
+    new Service("d", 5);
+    new Service("a", 30000);
+    new Service("c", 9000);
+    manager().shutdown();
+    EXPECT_THAT(s_log, ElementsAre("a", "~a", "b", "~b", "c", "~c", "d", "~d"));
+}
+
+TEST_F(SingletonManagerTest, Priority10000GoesBefore9999WhateverCameFirst) {
+    new Service("lower", 9999);
+    new Service("upper", 10000);
+    manager().shutdown();
+    EXPECT_THAT(s_log, ElementsAre("upper", "~upper", "lower", "~lower"));
+}
+
+TEST_F(SingletonManagerTest, UnregisteringFromTheUpperListDeletes) {
+    auto* service = new Service("a", 10000);
+    EXPECT_TRUE(manager().unregisterSingleton(service));
+    EXPECT_THAT(s_log, ElementsAre("~a")); // deleted and not shut down
+    EXPECT_FALSE(manager().unregisterSingleton(service));
+}
+
+TEST_F(SingletonManagerTest, UnregisteringFromTheLowerListOnlyForgets) {
+    auto* service = new Service("a", 9999);
+    EXPECT_FALSE(manager().unregisterSingleton(service));
+    EXPECT_TRUE(s_log.empty());
+    manager().shutdown();
+    EXPECT_TRUE(s_log.empty());
+    delete service;
+}
+
+TEST_F(SingletonManagerTest, UnregisteringAnUnknownServiceIsFalse) {
+    auto* service = new Service("a", 9999);
+    EXPECT_FALSE(manager().unregisterSingleton(service));
+    EXPECT_FALSE(manager().unregisterSingleton(service));
+    EXPECT_FALSE(manager().unregisterSingleton(nullptr));
+    delete service;
+}
+
+TEST_F(SingletonManagerTest, AServiceMadeDuringShutdownComesAfterTheUpperList) {
+    new Service("first", 30000, [] { new Service("late", 40000); });
+    new Service("second", 20000);
+    manager().shutdown();
+    // The first is visited twice, as the lists moved under its shutdown, and shut down once.
+    EXPECT_THAT(s_log, ElementsAre("first", "~first", "second", "~second", "late", "~late"));
+}
+
+TEST_F(SingletonManagerTest, UnregisteringDuringShutdownLeavesTheListsWhole) {
+    auto* victim = new Service("victim", 20000);
+    new Service("killer", 30000, [victim] { manager().unregisterSingleton(victim); });
+    new Service("last", 10000);
+    manager().shutdown();
+    EXPECT_THAT(s_log, ElementsAre("killer", "~victim", "~killer", "last", "~last"));
+}
+
+namespace {
+int s_generation = 0;
+/// Makes a successor each time it is shut down.
+void breed() {
+    ++s_generation;
+    new Service("hydra" + std::to_string(s_generation), s_generation, breed);
+}
+} // namespace
+
+TEST_F(SingletonManagerTest, TheLowerListIsGivenUpAfter200Passes) {
+    breed();
+    manager().shutdown();
+    // The newest has the highest priority, so each pass shuts another one down and destroys none.
+    EXPECT_EQ(s_log.size(), 200U);
+    EXPECT_EQ(s_log.back(), "hydra200");
+    EXPECT_EQ(s_generation, 201);
+    const StreamCapture capture(std::cerr);
+    manager().print();
+    EXPECT_EQ(capture.text(), "");
+}
+
+TEST_F(SingletonManagerTest, StaysShutDown) {
+    manager().shutdown();
+    new Service("late", 20000);
+    manager().shutdown();
+    EXPECT_TRUE(s_log.empty());
+}
+
+TEST_F(SingletonManagerTest, PrintsTheUpperAndThenTheLowerList) {
+    auto* b = new Service("b", 20000);
+    auto* a = new Service("a", 10000);
+    new Service("c", 7);
+    new Service("d", 8);
+    {
+        const StreamCapture capture(std::cerr);
+        manager().print();
+        EXPECT_THAT(capture.text(), HasSubstr("10000 : 'a'\n20000 : 'b'\n"));
+        EXPECT_THAT(capture.text(), HasSubstr("7 : 'c'\n8 : 'd'\n"));
+        EXPECT_LT(capture.text().find("'b'"), capture.text().find("'c'"));
+    }
+    EXPECT_TRUE(manager().unregisterSingleton(a));
+    EXPECT_TRUE(manager().unregisterSingleton(b));
+}
+
+TEST_F(SingletonManagerTest, AMessageAfterNotifyIsGoneGetsAFreshNotify) {
+    zelCore::init();
+    const Notify* fresh = nullptr;
+    new Service("late", 100, [&fresh] {
+        const StreamCapture quiet(std::cerr);
+        ZEL_LOG_WARNING("after the end");
+        fresh = Notify::instance();
+    });
+    zelCore::shutdown();
+    EXPECT_THAT(s_log, ElementsAre("late", "~late"));
+    ASSERT_NE(fresh, nullptr);
+    // The fresh one was registered into the lower list and shut down with it.
+    const StreamCapture capture(std::cerr);
+    manager().print();
+    EXPECT_EQ(capture.text(), "");
+}
+
+TEST(SingletonManagerStressTest, ServicesRegisterFromManyThreads) {
+    s_log.clear();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 100; ++i)
+                new Service("s", 10000 + 4 * i + t);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    manager().shutdown();
+    EXPECT_EQ(s_log.size(), 800U);
+}
+
+TEST(SingletonManagerDeathTest, HasNoInstanceAfterItsDestructionAtExit) {
+    EXPECT_EXIT(
+        {
+            std::atexit([] { // registered ahead of the manager, so that it runs behind its destruction
+                const bool late = SingletonManager::instance() == nullptr;
+                const Service service("unregistered", 20000);
+                _exit(late && s_log.size() == 2 ? 0 : 1);
+            });
+            s_log.clear();
+            new Service("a", 20000);
+            std::exit(2);
+        },
+        testing::ExitedWithCode(0),
+        "");
+}
