@@ -2,7 +2,6 @@
 
 #include <zel/Callback.h>
 #include <zel/Integers.h>
-#include <zel/InvalidIndex.h>
 #include <zel/Name.h>
 #include <zel/Vector.h>
 
@@ -11,11 +10,14 @@
 
 namespace zel {
 
-/// A list of callbacks that are fired together, in the order of connection until an entry is removed. The list
-/// may change while it runs: a callback may connect and disconnect any callback, itself included.
+/// A list of callbacks that are fired together, in the order of connection until an entry is removed. The
+/// list may change while it runs: a callback may connect and disconnect any callback, itself included, and
+/// may fire the event again.
 ///
-/// An entry whose `active` flag is off is removed when the walk meets it, by moving the last entry into its
-/// place. A callback connected during the walk is called in the same walk.
+/// An entry whose `active` flag is off is not called, and is removed when a walk meets it, by moving the last
+/// entry into its place, which is then visited in turn. A callback connected during the walk is called in the
+/// same walk. A firing from within a callback walks the whole list once more and leaves the removals to the
+/// outer walk, so that no walk misses an entry.
 /// @threads external lock
 template <typename CallbackType>
 class EventT {
@@ -33,31 +35,32 @@ public:
     [[nodiscard]] const Name& getName() const noexcept { return m_name; }
     /// The object that owns the event; may be null.
     [[nodiscard]] void* getSource() const noexcept { return m_source; }
+    /// The number of entries, with those that await their removal.
     [[nodiscard]] size_t size() const noexcept { return m_entries.size(); }
     [[nodiscard]] bool empty() const noexcept { return m_entries.empty(); }
 
     /// @param oneShot  the callback is called once and removed
     /// @return an id for disconnect, unique within this event
     uint64 connect(CallbackType callback, bool oneShot = false) {
-        m_entries.push_back(std::make_shared<Entry>(Entry{std::move(callback), ++m_lastId, true, oneShot}));
+        m_entries.push_back(std::make_unique<Entry>(Entry{std::move(callback), ++m_lastId, true, oneShot}));
         return m_lastId;
     }
 
-    /// Switches the entry off; it is removed now, or by the walk if the event is running.
+    /// Switches the entry off; it is removed now, or by a later walk if the event is running.
     /// @return whether there was such an active entry
     bool disconnect(uint64 id) {
-        for (size_t i = 0; i < m_entries.size(); ++i) {
-            if (m_entries[i]->id != id || !m_entries[i]->active)
+        for (auto& entry : m_entries) {
+            if (entry->id != id || !entry->active)
                 continue;
-            m_entries[i]->active = false;
-            if (!isRunning())
-                m_entries.erase(m_entries.begin() + i);
+            entry->active = false;
+            if (m_depth == 0)
+                m_entries.erase(&entry);
             return true;
         }
         return false;
     }
 
-    /// The entry of an id, or null.
+    /// The entry of an id, or null; valid until it is removed.
     [[nodiscard]] Entry* find(uint64 id) {
         for (auto& entry : m_entries)
             if (entry->id == id)
@@ -65,45 +68,45 @@ public:
         return nullptr;
     }
 
-    /// Calls the active callbacks by index. A firing from within a callback walks the whole list once more.
-    /// An exception from a callback ends the walk and leaves the list usable.
+    /// Calls the active callbacks by index. An exception from a callback ends the walk and leaves the list
+    /// usable.
     template <typename... Arguments>
-    void fire(const Arguments&... arguments) {
-        Walk walk(*this);
-        for (m_running = 0; m_running < m_entries.size(); ++m_running) {
-            // Holds the callback while it runs: it may disconnect itself, or grow the list.
-            std::shared_ptr<Entry> entry = m_entries[m_running];
-            if (!entry->active || entry->oneShot) {
-                m_entries[m_running] = m_entries.back();
+    void fire(Arguments&&... arguments) {
+        const Walk walk(m_depth);
+        for (size_t running = 0; running < m_entries.size(); ++running) {
+            // Entries stay where they are while their callbacks run, whatever those do to the list.
+            Entry* entry = m_entries[running].get();
+            std::unique_ptr<Entry> removed;
+            if ((!entry->active || entry->oneShot) && m_depth == 1) {
+                removed = std::exchange(m_entries[running], nullptr);
+                if (running + 1 < m_entries.size())
+                    m_entries[running] = std::move(m_entries.back());
                 m_entries.pop_back();
-                --m_running; // wraps below zero; the increment brings it back
+                --running; // wraps below zero; the increment brings it back
             }
-            if (entry->active)
-                entry->callback(arguments...);
+            if (!entry->active)
+                continue;
+            if (entry->oneShot)
+                entry->active = false;
+            entry->callback(arguments...);
         }
     }
 
 private:
-    /// Restores the index of an outer walk, also when a callback throws.
+    /// Counts the walks under way, also when a callback throws.
     struct Walk {
-        explicit Walk(EventT& e) : event(e), outer(e.m_running) {}
+        explicit Walk(size_t& d) : depth(d) { ++depth; }
         Walk(const Walk&) = delete;
         Walk& operator=(const Walk&) = delete;
-        ~Walk() { event.m_running = outer; }
-        EventT& event;
-        size_t outer;
+        ~Walk() { --depth; }
+        size_t& depth;
     };
 
-    [[nodiscard]] bool isRunning() const noexcept { return m_running != NotRunning; }
-
-    // One below the value before the first entry, which the walk passes through when it removes entry 0.
-    static constexpr size_t NotRunning = static_cast<size_t>(InvalidIndex) - 1;
-
-    Vector<std::shared_ptr<Entry>> m_entries;
+    Vector<std::unique_ptr<Entry>> m_entries;
     Name m_name;
     void* m_source;
     uint64 m_lastId = 0;
-    size_t m_running = NotRunning;
+    size_t m_depth = 0;
 };
 
 using Event = EventT<Callback>;

@@ -9,6 +9,11 @@ namespace zel {
 
 namespace detail {
 
+template <typename Hash>
+concept TransparentHash = requires {
+    typename Hash::is_transparent;
+};
+
 [[nodiscard]] constexpr uint32 hash32(uint32 x) noexcept {
     x = x * 32767U - 1U;
     x ^= x >> 12;
@@ -29,8 +34,8 @@ namespace detail {
     return static_cast<uint32>(x);
 }
 
-/// h = h * 37 + c over the sign-extended characters, in unsigned 32-bit arithmetic; four characters a step keep
-/// the multiplications off the critical path.
+/// h = h * 37 + c over the sign-extended characters, in unsigned 32-bit arithmetic; four characters a step
+/// keep the multiplications off the critical path.
 [[nodiscard]] inline uint32 hashText(const char* text, size_t length) noexcept {
     constexpr uint32 p1 = 37U;
     constexpr uint32 p2 = p1 * p1;
@@ -49,11 +54,13 @@ namespace detail {
 } // namespace detail
 
 /// The functor with which the hash tables hash and compare their keys. The iteration order of a table follows
-/// these functions; they are part of what the library promises.
+/// these functions; they are part of what the library promises. A functor that also takes keys of other types
+/// says so by naming a type is_transparent, as in the standard library.
 template <typename T, typename = void>
 struct HashFn;
 
-/// Integers and enumerations: up to 32 bits in 32-bit arithmetic, 64 bits in 64-bit arithmetic cut to the low half.
+/// Integers and enumerations: up to 32 bits in 32-bit arithmetic, 64 bits in 64-bit arithmetic cut to the low
+/// half.
 template <typename T>
 struct HashFn<T, std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>>> {
     [[nodiscard]] constexpr uint32 operator()(T key) const noexcept {

@@ -5,10 +5,10 @@
 #include <zel/HashFn.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <iterator>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace zel {
@@ -23,14 +23,13 @@ namespace zel {
 enum class SlotState : uint8 { Empty = 0, Deleted = 1, Filled = 2 };
 
 namespace detail {
-/// Remainders by a fixed divisor without a division (D. Lemire, O. Kaser, N. Kurz, "Faster remainder by direct
-/// computation", Software: Practice and Experience 49, 2019), for 32-bit dividends and divisors.
+/// Remainders by a fixed divisor without a division (D. Lemire, O. Kaser, N. Kurz, "Faster remainder by
+/// direct computation", Software: Practice and Experience 49, 2019), for 32-bit dividends and divisors.
 class FastModulo {
 public:
     FastModulo() = default;
     explicit FastModulo(uint64 divisor) noexcept
-        : m_divisor(divisor)
-        , m_magic(divisor < 2 || divisor > 0xFFFFFFFFU ? 0 : ~uint64{0} / divisor + 1) {}
+        : m_divisor(divisor), m_magic(divisor < 2 || divisor > 0xFFFFFFFFU ? 0 : ~uint64{0} / divisor + 1) {}
 
     [[nodiscard]] uint64 operator()(uint32 value) const noexcept {
         if (m_magic == 0) [[unlikely]]
@@ -46,13 +45,20 @@ private:
 } // namespace detail
 
 /// A hash set of prime size with quadratic probing: a look-up visits at most 11 slots. Iteration goes by slot
-/// order, which follows HashFn. Insertion may rebuild the table and invalidates positions; erase keeps them.
+/// order, which follows HashFn. Insertion may rebuild the table and invalidates positions and references;
+/// erase keeps those of the other keys. Nothing shrinks the table, and deleted slots stay until the next
+/// rebuild.
 /// @threads external lock
 template <typename Key, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>
 class HashSetImplementation {
+    /// A key lives in a filled slot alone.
     struct Slot {
-        Key key;
-        SlotState state;
+        Slot() noexcept {}
+        ~Slot() {}
+        union {
+            Key key;
+        };
+        SlotState state = SlotState::Empty;
     };
 
 public:
@@ -69,11 +75,10 @@ public:
         using reference = const Key&;
 
         const_iterator() = default;
-        [[nodiscard]] const Key& operator*() const { return m_slots[m_index].key; }
-        [[nodiscard]] const Key* operator->() const { return &m_slots[m_index].key; }
+        [[nodiscard]] const Key& operator*() const { return m_set->m_table[m_index].key; }
+        [[nodiscard]] const Key* operator->() const { return &**this; }
         const_iterator& operator++() {
-            ++m_index;
-            skip();
+            m_index = m_set->nextFilled(m_index + 1);
             return *this;
         }
         const_iterator operator++(int) {
@@ -88,22 +93,14 @@ public:
 
     private:
         friend class HashSetImplementation;
-        const_iterator(const Slot* slots, uint64 index, uint64 capacity)
-            : m_slots(slots)
-            , m_index(index)
-            , m_capacity(capacity) {}
-        void skip() {
-            while (m_index < m_capacity && m_slots[m_index].state != SlotState::Filled)
-                ++m_index;
-        }
-        const Slot* m_slots = nullptr;
+        const_iterator(const HashSetImplementation* set, uint64 index) : m_set(set), m_index(index) {}
+        const HashSetImplementation* m_set = nullptr;
         uint64 m_index = 0;
-        uint64 m_capacity = 0;
     };
     using iterator = const_iterator;
 
     HashSetImplementation() = default;
-    HashSetImplementation(const HashSetImplementation& other) { copy(other); }
+    HashSetImplementation(const HashSetImplementation& other) : HashSetImplementation() { copy(other); }
     HashSetImplementation(HashSetImplementation&& other) noexcept { swap(other); }
     HashSetImplementation& operator=(const HashSetImplementation& other) {
         if (this != &other) {
@@ -114,12 +111,15 @@ public:
     }
     HashSetImplementation& operator=(HashSetImplementation&& other) noexcept {
         if (this != &other) {
-            release();
-            swap(other);
+            HashSetImplementation taken(std::move(other));
+            swap(taken);
         }
         return *this;
     }
-    ~HashSetImplementation() { release(); }
+    ~HashSetImplementation() {
+        destroyKeys();
+        Allocator().deallocateBytes(m_table, slotBytes(m_capacity));
+    }
 
     void swap(HashSetImplementation& other) noexcept {
         std::swap(m_size, other.m_size);
@@ -127,6 +127,7 @@ public:
         std::swap(m_table, other.m_table);
         std::swap(m_maxProbeLength, other.m_maxProbeLength);
         std::swap(m_modulo, other.m_modulo);
+        std::swap(m_growthSize, other.m_growthSize);
     }
 
     [[nodiscard]] uint64 size() const noexcept { return m_size; }
@@ -136,55 +137,67 @@ public:
     /// The largest probe number at which a key has been placed since the last rebuild.
     [[nodiscard]] uint16 maxProbeLength() const noexcept { return m_maxProbeLength; }
 
-    [[nodiscard]] const_iterator begin() const {
-        const_iterator position(m_table, 0, m_capacity);
-        position.skip();
-        return position;
-    }
-    [[nodiscard]] const_iterator end() const { return at(m_capacity); }
+    [[nodiscard]] const_iterator begin() const { return {this, nextFilled(0)}; }
+    [[nodiscard]] const_iterator end() const { return {this, m_capacity}; }
 
     /// Inserts the key, or overwrites the equal key that is there already.
     /// @return the key's position
     const_iterator insert(Key key) {
         const uint32 hash = Hash()(key);
+        return insertHashed(std::move(key), hash);
+    }
+
+    /// As insert, for a caller that has the key's hash at hand.
+    const_iterator insertHashed(Key key, uint32 hash) {
         for (;;) {
-            growIfFull();
-            uint64 deleted = m_capacity;
+            if (m_size >= m_growthSize) [[unlikely]]
+                grow();
+            uint64 deleted = NoSlot;
             uint64 deletedProbe = 0;
             const uint64 home = m_modulo(hash);
             for (uint64 p = 0; p < ProbeLimit; ++p) {
                 const uint64 index = probe(home, p);
                 Slot& slot = m_table[index];
                 if (slot.state == SlotState::Empty)
-                    return place(slot, index, p, std::move(key));
+                    return place(index, p, std::move(key));
                 if (slot.state == SlotState::Filled) {
                     if (Hash::equal(slot.key, key)) {
                         slot.key = std::move(key);
-                        return at(index);
+                        return {this, index};
                     }
-                } else if (deleted == m_capacity) {
+                } else if (deleted == NoSlot) {
                     deleted = index;
                     deletedProbe = p;
                 }
                 // No equal key can lie beyond the longest probe.
-                if (deleted != m_capacity && p >= m_maxProbeLength)
-                    return place(m_table[deleted], deleted, deletedProbe, std::move(key));
+                if (deleted != NoSlot && p >= m_maxProbeLength)
+                    return place(deleted, deletedProbe, std::move(key));
             }
             rebuild(static_cast<uint64>(2.0 * static_cast<double>(m_capacity)));
         }
     }
 
+    [[nodiscard]] const_iterator find(const Key& key) const {
+        return m_size == 0 ? end() : findHashed(key, Hash()(key));
+    }
     template <typename Equal>
+    requires detail::TransparentHash<Hash>
     [[nodiscard]] const_iterator find(const Equal& key) const {
+        return m_size == 0 ? end() : findHashed(key, Hash()(key));
+    }
+
+    /// As find, for a caller that has the key's hash at hand.
+    template <typename Equal>
+    [[nodiscard]] const_iterator findHashed(const Equal& key, uint32 hash) const {
         if (m_size == 0)
             return end();
-        const uint64 home = m_modulo(Hash()(key));
+        const uint64 home = m_modulo(hash);
         for (uint64 p = 0; p <= m_maxProbeLength; ++p) {
             const uint64 index = probe(home, p);
             const Slot& slot = m_table[index];
             if (slot.state == SlotState::Filled) {
                 if (Hash::equal(slot.key, key))
-                    return at(index);
+                    return {this, index};
             } else if (slot.state == SlotState::Empty) {
                 break;
             }
@@ -192,117 +205,124 @@ public:
         return end();
     }
 
+    [[nodiscard]] bool contains(const Key& key) const { return find(key) != end(); }
     template <typename Equal>
-    [[nodiscard]] bool contains(const Equal& key) const {
-        return find(key) != end();
-    }
+    requires detail::TransparentHash<Hash>
+    [[nodiscard]] bool contains(const Equal& key) const { return find(key) != end(); }
 
     /// @return whether the key was there
+    bool erase(const Key& key) { return eraseFound(find(key)); }
     template <typename Equal>
-        requires(!std::is_same_v<Equal, const_iterator>)
-    bool erase(const Equal& key) {
-        const const_iterator position = find(key);
-        if (position == end())
-            return false;
-        erase(position);
-        return true;
+    requires(detail::TransparentHash<Hash> &&
+             !std::is_same_v<Equal, const_iterator>) bool erase(const Equal& key) {
+        return eraseFound(find(key));
     }
 
     void erase(const_iterator position) {
         Slot& slot = m_table[position.m_index];
         slot.state = SlotState::Deleted;
-        slot.key = Key();
         --m_size;
+        std::destroy_at(&slot.key);
     }
 
     /// Removes all keys and keeps the slots.
     void clear() {
-        for (uint64 i = 0; i < m_capacity; ++i) {
-            if (m_table[i].state == SlotState::Filled)
-                m_table[i].key = Key();
+        destroyKeys();
+        for (uint64 i = 0; i < m_capacity; ++i)
             m_table[i].state = SlotState::Empty;
-        }
         m_size = 0;
         m_maxProbeLength = 0;
     }
 
     /// Moves all keys to a fresh table of nextPrime(capacity or 1) slots; deleted slots vanish.
     void rebuild(uint64 capacity) {
-        HashSetImplementation old;
-        swap(old);
-        allocate(nextPrime(capacity == 0 ? uint64{1} : capacity));
-        for (uint64 i = 0; i < old.m_capacity; ++i)
-            if (old.m_table[i].state == SlotState::Filled)
-                insert(std::move(old.m_table[i].key));
+        HashSetImplementation fresh;
+        fresh.allocate(nextPrime(capacity == 0 ? uint64{1} : capacity));
+        for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
+            fresh.insert(std::move(m_table[i].key));
+        swap(fresh);
     }
 
 private:
-    [[nodiscard]] const_iterator at(uint64 index) const { return {m_table, index, m_capacity}; }
+    static constexpr uint64 NoSlot = ~uint64{0};
+
+    [[nodiscard]] static constexpr size_t slotBytes(uint64 capacity) noexcept {
+        return detail::byteCount(capacity, sizeof(Slot));
+    }
+
+    bool eraseFound(const_iterator position) {
+        if (position == end())
+            return false;
+        erase(position);
+        return true;
+    }
+
+    [[nodiscard]] uint64 nextFilled(uint64 index) const noexcept {
+        while (index < m_capacity && m_table[index].state != SlotState::Filled)
+            ++index;
+        return index;
+    }
 
     /// (p * p + hash) modulo capacity, from the hash modulo capacity.
     [[nodiscard]] uint64 probe(uint64 home, uint64 p) const noexcept {
         uint64 index = home + p * p;
-        if (index >= m_capacity) {
+        if (index >= m_capacity) [[unlikely]] {
             index -= m_capacity;
-            if (index >= m_capacity) [[unlikely]]
+            if (index >= m_capacity)
                 index %= m_capacity;
         }
         return index;
     }
 
-    const_iterator place(Slot& slot, uint64 index, uint64 p, Key&& key) {
-        slot.key = std::move(key);
-        slot.state = SlotState::Filled;
+    const_iterator place(uint64 index, uint64 p, Key&& key) {
+        std::construct_at(&m_table[index].key, std::move(key));
+        m_table[index].state = SlotState::Filled;
         if (m_maxProbeLength < p)
             m_maxProbeLength = static_cast<uint16>(p);
         ++m_size;
-        return at(index);
+        return {this, index};
     }
 
-    void growIfFull() {
-        const auto threshold = static_cast<uint64>(static_cast<double>(static_cast<float>(m_capacity)) * 0.8);
-        if (m_size < threshold)
-            return;
+    [[gnu::noinline]] void grow() {
         const auto doubled = static_cast<uint64>(2.0F * static_cast<float>(m_capacity + 1));
         rebuild(doubled == 0 ? 1 : doubled);
     }
 
     void allocate(uint64 capacity) {
         m_table = static_cast<Slot*>(
-            Allocator().allocateBytes(detail::byteCount(capacity, sizeof(Slot)), slotAlignment()));
+            Allocator().allocateBytes(slotBytes(capacity), alignof(Slot) > 16 ? alignof(Slot) : 16));
+        std::uninitialized_default_construct_n(m_table, capacity);
         m_capacity = capacity;
         m_modulo = detail::FastModulo(capacity);
-        for (uint64 i = 0; i < capacity; ++i)
-            ::new (static_cast<void*>(m_table + i)) Slot{Key(), SlotState::Empty};
+        m_growthSize = static_cast<uint64>(static_cast<double>(static_cast<float>(capacity)) * 0.8);
     }
 
-    void release() noexcept {
-        if (m_table == nullptr)
-            return;
-        std::destroy_n(m_table, m_capacity);
-        Allocator().deallocateBytes(m_table, detail::byteCount(m_capacity, sizeof(Slot)));
-        m_table = nullptr;
-        m_size = m_capacity = 0;
-        m_maxProbeLength = 0;
+    void destroyKeys() noexcept {
+        if constexpr (!std::is_trivially_destructible_v<Key>)
+            for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
+                std::destroy_at(&m_table[i].key);
     }
 
     void copy(const HashSetImplementation& other) {
         if (other.m_capacity == 0)
             return;
         allocate(other.m_capacity);
-        for (uint64 i = 0; i < m_capacity; ++i)
-            m_table[i] = other.m_table[i];
+        for (uint64 i = 0; i < m_capacity; ++i) {
+            if (other.m_table[i].state == SlotState::Filled)
+                std::construct_at(&m_table[i].key, other.m_table[i].key);
+            m_table[i].state = other.m_table[i].state;
+        }
         m_size = other.m_size;
         m_maxProbeLength = other.m_maxProbeLength;
     }
-
-    static constexpr size_t slotAlignment() { return alignof(Slot) > 16 ? alignof(Slot) : 16; }
 
     uint64 m_size = 0;
     uint64 m_capacity = 0;
     Slot* m_table = nullptr;
     uint16 m_maxProbeLength = 0;
+    // Both follow from the capacity.
     detail::FastModulo m_modulo;
+    uint64 m_growthSize = 0; // an insertion that finds this many keys grows the table first
 };
 
 template <typename Key, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>

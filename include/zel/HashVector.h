@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zel/InvalidIndex.h>
 #include <zel/LinearProbingHashTable.h>
 #include <zel/Vector.h>
 
@@ -24,20 +25,31 @@ public:
             found->value = std::move(value);
             return found;
         }
-        m_table.insert(key, m_pairs.size());
-        return &m_pairs.emplace_back(Pair{key, std::move(value)});
+        Pair& pair = m_pairs.emplace_back(Pair{key, std::move(value)});
+        try {
+            m_table.insert(pair.key, m_pairs.size() - 1);
+        } catch (...) {
+            m_pairs.pop_back();
+            throw;
+        }
+        return &pair;
     }
 
     /// @return null if there is no such key
     [[nodiscard]] Pair* find(const Key& key) {
-        const auto position = m_table.find(key);
-        return position == m_table.end() ? nullptr : &m_pairs[position->value];
+        const uint64 index = indexOf(key);
+        return index == InvalidIndex ? nullptr : &m_pairs[index];
     }
     [[nodiscard]] const Pair* find(const Key& key) const {
-        const auto position = m_table.find(key);
-        return position == m_table.end() ? nullptr : &m_pairs[position->value];
+        const uint64 index = indexOf(key);
+        return index == InvalidIndex ? nullptr : &m_pairs[index];
     }
     [[nodiscard]] bool contains(const Key& key) const { return m_table.contains(key); }
+    /// The pair's position in the order of insertion, or InvalidIndex.
+    [[nodiscard]] uint64 indexOf(const Key& key) const {
+        const auto position = m_table.find(key);
+        return position == m_table.end() ? uint64{InvalidIndex} : position->value;
+    }
 
     [[nodiscard]] Pair& operator[](size_t position) { return m_pairs[position]; }
     [[nodiscard]] const Pair& operator[](size_t position) const { return m_pairs[position]; }

@@ -4,16 +4,18 @@
 #include <zel/HashFn.h>
 #include <zel/HashSet.h>
 
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace zel {
 
-/// A hash table of power-of-two size with linear probing, at most two thirds full. Iteration goes by slot order,
-/// which follows HashFn. Insertion may rebuild the table and invalidates positions; erase keeps them.
+/// A hash table of power-of-two size with linear probing, at most two thirds full. Iteration goes by slot
+/// order, which follows HashFn. Insertion may rebuild the table and invalidates positions; erase keeps them.
 /// @threads external lock
 template <typename Key, typename Value, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>
 class LinearProbingHashTableImplementation {
@@ -62,7 +64,10 @@ public:
     using const_iterator = Iterator<true>;
 
     LinearProbingHashTableImplementation() = default;
-    LinearProbingHashTableImplementation(const LinearProbingHashTableImplementation& other) { copy(other); }
+    LinearProbingHashTableImplementation(const LinearProbingHashTableImplementation& other)
+        : LinearProbingHashTableImplementation() {
+        copy(other);
+    }
     LinearProbingHashTableImplementation(LinearProbingHashTableImplementation&& other) noexcept {
         swap(other);
     }
@@ -75,8 +80,8 @@ public:
     }
     LinearProbingHashTableImplementation& operator=(LinearProbingHashTableImplementation&& other) noexcept {
         if (this != &other) {
-            release();
-            swap(other);
+            LinearProbingHashTableImplementation taken(std::move(other));
+            swap(taken);
         }
         return *this;
     }
@@ -99,7 +104,8 @@ public:
     [[nodiscard]] bool empty() const noexcept { return m_size == 0; }
     /// The number of slots: 0 before the first insertion.
     [[nodiscard]] uint64 capacity() const noexcept { return m_capacity; }
-    /// The largest probe number at which a pair has been placed since the last rebuild; -1 for an empty table.
+    /// The largest probe number at which a pair has been placed since the last rebuild; -1 for an empty
+    /// table.
     [[nodiscard]] int32 maxProbeLength() const noexcept { return m_maxProbeLength; }
 
     [[nodiscard]] iterator begin() { return {this, nextFilled(0)}; }
@@ -112,39 +118,37 @@ public:
     /// @throws std::bad_alloc if the allocator gives null
     iterator insert(Key key, Value value) {
         const uint64 needed = m_size + ((m_size + 1) >> 1) + 2;
-        if (m_capacity < needed)
+        if (m_capacity < needed) [[unlikely]]
             rehash(slotsFor(needed));
         return insertWithin(std::move(key), std::move(value));
     }
 
+    [[nodiscard]] iterator find(const Key& key) { return {this, indexOf(key)}; }
+    [[nodiscard]] const_iterator find(const Key& key) const { return {this, indexOf(key)}; }
     template <typename Equal>
-    [[nodiscard]] iterator find(const Equal& key) {
-        return {this, indexOf(key)};
-    }
+    requires detail::TransparentHash<Hash>
+    [[nodiscard]] iterator find(const Equal& key) { return {this, indexOf(key)}; }
     template <typename Equal>
-    [[nodiscard]] const_iterator find(const Equal& key) const {
-        return {this, indexOf(key)};
-    }
+    requires detail::TransparentHash<Hash>
+    [[nodiscard]] const_iterator find(const Equal& key) const { return {this, indexOf(key)}; }
+
+    [[nodiscard]] bool contains(const Key& key) const { return indexOf(key) != m_capacity; }
     template <typename Equal>
-    [[nodiscard]] bool contains(const Equal& key) const {
-        return indexOf(key) != m_capacity;
-    }
+    requires detail::TransparentHash<Hash>
+    [[nodiscard]] bool contains(const Equal& key) const { return indexOf(key) != m_capacity; }
 
     /// @return whether the key was there
+    bool erase(const Key& key) { return eraseAt(indexOf(key)); }
     template <typename Equal>
-        requires(!std::is_same_v<Equal, iterator> && !std::is_same_v<Equal, const_iterator>)
-    bool erase(const Equal& key) {
-        const uint64 index = indexOf(key);
-        if (index == m_capacity)
-            return false;
-        erase(const_iterator(this, index));
-        return true;
+    requires(detail::TransparentHash<Hash> && !std::is_same_v<Equal, iterator> &&
+             !std::is_same_v<Equal, const_iterator>) bool erase(const Equal& key) {
+        return eraseAt(indexOf(key));
     }
 
     void erase(const_iterator position) {
         m_states[position.m_index] = SlotState::Deleted;
-        std::destroy_at(m_entries + position.m_index);
         --m_size;
+        std::destroy_at(m_entries + position.m_index);
     }
 
     /// Removes all pairs and keeps the slots.
@@ -157,20 +161,32 @@ public:
     }
 
     /// Throws all content away and makes room for n pairs.
+    /// @throws std::bad_alloc if there is no room for so many; the table is then empty
     void clearResize(uint64 n) {
         release();
-        allocate(slotsFor(n + (n >> 1) + 1));
+        uint64 needed = 0;
+        if (__builtin_add_overflow(n, (n >> 1) + 1, &needed))
+            throw std::bad_alloc();
+        allocate(slotsFor(needed));
     }
 
 private:
+    bool eraseAt(uint64 index) {
+        if (index == m_capacity)
+            return false;
+        erase(const_iterator(this, index));
+        return true;
+    }
+
     [[nodiscard]] uint64 slot(uint32 hash, uint64 i) const noexcept {
         return static_cast<uint32>(static_cast<uint32>(i) + hash) & m_mask;
     }
 
-    [[nodiscard]] uint64 slotsFor(uint64 needed) const noexcept {
+    [[nodiscard]] uint64 slotsFor(uint64 needed) const {
         uint64 capacity = m_minimumCapacity;
         while (capacity < needed)
-            capacity *= m_growthFactor;
+            if (__builtin_mul_overflow(capacity, m_growthFactor, &capacity))
+                throw std::bad_alloc();
         return capacity;
     }
 
@@ -231,15 +247,20 @@ private:
         return {this, index};
     }
 
-    void rehash(uint64 capacity) {
-        LinearProbingHashTableImplementation old;
-        swap(old);
-        std::swap(m_minimumCapacity, old.m_minimumCapacity);
-        std::swap(m_growthFactor, old.m_growthFactor);
-        allocate(capacity);
-        for (uint64 i = 0; i < old.m_capacity; ++i)
-            if (old.m_states[i] == SlotState::Filled)
-                insertWithin(std::move(old.m_entries[i].key), std::move(old.m_entries[i].value));
+    [[gnu::noinline]] void rehash(uint64 capacity) {
+        LinearProbingHashTableImplementation fresh;
+        fresh.copySettings(*this);
+        fresh.allocate(capacity);
+        for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
+            fresh.insertWithin(std::move(m_entries[i].key), std::move(m_entries[i].value));
+        swap(fresh);
+    }
+
+    void copySettings(const LinearProbingHashTableImplementation& other) noexcept {
+        m_minimumCapacity = other.m_minimumCapacity;
+        m_growthFactor = other.m_growthFactor;
+        m_minimumLoad = other.m_minimumLoad;
+        m_maximumLoad = other.m_maximumLoad;
     }
 
     void allocate(uint64 capacity) {
@@ -280,8 +301,7 @@ private:
     }
 
     void copy(const LinearProbingHashTableImplementation& other) {
-        m_minimumCapacity = other.m_minimumCapacity;
-        m_growthFactor = other.m_growthFactor;
+        copySettings(other);
         if (other.m_capacity == 0)
             return;
         allocate(other.m_capacity);

@@ -11,9 +11,26 @@
 
 namespace zel {
 
-/// An interned, reference-counted text: one pointer. All names with the same text share one array, so comparing
-/// and hashing cost what they cost for a pointer. Making one from text takes a process-wide mutex: do it when
-/// setting up, not in a hot path.
+namespace detail {
+/// Lies ahead of the characters of an interned text, in one allocation with them:
+///
+///     offset -8   atomic unsigned 32-bit count of the names
+///     offset -4   unsigned 32-bit length in bytes
+///     offset  0   the characters and a terminating zero; a name points here
+struct NameHeader {
+    std::atomic<uint32> count;
+    uint32 length;
+
+    [[nodiscard]] static NameHeader& of(char* text) noexcept {
+        return *(reinterpret_cast<NameHeader*>(text) - 1);
+    }
+};
+static_assert(sizeof(NameHeader) == 8 && alignof(NameHeader) == 4);
+} // namespace detail
+
+/// An interned, reference-counted text: one pointer. All names with the same text share one array, so
+/// comparing and hashing cost what they cost for a pointer. Making one from text takes a process-wide mutex:
+/// do it when setting up, not in a hot path.
 /// @threads any thread
 class ZEL_CORE_API Name {
 public:
@@ -42,46 +59,37 @@ public:
     operator String() const { return str(); }
     [[nodiscard]] bool empty() const noexcept { return length() == 0; }
     /// In bytes, read from the shared array.
-    [[nodiscard]] uint32 length() const noexcept { return header(m_text).length; }
+    [[nodiscard]] uint32 length() const noexcept { return detail::NameHeader::of(m_text).length; }
 
     friend bool operator==(const Name& a, const Name& b) noexcept { return a.m_text == b.m_text; }
 
     /// Number of names that share this text; for tests and diagnosis.
     [[nodiscard]] uint32 useCount() const noexcept {
-        return header(m_text).count.load(std::memory_order_relaxed);
+        return detail::NameHeader::of(m_text).count.load(std::memory_order_relaxed);
     }
 
     /// Whether the process-wide cache exists, which it does while any non-empty name lives.
     [[nodiscard]] static bool cacheExists();
 
 private:
-    /// Lies ahead of the characters, in one allocation with them.
-    struct Header {
-        std::atomic<uint32> count;
-        uint32 length;
-    };
-    static_assert(sizeof(Header) == 8 && alignof(Header) == 4);
-
     struct EmptyArray {
-        Header header;
+        detail::NameHeader header;
         char text[8];
     };
-    /// The shared text of all empty names. Constant-initialised, so that names work in any static constructor;
-    /// the library itself holds one count.
+    /// The shared text of all empty names. Constant-initialised, so that names work in any static
+    /// constructor; the library itself holds one count.
     static EmptyArray s_emptyString;
 
     static char* emptyText() noexcept { return s_emptyString.text; }
-    static Header& header(char* text) noexcept { return *(reinterpret_cast<Header*>(text) - 1); }
     static void reference(char* text) noexcept {
-        header(text).count.fetch_add(1, std::memory_order_seq_cst); // told: counts are sequentially consistent
+        detail::NameHeader::of(text).count.fetch_add(1, std::memory_order_seq_cst);
     }
     static void unreference(char* text) noexcept {
-        if (header(text).count.fetch_sub(1, std::memory_order_seq_cst) == 1)
+        if (detail::NameHeader::of(text).count.fetch_sub(1, std::memory_order_seq_cst) == 1)
             destroy(text);
     }
 
-    static char* intern(const char* text, size_t length);
-    static char* allocate(const char* text, size_t length);
+    static char* intern(const char* text);
     static void destroy(char* text) noexcept;
 
     char* m_text;
@@ -90,11 +98,21 @@ private:
 ZEL_CORE_API std::ostream& operator<<(std::ostream& stream, const Name& name);
 
 // Concatenation gives a string and never a name.
-[[nodiscard]] inline String operator+(const Name& a, const Name& b) { return a.str() + b.str(); }
-[[nodiscard]] inline String operator+(const Name& a, const std::string& b) { return a.str() + b; }
-[[nodiscard]] inline String operator+(const std::string& a, const Name& b) { return a + b.c_str(); }
-[[nodiscard]] inline String operator+(const Name& a, const char* b) { return a.str() + b; }
-[[nodiscard]] inline String operator+(const char* a, const Name& b) { return a + b.str(); }
+[[nodiscard]] inline String operator+(const Name& a, const Name& b) {
+    return a.str() + b.str();
+}
+[[nodiscard]] inline String operator+(const Name& a, const std::string& b) {
+    return a.str() + b;
+}
+[[nodiscard]] inline String operator+(const std::string& a, const Name& b) {
+    return a + b.c_str();
+}
+[[nodiscard]] inline String operator+(const Name& a, const char* b) {
+    return a.str() + b;
+}
+[[nodiscard]] inline String operator+(const char* a, const Name& b) {
+    return a + b.str();
+}
 
 template <>
 struct HashFn<Name, void> {

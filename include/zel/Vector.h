@@ -17,14 +17,16 @@ namespace detail {
 /// Containers may live in an arena that moves them; an allocator that wants to know its container says so by
 /// having setContainer.
 template <typename Allocator, typename Array>
-concept TracksContainer = requires(Allocator allocator, Array* array) { allocator.setContainer(array); };
+concept TracksContainer = requires(Allocator allocator, Array* array) {
+    allocator.setContainer(array);
+};
 } // namespace detail
 
 /// The common body of Vector and VectorPOD: a growable array with a capacity of at least 4.
 ///
-/// Growth by push_back doubles the size, computed in single precision; resize and reserve take exactly what is
-/// asked for. Any reallocation invalidates pointers, references and iterators; so does insert and erase behind
-/// the place of change. `Trivial` arrays copy by memcpy and never run constructors or destructors.
+/// Growth by push_back doubles the size, computed in single precision; resize and reserve take exactly what
+/// is asked for. Any reallocation invalidates pointers, references and iterators; so does insert and erase
+/// behind the place of change. `Trivial` arrays copy by memcpy and never run constructors or destructors.
 /// @threads external lock
 template <typename T, typename Allocator, bool Trivial>
 class BasicVector : public Container {
@@ -41,8 +43,7 @@ public:
     explicit BasicVector(size_t n) : BasicVector() { resize(n); }
     BasicVector(size_t n, const T& value) : BasicVector() { resize(n, value); }
     BasicVector(std::initializer_list<T> values) : BasicVector() { assign(values.begin(), values.end()); }
-    BasicVector(const BasicVector& other) : m_allocator(other.m_allocator) {
-        attach();
+    BasicVector(const BasicVector& other) : BasicVector(other.m_allocator) {
         assign(other.begin(), other.end());
     }
     BasicVector(BasicVector&& other) noexcept : m_allocator(std::move(other.m_allocator)) {
@@ -275,17 +276,25 @@ private:
         m_size = count;
     }
 
-    /// Moves the elements into fresh storage, and back to the old state if a constructor throws.
+    /// Moves the elements into fresh storage. A throwing constructor leaves the old elements as they were;
+    /// those that can be neither copied nor moved without a throw may have been moved from.
     static void relocate(T* target, T* source, size_t count) {
         if (count == 0)
             return;
         if constexpr (Trivial || std::is_trivially_copyable_v<T>) {
             std::memcpy(static_cast<void*>(target), source, bytes(count));
         } else {
-            if constexpr (std::is_nothrow_move_constructible_v<T> || !std::is_copy_constructible_v<T>)
-                std::uninitialized_move_n(source, count, target);
-            else
+            if constexpr (std::is_nothrow_move_constructible_v<T>) {
+                for (size_t i = 0; i < count; ++i) { // one pass, while the element is in the cache
+                    std::construct_at(target + i, std::move(source[i]));
+                    std::destroy_at(source + i);
+                }
+                return;
+            }
+            if constexpr (std::is_copy_constructible_v<T>)
                 std::uninitialized_copy_n(source, count, target);
+            else
+                std::uninitialized_move_n(source, count, target);
             std::destroy_n(source, count);
         }
     }
@@ -300,8 +309,8 @@ private:
     struct Storage {
         Storage(Allocator& storageAllocator, size_t n)
             : allocator(storageAllocator)
-            , data(static_cast<T*>(
-                  storageAllocator.allocateBytes(bytes(n), std::max(alignof(T), size_t{16}))))
+            , data(
+                  static_cast<T*>(storageAllocator.allocateBytes(bytes(n), std::max(alignof(T), size_t{16}))))
             , capacity(n) {}
         Storage(const Storage&) = delete;
         Storage& operator=(const Storage&) = delete;

@@ -21,8 +21,8 @@ public:
     ref_ptr(const ref_ptr& other) noexcept : m_object(other.m_object) { acquire(m_object); }
     ref_ptr(ref_ptr&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     template <typename U>
-        requires(std::is_convertible_v<U*, T*>)
-    ref_ptr(const ref_ptr<U>& other) noexcept : ref_ptr(other.get()) {}
+    requires(std::is_convertible_v<U*, T*>) ref_ptr(const ref_ptr<U>& other)
+    noexcept : ref_ptr(other.get()) {}
     ~ref_ptr() { drop(m_object); }
 
     /// Assigning the object already held does nothing.
@@ -72,6 +72,7 @@ private:
 /// Hashes by address; a plain pointer finds its ref_ptr.
 template <typename T>
 struct HashFn<ref_ptr<T>, void> {
+    using is_transparent = void;
     [[nodiscard]] uint32 operator()(const T* key) const noexcept { return HashFn<T*>()(key); }
     [[nodiscard]] uint32 operator()(const ref_ptr<T>& key) const noexcept { return HashFn<T*>()(key.get()); }
     [[nodiscard]] static bool equal(const ref_ptr<T>& a, const ref_ptr<T>& b) noexcept { return a == b; }

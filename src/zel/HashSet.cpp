@@ -4,8 +4,9 @@ namespace zel {
 
 namespace {
 
+/// Whether an integer from 2 to its square root divides the odd value.
 bool hasDivisor(uint64 value) {
-    for (uint64 divisor = 2; divisor <= value / divisor; ++divisor)
+    for (uint64 divisor = 3; divisor <= value / divisor; divisor += 2)
         if (value % divisor == 0)
             return true;
     return false;
