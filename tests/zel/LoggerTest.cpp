@@ -1,10 +1,13 @@
 #include "support/StreamCapture.h"
 #include "support/TempDirectory.h"
 
+#include <zel/Job.h>
 #include <zel/Log.h>
 #include <zel/Logger.h>
 #include <zel/Notify.h>
 #include <zel/SystemInformation.h>
+#include <zel/Thread.h>
+#include <zel/WaitJob.h>
 #include <zelCore/Version.h>
 #include <zelCore/zelCore.h>
 
@@ -14,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 using zelTest::StreamCapture;
@@ -293,6 +297,33 @@ TEST_F(LoggerTest, ALogLineHasTimeThreadAndText) {
     const std::string front = std::string(TimeText) + " \\(thread: [0-9]+, [0-9a-z]+\\):  ";
     EXPECT_THAT(directory.read("zel-0001.log").substr(before.size()),
                 MatchesRegex(front + "text\n" + front + "more\n"));
+}
+
+TEST_F(LoggerTest, TheLineOfAWorkerHasItsId) {
+    init({{"ZEL_LOG_ENABLE", "1"}});
+    Thread worker(3);
+    ASSERT_TRUE(worker.start());
+    std::string handle;
+    Job job(Callback([&handle] {
+        handle = std::to_string(pthread_self());
+        ZEL_LOG_DEBUG("text");
+    }));
+    WaitJob wait(&job);
+    Thread::getCurrentThread()->pushTargetJob(&worker, &job, true);
+    wait.wait();
+    EXPECT_THAT(
+        directory.read("zel-0001.log"),
+        testing::ContainsRegex("\n" + std::string(TimeText) + " \\(thread: " + handle + ", 3\\):  text\n"));
+}
+
+TEST_F(LoggerTest, TheOutputLevelConcernsTheThreadThatMakesTheLogger) {
+    init({{"ZEL_OUTPUT_LEVEL", "3"}});
+    EXPECT_EQ(outputLevel(), Notify::Error);
+    std::thread([] {
+        Thread::registerAsZelThread();
+        EXPECT_EQ(outputLevel(), Notify::Info);
+        Thread::unregisterAsZelThread();
+    }).join();
 }
 
 TEST_F(LoggerTest, AMessageForTheLogOnlyIsInTheLog) {

@@ -3,6 +3,7 @@
 
 #include <zel/Log.h>
 #include <zel/Notify.h>
+#include <zel/Thread.h>
 #include <zelCore/zelCore.h>
 
 #include <gmock/gmock.h>
@@ -12,6 +13,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 using zelTest::LogCapture;
 using zelTest::StreamCapture;
@@ -390,4 +393,45 @@ TEST_F(NotifyTest, IsMadeAnewAfterShutdown) {
     zelCore::shutdown();
     zelCore::init();
     EXPECT_TRUE(Notify::instance()->getThrowOnError());
+}
+
+TEST_F(NotifyTest, UnregisteredThreadsShareOneState) {
+    const Notify::ThreadData* const own = &Notify::getThreadData();
+    EXPECT_EQ(own, Thread::getCurrentThread()->getNotifyData());
+    const Notify::ThreadData* shared = nullptr;
+    std::thread([&shared] { shared = &Notify::getThreadData(); }).join();
+    const Notify::ThreadData* again = nullptr;
+    std::thread([&again] { again = &Notify::getThreadData(); }).join();
+    EXPECT_NE(own, shared);
+    EXPECT_EQ(shared, again);
+}
+
+TEST(NotifyStressTest, MessagesOfManyThreadsStayWhole) {
+    zelCore::init();
+    constexpr int Threads = 4;
+    constexpr int Messages = 500;
+    {
+        const LogCapture log;
+        const StreamCapture quiet(std::cerr);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < Threads; ++t)
+            threads.emplace_back([t] {
+                Thread::registerAsZelThread();
+                for (int i = 0; i < Messages; ++i)
+                    ZEL_LOG_INFO("thread " << t << " message " << i);
+                Thread::unregisterAsZelThread();
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+
+        ASSERT_EQ(log.texts().size(), static_cast<size_t>(Threads * Messages));
+        int next[Threads] = {};
+        for (const std::string& text : log.texts()) {
+            const int t = text.at(7) - '0';
+            ASSERT_TRUE(t >= 0 && t < Threads);
+            EXPECT_EQ(text, "thread " + std::to_string(t) + " message " + std::to_string(next[t]++) + "\n");
+        }
+        EXPECT_EQ(quiet.text().size(), log.text().size());
+    }
+    zelCore::shutdown();
 }

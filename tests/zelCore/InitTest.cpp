@@ -3,6 +3,7 @@
 
 #include <zel/Log.h>
 #include <zel/Notify.h>
+#include <zel/Thread.h>
 #include <zel/Timer.h>
 #include <zelCore/zelCore.h>
 
@@ -42,7 +43,11 @@ TEST(InitTest, ASecondInitDoesNothingAndOneShutdownEndsTheLibrary) {
     const StreamCapture output(std::cerr);
     zelCore::init();
     const uint64 tick = getStartTick();
+    const Thread* const mainThread = Thread::getCurrentThread();
+    ASSERT_NE(mainThread, nullptr);
     zelCore::init();
+    EXPECT_EQ(Thread::getCurrentThread(), mainThread);
+    EXPECT_EQ(getNumThreads(), 1U);
     EXPECT_EQ(getStartTick(), tick);
     EXPECT_EQ(output.text(), "zelCore Initialized.\n");
     zelCore::shutdown();
