@@ -71,6 +71,9 @@ public:
     /// The only thread that may run the job; null for any. The thread must be at work, or be a worker.
     void setTargetThread(Thread* thread) noexcept { m_targetThread = thread; }
     [[nodiscard]] Thread* getTargetThread() const noexcept { return m_targetThread; }
+    /// The task that the job works for; for reports. Keeps the task alive.
+    void setTask(Task* task);
+    [[nodiscard]] Task* getTask() const noexcept { return m_task.get(); }
     /// The job stays queued until the tag is ready; null for no such wait.
     void setSyncTag(SyncTag* tag);
     [[nodiscard]] SyncTag* getSyncTag() const noexcept { return m_syncTag.get(); }
@@ -93,6 +96,7 @@ public:
     void stopTiming() noexcept;
 
 protected:
+    friend class Task;
     friend class Thread;
     friend class WaitJob;
 
@@ -106,6 +110,7 @@ protected:
     bool m_timing = false;
     uint32 m_numDependencies = 0;
     std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
+    ref_ptr<Task> m_task;
     Thread* m_targetThread = nullptr;
     Thread* m_executingThread = nullptr;
     ref_ptr<SyncTag> m_syncTag;

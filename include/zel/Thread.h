@@ -133,6 +133,15 @@ public:
     /// @throws std::runtime_error "Could not free a thread local storage."
     static void freePerThreadStorage(pthread_key_t key);
 
+    // Tasks
+
+    /// Begins a task on the calling thread, which must then call blockingDoWork. Task::execute does both.
+    static void addTask(Task* task);
+    /// Ends what addTask began. Called by the task when its last job runs.
+    static void taskCompleted(Task* task);
+    /// Works, or sleeps when there is nothing to do, until the task that was added last is complete.
+    void blockingDoWork();
+
     // Work
 
     /// Queues the job here, or with its target thread. Wakes nobody but a target.
@@ -192,6 +201,7 @@ public:
     static void flushLogs();
 
 private:
+    friend class Task;
     friend class ThreadLocalAllocator; // m_arena
     friend ZEL_CORE_API size_t getNumThreads() noexcept;
     friend ZEL_CORE_API size_t getNumThreadsIncludingRegistered();
@@ -233,6 +243,10 @@ private:
     void pushSharedJob(Job* job);
     Job* popSharedJob();
     void takeLocalJobs();
+    void leaveTask();
+    void handJobsOver();
+    void completeFrame(Task* task);
+    void verifyLastFrame(const Task* task) const;
     void gatherLogEntries(Vector<LogEntry>& entries);
     [[nodiscard]] bool isWorker() const noexcept { return getId() >= 1 && getId() < DiscardedMainThread; }
     [[nodiscard]] static Thread* getThread(uint32 index) noexcept {
@@ -300,6 +314,7 @@ private:
     static std::atomic<bool> s_shutdown;           // workers stay out of the work loop
     static std::atomic<bool> s_forcedShutdown;
     static Vector<Thread*>& s_discardedMainThreads;
+    static const Callback1<Task*>& s_taskCompletionCallback; // taskCompleted
 };
 
 /// The size of the pool: the main thread and the workers.

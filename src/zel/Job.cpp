@@ -1,5 +1,6 @@
 #include <zel/Job.h>
 #include <zel/SyncTag.h>
+#include <zel/Task.h>
 #include <zel/Thread.h>
 #include <zel/Timer.h>
 #include <zel/Verify.h>
@@ -22,6 +23,7 @@ Job& Job::operator=(const Job& other) {
     // The spawn callback stays: the other's may be bound to the other job.
     m_name = other.m_name;
     m_callback = other.m_callback;
+    m_task = other.m_task;
     m_targetThread = other.m_targetThread;
     m_syncTag = other.m_syncTag;
     m_priority = other.m_priority;
@@ -86,10 +88,25 @@ void Job::addDependent(Job* job) {
     ++job->m_numDependencies;
 }
 
+namespace {
+
+/// Removes the last such entry: edges that are made and undone in every run are at the back.
+bool eraseLast(VectorPOD<Job*>& jobs, const Job* job) {
+    for (size_t i = jobs.size(); i-- > 0;) {
+        if (jobs[i] == job) {
+            jobs.erase(jobs.begin() + i);
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
 bool Job::removeDependent(Job* job) {
-    if (!m_dependents.findAndErase(job))
+    if (!eraseLast(m_dependents, job))
         return false;
-    job->m_dependencies.findAndErase(this);
+    eraseLast(job->m_dependencies, this);
     --job->m_numDependencies;
     return true;
 }
@@ -99,6 +116,10 @@ void Job::clearDependencies() {
     m_dependencies.clear();
     m_numDependencies = 0;
     m_numResolved.store(0, std::memory_order_relaxed); // the job is at rest
+}
+
+void Job::setTask(Task* task) {
+    m_task = task;
 }
 
 void Job::setSyncTag(SyncTag* tag) {

@@ -1,4 +1,5 @@
 #include <zel/SyncTag.h>
+#include <zel/Task.h>
 #include <zel/Thread.h>
 #include <zel/Timer.h>
 #include <zel/Verify.h>
@@ -251,6 +252,7 @@ void Thread::doWork() {
     } catch (const abi::__forced_unwind&) {
         throw; // a cancelled thread, no failure of a job
     } catch (...) {
+        Task::signalUnhandledException();
         {
             const std::lock_guard lock(s_sharedMutex);
             s_unhandledException = std::current_exception();

@@ -1,0 +1,93 @@
+#include <zel/HashSet.h>
+#include <zel/ParallelTask.h>
+#include <zel/Timer.h>
+
+#include <utility>
+
+namespace zel {
+
+ParallelTask::ParallelTask(const Name& name, Device* device)
+    : Task(name, device)
+    , m_jobName(name)
+    , m_preJob(*this)
+    , m_dispatchJob(*this, m_jobName.c_str())
+    , m_postJob(*this) {
+    adoptJob(m_preJob);
+    adoptJob(m_dispatchJob);
+    adoptJob(m_postJob);
+    m_preJob.addDependent(&m_dispatchJob);
+    // Also without any jobs added; and it keeps the last job back while the dispatch adds some.
+    m_dispatchJob.addDependent(&m_postJob);
+}
+
+ParallelTask::ParallelTask(const Name& name, Callback dispatch, Device* device) : ParallelTask(name, device) {
+    setDispatch(std::move(dispatch));
+}
+
+ParallelTask::~ParallelTask() {
+    disconnect();
+    releaseJob(m_preJob);
+    releaseJob(m_dispatchJob);
+    releaseJob(m_postJob);
+}
+
+void ParallelTask::setTargetThread(Thread* thread) {
+    m_preJob.setTargetThread(thread);
+    m_dispatchJob.setTargetThread(thread);
+    m_postJob.setTargetThread(thread);
+}
+
+void ParallelTask::addJob(Job* job) {
+    m_jobs.push_back(job);
+    m_dispatchJob.addDependent(job);
+    job->addDependent(&m_postJob);
+}
+
+void ParallelTask::removeAllJobs() {
+    // Newest first: edges are looked for from the back.
+    for (size_t i = m_jobs.size(); i-- > 0;) {
+        m_dispatchJob.removeDependent(m_jobs[i]);
+        m_jobs[i]->removeDependent(&m_postJob);
+    }
+    m_jobs.clear();
+}
+
+float ParallelTask::measureComputeCost() {
+    uint64 cycles = 0;
+    HashSet<const Job*> seen; // a job may be reached in many ways
+    seen.insert(&m_postJob);
+    VectorPOD<const Job*> open;
+    open.push_back(&m_dispatchJob);
+    while (!open.empty()) {
+        const Job* job = open.back();
+        open.pop_back();
+        cycles += job->getCycles();
+        for (const Job* dependent : job->getDependents()) {
+            if (!seen.contains(dependent)) {
+                seen.insert(dependent);
+                open.push_back(dependent);
+            }
+        }
+    }
+    return static_cast<float>(Timer::toMilliseconds(cycles));
+}
+
+void ParallelTask::endCallback() {
+    endCallback(getProfilingMode() == ProfilingFull ? measureComputeCost() : 0, 0);
+}
+
+void ParallelTask::PreJob::implementation() {
+    m_owner.beginCallback();
+    Job::implementation();
+}
+
+void ParallelTask::DispatchJob::implementation() {
+    if (m_owner.m_dispatch)
+        m_owner.m_dispatch();
+}
+
+void ParallelTask::PostJob::implementation() {
+    m_owner.endCallback();
+}
+
+} // namespace zel

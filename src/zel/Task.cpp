@@ -1,0 +1,255 @@
+#include <zel/HashSet.h>
+#include <zel/Model.h>
+#include <zel/Task.h>
+#include <zel/Thread.h>
+#include <zel/Verify.h>
+#include <zel/WaitJob.h>
+
+#include <sched.h>
+
+#include <algorithm>
+
+namespace zel {
+
+constinit std::atomic<Task::ProfilingMode> Task::s_profilingMode{Task::ProfilingOff};
+constinit std::atomic<bool> Task::s_unhandledException{false};
+
+namespace {
+
+const Name& preEventName() {
+    static const Name name("PreEvent");
+    return name;
+}
+
+const Name& postEventName() {
+    static const Name name("PostEvent");
+    return name;
+}
+
+} // namespace
+
+Task::Task(const Name& name, Device* device)
+    : Component(name, ClassModel(), device)
+    , preEvent(preEventName(), this)
+    , postEvent(postEventName(), this) {
+    Thread::initThreadSystem();
+}
+
+Task::~Task() {
+    zelVerifyNAs(!isRunning() || Task::hasUnhandledException(),
+                 "!m_running || Task::hasUnhandledException()",
+                 "Task %p (%s) is still running as destructor is called",
+                 static_cast<void*>(this),
+                 getPath().c_str());
+    for (Task* parent : m_parents)
+        parent->m_children.findAndErase(this);
+    for (Task* child : m_children)
+        child->m_parents.findAndErase(this);
+}
+
+Model* Task::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
+    return Model::createBuiltinModel("zel.Task", Component::ClassModel(), s_model);
+}
+
+void Task::signalUnhandledException() noexcept {
+    s_unhandledException.store(true, std::memory_order_release);
+}
+
+bool Task::hasUnhandledException() noexcept {
+    return s_unhandledException.load(std::memory_order_acquire);
+}
+
+void Task::adoptJob(Job& job) {
+    job.setTask(this);
+    unreference_nodelete();
+}
+
+void Task::releaseJob(Job& job) {
+    if (Task* task = job.getTask(); task != nullptr) {
+        task->reference();
+        static_cast<void>(job.m_task.release_nodelete());
+    }
+}
+
+// Execution
+
+namespace {
+
+/// Lets one thread at a time execute a task, and points the task's last job at that thread.
+class Claim {
+public:
+    Claim(std::atomic<bool>& claimed, Job* postJob, Thread* thread)
+        : m_claimed(claimed), m_postJob(postJob), m_oldTarget(postJob->getTargetThread()) {
+        m_postJob->setTargetThread(thread);
+    }
+    Claim(const Claim&) = delete;
+    Claim& operator=(const Claim&) = delete;
+    ~Claim() {
+        // The task may be part of another one's run next, on other threads.
+        m_postJob->setTargetThread(m_oldTarget);
+        // Release: pairs with the acquire of the next thread to execute the task.
+        m_claimed.store(false, std::memory_order_release);
+    }
+
+private:
+    std::atomic<bool>& m_claimed;
+    Job* m_postJob;
+    Thread* m_oldTarget;
+};
+
+} // namespace
+
+void Task::execute() {
+    // A task is not re-entrant. After an exception it may never stop running: that one is refused by addTask.
+    while (m_claimed.exchange(true, std::memory_order_acquire))
+        sched_yield();
+    while (isRunning() && !hasUnhandledException())
+        sched_yield();
+
+    Thread* thread = Thread::getCurrentThread();
+    const bool registered = thread == nullptr;
+    if (registered)
+        thread = Thread::registerAsZelThread();
+    {
+        const Claim claim(m_claimed, getPostJob(), thread);
+        m_thread = thread;
+        Thread::addTask(this);
+        thread->blockingDoWork();
+        thread->verifyLastFrame(this);
+        m_thread = nullptr;
+    }
+    // After an exception the thread stays as it is, with what is left in its queue.
+    if (registered)
+        Thread::unregisterAsZelThread();
+}
+
+void Task::wait() {
+    WaitJob job(getPostJob());
+    job.wait();
+}
+
+void Task::beginCallback() {
+    const bool profiling = getProfilingMode() != ProfilingOff;
+    if (profiling) {
+        m_wallTimer.reset();
+        m_wallTimer.start();
+    }
+    preEvent.fire(this);
+    m_running.store(true, std::memory_order_seq_cst);
+    if (profiling) {
+        m_computeTimer.reset();
+        m_computeTimer.start();
+    }
+}
+
+void Task::endCallback(float computeCost, float overhead) {
+    m_computeTimer.stop();
+    postEvent.fire(this);
+    if (m_completes) {
+        m_completes = false;
+        Thread::s_taskCompletionCallback(this);
+    }
+    // Release: pairs with isRunning.
+    m_running.store(false, std::memory_order_release);
+
+    const ProfilingMode mode = getProfilingMode();
+    if (mode == ProfilingOff) {
+        m_computeCost = m_overhead = m_wallTime = 0;
+        return;
+    }
+    m_wallTimer.stop();
+    m_wallTime = static_cast<float>(m_wallTimer.getMilliseconds());
+    if (mode == ProfilingFull) {
+        m_computeCost = computeCost;
+        // What the run took beyond the work itself, and what parts of the task report.
+        const auto busy = static_cast<float>(m_computeTimer.getMilliseconds());
+        m_overhead = overhead + std::max(0.0F, busy - computeCost);
+        m_accumulatedComputeCost += m_computeCost;
+        m_accumulatedOverhead += m_overhead;
+        m_accumulatedWallTime += m_wallTime;
+        ++m_numAccumulatedRuns;
+    }
+}
+
+void Task::resetAccumulationTimers(bool recursive) {
+    m_accumulatedComputeCost = m_accumulatedOverhead = m_accumulatedWallTime = 0;
+    m_numAccumulatedRuns = 0;
+    if (!recursive)
+        return;
+    for (size_t i = 0; i < getNumObjects(); ++i)
+        if (auto* task = dynamic_cast<Task*>(getObject(i)))
+            task->resetAccumulationTimers(true);
+}
+
+// Dependencies
+
+void Task::addDependency(Task* task) {
+    zelVerify(task);
+    addConnection(task, this);
+}
+
+bool Task::removeDependency(Task* task) {
+    if (!m_parents.findAndErase(task))
+        return false;
+    task->m_children.findAndErase(this);
+    disconnectFromParent(task);
+    return true;
+}
+
+bool Task::hasDependency(Task* task) const {
+    // Each task is looked at once: the number of paths may be exponential in the number of tasks.
+    HashSet<const Task*> seen;
+    Vector<const Task*> open;
+    open.push_back(this);
+    while (!open.empty()) {
+        const Task* next = open.back();
+        open.pop_back();
+        for (const Task* parent : next->m_parents) {
+            if (parent == task)
+                return true;
+            if (!seen.contains(parent)) {
+                seen.insert(parent);
+                open.push_back(parent);
+            }
+        }
+    }
+    return false;
+}
+
+void Task::addConnection(Task* parent, Task* child) {
+    zelVerify(parent);
+    zelVerify(child);
+    zelVerifyN(parent != child && !parent->hasDependency(child),
+               "Detected dependency loop between %s and %s",
+               parent->getPath().c_str(),
+               child->getPath().c_str());
+    parent->m_children.push_back(child);
+    child->m_parents.push_back(parent);
+    child->connectToParent(parent);
+}
+
+void Task::connectToParent(Task* parent) {
+    parent->getPostJob()->addDependent(getPreJob());
+}
+
+void Task::connectToChild(Task* child) {
+    getPostJob()->addDependent(child->getPreJob());
+}
+
+void Task::disconnectFromParent(Task* parent) {
+    parent->getPostJob()->removeDependent(getPreJob());
+}
+
+void Task::disconnectFromChild(Task* child) {
+    getPostJob()->removeDependent(child->getPreJob());
+}
+
+void Task::disconnect() {
+    while (!m_parents.empty())
+        removeDependency(m_parents.back());
+    while (!m_children.empty())
+        m_children.back()->removeDependency(this);
+}
+
+} // namespace zel
