@@ -9,6 +9,7 @@
 #include <zel/ref_ptr.h>
 
 #include <iosfwd>
+#include <memory>
 
 namespace zel {
 
@@ -79,8 +80,9 @@ public:
     [[nodiscard]] static Component* load(const Path& path, const Name& name, Device* device);
     /// The same, named as its model.
     [[nodiscard]] static Component* load(const Path& path, Device* device);
+    [[nodiscard]] static Component* load(const char* path, Device* device);
     /// The same from a model file, which holds a model of the file's name.
-    [[nodiscard]] static Component* load(const char* file, Device* device);
+    [[nodiscard]] static Component* loadFile(const String& file, Device* device);
     /// Makes a component from an element of the tag "Component", with its children.
     [[nodiscard]] static Component* load(TiXmlElement* element, Device* device);
 
@@ -100,6 +102,7 @@ private:
         Object* tail = nullptr;
     };
 
+    [[nodiscard]] Chain* findChain(const Name& name) const;
     void link(Object* object);
     void unlink(Object* object);
     void trigger(EventT<Callback2<Component*, Object*>> Component::*event, Object* object);
@@ -108,7 +111,8 @@ private:
 
     Device* m_device = nullptr; // counted
     Vector<ref_ptr<Object>> m_objects;
-    HashTable<Name, Chain> m_objectTable;
+    std::unique_ptr<HashTable<Name, Chain>>
+        m_objectTable; // made for the first child: most components are leaves
     uint64 m_rebindDepth = 0;
 };
 

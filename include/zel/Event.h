@@ -36,25 +36,30 @@ public:
     /// The object that owns the event; may be null.
     [[nodiscard]] void* getSource() const noexcept { return m_source; }
     /// The number of entries, with those that await their removal.
-    [[nodiscard]] size_t size() const noexcept { return m_entries.size(); }
-    [[nodiscard]] bool empty() const noexcept { return m_entries.empty(); }
+    [[nodiscard]] size_t size() const noexcept { return m_list ? m_list->entries.size() : 0; }
+    [[nodiscard]] bool empty() const noexcept { return size() == 0; }
 
     /// @param oneShot  the callback is called once and removed
     /// @return an id for disconnect, unique within this event
     uint64 connect(CallbackType callback, bool oneShot = false) {
-        m_entries.push_back(std::make_unique<Entry>(Entry{std::move(callback), ++m_lastId, true, oneShot}));
-        return m_lastId;
+        if (!m_list)
+            m_list = std::make_unique<List>();
+        const uint64 id = ++m_list->lastId;
+        m_list->entries.push_back(std::make_unique<Entry>(Entry{std::move(callback), id, true, oneShot}));
+        return id;
     }
 
     /// Switches the entry off; it is removed now, or by a later walk if the event is running.
     /// @return whether there was such an active entry
     bool disconnect(uint64 id) {
-        for (auto& entry : m_entries) {
+        if (!m_list)
+            return false;
+        for (auto& entry : m_list->entries) {
             if (entry->id != id || !entry->active)
                 continue;
             entry->active = false;
-            if (m_depth == 0)
-                m_entries.erase(&entry);
+            if (m_list->depth == 0)
+                m_list->entries.erase(&entry);
             return true;
         }
         return false;
@@ -62,7 +67,9 @@ public:
 
     /// The entry of an id, or null; valid until it is removed.
     [[nodiscard]] Entry* find(uint64 id) {
-        for (auto& entry : m_entries)
+        if (!m_list)
+            return nullptr;
+        for (auto& entry : m_list->entries)
             if (entry->id == id)
                 return entry.get();
         return nullptr;
@@ -72,16 +79,19 @@ public:
     /// usable.
     template <typename... Arguments>
     void fire(Arguments&&... arguments) {
-        const Walk walk(m_depth);
-        for (size_t running = 0; running < m_entries.size(); ++running) {
+        if (!m_list)
+            return;
+        auto& entries = m_list->entries;
+        const Walk walk(m_list->depth);
+        for (size_t running = 0; running < entries.size(); ++running) {
             // Entries stay where they are while their callbacks run, whatever those do to the list.
-            Entry* entry = m_entries[running].get();
+            Entry* entry = entries[running].get();
             std::unique_ptr<Entry> removed;
-            if ((!entry->active || entry->oneShot) && m_depth == 1) {
-                removed = std::exchange(m_entries[running], nullptr);
-                if (running + 1 < m_entries.size())
-                    m_entries[running] = std::move(m_entries.back());
-                m_entries.pop_back();
+            if ((!entry->active || entry->oneShot) && m_list->depth == 1) {
+                removed = std::exchange(entries[running], nullptr);
+                if (running + 1 < entries.size())
+                    entries[running] = std::move(entries.back());
+                entries.pop_back();
                 --running; // wraps below zero; the increment brings it back
             }
             if (!entry->active)
@@ -102,11 +112,16 @@ private:
         size_t& depth;
     };
 
-    Vector<std::unique_ptr<Entry>> m_entries;
+    struct List {
+        Vector<std::unique_ptr<Entry>> entries;
+        uint64 lastId = 0;
+        size_t depth = 0;
+    };
+
     Name m_name;
     void* m_source;
-    uint64 m_lastId = 0;
-    size_t m_depth = 0;
+    // Made for the first callback: most events of a large tree never get one.
+    std::unique_ptr<List> m_list;
 };
 
 using Event = EventT<Callback>;

@@ -64,22 +64,28 @@ void Component::setDevice(Device* device) {
         old->unreference();
 }
 
+Component::Chain* Component::findChain(const Name& name) const {
+    if (!m_objectTable)
+        return nullptr;
+    const auto position = m_objectTable->find(name);
+    return position == m_objectTable->end() ? nullptr : &position->value;
+}
+
 void Component::link(Object* object) {
-    auto position = m_objectTable.find(object->getName());
-    if (position == m_objectTable.end()) {
-        m_objectTable.insert(object->getName(), Chain{object, object});
+    if (Chain* chain = findChain(object->getName())) {
+        chain->tail->m_nextSibling = object;
+        chain->tail = object;
         return;
     }
-    Chain& chain = position->value;
-    chain.tail->m_nextSibling = object;
-    chain.tail = object;
+    if (!m_objectTable)
+        m_objectTable = std::make_unique<HashTable<Name, Chain>>();
+    m_objectTable->insert(object->getName(), Chain{object, object});
 }
 
 void Component::unlink(Object* object) {
-    const auto position = m_objectTable.find(object->getName());
-    Chain& chain = position->value;
+    Chain& chain = *findChain(object->getName());
     if (chain.head == object && chain.tail == object) {
-        m_objectTable.erase(position);
+        m_objectTable->erase(object->getName());
         return;
     }
     if (chain.head == object) {
@@ -108,9 +114,8 @@ void Component::addObject(Object* object, bool assignContext) {
     zelVerifyN(object != this && !hasParent(object),
                "%s: a component can not be added below itself",
                object->getPath().c_str());
-    const auto position = m_objectTable.find(object->getName());
-    zelVerifyN(object->m_nextSibling == nullptr &&
-                   (position == m_objectTable.end() || position->value.tail != object),
+    const Chain* chain = findChain(object->getName());
+    zelVerifyN(object->m_nextSibling == nullptr && (chain == nullptr || chain->tail != object),
                "%s: object is already part of a component",
                object->getPath().c_str());
     link(object);
@@ -150,9 +155,11 @@ bool Component::removeObject(const Name& name, size_t index) {
 }
 
 void Component::removeAllObjects() {
+    if (m_objects.empty())
+        return;
     // At once rather than one by one, which would be quadratic in the number of children.
     const Vector<ref_ptr<Object>> objects(std::move(m_objects));
-    m_objectTable.clear();
+    m_objectTable.reset();
     for (const ref_ptr<Object>& object : objects)
         object->m_nextSibling = nullptr;
     for (const ref_ptr<Object>& object : objects)
@@ -160,21 +167,20 @@ void Component::removeAllObjects() {
 }
 
 Object* Component::findObject(const Name& name, Model* model, size_t index) const {
-    const auto position = m_objectTable.find(name);
-    if (position == m_objectTable.end())
-        return nullptr;
-    for (Object* object = position->value.head; object != nullptr; object = object->getNextSibling())
+    const Chain* chain = findChain(name);
+    for (Object* object = chain == nullptr ? nullptr : chain->head; object != nullptr;
+         object = object->getNextSibling())
         if (fits(object, model) && index-- == 0)
             return object;
     return nullptr;
 }
 
 size_t Component::getNumObjects(const Name& name) const {
-    const auto position = m_objectTable.find(name);
+    const Chain* chain = findChain(name);
     size_t count = 0;
-    if (position != m_objectTable.end())
-        for (Object* object = position->value.head; object != nullptr; object = object->getNextSibling())
-            ++count;
+    for (Object* object = chain == nullptr ? nullptr : chain->head; object != nullptr;
+         object = object->getNextSibling())
+        ++count;
     return count;
 }
 

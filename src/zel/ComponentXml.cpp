@@ -105,8 +105,12 @@ Component* Component::load(const Path& path, Device* device) {
     return load(path, path.back(), device);
 }
 
-Component* Component::load(const char* file, Device* device) {
-    Model* model = Model::getModelFromFile(String(file));
+Component* Component::load(const char* path, Device* device) {
+    return load(Path(path), device);
+}
+
+Component* Component::loadFile(const String& file, Device* device) {
+    Model* model = Model::getModelFromFile(file);
     if (model == nullptr) {
         ZEL_LOG_WARNING("Unable to find plugin for resource: '" << file << "'");
         return nullptr;

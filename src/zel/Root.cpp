@@ -27,7 +27,7 @@ Component* root() {
         ZEL_LOG_ERROR("Unable to load system root using path: '" << path << "'");
         return nullptr;
     }
-    systemRoot() = Component::load(file.c_str(), static_cast<Device*>(nullptr));
+    systemRoot() = Component::loadFile(file, nullptr);
     if (!systemRoot())
         ZEL_LOG_ERROR("Error initializing system root from path: '" << file << "'");
     return systemRoot().get();

@@ -82,7 +82,7 @@ TEST_F(ComponentXmlTest, TakesANameOfTheCallersChoice) {
 TEST_F(ComponentXmlTest, LoadsAFileByItsName) {
     const std::string file =
         write("deep/Sky.zelComponent", "<Component name='Sky'><Object name='Moon'/></Component>");
-    const ref_ptr<Component> sky(Component::load(file.c_str(), nullptr));
+    const ref_ptr<Component> sky(Component::loadFile(file, nullptr));
     ASSERT_TRUE(sky);
     EXPECT_EQ(sky->getModel()->fullName(), "deep:Sky");
     EXPECT_NE(sky->findObject("Moon"), nullptr);
@@ -183,10 +183,10 @@ TEST_F(ComponentXmlTest, UnknownModelGivesNull) {
 
 TEST_F(ComponentXmlTest, MissingFileAndDirectoryGiveNull) {
     const LogCapture log;
-    EXPECT_EQ(Component::load((directory / "Components/zel/None.zelComponent").c_str(), nullptr), nullptr);
+    EXPECT_EQ(Component::loadFile(directory / "Components/zel/None.zelComponent", nullptr), nullptr);
     EXPECT_THAT(log.text(), HasSubstr("error on row 0: No such file or directory"));
     directory.write("Components/zel/Folder.zelComponent/x", "");
-    EXPECT_EQ(Component::load((directory / "Components/zel/Folder.zelComponent").c_str(), nullptr), nullptr);
+    EXPECT_EQ(Component::loadFile(directory / "Components/zel/Folder.zelComponent", nullptr), nullptr);
     EXPECT_THAT(log.text(), HasSubstr("error on row 0: Is a directory"));
 }
 
