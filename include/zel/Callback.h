@@ -12,9 +12,9 @@ public:
     BasicCallback() = default;
 
     template <typename Function>
-        requires(!std::is_same_v<std::remove_cvref_t<Function>, BasicCallback> &&
-                 std::is_invocable_v<Function&, Arguments...>)
-    BasicCallback(Function&& function) : m_function(std::forward<Function>(function)) {}
+    requires(!std::is_same_v<std::remove_cvref_t<Function>, BasicCallback> &&
+             std::is_invocable_v<Function&, Arguments...>) BasicCallback(Function&& function)
+        : m_function(std::forward<Function>(function)) {}
 
     /// Binds an operation of an object, which must outlive the callback.
     template <typename Object, typename Base>

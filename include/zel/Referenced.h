@@ -17,7 +17,8 @@ class Observer;
 /// fresh one without owners and observers.
 ///
 /// To destroy an object that still has owners is an error, logged at level Error.
-/// @threads any thread for the count; adding and removing observers is guarded, but an observer that goes away
+/// @threads any thread for the count; adding and removing observers is guarded, but an observer that goes
+/// away
 ///     on one thread while its target dies on another is outside the contract
 class ZEL_CORE_API Referenced {
 public:
