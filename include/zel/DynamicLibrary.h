@@ -6,7 +6,7 @@
 
 namespace zelIO {
 class FilePathContainer;
-}
+} // namespace zelIO
 
 namespace zel {
 

@@ -17,10 +17,12 @@ namespace detail {
 
 /// One link of an intrusive list whose newest record stands first.
 class ZEL_CORE_API CallbackRecord {
-protected:
-    CallbackRecord(CallbackRecord*& first, void (*function)()) noexcept;
+public:
     CallbackRecord(const CallbackRecord&) = delete;
     CallbackRecord& operator=(const CallbackRecord&) = delete;
+
+protected:
+    CallbackRecord(CallbackRecord*& first, void (*function)()) noexcept;
     ~CallbackRecord() = default;
 
     void unlink(CallbackRecord*& first) noexcept;

@@ -41,7 +41,7 @@ String numberedLogFile(const String& path) {
         FileSystem::getPath(path) + FileSystem::PATH_SEPARATOR + FileSystem::getFileWithoutExtension(path);
     const String extension = FileSystem::getFileExtension(path);
     for (int counter = 1;; ++counter) {
-        const String candidate = String::format("%s-%04d.%s", stem.c_str(), counter, extension.c_str());
+        String candidate = String::format("%s-%04d.%s", stem.c_str(), counter, extension.c_str());
         if (counter == MaxLogNumber || !FileSystem::exists(candidate))
             return candidate;
     }

@@ -48,10 +48,11 @@ std::string processorBrand() {
     if (Cpuid(0x80000000U).a <= 0x80000003U)
         return {};
     std::array<char, 49> text{};
-    for (unsigned i = 0; i < 3; ++i) {
-        const Cpuid id(0x80000002U + i);
+    char* part = text.data();
+    for (unsigned leaf = 0x80000002U; leaf <= 0x80000004U; ++leaf, part += 16) {
+        const Cpuid id(leaf);
         const std::array<unsigned, 4> words{id.a, id.b, id.c, id.d};
-        std::memcpy(text.data() + 16 * i, words.data(), 16);
+        std::memcpy(part, words.data(), 16);
     }
     return text.data();
 }

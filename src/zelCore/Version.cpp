@@ -10,9 +10,9 @@ namespace {
 /// 1 to 12 for the first three letters of a month, as in __DATE__.
 int monthNumber(const char* date) {
     static constexpr char Months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    for (int month = 0; month < 12; ++month)
-        if (std::memcmp(Months + 3 * month, date, 3) == 0)
-            return month + 1;
+    for (const char* month = Months; *month != '\0'; month += 3)
+        if (std::memcmp(month, date, 3) == 0)
+            return static_cast<int>(month - Months) / 3 + 1;
     return 0;
 }
 
@@ -42,7 +42,7 @@ int zelGetSerializationVersion() {
 }
 
 std::string zelGetBuildDate(bool numeric) {
-    const std::string date = __DATE__; // "Mmm dd yyyy", the day padded with a blank
+    std::string date = __DATE__; // "Mmm dd yyyy", the day padded with a blank
     if (!numeric)
         return date;
     const std::string day = date[4] == ' ' ? "0" + date.substr(5, 1) : date.substr(4, 2);

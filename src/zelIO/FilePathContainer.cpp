@@ -20,7 +20,7 @@ String findIn(const FilePathContainer::StringList& directories, const String& fi
     if (FileSystem::isAbsolute(file) && FileSystem::exists(file))
         return FileSystem::convertToNativeFilePath(file);
     for (const String& directory : directories) {
-        const String path = FileSystem::combinePath(directory, file);
+        String path = FileSystem::combinePath(directory, file);
         if (FileSystem::exists(path))
             return path;
     }
@@ -96,7 +96,7 @@ void FilePathContainer::setFromEnvironmentVariable(const String& name, bool clea
 }
 
 String FilePathContainer::find(const String& file) const {
-    const String path = findIn(m_directories, file);
+    String path = findIn(m_directories, file);
     if (path.empty())
         ZEL_LOG_DEBUG("No matching file found: " << file);
     else

@@ -65,10 +65,10 @@ bool runTool(Vector<String>& arguments) {
 
 /// A name that begins with "-" would be taken for an option.
 String asFileArgument(const String& path) {
-    const String native = FileSystem::convertToNativeFilePath(path);
-    if (!native.starts_with('-'))
-        return native;
-    return "./" + native;
+    String native = FileSystem::convertToNativeFilePath(path);
+    if (native.starts_with('-'))
+        native.insert(0, "./");
+    return native;
 }
 
 } // namespace

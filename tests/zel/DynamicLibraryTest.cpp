@@ -31,6 +31,8 @@ namespace {
 const std::filesystem::path PluginFile = ZEL_TEST_PLUGIN;
 
 struct DynamicLibraryTest : testing::Test {
+    void SetUp() override { inits = unloads = 0; }
+
     /// Loads the test's plug-in, which counts from now on.
     DynamicLibrary* load() {
         DynamicLibrary* const library =
@@ -43,8 +45,9 @@ struct DynamicLibraryTest : testing::Test {
     }
 
     FilePathContainer directories{FilePathContainer::StringList{PluginFile.parent_path().string()}};
-    int inits = 0;
-    int unloads = 0;
+    // A library may be unloaded as late as at process exit.
+    static inline int inits = 0;
+    static inline int unloads = 0;
     StreamCapture quiet{std::cerr};
     LogCapture log{Notify::Info};
 };

@@ -113,11 +113,11 @@ TEST_F(SingletonManagerTest, UnregisteringDuringShutdownLeavesTheListsWhole) {
 }
 
 namespace {
-int s_generation = 0;
+std::vector<Service*> s_bred;
 /// Makes a successor each time it is shut down.
 void breed() {
-    ++s_generation;
-    new Service("hydra" + std::to_string(s_generation), s_generation, breed);
+    const int generation = static_cast<int>(s_bred.size()) + 1;
+    s_bred.push_back(new Service("hydra" + std::to_string(generation), generation, breed));
 }
 } // namespace
 
@@ -127,17 +127,21 @@ TEST_F(SingletonManagerTest, TheLowerListIsGivenUpAfter200Passes) {
     // The newest has the highest priority, so each pass shuts another one down and destroys none.
     EXPECT_EQ(s_log.size(), 200U);
     EXPECT_EQ(s_log.back(), "hydra200");
-    EXPECT_EQ(s_generation, 201);
+    EXPECT_EQ(s_bred.size(), 201U);
     const StreamCapture capture(std::cerr);
     manager().print();
-    EXPECT_EQ(capture.text(), "");
+    EXPECT_EQ(capture.text(), ""); // nobody owns the rest any more
+    for (const Service* service : s_bred)
+        delete service;
 }
 
 TEST_F(SingletonManagerTest, StaysShutDown) {
     manager().shutdown();
-    new Service("late", 20000);
+    auto* late = new Service("late", 20000);
     manager().shutdown();
     EXPECT_TRUE(s_log.empty());
+    EXPECT_FALSE(manager().unregisterSingleton(late)); // of the lower list, whatever its priority
+    delete late;
 }
 
 TEST_F(SingletonManagerTest, PrintsTheUpperAndThenTheLowerList) {
