@@ -18,6 +18,8 @@ public:
     static double s_clockSpeed;
     /// Measures s_clockSpeed against the system clock; takes about 3 ms.
     static void initClockSpeed();
+    /// The quotient of the two; 1.0, with a warning, unless both are above 0.
+    [[nodiscard]] static double clockSpeedFrom(double milliseconds, double ticks);
 
     [[nodiscard]] static double toMilliseconds(uint64 ticks) noexcept {
         return static_cast<double>(ticks) * s_clockSpeed;

@@ -62,6 +62,7 @@ void Model::makeTree() {
     const std::lock_guard lock(getTypeSystemMutex());
     if (s_root.load(std::memory_order_relaxed) != nullptr)
         return;
+    SlotTable& slots = getReverseBuiltinModelTable();
     ModelCleanup::ensure();
     auto* tree = new Namespace("Root");
     tree->reference();
@@ -85,7 +86,7 @@ void Model::makeTree() {
     zel->setModel(space);
 
     for (size_t i = 0; i < core.size(); ++i) {
-        getReverseBuiltinModelTable().insert(core[i], &s_core[i]);
+        slots.insert(core[i], &s_core[i]);
         s_core[i].store(core[i], std::memory_order_release);
     }
     s_root.store(tree, std::memory_order_release);
@@ -117,8 +118,9 @@ Model* Model::createBuiltinModel(const Path& path, Model* base, std::atomic<Mode
     const std::lock_guard lock(getTypeSystemMutex());
     if (Model* model = slot.load(std::memory_order_relaxed))
         return model;
+    SlotTable& slots = getReverseBuiltinModelTable();
     Model* model = createModel(path.base(), path.back(), base);
-    getReverseBuiltinModelTable().insert(model, &slot);
+    slots.insert(model, &slot);
     slot.store(model, std::memory_order_release);
     return model;
 }
@@ -240,6 +242,10 @@ void ModelCleanup::shutdown() {
         if (auto* model = dynamic_cast<Model*>(object))
             model->tagShutdown();
     });
+    // The core models describe each other in a circle.
+    for (std::atomic<Model*>& slot : s_core)
+        if (Model* model = slot.load(std::memory_order_relaxed))
+            model->setModel(nullptr);
     // At the end of a process that did not shut the library down, the table may have gone first.
     if (!SlotTableOwner::s_destroyed) {
         for (auto& entry : Model::getReverseBuiltinModelTable())

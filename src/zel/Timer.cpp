@@ -1,3 +1,4 @@
+#include <zel/Log.h>
 #include <zel/Timer.h>
 
 #include <cerrno>
@@ -19,6 +20,13 @@ double systemMilliseconds() {
 
 } // namespace
 
+double Timer::clockSpeedFrom(double milliseconds, double ticks) {
+    if (milliseconds > 0 && ticks > 0)
+        return milliseconds / ticks;
+    ZEL_LOG_WARNING("Could not determine CPU speed, zel::Timer will not function correctly.");
+    return 1.0;
+}
+
 void Timer::initClockSpeed() {
     double milliseconds = 0;
     double ticks = 0;
@@ -31,7 +39,7 @@ void Timer::initClockSpeed() {
         ticks += static_cast<double>(now() - startTick);
         milliseconds += systemMilliseconds() - startTime;
     }
-    s_clockSpeed = milliseconds > 0 && ticks > 0 ? milliseconds / ticks : 1.0;
+    s_clockSpeed = clockSpeedFrom(milliseconds, ticks);
 }
 
 } // namespace zel

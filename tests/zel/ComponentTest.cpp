@@ -116,10 +116,10 @@ TEST(ComponentTest, RemovingWhatIsNoChildDoesNothing) {
 }
 
 TEST(ComponentTest, FiresEventsHereAndAboveWithTheDirectParent) {
+    std::vector<std::string> events; // outlives the tree, whose end is an event as well
     const ref_ptr<Component> top(new Component("top"));
     auto* inner = new Component("inner");
     top->addObject(inner);
-    std::vector<std::string> events;
     const auto note = [&events](const char* where, Component* parent, Object* object) {
         std::ostringstream line;
         line << where << ' ' << parent->getName() << ' ' << object->getName();
