@@ -2,8 +2,11 @@
 
 #include <zel/Log.h>
 #include <zel/Notify.h>
+#include <zel/SerialTask.h>
 #include <zel/Singleton.h>
 #include <zel/SingletonManager.h>
+#include <zel/Thread.h>
+#include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
 #include <gmock/gmock.h>
@@ -197,11 +200,30 @@ TEST(SingletonManagerDeathTest, HasNoInstanceAfterItsDestructionAtExit) {
             std::atexit([] { // registered ahead of the manager, so that it runs behind its destruction
                 const bool late = SingletonManager::instance() == nullptr;
                 const Service service("unregistered", 20000);
+                ZEL_LOG_WARNING("even now a message arrives");
                 _exit(late && s_log.size() == 2 ? 0 : 1);
             });
             s_log.clear();
             new Service("a", 20000);
             std::exit(2);
+        },
+        testing::ExitedWithCode(0),
+        "even now a message arrives");
+}
+
+TEST(SingletonManagerDeathTest, AfterAForcedShutdownNoServiceIsShutDownUpToTheEndOfTheProcess) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_EXIT(
+        {
+            zelCore::init();
+            new Service("upper", 20000, [] { _exit(1); });
+            new Service("lower", 5, [] { _exit(2); });
+            const ref_ptr<SerialTask> task(new SerialTask("ends the library", [] {
+                zelCore::shutdown(); // forced, as this task is active
+                manager().shutdown();
+                std::exit(forcedShutdown() ? 0 : 3); // the manager's destructor asks once more
+            }));
+            task->execute();
         },
         testing::ExitedWithCode(0),
         "");
