@@ -1,0 +1,85 @@
+#include <zel/Thread.h>
+#include <zel/ThreadLocalAllocator.h>
+#include <zel/Vector.h>
+#include <zelCore/zelCore.h>
+
+#include <cstdint>
+#include <string>
+
+namespace {
+
+class ThreadLocalAllocatorTest : public testing::Test {
+protected:
+    void SetUp() override { zelCore::init(); }
+    void TearDown() override { zelCore::shutdown(); }
+};
+
+template <typename T>
+using LocalVector = zel::Vector<T, zel::ThreadLocalAllocator>;
+
+} // namespace
+
+TEST_F(ThreadLocalAllocatorTest, BlocksLieBehindEachOtherInStepsOf32) {
+    zel::ThreadLocalAllocator allocator;
+    static_cast<void>(allocator.allocateBytes(4096)); // room for what follows
+    auto* first = static_cast<char*>(allocator.allocateBytes(1));
+    auto* second = static_cast<char*>(allocator.allocateBytes(33));
+    auto* third = static_cast<char*>(allocator.allocateBytes(1));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first) % 32, 0U);
+    EXPECT_EQ(third - second, 64);
+    static_cast<void>(second);
+}
+
+TEST_F(ThreadLocalAllocatorTest, OnlyTheLastBlockIsGivenBack) {
+    zel::ThreadLocalAllocator allocator;
+    void* warm = allocator.allocateBytes(4096);
+    allocator.deallocateBytes(warm, 4096);
+    void* first = allocator.allocateBytes(32);
+    void* second = allocator.allocateBytes(32);
+    allocator.deallocateBytes(first, 32);
+    void* third = allocator.allocateBytes(32);
+    EXPECT_EQ(third, static_cast<char*>(second) + 32);
+    allocator.deallocateBytes(third, 32);
+    EXPECT_EQ(allocator.allocateBytes(32), third);
+    allocator.deallocateBytes(nullptr, 32);
+}
+
+TEST_F(ThreadLocalAllocatorTest, ArraysFollowWhenTheMemoryMoves) {
+    LocalVector<int> first;
+    LocalVector<int> second;
+    for (int i = 0; i < 10000; ++i) {
+        first.push_back(i);
+        second.push_back(-i);
+    }
+    for (size_t i = 0; i < 10000; ++i) {
+        ASSERT_EQ(first[i], static_cast<int>(i));
+        ASSERT_EQ(second[i], -static_cast<int>(i));
+    }
+}
+
+TEST_F(ThreadLocalAllocatorTest, LastArrayToGoFreesTheMemoryForReuse) {
+    const void* place = nullptr;
+    { LocalVector<int> warm(1000, 1); }
+    for (int round = 0; round < 3; ++round) {
+        LocalVector<int> values(100, round);
+        if (place == nullptr)
+            place = values.data();
+        EXPECT_EQ(values.data(), place);
+        EXPECT_EQ(values[99], round);
+    }
+}
+
+TEST_F(ThreadLocalAllocatorTest, HoldsElementsWithDestructors) {
+    LocalVector<std::string> texts;
+    for (int i = 0; i < 1000; ++i)
+        texts.push_back(std::string(50, 'a') + std::to_string(i));
+    const LocalVector<std::string> copy(texts);
+    EXPECT_EQ(copy[999], std::string(50, 'a') + "999");
+    texts = copy;
+    EXPECT_EQ(texts.size(), 1000U);
+}
+
+TEST(ThreadLocalAllocatorDeathTest, NeedsAThreadOfTheSystem) {
+    zel::ThreadLocalAllocator allocator;
+    EXPECT_DEATH(static_cast<void>(allocator.allocateBytes(1)), "zelVerify failed: `thread != nullptr'");
+}
