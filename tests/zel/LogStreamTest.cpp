@@ -51,7 +51,7 @@ void noteCallback(const char* text, unsigned int length) {
 
 } // namespace
 
-TEST(LogStreamTest, HasTheToldDefaults) {
+TEST(LogStreamTest, HasItsDefaults) {
     LogStream stream;
     EXPECT_EQ(stream.getCallback(), nullptr);
     EXPECT_EQ(stream.getOutputMode(), 0);
@@ -121,7 +121,7 @@ TEST(LogStreamTest, DateAndThreadStandInFrontInThisOrder) {
     zelCore::shutdown();
 }
 
-TEST(LogStreamTest, AllDestinationsGetTheLineInTheToldOrder) {
+TEST(LogStreamTest, AllDestinationsGetTheLineInTheirOrder) {
     s_order.clear();
     const TempDirectory directory;
     RecordingStream stream;

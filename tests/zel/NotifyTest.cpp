@@ -83,7 +83,7 @@ TEST_F(NotifyTest, IsAServiceOfPriority10001) {
     EXPECT_EQ(&constant.logStream(), &notify->logStream());
 }
 
-TEST(NotifyThreadDataTest, HasTheToldDefaults) {
+TEST(NotifyThreadDataTest, HasItsDefaults) {
     const ref_ptr<Notify::ThreadData> data(new Notify::ThreadData);
     EXPECT_EQ(data->outputMode, Notify::Warning);
     EXPECT_EQ(data->levelName, "");

@@ -21,8 +21,8 @@ TEST(VerifyTest, ATrueExpressionDoesNothingAndIsEvaluatedOnce) {
     int evaluations = 0;
     zelVerify(++evaluations == 1);
     zelVerifyN(++evaluations == 2, "unused %d", evaluations);
-    zelVerifyAs(++evaluations == 3, "told");
-    zelVerifyNAs(++evaluations == 4, "told", "unused");
+    zelVerifyAs(++evaluations == 3, "given");
+    zelVerifyNAs(++evaluations == 4, "given", "unused");
     EXPECT_EQ(evaluations, 4);
 }
 
@@ -45,9 +45,9 @@ TEST(VerifyDeathTest, ZelVerifyNAddsAFormattedMessage) {
 }
 
 TEST(VerifyDeathTest, TheTextOfTheExpressionCanBeGiven) {
-    EXPECT_DEATH(zelVerifyAs(false, "told text"), HasSubstr(at(__LINE__, "zelVerify failed: `told text'")));
-    EXPECT_DEATH(zelVerifyNAs(false, "told text", "number %u", 7U),
-                 HasSubstr(at(__LINE__ - 1, "zelVerify failed: `told text', number 7")));
+    EXPECT_DEATH(zelVerifyAs(false, "given text"), HasSubstr(at(__LINE__, "zelVerify failed: `given text'")));
+    EXPECT_DEATH(zelVerifyNAs(false, "given text", "number %u", 7U),
+                 HasSubstr(at(__LINE__ - 1, "zelVerify failed: `given text', number 7")));
 }
 
 TEST(VerifyDeathTest, ZelAbortWithAndWithoutAMessage) {
