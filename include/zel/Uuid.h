@@ -59,7 +59,8 @@ ZEL_CORE_API std::istream& operator>>(std::istream& stream, Uuid& uuid);
 /// @threads external lock
 class ZEL_CORE_API UuidGenerator {
 public:
-    /// From the calling thread's own generator, which is seeded once from the system's random device.
+    /// From the generator of the calling zel::Thread or, on any other thread, from one of that thread's own;
+    /// each is seeded once from the system's random device.
     [[nodiscard]] Uuid generate();
     /// From a generator of the caller's.
     [[nodiscard]] Uuid generate(std::mt19937& generator);

@@ -1,3 +1,4 @@
+#include <zel/Thread.h>
 #include <zel/Uuid.h>
 
 #include <array>
@@ -44,6 +45,7 @@ bool readBytes(std::istream& stream, std::array<uint8, Uuid::NumBytes>& bytes) {
     return true;
 }
 
+/// For threads that are no zel::Thread.
 std::mt19937& threadGenerator() {
     thread_local std::mt19937 generator{std::random_device{}()};
     return generator;
@@ -103,7 +105,8 @@ std::istream& operator>>(std::istream& stream, Uuid& uuid) {
 }
 
 Uuid UuidGenerator::generate() {
-    return generate(threadGenerator());
+    Thread* thread = Thread::getCurrentThread();
+    return thread != nullptr ? thread->generateUuid() : generate(threadGenerator());
 }
 
 Uuid UuidGenerator::generate(std::mt19937& generator) {
