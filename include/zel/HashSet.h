@@ -53,8 +53,8 @@ template <typename Key, typename Hash = HashFn<Key>, typename Allocator = ByteAl
 class HashSetImplementation {
     /// A key lives in a filled slot alone.
     struct Slot {
-        Slot() noexcept {}
-        ~Slot() {}
+        Slot() noexcept {} // NOLINT(modernize-use-equals-default): the union would delete it
+        ~Slot() {}         // NOLINT(modernize-use-equals-default): as above
         union {
             Key key;
         };

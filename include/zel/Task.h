@@ -82,7 +82,8 @@ public:
     /// Begins a run: fires preEvent and marks the task running.
     void beginCallback();
     /// Ends a run: fires postEvent and tells the thread that executes the task.
-    /// @param computeCost, overhead  in milliseconds, for ProfilingFull
+    /// @param computeCost  in milliseconds, for ProfilingFull
+    /// @param overhead  in milliseconds, for ProfilingFull
     void endCallback(float computeCost, float overhead);
 
     /// Zeroes what has accumulated over the runs.

@@ -129,7 +129,7 @@ public:
     /// As above, new elements are copies of `value`, which may be an element of this array.
     void resize(size_t n, const T& value) {
         if (n > m_capacity && &value >= begin() && &value < end()) {
-            const T copy(value);
+            const T copy(value); // NOLINT(performance-unnecessary-copy-initialization): resize moves value
             resize(n, copy);
             return;
         }
@@ -231,6 +231,7 @@ public:
     }
 
 private:
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): elements may well be pointers
     static constexpr size_t bytes(size_t n) noexcept { return detail::byteCount(n, sizeof(T)); }
 
     void attach() {

@@ -29,8 +29,8 @@ private:
     struct Entry {
         const Attribute* attribute;
         zel::ref_ptr<zel::Referenced> value;
-        friend bool operator==(const Entry& entry, const Attribute* attribute) {
-            return entry.attribute == attribute;
+        friend bool operator==(const Entry& entry, const Attribute* searched) {
+            return entry.attribute == searched;
         }
     };
     zel::Vector<Entry> m_attributes;

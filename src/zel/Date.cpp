@@ -6,9 +6,9 @@
 namespace zel {
 
 Date Date::now() noexcept {
-    using namespace std::chrono;
-    const auto elapsed = floor<microseconds>(system_clock::now().time_since_epoch());
-    const auto whole = floor<seconds>(elapsed);
+    namespace chrono = std::chrono;
+    const auto elapsed = chrono::floor<chrono::microseconds>(chrono::system_clock::now().time_since_epoch());
+    const auto whole = chrono::floor<chrono::seconds>(elapsed);
     return {whole.count(), (elapsed - whole).count()};
 }
 

@@ -46,7 +46,7 @@ private:
     [[nodiscard]] LogEntry* entries() const noexcept { return reinterpret_cast<LogEntry*>(m_memory); }
     /// Bytes left for a text, its terminator included, when one more entry is made.
     [[nodiscard]] size_t room() const noexcept;
-    void commit(uint64 tick, size_t length) noexcept;
+    void commit(uint64 tick, size_t size) noexcept;
 
     char* m_memory;
     char* m_textBegin; // the texts lie from here to the end

@@ -44,7 +44,7 @@ String findInSearchPaths(const String& relative) {
     const auto* environment = zelIO::Environment::instance();
     for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
         for (const char* place : Places) {
-            const String found = environment->getFilePath(type).find(place + relative);
+            String found = environment->getFilePath(type).find(place + relative);
             if (!found.empty())
                 return found;
         }

@@ -16,7 +16,7 @@ double systemMilliseconds() {
     return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) * 1e-6;
 }
 
-[[maybe_unused]] const bool s_measured = (Timer::initClockSpeed(), true);
+[[maybe_unused]] const bool s_measured = (static_cast<void>(Timer::initClockSpeed()), true);
 
 } // namespace
 

@@ -50,7 +50,8 @@ TEST(FloatingPointTest, AllThreadsOfTheSystemFlushDenormals) {
     task->execute();
     EXPECT_EQ(onWorker, 0);
     std::thread([] {
-        DenormalizationGuard::disable(_mm_getcsr() & ~DenormalizationGuard::Mask); // inherited from its creator
+        DenormalizationGuard::disable(_mm_getcsr() &
+                                      ~DenormalizationGuard::Mask); // inherited from its creator
         zel::Thread::registerAsZelThread();
         EXPECT_EQ(halfOfTheSmallestNormal(), 0);
         zel::Thread::unregisterAsZelThread();
