@@ -273,7 +273,7 @@ Thread* Thread::chooseVictim(uint32 numThreads, uint32& last) {
         return numThreads == 2 ? getThread(1 - id) : nullptr;
     uint32 victim = 0;
     do {
-        victim = m_random() % numThreads;
+        victim = m_random() % numThreads; // NOLINT(clang-analyzer-core.DivideZero): one thread at least
     } while (victim == last || victim == id);
     last = victim;
     return getThread(victim);
