@@ -7,7 +7,7 @@
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
-#include <support/LogCapture.h>
+#include <support/PoolThreads.h>
 
 #include <atomic>
 #include <memory>
@@ -20,6 +20,7 @@
 using testing::HasSubstr;
 using zel::ref_ptr;
 using zel::Thread;
+using zelTest::onEachThread;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool Sanitized = true;
@@ -43,32 +44,6 @@ ref_ptr<zel::SerialTask> serial(const zel::Callback& work) {
     return new zel::SerialTask("task", work);
 }
 
-/// Runs the work as a job of a task on each thread of the pool.
-void onEachThread(const std::function<void()>& work) {
-    std::vector<std::unique_ptr<zel::Job>> jobs;
-    std::vector<Thread*> threads;
-    const ref_ptr<zel::ParallelTask> task(new zel::ParallelTask("each"));
-    // Which threads there are shows when all of them meet.
-    std::atomic<size_t> met{0};
-    std::mutex mutex;
-    const size_t count = zel::getNumThreads();
-    for (size_t i = 0; i < count; ++i) {
-        jobs.push_back(std::make_unique<zel::Job>([&] {
-            met.fetch_add(1);
-            while (met.load() < count)
-                std::this_thread::yield();
-            {
-                const std::lock_guard lock(mutex);
-                threads.push_back(Thread::getCurrentThread());
-            }
-            work();
-        }));
-        task->addJob(jobs.back().get());
-    }
-    task->execute();
-    EXPECT_EQ(std::set<Thread*>(threads.begin(), threads.end()).size(), count);
-}
-
 } // namespace
 
 TEST_F(ThreadTest, InitMakesOneThread) {
@@ -90,10 +65,8 @@ TEST_F(ThreadTest, WithOneThreadJobsRunOnTheCaller) {
 TEST_F(ThreadTest, WorkersHaveIdsFromOneUpward) {
     zel::setNumThreads(4);
     EXPECT_EQ(zel::getNumThreads(), 4U);
-    std::mutex mutex;
     std::set<zel::uint32> ids;
     onEachThread([&] {
-        const std::lock_guard lock(mutex);
         ids.insert(Thread::getCurrentThread()->getId());
         EXPECT_EQ(Thread::getCurrentThread()->getIndex(), Thread::getCurrentThread()->getId());
     });
@@ -148,12 +121,7 @@ TEST_F(ThreadTest, GrowsAndShrinksAThousandTimes) {
 
 TEST_F(ThreadTest, JobWithATargetRunsThere) {
     zel::setNumThreads(3);
-    std::mutex mutex;
-    std::vector<Thread*> threads;
-    onEachThread([&] {
-        const std::lock_guard lock(mutex);
-        threads.push_back(Thread::getCurrentThread());
-    });
+    const std::set<Thread*> threads = onEachThread();
     for (int round = 0; round < 50; ++round)
         for (Thread* target : threads) {
             Thread* ranOn = nullptr;
@@ -415,22 +383,16 @@ TEST_F(ThreadDeathTest, ExceptionOfAJobOnAWorkerEndsTheProcess) {
     EXPECT_DEATH(
         {
             zel::setNumThreads(2);
-            std::atomic<bool> thrown{false};
-            std::vector<std::unique_ptr<zel::Job>> jobs;
+            zel::Vector<zel::Job> jobs(8, zel::Job([] {
+                                           if (Thread::getCurrentThread()->getId() == 1)
+                                               throw std::runtime_error("on a worker");
+                                           zelTest::spin(0.05);
+                                       }));
             const ref_ptr<zel::ParallelTask> task(new zel::ParallelTask("throwing"));
-            // The caller keeps busy until the worker has thrown.
-            for (int i = 0; i < 2; ++i) {
-                jobs.push_back(std::make_unique<zel::Job>([&] {
-                    if (Thread::getCurrentThread()->getId() == 1) {
-                        thrown = true;
-                        throw std::runtime_error("on a worker");
-                    }
-                    for (;;)
-                        std::this_thread::yield();
-                }));
-                task->addJob(jobs.back().get());
-            }
-            task->execute();
+            for (zel::Job& job : jobs)
+                task->addJob(&job);
+            for (;;)
+                task->execute();
         },
         "terminate called.*\n.*on a worker");
 }
