@@ -13,6 +13,10 @@ template <typename Hash>
 concept TransparentHash = requires {
     typename Hash::is_transparent;
 };
+template <typename Hash>
+concept CostlyHash = requires {
+    typename Hash::is_costly;
+};
 
 [[nodiscard]] constexpr uint32 hash32(uint32 x) noexcept {
     x = x * 32767U - 1U;
@@ -55,7 +59,8 @@ concept TransparentHash = requires {
 
 /// The functor with which the hash tables hash and compare their keys. The iteration order of a table follows
 /// these functions; they are part of what the library promises. A functor that also takes keys of other types
-/// says so by naming a type is_transparent, as in the standard library.
+/// says so by naming a type is_transparent, as in the standard library; one that reads more than the key
+/// itself names a type is_costly, and tables then remember its results.
 template <typename T, typename = void>
 struct HashFn;
 
@@ -84,6 +89,7 @@ struct HashFn<T*, void> {
 /// C texts hash and compare by their characters.
 template <>
 struct HashFn<const char*, void> {
+    using is_costly = void;
     [[nodiscard]] uint32 operator()(const char* key) const noexcept {
         return detail::hashText(key, std::strlen(key));
     }

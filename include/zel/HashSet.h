@@ -52,14 +52,27 @@ private:
 template <typename Key, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>
 class HashSetImplementation {
     /// A key lives in a filled slot alone.
-    struct Slot {
-        Slot() noexcept {} // NOLINT(modernize-use-equals-default): the union would delete it
-        ~Slot() {}         // NOLINT(modernize-use-equals-default): as above
+    struct PlainSlot {
+        PlainSlot() noexcept {} // NOLINT(modernize-use-equals-default): the union would delete it
+        ~PlainSlot() {}         // NOLINT(modernize-use-equals-default): as above
         union {
             Key key;
         };
         SlotState state = SlotState::Empty;
     };
+    /// The key's hash lies in what would be padding behind the state: it saves the look at keys that differ,
+    /// and a rebuild need not hash again.
+    struct HashedSlot {
+        HashedSlot() noexcept {} // NOLINT(modernize-use-equals-default): as above
+        ~HashedSlot() {}         // NOLINT(modernize-use-equals-default): as above
+        union {
+            Key key;
+        };
+        SlotState state = SlotState::Empty;
+        uint32 hash = 0;
+    };
+    static constexpr bool KeepsHash = sizeof(HashedSlot) == sizeof(PlainSlot);
+    using Slot = std::conditional_t<KeepsHash, HashedSlot, PlainSlot>;
 
 public:
     /// No key lies at a probe number of this or above.
@@ -148,7 +161,7 @@ public:
     }
 
     /// As insert, for a caller that has the key's hash at hand.
-    const_iterator insertHashed(Key key, uint32 hash) {
+    const_iterator insertHashed(Key&& key, uint32 hash) {
         for (;;) {
             if (m_size >= m_growthSize) [[unlikely]]
                 grow();
@@ -159,9 +172,9 @@ public:
                 const uint64 index = probe(home, p);
                 Slot& slot = m_table[index];
                 if (slot.state == SlotState::Empty)
-                    return place(index, p, std::move(key));
+                    return place(index, p, std::move(key), hash);
                 if (slot.state == SlotState::Filled) {
-                    if (Hash::equal(slot.key, key)) {
+                    if (matches(slot, key, hash)) {
                         slot.key = std::move(key);
                         return {this, index};
                     }
@@ -171,7 +184,7 @@ public:
                 }
                 // No equal key can lie beyond the longest probe.
                 if (deleted != NoSlot && p >= m_maxProbeLength)
-                    return place(deleted, deletedProbe, std::move(key));
+                    return place(deleted, deletedProbe, std::move(key), hash);
             }
             rebuild(static_cast<uint64>(2.0 * static_cast<double>(m_capacity)));
         }
@@ -196,7 +209,7 @@ public:
             const uint64 index = probe(home, p);
             const Slot& slot = m_table[index];
             if (slot.state == SlotState::Filled) {
-                if (Hash::equal(slot.key, key))
+                if (matches(slot, key, hash))
                     return {this, index};
             } else if (slot.state == SlotState::Empty) {
                 break;
@@ -238,13 +251,50 @@ public:
     void rebuild(uint64 capacity) {
         HashSetImplementation fresh;
         fresh.allocate(nextPrime(capacity == 0 ? uint64{1} : capacity));
-        for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
-            fresh.insert(std::move(m_table[i].key));
+        for (uint64 i = 0; i < m_capacity; ++i) {
+            if (i + PrefetchDistance < m_capacity)
+                fresh.prefetch(m_table[i + PrefetchDistance]);
+            Slot& slot = m_table[i];
+            if (slot.state != SlotState::Filled)
+                continue;
+            fresh.insertHashed(std::move(slot.key), hashOf(slot));
+            if constexpr (std::is_nothrow_move_constructible_v<Key>) { // nothing can ask for the old key back
+                slot.state = SlotState::Deleted;
+                --m_size;
+                std::destroy_at(&slot.key);
+            }
+        }
         swap(fresh);
     }
 
 private:
     static constexpr uint64 NoSlot = ~uint64{0};
+    /// How many slots ahead a rebuild fetches the places of the keys.
+    static constexpr uint64 PrefetchDistance = 32;
+
+    [[nodiscard]] static uint32 hashOf(const Slot& slot) {
+        if constexpr (KeepsHash)
+            return slot.hash;
+        else
+            return Hash()(slot.key);
+    }
+
+    template <typename Equal>
+    [[nodiscard]] static bool matches(const Slot& slot, const Equal& key, [[maybe_unused]] uint32 hash) {
+        if constexpr (KeepsHash)
+            return slot.hash == hash && Hash::equal(slot.key, key);
+        else
+            return Hash::equal(slot.key, key);
+    }
+
+    /// Starts to load the slot where a key of another table is going to lie.
+    void prefetch(const Slot& other) const {
+        if (other.state != SlotState::Filled)
+            return;
+        const Slot* slot = m_table + m_modulo(hashOf(other));
+        __builtin_prefetch(&slot->key, 1);
+        __builtin_prefetch(&slot->state, 1);
+    }
 
     [[nodiscard]] static constexpr size_t slotBytes(uint64 capacity) noexcept {
         return detail::byteCount(capacity, sizeof(Slot));
@@ -274,9 +324,12 @@ private:
         return index;
     }
 
-    const_iterator place(uint64 index, uint64 p, Key&& key) {
-        std::construct_at(&m_table[index].key, std::move(key));
-        m_table[index].state = SlotState::Filled;
+    const_iterator place(uint64 index, uint64 p, Key&& key, [[maybe_unused]] uint32 hash) {
+        Slot& slot = m_table[index];
+        std::construct_at(&slot.key, std::move(key));
+        slot.state = SlotState::Filled;
+        if constexpr (KeepsHash)
+            slot.hash = hash;
         if (m_maxProbeLength < p)
             m_maxProbeLength = static_cast<uint16>(p);
         ++m_size;
@@ -298,9 +351,10 @@ private:
     }
 
     void destroyKeys() noexcept {
-        if constexpr (!std::is_trivially_destructible_v<Key>)
-            for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
-                std::destroy_at(&m_table[i].key);
+        if (std::is_trivially_destructible_v<Key> || m_size == 0)
+            return;
+        for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
+            std::destroy_at(&m_table[i].key);
     }
 
     void copy(const HashSetImplementation& other) {
@@ -308,9 +362,13 @@ private:
             return;
         allocate(other.m_capacity);
         for (uint64 i = 0; i < m_capacity; ++i) {
-            if (other.m_table[i].state == SlotState::Filled)
-                std::construct_at(&m_table[i].key, other.m_table[i].key);
-            m_table[i].state = other.m_table[i].state;
+            const Slot& from = other.m_table[i];
+            Slot& to = m_table[i];
+            if (from.state == SlotState::Filled)
+                std::construct_at(&to.key, from.key);
+            to.state = from.state;
+            if constexpr (KeepsHash)
+                to.hash = from.hash;
         }
         m_size = other.m_size;
         m_maxProbeLength = other.m_maxProbeLength;

@@ -98,6 +98,7 @@ public:
         std::swap(m_size, other.m_size);
         std::swap(m_maxProbeLength, other.m_maxProbeLength);
         std::swap(m_mask, other.m_mask);
+        std::swap(m_hashes, other.m_hashes);
     }
 
     [[nodiscard]] uint64 size() const noexcept { return m_size; }
@@ -204,13 +205,21 @@ private:
         for (int64 i = 0; i <= m_maxProbeLength; ++i) {
             const uint64 index = slot(hash, static_cast<uint64>(i));
             if (m_states[index] == SlotState::Filled) {
-                if (Hash::equal(m_entries[index].key, key))
+                if (matches(index, key, hash))
                     return index;
             } else if (m_states[index] == SlotState::Empty) {
                 break;
             }
         }
         return m_capacity;
+    }
+
+    template <typename Equal>
+    [[nodiscard]] bool matches(uint64 index, const Equal& key, [[maybe_unused]] uint32 hash) const {
+        if constexpr (KeepsHashes)
+            return m_hashes[index] == hash && Hash::equal(m_entries[index].key, key);
+        else
+            return Hash::equal(m_entries[index].key, key);
     }
 
     /// Insertion into a table that has room.
@@ -221,30 +230,50 @@ private:
         for (; i <= m_maxProbeLength; ++i) {
             const uint64 index = slot(hash, static_cast<uint64>(i));
             if (m_states[index] == SlotState::Filled) {
-                if (Hash::equal(m_entries[index].key, key)) {
+                if (matches(index, key, hash)) {
                     m_entries[index].value = std::move(value);
                     return {this, index};
                 }
             } else if (m_states[index] == SlotState::Empty) {
                 // The first free slot of the chain: a deleted one ahead of it stays for a longer search.
-                return place(index, std::move(key), std::move(value));
+                return place(index, std::move(key), std::move(value), hash);
             } else if (deleted < 0) {
                 deleted = i;
             }
         }
-        if (deleted >= 0)
-            return place(slot(hash, static_cast<uint64>(deleted)), std::move(key), std::move(value));
-        while (m_states[slot(hash, static_cast<uint64>(i))] == SlotState::Filled)
-            ++i;
-        m_maxProbeLength = static_cast<int32>(i);
-        return place(slot(hash, static_cast<uint64>(i)), std::move(key), std::move(value));
+        if (deleted < 0) {
+            while (m_states[slot(hash, static_cast<uint64>(i))] == SlotState::Filled)
+                ++i;
+            m_maxProbeLength = static_cast<int32>(i);
+            deleted = i;
+        }
+        return place(slot(hash, static_cast<uint64>(deleted)), std::move(key), std::move(value), hash);
     }
 
-    iterator place(uint64 index, Key&& key, Value&& value) {
+    /// Insertion of a key that is not there into a table that has room and no deleted slots.
+    void insertNew(Key&& key, Value&& value, uint32 hash) {
+        uint64 i = 0;
+        while (m_states[slot(hash, i)] == SlotState::Filled)
+            ++i;
+        if (m_maxProbeLength < static_cast<int64>(i))
+            m_maxProbeLength = static_cast<int32>(i);
+        place(slot(hash, i), std::move(key), std::move(value), hash);
+    }
+
+    iterator place(uint64 index, Key&& key, Value&& value, [[maybe_unused]] uint32 hash) {
         ::new (static_cast<void*>(m_entries + index)) Entry{std::move(key), std::move(value)};
         m_states[index] = SlotState::Filled;
+        if constexpr (KeepsHashes)
+            m_hashes[index] = hash;
         ++m_size;
         return {this, index};
+    }
+
+    [[nodiscard]] uint32 hashAt(uint64 index) const {
+        if constexpr (KeepsHashes)
+            return m_hashes[index];
+        else
+            return Hash()(m_entries[index].key);
     }
 
     [[gnu::noinline]] void rehash(uint64 capacity) {
@@ -252,7 +281,7 @@ private:
         fresh.copySettings(*this);
         fresh.allocate(capacity);
         for (uint64 i = nextFilled(0); i < m_capacity; i = nextFilled(i + 1))
-            fresh.insertWithin(std::move(m_entries[i].key), std::move(m_entries[i].value));
+            fresh.insertNew(std::move(m_entries[i].key), std::move(m_entries[i].value), hashAt(i));
         swap(fresh);
     }
 
@@ -265,17 +294,18 @@ private:
 
     void allocate(uint64 capacity) {
         Allocator allocator;
-        m_states = static_cast<SlotState*>(allocator.allocateBytes(capacity, 16));
-        m_entries = static_cast<Entry*>(
-            allocator.allocateBytes(detail::byteCount(capacity, sizeof(Entry)), entryAlignment()));
-        if (m_states == nullptr || m_entries == nullptr) {
-            allocator.deallocateBytes(m_states, capacity);
-            allocator.deallocateBytes(m_entries, detail::byteCount(capacity, sizeof(Entry)));
-            m_states = nullptr;
-            m_entries = nullptr;
+        void* states = allocator.allocateBytes(stateBytes(capacity), 16);
+        void* entries = allocator.allocateBytes(entryBytes(capacity), entryAlignment());
+        if (states == nullptr || entries == nullptr) {
+            allocator.deallocateBytes(states, stateBytes(capacity));
+            allocator.deallocateBytes(entries, entryBytes(capacity));
             throw std::bad_alloc();
         }
-        std::memset(m_states, 0, capacity);
+        std::memset(states, 0, capacity);
+        m_states = static_cast<SlotState*>(states);
+        m_entries = static_cast<Entry*>(entries);
+        if constexpr (KeepsHashes)
+            m_hashes = reinterpret_cast<uint32*>(m_states + capacity);
         m_capacity = capacity;
         m_mask = capacity - 1;
         m_maxProbeLength = -1;
@@ -292,10 +322,11 @@ private:
             return;
         destroyEntries();
         Allocator allocator;
-        allocator.deallocateBytes(m_states, m_capacity);
-        allocator.deallocateBytes(m_entries, detail::byteCount(m_capacity, sizeof(Entry)));
+        allocator.deallocateBytes(m_states, stateBytes(m_capacity));
+        allocator.deallocateBytes(m_entries, entryBytes(m_capacity));
         m_states = nullptr;
         m_entries = nullptr;
+        m_hashes = nullptr;
         m_capacity = m_size = m_mask = 0;
         m_maxProbeLength = -1;
     }
@@ -309,11 +340,21 @@ private:
             if (other.m_states[i] == SlotState::Filled)
                 ::new (static_cast<void*>(m_entries + i)) Entry(other.m_entries[i]);
             m_states[i] = other.m_states[i];
+            if constexpr (KeepsHashes)
+                m_hashes[i] = other.m_hashes[i];
         }
         m_size = other.m_size;
         m_maxProbeLength = other.m_maxProbeLength;
     }
 
+    static constexpr bool KeepsHashes = detail::CostlyHash<Hash>;
+
+    static constexpr size_t stateBytes(uint64 capacity) noexcept {
+        return detail::byteCount(capacity, sizeof(SlotState) + (KeepsHashes ? sizeof(uint32) : 0));
+    }
+    static constexpr size_t entryBytes(uint64 capacity) noexcept {
+        return detail::byteCount(capacity, sizeof(Entry));
+    }
     static constexpr size_t entryAlignment() { return alignof(Entry) > 16 ? alignof(Entry) : 16; }
 
     uint64 m_minimumCapacity = 4;
@@ -327,6 +368,8 @@ private:
     uint64 m_size = 0;
     int32 m_maxProbeLength = -1;
     uint64 m_mask = 0;
+    /// The hashes of the filled slots, in one block with the states, if hashing is costly; else null.
+    uint32* m_hashes = nullptr;
 };
 
 template <typename Key, typename Value, typename Hash = HashFn<Key>, typename Allocator = ByteAllocator>

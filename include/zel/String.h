@@ -39,6 +39,7 @@ using String = ZeLString<std::string>;
 template <>
 struct HashFn<String, void> {
     using is_transparent = void;
+    using is_costly = void;
     [[nodiscard]] uint32 operator()(std::string_view key) const noexcept {
         return detail::hashText(key.data(), key.size());
     }

@@ -170,14 +170,16 @@ public:
     T* erase(T* position) { return erase(position, position + 1); }
 
     T* erase(T* first, T* last) {
-        if (first != last) {
+        const auto removed = static_cast<size_t>(last - first);
+        if (removed != 0) {
+            const auto behind = m_size - static_cast<size_t>(last - begin());
             if constexpr (Trivial) {
-                std::memmove(static_cast<void*>(first), last, bytes(static_cast<size_t>(end() - last)));
+                std::memmove(static_cast<void*>(first), last, liveBytes(behind));
             } else {
-                std::move(last, end(), first);
-                destroy(m_size - static_cast<size_t>(last - first), m_size);
+                std::move(last, last + behind, first);
+                destroy(m_size - removed, m_size);
             }
-            m_size -= static_cast<size_t>(last - first);
+            m_size -= removed;
         }
         return first;
     }
@@ -231,8 +233,12 @@ public:
     }
 
 private:
+    /// Of storage that may be asked for.
     // NOLINTNEXTLINE(bugprone-sizeof-expression): elements may well be pointers
     static constexpr size_t bytes(size_t n) noexcept { return detail::byteCount(n, sizeof(T)); }
+    /// Of elements that lie in storage: their size is known to fit.
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): as above
+    static constexpr size_t liveBytes(size_t n) noexcept { return n * sizeof(T); }
 
     void attach() {
         if constexpr (detail::TracksContainer<Allocator, Container>)
@@ -271,7 +277,7 @@ private:
         if (count == 0)
             return;
         if constexpr (Trivial)
-            std::memcpy(m_buffer, source, bytes(count));
+            std::memcpy(m_buffer, source, liveBytes(count));
         else
             std::uninitialized_copy_n(source, count, data());
         m_size = count;
@@ -283,7 +289,7 @@ private:
         if (count == 0)
             return;
         if constexpr (Trivial || std::is_trivially_copyable_v<T>) {
-            std::memcpy(static_cast<void*>(target), source, bytes(count));
+            std::memcpy(static_cast<void*>(target), source, liveBytes(count));
         } else {
             if constexpr (std::is_nothrow_move_constructible_v<T>) {
                 for (size_t i = 0; i < count; ++i) { // one pass, while the element is in the cache

@@ -41,7 +41,7 @@ public:
             NameHeader::of(found).count.store(Disowned, std::memory_order_seq_cst);
         }
         char* fresh = allocate(text);
-        m_texts->insertHashed(fresh, hash);
+        m_texts->insertHashed(static_cast<const char*>(fresh), hash);
         return fresh;
     }
 
