@@ -364,13 +364,14 @@ private:
         for (uint64 i = 0; i < m_capacity; ++i) {
             const Slot& from = other.m_table[i];
             Slot& to = m_table[i];
-            if (from.state == SlotState::Filled)
+            if (from.state == SlotState::Filled) {
                 std::construct_at(&to.key, from.key);
+                ++m_size; // one by one: the destructor clears up behind a copy that throws
+            }
             to.state = from.state;
             if constexpr (KeepsHash)
                 to.hash = from.hash;
         }
-        m_size = other.m_size;
         m_maxProbeLength = other.m_maxProbeLength;
     }
 
