@@ -3,6 +3,7 @@
 #include <zel/Callback.h>
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/Timer.h>
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 
@@ -90,15 +91,28 @@ public:
     [[nodiscard]] bool isTiming() const noexcept { return m_timing; }
 
     /// Zeroes the cycles and starts the clock of this run.
-    void startTiming() noexcept;
+    void startTiming(uint64 tick = Timer::now()) noexcept {
+        m_timing = true;
+        m_cycles = 0;
+        m_startTick = tick;
+    }
     /// Adds the ticks since startTiming, unless the clock is stopped already. For work that must not be
     /// counted to its end.
-    void stopTiming() noexcept;
+    void stopTiming(uint64 tick = Timer::now()) noexcept {
+        if (m_timing) {
+            m_timing = false;
+            m_cycles += tick - m_startTick;
+        }
+    }
 
 protected:
     friend class Task;
     friend class Thread;
     friend class WaitJob;
+
+    /// As execute, with the time stamps shared with the caller's own clock.
+    /// @return the tick at which the work was done
+    uint64 executeAt(uint64 startTick, VectorPOD<Job*>& localJobs, Thread* thread);
 
     Callback m_spawnCallback;
     const char* m_name;

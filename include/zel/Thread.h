@@ -43,7 +43,7 @@ struct LogEntry;
 /// The thread that called zelCore::init() is the main thread, with id 0. Workers have ids from 1 upward and
 /// are started by zel::setNumThreads. Any other thread may register itself; it then runs its own tasks, and
 /// has InvalidIndex for an id. Threads wait for their tasks by working.
-/// @threads static functions any thread, unless told otherwise; members the thread itself, unless told
+/// @threads static functions any thread, unless noted otherwise; members the thread itself, unless told
 /// otherwise
 class ZEL_CORE_API Thread : public BasicThread, public zelData::AttributeContainer {
 public:
@@ -208,6 +208,8 @@ private:
     friend ZEL_CORE_API void setNumThreads(size_t n);
     friend ZEL_CORE_API bool forcedShutdown() noexcept;
 
+    static constexpr size_t CacheLine = 64;
+
     /// A task that this thread executes and waits for.
     struct Frame {
         Task* task = nullptr;
@@ -264,7 +266,7 @@ private:
     static void killWorkers();
     static void restoreMainThreadState() noexcept;
 
-    // Owner only, unless told otherwise.
+    // Owner only, unless noted otherwise.
     ref_ptr<Notify::ThreadData> m_notifyData;
     FastRandom m_random;
     Frame m_frames[ZEL_THREAD_FRAME_STACK_MAX_DEPTH]; // tasks guarded by s_sharedMutex
@@ -273,17 +275,18 @@ private:
     std::atomic<int32> m_activationCount{0}; // shared: above 0, the thread should be in its work loop
     Signal m_startSignal;
     Signal m_sleepSignal;
-    Thread* m_nextInRing = nullptr;     // guarded by s_sharedMutex
-    VectorPOD<Job*> m_sharedJobs;       // a heap by priority; guarded by m_sharedLock
-    VectorPOD<Job*> m_localJobs;        // scratch; of a sleeping thread guarded by s_sharedMutex
-    VectorPOD<Job*> m_pushedJobs;       // guarded by m_pushedLock
+    Thread* m_nextInRing = nullptr; // guarded by s_sharedMutex
+    // What thieves, the owner and the givers of jobs write lies on different cache lines; the locks above
+    // all.
+    alignas(CacheLine) VectorPOD<Job*> m_sharedJobs; // a heap by priority; guarded by m_sharedLock
+    alignas(CacheLine) VectorPOD<Job*> m_localJobs;  // scratch; of a sleeping thread guarded by s_sharedMutex
+    alignas(CacheLine) VectorPOD<Job*> m_pushedJobs; // guarded by m_pushedLock
     std::atomic<uint32> m_numPushed{0}; // shared: length of m_pushedJobs, readable without the lock
     std::atomic<uint32> m_running{0};   // shared: set by the thread, cleared by who stops it
-    // A line of its own: thieves hammer on it, and must not disturb the owner's fields.
-    alignas(64) SpinMutex m_sharedLock;
-    alignas(64) SpinMutex m_pushedLock;
-    alignas(
-        64) std::atomic<uint32> m_id; // written before the thread is known, but for a discarded main thread
+    alignas(CacheLine) SpinMutex m_sharedLock;
+    alignas(CacheLine) SpinMutex m_pushedLock;
+    // Written before the thread is known, but for a discarded main thread.
+    alignas(CacheLine) std::atomic<uint32> m_id;
     Timer m_overheadTimer;
     Timer m_activationTimer; // guarded by m_timerLock: started by the activating thread
     Timer m_idleTimer;

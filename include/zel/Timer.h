@@ -26,16 +26,17 @@ public:
     }
 
     /// Starts unless it is running.
-    void start() noexcept {
+    /// @param tick  the present time, where the caller has just read it: reading takes some nanoseconds
+    void start(uint64 tick = now()) noexcept {
         if (!m_running) {
-            m_start = now();
+            m_start = tick;
             m_running = true;
         }
     }
     /// Adds the time since start to the total, if running.
-    void stop() noexcept {
+    void stop(uint64 tick = now()) noexcept {
         if (m_running) {
-            m_ticks += now() - m_start;
+            m_ticks += tick - m_start;
             m_running = false;
         }
     }

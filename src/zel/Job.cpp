@@ -54,9 +54,14 @@ bool Job::resolve() noexcept {
 }
 
 void Job::execute(VectorPOD<Job*>& localJobs, Thread* thread) {
-    startTiming();
+    static_cast<void>(executeAt(Timer::now(), localJobs, thread));
+}
+
+uint64 Job::executeAt(uint64 startTick, VectorPOD<Job*>& localJobs, Thread* thread) {
+    startTiming(startTick);
     implementation();
-    stopTiming();
+    const uint64 endTick = Timer::now();
+    stopTiming(endTick);
     // The job may be freed as soon as its last dependent is resolved, or a waiter let go: from there on only
     // these two pointers are used.
     Job* const* dependent = m_dependents.begin();
@@ -67,19 +72,7 @@ void Job::execute(VectorPOD<Job*>& localJobs, Thread* thread) {
     for (; dependent != end; ++dependent)
         if ((*dependent)->resolve())
             localJobs.push_back(*dependent);
-}
-
-void Job::startTiming() noexcept {
-    m_timing = true;
-    m_cycles = 0;
-    m_startTick = Timer::now();
-}
-
-void Job::stopTiming() noexcept {
-    if (m_timing) {
-        m_timing = false;
-        m_cycles += Timer::now() - m_startTick;
-    }
+    return endTick;
 }
 
 void Job::addDependent(Job* job) {

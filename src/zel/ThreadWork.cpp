@@ -212,10 +212,10 @@ void Thread::workLoop() {
             continue;
         }
         job->m_executingThread = this;
-        m_overheadTimer.stop();
         zelVerify(m_localJobs.empty());
-        job->execute(m_localJobs, this);
-        m_overheadTimer.start();
+        const uint64 startTick = Timer::now();
+        m_overheadTimer.stop(startTick);
+        m_overheadTimer.start(job->executeAt(startTick, m_localJobs, this));
         // The job may be gone; the next one continues here, so that a chain of dependencies stays on its
         // core.
         if (m_localJobs.empty()) {
