@@ -44,9 +44,12 @@ void Job::spawn() {
 }
 
 bool Job::resolve() noexcept {
+    // Read ahead of the addition: once all dependencies are in, the job and its edges may be changed or
+    // freed.
+    const uint32 numDependencies = m_numDependencies;
     // Whoever adds the last one sees, through this chain of read-modify-writes, all that the other
     // dependencies wrote; the queues carry it on to the thread that runs the job.
-    if (m_numResolved.fetch_add(1, std::memory_order_seq_cst) + 1 != m_numDependencies)
+    if (m_numResolved.fetch_add(1, std::memory_order_seq_cst) + 1 != numDependencies)
         return false;
     // No dependency adds for the next pass before this pass has run the job, so the store meets nobody.
     m_numResolved.store(0, std::memory_order_relaxed);

@@ -75,6 +75,8 @@ TEST(BasicThreadTest, CancelledThreadEndsAtItsNextCancellationPoint) {
             pause();
     });
     ASSERT_TRUE(thread.start());
+    while (thread.getState() != zel::BasicThread::State::Running)
+        std::this_thread::yield();
     EXPECT_TRUE(thread.cancel());
     EXPECT_EQ(thread.getState(), zel::BasicThread::State::Cancelled);
     EXPECT_TRUE(thread.join());
