@@ -216,6 +216,30 @@ private:
         std::atomic<bool> done{false}; // set by the thread that completes the task
     };
 
+    /// The spin lock of a queue, and beside it whether the queue holds anything, for those who look without
+    /// locking. A thief that kept trying the lock of an empty queue would keep taking its cache line from the
+    /// owner.
+    class QueueLock {
+    public:
+        explicit QueueLock(const VectorPOD<Job*>& queue) noexcept : m_queue(queue) {}
+        void lock() noexcept { m_mutex.lock(); }
+        /// For thieves: an empty queue is not worth it.
+        [[nodiscard]] bool try_lock() noexcept { return hasJobs() && m_mutex.try_lock(); }
+        void unlock() noexcept {
+            // Written on change only. Sequentially consistent: see the argument in ThreadWork.cpp.
+            const bool hasJobs = !m_queue.empty();
+            if (hasJobs != m_hasJobs.load(std::memory_order_relaxed))
+                m_hasJobs.store(hasJobs, std::memory_order_seq_cst);
+            m_mutex.unlock();
+        }
+        [[nodiscard]] bool hasJobs() const noexcept { return m_hasJobs.load(std::memory_order_seq_cst); }
+
+    private:
+        const VectorPOD<Job*>& m_queue;
+        alignas(CacheLine) std::atomic<bool> m_hasJobs{false}; // written under the lock
+        alignas(CacheLine) SpinMutex m_mutex;
+    };
+
     /// Something to wait for, which is remembered if it comes first.
     class Signal {
     public:
@@ -242,6 +266,7 @@ private:
     void takePushedJobs(uint32 count);
     [[nodiscard]] Thread* chooseVictim(uint32 numThreads, uint32& last);
     [[nodiscard]] bool topFrameDone() const noexcept;
+    [[nodiscard]] bool othersHaveJobs() const noexcept;
     void pushSharedJob(Job* job);
     Job* popSharedJob();
     void takeLocalJobs();
@@ -283,7 +308,7 @@ private:
     alignas(CacheLine) VectorPOD<Job*> m_pushedJobs; // guarded by m_pushedLock
     std::atomic<uint32> m_numPushed{0}; // shared: length of m_pushedJobs, readable without the lock
     std::atomic<uint32> m_running{0};   // shared: set by the thread, cleared by who stops it
-    alignas(CacheLine) SpinMutex m_sharedLock;
+    QueueLock m_sharedLock{m_sharedJobs};
     alignas(CacheLine) SpinMutex m_pushedLock;
     // Written before the thread is known, but for a discarded main thread.
     alignas(CacheLine) std::atomic<uint32> m_id;

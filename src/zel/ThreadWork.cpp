@@ -36,6 +36,13 @@
 //    to threads on the list of sleepers, under s_sharedMutex, hence after the 0. What the resize kept from
 //    running is woken at its end.
 
+// 4. Jobs that a thread keeps in its own queue call nobody while all threads are active, and the last of them
+// may
+//    be about to give up, past its last look at that queue. So a thread looks once more on its way to sleep,
+//    when it is no longer counted as active. The owner of the queue sets the queue's flag and then reads the
+//    count; the sleeper has lowered the count and then reads the flag; all in one total order, so that one
+//    sees the other.
+
 namespace zel {
 
 constinit std::atomic<int32> Thread::s_numActiveThreads{0};
@@ -227,7 +234,7 @@ void Thread::workLoop() {
             if (job == nullptr || remaining == 0)
                 continue;
         }
-        if (s_numActiveThreads.load(std::memory_order_relaxed) < numThreads) // a hint
+        if (s_numActiveThreads.load(std::memory_order_seq_cst) < numThreads)
             wakeupThreads();
     }
     if (job != nullptr) {
@@ -322,7 +329,17 @@ void Thread::activate() {
     m_sleepSignal.release();
 }
 
+bool Thread::othersHaveJobs() const noexcept {
+    const auto numThreads = static_cast<uint32>(getNumThreads());
+    for (uint32 i = 0; i < numThreads; ++i)
+        if (const Thread* thread = getThread(i);
+            thread != nullptr && thread != this && thread->m_sharedLock.hasJobs())
+            return true;
+    return false;
+}
+
 void Thread::sleep() {
+    bool called = false;
     {
         const std::lock_guard lock(s_sharedMutex);
         if (s_unhandledException)
@@ -330,7 +347,11 @@ void Thread::sleep() {
         s_sleepingThreads.push_back(this);
         m_activationCount.store(0, std::memory_order_seq_cst);
         m_sleeping = true;
+        // While the pool changes, threads come and go, and there is no work.
+        called = !s_changing && othersHaveJobs();
     }
+    if (called)
+        activate();
     m_idleTimer.start();
     if (m_numPushed.load(std::memory_order_seq_cst) == 0)
         m_sleepSignal.wait();
