@@ -64,7 +64,7 @@ TEST_P(ReferencedStressTest, CopiesOnManyThreadsKeepTheCountExact) {
 
 TEST_P(ReferencedStressTest, TheLastOfManyOwnersDeletesOnce) {
     const size_t numThreads = GetParam();
-    const size_t rounds = 20'000 / zelTest::StressDivisor;
+    const size_t rounds = 4'000 / zelTest::StressDivisor;
     std::vector<ref_ptr<Shared>> owners(numThreads);
     const auto refill = [&owners]() noexcept {
         const ref_ptr<Shared> fresh(new Shared);
@@ -110,7 +110,7 @@ TEST_P(ReferencedStressTest, ObserversComeAndGoOnManyThreads) {
 
 TEST_P(ReferencedStressTest, ObserversOfObjectsThatDieElsewhereReadNull) {
     const size_t numThreads = GetParam();
-    const size_t rounds = 20'000 / zelTest::StressDivisor / numThreads;
+    const size_t rounds = 4'000 / zelTest::StressDivisor / numThreads;
     // Each thread watches the objects of its right neighbour, who destroys them between the barriers.
     std::vector<ref_ptr<Shared>> objects(numThreads);
     std::barrier sync(static_cast<std::ptrdiff_t>(numThreads));
