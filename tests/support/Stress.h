@@ -24,10 +24,8 @@
 namespace zelTest {
 
 /// Sanitizers make every memory access dear: the same work, fewer times.
-#if defined(ZEL_TEST_UNDER_TSAN)
-inline constexpr size_t StressDivisor = 20;
-#elif defined(ZEL_TEST_UNDER_ASAN)
-inline constexpr size_t StressDivisor = 10;
+#if defined(ZEL_TEST_UNDER_TSAN) || defined(ZEL_TEST_UNDER_ASAN)
+inline constexpr size_t StressDivisor = 5;
 #else
 inline constexpr size_t StressDivisor = 1;
 #endif
