@@ -46,8 +46,8 @@ public:
     [[nodiscard]] static Model* ClassModel();
 
     /// Runs the task and returns when it is complete. The caller works meanwhile; a thread that is not
-    /// registered is so for the duration. A second caller waits for the first; a call from one of the task's
-    /// own jobs never returns.
+    /// registered is so for the duration. A second caller waits for the first; a call from within the same
+    /// run ends the process.
     /// @throws what a job threw on this thread; the system is then to be shut down
     void execute();
     [[nodiscard]] bool isRunning() const noexcept {
@@ -131,9 +131,13 @@ protected:
 private:
     friend class Thread; // m_completes
 
-    std::atomic<bool> m_running{false}; // written by the thread of the first and the last job
-    std::atomic<bool> m_claimed{false}; // shared: a thread is inside execute()
-    Thread* m_thread = nullptr;         // while the task is active guarded by Thread::s_sharedMutex
+    /// Waits until no other thread executes the task.
+    /// @return false if the calling thread executes it already
+    [[nodiscard]] bool claim(Thread* thread);
+
+    std::atomic<bool> m_running{false};        // written by the thread of the first and the last job
+    std::atomic<Thread*> m_claimedBy{nullptr}; // shared: the thread inside execute()
+    Thread* m_thread = nullptr;                // while the task is active guarded by Thread::s_sharedMutex
     bool m_completes = false; // this run was started by Thread::addTask, which wants to know of its end
     Timer m_computeTimer;
     Timer m_wallTimer;

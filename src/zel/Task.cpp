@@ -76,11 +76,11 @@ void Task::releaseJob(Job& job) {
 
 namespace {
 
-/// Lets one thread at a time execute a task, and points the task's last job at that thread.
+/// Ends a thread's claim to a task, whose last job points at that thread meanwhile.
 class Claim {
 public:
-    Claim(std::atomic<bool>& claimed, Job* postJob, Thread* thread)
-        : m_claimed(claimed), m_postJob(postJob), m_oldTarget(postJob->getTargetThread()) {
+    Claim(std::atomic<Thread*>& claimedBy, Job* postJob, Thread* thread)
+        : m_claimedBy(claimedBy), m_postJob(postJob), m_oldTarget(postJob->getTargetThread()) {
         m_postJob->setTargetThread(thread);
     }
     Claim(const Claim&) = delete;
@@ -89,30 +89,41 @@ public:
         // The task may be part of another one's run next, on other threads.
         m_postJob->setTargetThread(m_oldTarget);
         // Release: pairs with the acquire of the next thread to execute the task.
-        m_claimed.store(false, std::memory_order_release);
+        m_claimedBy.store(nullptr, std::memory_order_release);
     }
 
 private:
-    std::atomic<bool>& m_claimed;
+    std::atomic<Thread*>& m_claimedBy;
     Job* m_postJob;
     Thread* m_oldTarget;
 };
 
 } // namespace
 
-void Task::execute() {
-    // A task is not re-entrant. After an exception it may never stop running: that one is refused by addTask.
-    while (m_claimed.exchange(true, std::memory_order_acquire))
+bool Task::claim(Thread* thread) {
+    for (;;) {
+        Thread* owner = nullptr;
+        // Acquire: pairs with the release of the thread that executed the task before.
+        if (m_claimedBy.compare_exchange_strong(owner, thread, std::memory_order_acquire))
+            return true;
+        if (owner == thread)
+            return false;
         sched_yield();
-    while (isRunning() && !hasUnhandledException())
-        sched_yield();
+    }
+}
 
+void Task::execute() {
     Thread* thread = Thread::getCurrentThread();
     const bool registered = thread == nullptr;
     if (registered)
         thread = Thread::registerAsZelThread();
+    // A task is not re-entrant: a second thread waits for the first. A thread that is executing the task
+    // already would wait for itself, and a task that has thrown may never stop running: addTask refuses both.
+    if (claim(thread))
+        while (isRunning() && !hasUnhandledException())
+            sched_yield();
     {
-        const Claim claim(m_claimed, getPostJob(), thread);
+        const Claim end(m_claimedBy, getPostJob(), thread);
         m_thread = thread;
         Thread::addTask(this);
         thread->blockingDoWork();

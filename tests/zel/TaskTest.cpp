@@ -234,6 +234,16 @@ TEST_F(TaskDeathTest, AddingAnActiveTaskIsRefused) {
         "zelVerify failed: `!s_activeTasks.contains\\(task\\)'");
 }
 
+TEST_F(TaskDeathTest, ExecutingATaskFromItsOwnRunIsRefused) {
+    EXPECT_DEATH(
+        {
+            ref_ptr<SerialTask> task = serial("t");
+            task->setDispatch([&] { task->execute(); });
+            task->execute();
+        },
+        "zelVerify failed: `!s_activeTasks.contains\\(task\\)'");
+}
+
 TEST_F(TaskDeathTest, AddingATaskWithoutAThreadIsRefused) {
     const auto task = serial("t");
     EXPECT_DEATH(Thread::addTask(task.get()), "zelVerify failed: `thread'");
