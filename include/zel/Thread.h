@@ -294,6 +294,7 @@ private:
     // Owner only, unless noted otherwise.
     ref_ptr<Notify::ThreadData> m_notifyData;
     FastRandom m_random;
+    double m_theftPause = 0;                          // before the next attempt to steal, in milliseconds
     Frame m_frames[ZEL_THREAD_FRAME_STACK_MAX_DEPTH]; // tasks guarded by s_sharedMutex
     std::atomic<uint64> m_numFrames{0};               // written by the owner, read by completing threads
     uint64 m_workDepth = 0;

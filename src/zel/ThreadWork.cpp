@@ -22,26 +22,24 @@
 //    sleeps and is let through at once. `sleep` clears the flag only when it is through, and the thread then
 //    looks at its frame and its queues.
 // 2. The count was above 0: nobody is woken. Somebody who raised it from 0 is case 1, and the thread has
-// still to
-//    come through `sleep` or was never in it; what it looks at next, it looks at after the present call
-//    stored it, or the present call comes after the look and finds the count that the look left behind. That
-//    count is lowered in two places only. At the end of the work loop it is lowered by one, so a call during
-//    the loop leaves it above 0, and the thread does not sleep. In `sleep` it is set to 0, after the thread
-//    has been entered in the list of sleepers under s_sharedMutex, and *then* the pushed count is read: a job
-//    pushed with a call that fell before the 0 has its count stored before it, and the read sees it.
+//    still to come through `sleep` or was never in it; what it looks at next, it looks at after the present
+//    call stored it, or the present call comes after the look and finds the count that the look left behind.
+//    That count is lowered in two places only. At the end of the work loop it is lowered by one, so a call
+//    during the loop leaves it above 0, and the thread does not sleep. In `sleep` it is set to 0, after the
+//    thread has been entered in the list of sleepers under s_sharedMutex, and *then* the pushed count is
+//    read: a job pushed with a call that fell before the 0 has its count stored before it, and the read sees
+//    it.
 // 3. The calls that could fall between a look and that 0 without a flag need a count above 0 there. A waiting
 //    thread goes to sleep only when it has read 0 after its last look at the frame; whoever raises it
 //    afterwards sets the flag. A worker may get there with a higher count while the system resizes its pool;
 //    no task is active then, nobody waits for a frame, pushed jobs are found as in 2, and jobs are dealt only
 //    to threads on the list of sleepers, under s_sharedMutex, hence after the 0. What the resize kept from
 //    running is woken at its end.
-
-// 4. Jobs that a thread keeps in its own queue call nobody while all threads are active, and the last of them
-// may
-//    be about to give up, past its last look at that queue. So a thread looks once more on its way to sleep,
-//    when it is no longer counted as active. The owner of the queue sets the queue's flag and then reads the
-//    count; the sleeper has lowered the count and then reads the flag; all in one total order, so that one
-//    sees the other.
+// 4. Jobs that a thread keeps in its own queue call nobody while all threads are active, and the last of
+//    them may be about to give up, past its last look at that queue. So a thread looks once more on its way
+//    to sleep, when it is no longer counted as active. The owner of the queue sets the queue's flag and then
+//    reads the count; the sleeper has lowered the count and then reads the flag; all in one total order, so
+//    that one sees the other.
 
 namespace zel {
 
@@ -60,6 +58,13 @@ struct LowerPriority {
 // The times after which a thief gives the processor away between attempts, and gives up, in milliseconds.
 constexpr double YieldTime = 0.05;
 constexpr double GiveUpTime = 0.1;
+// A theft moves half a dozen cache lines from the victim to the thief and back, which costs both more than a
+// job that does next to nothing is worth. A thread whose last jobs were shorter than this lets a while pass
+// before it steals again, twice as long with every such job, so that it does not keep its victim from being
+// faster alone. In milliseconds.
+constexpr double ShortJobTime = 200e-6;
+constexpr double FirstPause = 0.001;
+constexpr double LongestPause = 0.016;
 
 } // namespace
 
@@ -205,6 +210,7 @@ void Thread::workLoop() {
 
     Job* job = nullptr;
     size_t remaining = 0; // length of the queue at the last pop
+    m_theftPause = 0;
     while (!topFrameDone()) {
         if (job == nullptr) {
             const Taken taken = takeJob(job, remaining);
@@ -222,7 +228,12 @@ void Thread::workLoop() {
         zelVerify(m_localJobs.empty());
         const uint64 startTick = Timer::now();
         m_overheadTimer.stop(startTick);
-        m_overheadTimer.start(job->executeAt(startTick, m_localJobs, this));
+        const uint64 endTick = job->executeAt(startTick, m_localJobs, this);
+        m_overheadTimer.start(endTick);
+        if (Timer::toMilliseconds(endTick - startTick) < ShortJobTime)
+            m_theftPause = std::clamp(2 * m_theftPause, FirstPause, LongestPause);
+        else
+            m_theftPause = 0;
         // The job may be gone; the next one continues here, so that a chain of dependencies stays on its
         // core.
         if (m_localJobs.empty()) {
@@ -303,6 +314,8 @@ void Thread::stealWork() {
             takePushedJobs(count);
             return;
         }
+        if (elapsed < m_theftPause)
+            continue;
         // The victim's lock is tried and never waited for: two thieves, each under its own lock, would wait
         // for each other.
         Thread* victim = chooseVictim(numThreads, last);
