@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <type_traits>
 #include <utility>
 
@@ -155,6 +156,7 @@ public:
 
     /// Inserts the key, or overwrites the equal key that is there already.
     /// @return the key's position
+    /// @throws std::length_error if eleven other keys have the same 32-bit hash: no table could part them
     const_iterator insert(Key key) {
         const uint32 hash = Hash()(key);
         return insertHashed(std::move(key), hash);
@@ -186,6 +188,8 @@ public:
                 if (deleted != NoSlot && p >= m_maxProbeLength)
                     return place(deleted, deletedProbe, std::move(key), hash);
             }
+            if (pathIsOf(hash))
+                throw std::length_error("HashSet: more than 11 keys have the same hash");
             rebuild(static_cast<uint64>(2.0 * static_cast<double>(m_capacity)));
         }
     }
@@ -334,6 +338,18 @@ private:
             m_maxProbeLength = static_cast<uint16>(p);
         ++m_size;
         return {this, index};
+    }
+
+    /// Whether the slots that a key of this hash may lie in are as many as there can be, and hold keys of the
+    /// same hash, so that no larger table would have a place for it.
+    [[nodiscard]] [[gnu::noinline]] bool pathIsOf(uint32 hash) const {
+        if (m_capacity <= (ProbeLimit - 1) * (ProbeLimit - 1))
+            return false;
+        const uint64 home = m_modulo(hash);
+        for (uint64 p = 0; p < ProbeLimit; ++p)
+            if (Hash()(m_table[probe(home, p)].key) != hash)
+                return false;
+        return true;
     }
 
     [[gnu::noinline]] void grow() {

@@ -41,7 +41,12 @@ public:
             NameHeader::of(found).count.store(Disowned, std::memory_order_seq_cst);
         }
         char* fresh = allocate(text);
-        m_texts->insertHashed(static_cast<const char*>(fresh), hash);
+        try {
+            m_texts->insertHashed(static_cast<const char*>(fresh), hash);
+        } catch (...) {
+            std::free(&NameHeader::of(fresh));
+            throw;
+        }
         return fresh;
     }
 

@@ -9,6 +9,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -347,6 +348,25 @@ TEST(HashSetTest, ARebuildThatThrowsKeepsTheKeys) {
     EXPECT_EQ(set.size(), 20U);
     for (int i = 0; i < 20; ++i)
         EXPECT_TRUE(set.contains(Counted(i)));
+}
+
+TEST(HashSetTest, RefusesATwelfthKeyOfTheSameHash) {
+    struct SameHash {
+        zel::uint32 operator()(int) const noexcept { return 7; }
+        static bool equal(int a, int b) noexcept { return a == b; }
+    };
+    zel::HashSetImplementation<int, SameHash> set;
+    for (int key = 0; key < 11; ++key)
+        set.insert(key);
+    try {
+        set.insert(11);
+        FAIL() << "found a place";
+    } catch (const std::length_error& error) {
+        EXPECT_STREQ(error.what(), "HashSet: more than 11 keys have the same hash");
+    }
+    EXPECT_EQ(set.size(), 11U);
+    for (int key = 0; key < 11; ++key)
+        EXPECT_TRUE(set.contains(key));
 }
 
 TEST(HashSetTest, CopiesSlotBySlotAndMovesAsAWhole) {
