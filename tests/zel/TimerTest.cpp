@@ -1,6 +1,10 @@
+#include "support/LogCapture.h"
+
 #include <zel/Timer.h>
 
 #include <gtest/gtest.h>
+
+#include <utility>
 
 namespace {
 
@@ -14,6 +18,15 @@ void passATick() {
 TEST(TimerTest, TheClockSpeedIsMeasuredAtLoad) {
     EXPECT_GT(zel::Timer::s_clockSpeed, 0);
     EXPECT_LT(zel::Timer::s_clockSpeed, 1); // no counter ticks as slowly as once a millisecond
+}
+
+TEST(TimerTest, WarnsWhenTheClockSpeedCannotBeMeasured) {
+    for (const auto& [milliseconds, ticks] : {std::pair{0.0, 1.0}, {1.0, 0.0}, {-1.0, 1.0}, {1.0, -1.0}}) {
+        const zelTest::LogCapture log(zel::Notify::Warning);
+        EXPECT_EQ(zel::Timer::clockSpeedFrom(milliseconds, ticks), 1.0);
+        EXPECT_EQ(log.text(), "Could not determine CPU speed, zel::Timer will not function correctly.\n");
+    }
+    EXPECT_EQ(zel::Timer::clockSpeedFrom(1.0, 4.0), 0.25);
 }
 
 TEST(TimerTest, IsStoppedAtZeroAtFirst) {
