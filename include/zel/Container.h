@@ -2,6 +2,10 @@
 
 #include <zel/Integers.h>
 
+namespace zelData {
+class Buffer;
+} // namespace zelData
+
 namespace zel {
 
 /// What every array has: the number of elements, the number it has room for, and where they lie.
@@ -16,6 +20,7 @@ protected:
     ~Container() = default;
 
     friend class ThreadLocalAllocator; // moves the storage of all containers of a thread at once
+    friend class zelData::Buffer;      // lets a container mirror its own storage
 
     size_t m_size = 0;
     size_t m_capacity = 0;
