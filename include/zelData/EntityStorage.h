@@ -1,0 +1,385 @@
+#pragma once
+
+#include <zel/Component.h>
+#include <zel/Export.h>
+#include <zel/HashTable.h>
+#include <zel/Integers.h>
+#include <zel/InvalidIndex.h>
+#include <zel/Name.h>
+#include <zel/Range.h>
+#include <zel/Vector.h>
+#include <zel/Xml.h>
+#include <zel/ref_ptr.h>
+#include <zelData/Array.h>
+#include <zelData/Attribute.h>
+#include <zelData/EntityModel.h>
+#include <zelData/EntityPtr.h>
+#include <zelData/EntityRange.h>
+
+#include <iosfwd>
+#include <utility>
+
+namespace zelData {
+
+class Buffer;
+class EntityData;
+class Value;
+template <typename T>
+class ValueT;
+
+/// Holds the instances of one entity in columns: one buffer per attribute, all of the same length. The
+/// instances in use lie at the indices 0 to size - 1 without gaps, so that a loop streams over each column;
+/// each instance has an id besides, which never changes while the instance lives.
+///
+///     index            0     1     2  |  3 ... capacity - 1
+///     instance table   id 0  id 2  id 1  id 3 ...              slots from size on hold the free ids, a stack
+///     idToIndex        at id: the slot that holds the id
+///
+/// Creation takes the id in slot `size`; destruction moves the last instance into the hole and the freed id
+/// to the top of the stack, so that the last id that was freed is used next. For every slot i below the
+/// capacity, idToIndex[id in slot i] is i; verifyConsistency checks it.
+///
+/// The size and the capacity are values in the tree, "numElements" and "capacity": whoever writes them
+/// resizes the storage.
+/// @threads owner thread: the structure changes between task executions only. Kernels write elements in
+///     parallel, and add instances by beginBatch and commitBatch.
+/// @cost creation and destruction of an instance: one move per column, and no allocation while it fits
+class ZEL_CORE_API EntityStorage : public zel::Component {
+public:
+    // Records of what has happened, in <zelData/EntityStorageEvents.h>
+    class InstanceEvent;
+    class DestroyEvent;
+    class CreateInstanceEvent;
+    class CreateInstancesEvent;
+    class CreateInstancesEvent2;
+    class DestroyInstanceEvent;
+    class DestroyInstancesEvent;
+    class DestroyInstancesEvent2;
+    class PermuteEvent;
+
+    /// Learns of what happens to the instances of a storage. Not owned by it. Creation is told after the
+    /// fact, destruction while the instances are still intact. A listener may remove itself, or others, while
+    /// it is called.
+    class ZEL_CORE_API EventListener {
+    public:
+        virtual ~EventListener() = default;
+        // None of them does anything by default.
+        virtual void destroyCallback(EntityStorage* storage);
+        virtual void createInstanceCallback(EntityStorage* storage, EntityPtr instance);
+        virtual void createInstancesCallback(EntityStorage* storage, EntityRange range);
+        virtual void createInstancesCallback(EntityStorage* storage, Array<EntityPtr> instances);
+        virtual void destroyInstanceCallback(EntityStorage* storage, EntityPtr instance);
+        virtual void destroyInstancesCallback(EntityStorage* storage, EntityRange range);
+        virtual void destroyInstancesCallback(EntityStorage* storage, Array<EntityPtr> instances);
+        virtual void permuteCallback(EntityStorage* storage, Array<zel::uint32> permutation);
+    };
+
+    /// The listeners of one storage, in the order in which they were added. They may come and go while they
+    /// are called; one that comes waits for the next event.
+    class ZEL_CORE_API EventDispatch {
+    public:
+        /// Adding one twice does nothing.
+        void addListener(EventListener* listener);
+        void removeListener(EventListener* listener);
+        [[nodiscard]] bool hasListener(const EventListener* listener) const;
+        [[nodiscard]] bool empty() const noexcept { return m_listeners.empty(); }
+
+        void triggerDestroyEvent(EntityStorage* storage);
+        void triggerCreateInstanceEvent(EntityStorage* storage, EntityPtr instance);
+        void triggerCreateInstancesEvent(EntityStorage* storage, EntityRange range);
+        void triggerCreateInstancesEvent(EntityStorage* storage, Array<EntityPtr> instances);
+        void triggerDestroyInstanceEvent(EntityStorage* storage, EntityPtr instance);
+        void triggerDestroyInstancesEvent(EntityStorage* storage, EntityRange range);
+        void triggerDestroyInstancesEvent(EntityStorage* storage, Array<EntityPtr> instances);
+        void triggerPermuteEvent(EntityStorage* storage, Array<zel::uint32> permutation);
+
+    private:
+        template <typename Call>
+        void forEach(const Call& call);
+
+        zel::Vector<EventListener*> m_listeners; // null where one went away during a walk
+        zel::uint32 m_numWalks = 0;
+    };
+
+    static constexpr zel::uint64 DefaultCapacity = 32;
+    /// Ids and indices are 32 bits wide, and the largest stands for none.
+    static constexpr zel::uint64 MaximumCapacity = 0xFFFFFFFFU;
+
+    /// The name of the buffer from id to index.
+    static const char* const IdToIndexName;
+    /// The name under which a frame carries the ids of the instance table.
+    static const char* const IndexToIdName;
+
+    /// @param model  kept alive; derives from the root model, which is verified
+    explicit EntityStorage(EntityModel* model, zel::uint64 capacity = DefaultCapacity);
+    EntityStorage(EntityModel* model, const zel::Name& name, zel::uint64 capacity = DefaultCapacity);
+    /// A storage without an entity, which has no columns; a base for storages that register their own.
+    explicit EntityStorage(const zel::Name& name);
+    /// For readers of frames: takes size and capacity as they are and builds no instances.
+    /// @param isFrameStorage  true, which is verified
+    EntityStorage(EntityModel* model,
+                  const zel::Name& name,
+                  bool isFrameStorage,
+                  zel::uint64 size,
+                  zel::uint64 capacity);
+    ~EntityStorage() override;
+
+    using Component::configure;
+    /// Reads "name", the child elements "Value", "capacity" and "numElements" (an expression).
+    /// @throws std::runtime_error with file and row
+    void configure(zel::TiXmlElement* element) override;
+    zel::Object* getResourceImpl(const zel::Path& path, zel::Model* model) override;
+
+    // Instances
+
+    /// Makes an instance at the end. Handles and indices of the others stay valid.
+    EntityPtr createInstance();
+    /// Makes n instances at the end, column by column. Above 1000 the storage reserves size + n exactly.
+    EntityRange createInstances(zel::uint64 n);
+    /// Destroys an instance; the last one takes its place. Listeners are called ahead of the change.
+    /// @pre the id is that of a live instance, which is verified
+    void destroyInstance(zel::uint32 id);
+    /// Destroys the instances of a list, column by column. Handles may be repeated.
+    /// @param triggerEvent  whether listeners are called
+    void destroyInstances(const EntityPtr* instances, zel::uint64 n, bool triggerEvent = true);
+    void destroyInstances(const EntityRange& range);
+    /// Moves an instance out of the live ones, without events and without writing the size value, for code
+    /// that does both itself.
+    void preDestroy(const EntityPtr& instance);
+    /// Destroys all instances. The ids are used again in the order in which they stand in the table.
+    void clear();
+    /// Destroys all instances and begins anew with id 0.
+    void reset();
+
+    /// Opens a batch: until commitBatch, no event tells of new instances. Refused while one is open.
+    void beginBatch();
+    /// Closes the batch with a size not below that at its beginning. Listeners learn of the new instances.
+    void commitBatch(zel::uint64 size);
+    [[nodiscard]] bool isBatchOpen() const noexcept { return m_batchIndex != zel::InvalidIndex; }
+
+    // Size
+
+    [[nodiscard]] zel::uint64 size() const noexcept { return m_size; }
+    [[nodiscard]] zel::uint64 capacity() const noexcept { return m_capacity; }
+    [[nodiscard]] bool empty() const noexcept { return m_size == 0; }
+    /// @param initialize  whether new instances get their default values and destroyed ones are destructed
+    void resize(zel::uint64 n, bool initialize = true);
+    /// Makes room for n instances; never gives room back.
+    void reserve(zel::uint64 n);
+    /// For bulk readers: reserves, and sets the size without value, events and initialisation.
+    void presize(zel::uint64 size, zel::uint64 capacity);
+    /// For readers that replace all content: sets size and capacity; buffers keep their memory if only the
+    /// capacity changes.
+    void keyFrameResize(zel::uint64 size, zel::uint64 capacity);
+
+    // Order
+
+    void swapInstances(zel::uint64 index1, zel::uint64 index2);
+    /// The swaps of the list one after the other, buffer by buffer.
+    void swapInstances(const zel::Vector<std::pair<zel::uint32, zel::uint32>>& pairs);
+    /// Exchanges the identities of two instances and leaves their data where it is.
+    void swapInstanceIds(zel::uint32 id1, zel::uint32 id2);
+    /// Brings the instances into another order: new element i is old element permutation[i]. Handles stay
+    /// valid.
+    /// @param permutation  of the length size(), which is verified
+    void reorder(const Array<zel::uint32>& permutation);
+    void reorder(const zel::VectorPOD<zel::uint32>& permutation);
+    /// The steps of reorder, for callers that spread them over jobs: preparePermutation; reorderAttributes
+    /// over disjoint ranges, in parallel; commitPermutation.
+    void preparePermutation();
+    /// @param range  of the new indices
+    void reorderAttributes(const zel::IndexRange& range, const Array<zel::uint32>& permutation);
+    void commitPermutation(const Array<zel::uint32>& permutation);
+
+    // Copies
+
+    /// Makes an instance in the other storage with the content of the one here.
+    EntityPtr copyInstance(zel::uint32 id, EntityStorage* target);
+    /// Gives the instance `targetId` of the other storage, whose model must be this one's or one that it
+    /// derives from, the content of the one here.
+    void copyInstance(zel::uint32 id, EntityStorage* target, zel::uint32 targetId);
+    /// Moves an instance to another storage.
+    /// @return its new handle
+    EntityPtr transferInstance(zel::uint32 id, EntityStorage* target);
+    /// Not implemented: end the process.
+    [[noreturn]] static void copy(EntityStorage* target, const EntityStorage* source);
+    [[noreturn]] EntityStorage* clone() const;
+
+    // Handles
+
+    /// The present index of an instance.
+    /// @pre the id is below the capacity; not checked
+    [[nodiscard]] zel::uint32 getIndex(zel::uint32 id) const noexcept {
+        return m_idToIndexPtr == nullptr ? id : m_idToIndexPtr[id];
+    }
+    /// The id of the instance at an index.
+    /// @pre the index is below the capacity; not checked
+    [[nodiscard]] zel::uint32 getId(zel::uint64 index) const noexcept {
+        return m_instancePtr == nullptr ? static_cast<zel::uint32>(index) : m_instancePtr[index].getId();
+    }
+    /// The handle of the instance at an index.
+    [[nodiscard]] EntityPtr getInstance(zel::uint64 index) noexcept { return {this, getId(index)}; }
+    using Component::getId;
+    /// Whether the id is that of a live instance.
+    [[nodiscard]] bool isAlive(zel::uint32 id) const noexcept {
+        return id < m_capacity && getIndex(id) < m_size;
+    }
+
+    // Columns
+
+    [[nodiscard]] EntityModel* getEntityModel() const noexcept { return m_entity.get(); }
+    /// The column of an attribute, or null.
+    [[nodiscard]] Buffer* getBuffer(const Attribute* attribute) const noexcept {
+        const zel::uint32 id = attribute->getAttributeId();
+        return id < m_buffers.size() ? m_buffers[id].get() : nullptr;
+    }
+    /// The column of the attribute with the name, or a buffer that the storage has beside its columns; null
+    /// if there is neither.
+    [[nodiscard]] Buffer* getBuffer(const zel::Name& name) const;
+    /// The first element of an attribute's column; null without one.
+    [[nodiscard]] void* getElements(const Attribute* attribute) const noexcept;
+    /// By attribute id; an entry may be null.
+    [[nodiscard]] const zel::Vector<zel::ref_ptr<Buffer>>& getBuffers() const noexcept { return m_buffers; }
+    [[nodiscard]] Buffer* getInstanceBuffer() const noexcept { return m_instanceBuffer.get(); }
+    [[nodiscard]] Buffer* getIdToIndexBuffer() const noexcept { return m_idToIndexBuffer.get(); }
+    /// Makes and registers the column of an attribute; null for an attribute that has none.
+    Buffer* createBuffer(Attribute* attribute);
+    /// Enters a buffer that is connected to an attribute.
+    void registerBuffer(Buffer* buffer);
+    /// Connects a free buffer to this storage and the attribute, and enters it.
+    void explicityRegisterBuffer(Buffer* buffer, Attribute* attribute);
+    void unregisterBuffer(Buffer* buffer);
+    /// Gives this storage alone a further column.
+    /// @param attribute  of no entity; kept alive
+    void addCustomAttribute(Attribute* attribute);
+    [[nodiscard]] const zel::Vector<zel::ref_ptr<Attribute>>& getCustomAttributes() const noexcept {
+        return m_customAttributes;
+    }
+
+    /// Makes a storage that has instances and handles of its own over the columns of this one: when one
+    /// changes its size or order, so does the other.
+    /// @return a new storage without owner, which keeps this one alive
+    [[nodiscard]] EntityStorage* createSharedStorage();
+
+    /// The order of the instances as a user sees it, which a permutation leaves alone; made at the first call
+    /// with the present order.
+    Buffer* getOrCreateGlobalOrderBuffer();
+    [[nodiscard]] Buffer* getGlobalOrderBuffer() const noexcept { return m_globalOrderBuffer.get(); }
+
+    [[nodiscard]] EntityData* getData() const noexcept { return m_data.get(); }
+    [[nodiscard]] ValueT<zel::uint64>* getSizeValue() const noexcept { return m_sizeValue.get(); }
+    [[nodiscard]] ValueT<zel::uint64>* getCapacityValue() const noexcept { return m_capacityValue.get(); }
+    /// Whether the change of size under way initialises new elements and destructs old ones.
+    [[nodiscard]] bool getInitializeOnResize() const noexcept { return m_initializeOnResize; }
+
+    [[nodiscard]] bool useInstanceTable() const noexcept { return m_useInstanceTable; }
+    /// Makes the instance table anew, or drops it: without one, handles hold indices.
+    void setUseInstanceTable(bool use);
+
+    // Events
+
+    [[nodiscard]] bool getEnableEvents() const noexcept { return m_enableEvents; }
+    void setEnableEvents(bool enable) noexcept { m_enableEvents = enable; }
+    using Object::addListener;
+    using Object::hasListener;
+    using Object::removeListener;
+    /// The listener must be removed, or outlive the storage. Adding one twice does nothing.
+    void addListener(EventListener* listener) { m_eventDispatch.addListener(listener); }
+    void removeListener(EventListener* listener) { m_eventDispatch.removeListener(listener); }
+    [[nodiscard]] bool hasListener(const EventListener* listener) const {
+        return m_eventDispatch.hasListener(listener);
+    }
+
+    /// For code that creates or destroys instances by other ways than the operations above.
+    [[nodiscard]] EventDispatch& getEventDispatch() noexcept { return m_eventDispatch; }
+
+    // Diagnosis
+
+    /// The bytes of all columns for the present capacity, with the tables of ids.
+    [[nodiscard]] zel::uint64 getNumBytes() const;
+    /// Ends the process unless each id leads to the slot that holds it.
+    void verifyConsistency() const;
+    void print(std::ostream& stream) const;
+    /// The same on the standard output stream.
+    void print() const;
+    /// Writes size, capacity and the id in each slot on the standard output stream.
+    void printInstanceTable() const;
+
+    /// Makes the storage that an element of the tag "Entity.Storage" describes.
+    /// @return a new storage without owner
+    /// @throws std::runtime_error with file and row
+    [[nodiscard]] static EntityStorage* load(zel::TiXmlElement* element, zel::Device* device);
+    /// The storage at an address, if there is one that lives.
+    [[nodiscard]] static EntityStorage* find(const void* address);
+
+    [[nodiscard]] static zel::Model* ClassModel();
+
+private:
+    friend class EntityModel; // gives storages a buffer for a new attribute
+    friend class EntityData;
+
+    struct SharedStorageTag {};
+    EntityStorage(EntityStorage* master, SharedStorageTag tag);
+
+    void createValues(zel::uint64 size, zel::uint64 capacity);
+    void init(zel::uint64 capacity);
+    void createColumns();
+    void createSharedStorages();
+    void enterModel();
+    void createIdToIndexBuffer();
+    void addAttribute(Attribute* attribute);
+    void createElementBuffer(Buffer* buffer, Attribute* attribute);
+    static void elementBufferReallocationCallback(Buffer* buffer, const Buffer* elementBuffer);
+    void connectReserveCallback();
+    void initializeInstances(zel::uint64 begin, zel::uint64 end);
+    void refreshTables();
+
+    void resizeCallback(zel::uint64 n);
+    void reserveCallback(zel::uint64 n);
+    void sharedResizeCallback(zel::uint64 n, bool initialize);
+    void sharedReserveCallback(zel::uint64 n);
+    void constructInstances(zel::uint64 begin, zel::uint64 end);
+    void growGlobalOrder(zel::uint64 oldSize);
+
+    void moveToEnd(zel::uint64 index, zel::uint64 last);
+    void exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept;
+    void permuteSlots(const Array<zel::uint32>& permutation);
+    template <typename Visit>
+    void forEachColumn(const Visit& visit) const;
+    template <typename Visit>
+    void forEachRelative(const Visit& visit);
+    [[nodiscard]] bool hasRelatives() const noexcept { return m_master || !m_sharedStorages.empty(); }
+    [[nodiscard]] bool firesEvents() const noexcept { return m_enableEvents && m_useInstanceTable; }
+
+    zel::ref_ptr<ValueT<zel::uint64>> m_sizeValue;
+    zel::ref_ptr<ValueT<zel::uint64>> m_capacityValue;
+    zel::uint64 m_size = 0;
+    zel::uint64 m_capacity = 0;
+    bool m_useInstanceTable = true;
+    bool m_insideCreate = false;
+    bool m_initializeOnResize = true;
+    bool m_noInitializeOnce = false;
+    zel::ref_ptr<EntityModel> m_entity;
+    zel::HashTable<const Attribute*, zel::ref_ptr<Buffer>> m_bufferTable;
+    zel::Vector<zel::ref_ptr<Buffer>> m_buffers;
+    zel::ref_ptr<Buffer> m_instanceBuffer;
+    zel::ref_ptr<EntityData> m_data;
+    zel::Vector<zel::ref_ptr<Attribute>> m_customAttributes;
+    zel::VectorPOD<void*> m_permutationBuffers; // by attribute id; empty unless a permutation is under way
+    zel::ref_ptr<Buffer> m_globalOrderBuffer;
+    zel::Vector<EntityStorage*> m_sharedStorages; // made by createSharedStorage; not owned
+    zel::ref_ptr<Buffer> m_idToIndexBuffer;
+    Array<zel::uint32> m_idToIndex;
+    zel::uint64 m_resizeCallbackId = 0;
+    zel::uint64 m_reserveCallbackId = 0;
+    zel::uint64 m_instanceCallbackId = 0;
+    zel::uint64 m_idToIndexCallbackId = 0;
+    EventDispatch m_eventDispatch;
+    zel::uint64 m_batchIndex = zel::InvalidIndex;
+    bool m_enableEvents = true;
+    zel::ref_ptr<EntityStorage> m_master;  // of a shared storage
+    zel::uint32* m_idToIndexPtr = nullptr; // the elements of the two tables
+    EntityPtr* m_instancePtr = nullptr;
+};
+
+} // namespace zelData
