@@ -72,7 +72,7 @@ ZEL_CORE_API Type* getOrCreateType(const zel::String& name);
 /// "value", and the format in "format".
 /// @param device  chooses the format of a type where none is named; null for the type's default
 /// @throws std::runtime_error with file and row
-[[nodiscard]] ZEL_CORE_API Format* getFormat(zel::TiXmlElement* element, zel::Device* device);
+[[nodiscard]] ZEL_CORE_API const Format* getFormat(zel::TiXmlElement* element, zel::Device* device);
 /// The opaque format of elements of so many bytes; one for each size.
 [[nodiscard]] ZEL_CORE_API Format* getGenericStructFormat(zel::uint64 size);
 

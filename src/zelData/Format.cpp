@@ -1,0 +1,89 @@
+#include <zel/Verify.h>
+#include <zelData/Format.h>
+#include <zelData/Type.h>
+
+namespace zelData {
+
+namespace {
+
+// Five operations share the text about copying.
+constexpr const char* MustInitialize = "Format::initializeElements must be overloaded!";
+constexpr const char* MustConstruct = "Format::constructElements must be overloaded!";
+constexpr const char* MustDestroy = "Format::destroyElements must be overloaded!";
+constexpr const char* MustCopy = "Format::copyElements must be overloaded!";
+constexpr const char* MustPermute = "Format::permuteElements must be overloaded!";
+
+} // namespace
+
+Format::Format(const zel::Name& name,
+               const zel::Name& implementationName,
+               zel::uint64 size,
+               TransformFunction swapFunction,
+               TransformFunction copyFunction)
+    : Model(name, implementationName), m_size(size), m_swapFunction(swapFunction) {
+    setModel(ClassModel());
+    registerTransformer(copyFunction, this, this);
+}
+
+Format::~Format() = default;
+
+void Format::initializeElement(void*, const void*) const {
+    zelAbort("%s", MustInitialize);
+}
+void Format::initializeElements(void*, const void*, zel::uint64) const {
+    zelAbort("%s", MustInitialize);
+}
+void Format::constructElement(void*) const {
+    zelAbort("%s", MustConstruct);
+}
+void Format::constructElements(void*, zel::uint64) const {
+    zelAbort("%s", MustConstruct);
+}
+void Format::destroyElement(void*) const {
+    zelAbort("%s", MustDestroy);
+}
+void Format::destroyElements(void*, zel::uint64) const {
+    zelAbort("%s", MustDestroy);
+}
+void Format::copyElement(void*, const void*) const {
+    zelAbort("%s", MustCopy);
+}
+void Format::copyElements(void*, const void*, zel::uint64) const {
+    zelAbort("%s", MustCopy);
+}
+void Format::moveElement(void*, void*) const {
+    zelAbort("%s", MustCopy);
+}
+void Format::moveElements(void*, void*, zel::uint64) const {
+    zelAbort("%s", MustCopy);
+}
+void Format::permuteElements(void*, void*, const zel::uint32*, zel::uint64) const {
+    zelAbort("%s", MustPermute);
+}
+void Format::swapElements(void*, void*) const {
+    zelAbort("%s", MustCopy);
+}
+
+void Format::swapByteOrder(void* target, const void* source, zel::uint64 n) const {
+    zelVerifyN(m_swapFunction != nullptr, "Format '%s' has no byte order", fullName().c_str());
+    m_swapFunction(target, source, n);
+}
+
+zel::String Format::fullName() const {
+    return m_type == nullptr ? zel::String(getName().str()) : m_type->getName() + ":" + getName().c_str();
+}
+
+Format* Format::Auto() {
+    return getFormat("Auto:default");
+}
+
+Format* Format::Void() {
+    return getFormat("Void:void");
+}
+
+zel::Model* Format::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
+    return createBuiltinModel("zelData.Format", Model::ClassModel(), s_model);
+}
+
+} // namespace zelData
