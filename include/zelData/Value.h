@@ -100,9 +100,6 @@ public:
         void triggerBindEvent(Value* value, Value* newBinding, Value* oldBinding);
 
     private:
-        template <typename Call>
-        void forEach(Call&& call);
-
         zel::HashSet<EventListener*> m_listeners;
     };
 
@@ -219,7 +216,6 @@ protected:
 
 private:
     class Walk;
-    class Element;
 
     void allocate();
     void deallocate();

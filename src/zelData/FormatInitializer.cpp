@@ -1,4 +1,5 @@
 #include "BuiltinFormats.h"
+#include "TypeRegistry.h"
 
 #include <zel/Vector.h>
 #include <zel/Verify.h>
@@ -78,6 +79,9 @@ void FormatInitializer::removeFormats() {
     for (const auto& entry : initializerTable())
         entry.value->m_initialized = false;
     s_haveCreatedFormats = false;
+    for (const auto& type : TypeRegistry::instance().types)
+        for (const auto& format : type.value->getFormats())
+            format.value->cleanup();
     Format::forceClearTypeCallerTable();
 }
 

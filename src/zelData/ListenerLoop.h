@@ -1,0 +1,22 @@
+#pragma once
+
+#include <zel/HashSet.h>
+#include <zel/Vector.h>
+
+namespace zelData {
+
+/// Calls `call` with each listener that is there at the beginning, unless it has been removed when its turn
+/// comes.
+template <typename Listener, typename Call>
+void forEachListener(const zel::HashSet<Listener*>& listeners, Call&& call) {
+    if (listeners.empty())
+        return;
+    zel::VectorPOD<Listener*> present;
+    for (Listener* listener : listeners)
+        present.push_back(listener);
+    for (Listener* listener : present)
+        if (listeners.contains(listener))
+            call(listener);
+}
+
+} // namespace zelData

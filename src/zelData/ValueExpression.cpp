@@ -1,0 +1,121 @@
+#include "AsciiFormat.h"
+#include "FormatElement.h"
+
+#include <zel/Exception.h>
+#include <zel/Verify.h>
+#include <zelData/Format.h>
+#include <zelData/Type.h>
+#include <zelData/Value.h>
+
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace zelData {
+
+namespace {
+
+constexpr std::string_view Blanks = " \t\n\v\f\r";
+
+/// As pystring::strip, of a text that is too long to be copied at each level of parentheses.
+std::string_view strip(std::string_view text) {
+    const auto begin = text.find_first_not_of(Blanks);
+    if (begin == std::string_view::npos)
+        return {};
+    return text.substr(begin, text.find_last_not_of(Blanks) - begin + 1);
+}
+
+bool isLiteral(std::string_view text) {
+    constexpr std::array<std::string_view, 6> words{
+        "true", "false", "PI", "INFINITY", "InvalidIndex", "nullptr"};
+    const char first = text.front();
+    return (first >= '0' && first <= '9') || first == '-' ||
+           std::find(words.begin(), words.end(), text) != words.end();
+}
+
+/// As getFormat, for a text of any kind: makes no type for a name that means nothing, and does not end the
+/// process for an unknown container.
+const Format* findFormat(std::string_view name) {
+    constexpr std::size_t longestName = 256;
+    if (name.empty() || name.size() > longestName)
+        return nullptr;
+    const auto open = name.find('<');
+    if (open != std::string_view::npos) {
+        const std::string_view container = name.substr(0, open);
+        if (name.back() != '>' || container != "Array" ||
+            findFormat(name.substr(open + 1, name.size() - open - 2)) == nullptr)
+            return nullptr;
+    }
+    return getFormat(std::string(name));
+}
+
+zel::String shortened(std::string_view text) {
+    constexpr std::size_t limit = 200;
+    return std::string(text.substr(0, limit)) + (text.size() > limit ? "..." : "");
+}
+
+} // namespace
+
+/// Reads the text as the type's ascii format.
+void Value::setText(std::string_view text) {
+    const Format* ascii = readableAsciiFormat(m_format.get());
+    if (ascii == nullptr)
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("%s: A value of format '%s' can not be read from the text '%s'",
+                                      getPath().c_str(),
+                                      m_format->fullName().c_str(),
+                                      shortened(text).c_str()));
+    const zel::String string{std::string(text)};
+    const FormatElement element(m_format.get());
+    transform(element.data(), m_format.get(), &string, ascii, 1);
+    set(element.data());
+}
+
+void Value::setExpression(const zel::String& expression) {
+    static const zel::Name stringName("String");
+    if (m_format && m_storage == nullptr && !m_binding)
+        allocate();
+    std::string_view text = strip(expression);
+    // Each turn enters one pair of parentheses.
+    while (!text.empty()) {
+        if (isLiteral(text)) {
+            zelVerifyNAs(
+                !isUntyped(),
+                "m_format",
+                "%s: Can not have an implicitly typed literal for an auto-typed value. Expression is "
+                "'%s'",
+                getPath().c_str(),
+                shortened(text).c_str());
+            setText(text);
+            return;
+        }
+        if (text.front() == '@') {
+            bind(zel::Path(std::string(text)));
+            return;
+        }
+        const auto open = text.find('(');
+        if (isUntyped() && open == std::string_view::npos)
+            takeFormat(zelData::getFormat("String"));
+        if (!isUntyped() && getType() != nullptr && getType()->getName() == stringName) {
+            setText(text);
+            return;
+        }
+        const Format* named = open != std::string_view::npos && text.back() == ')'
+                                  ? findFormat(strip(text.substr(0, open)))
+                                  : nullptr;
+        if (named == nullptr)
+            ZEL_THROW(std::runtime_error,
+                      zel::String::format("%s: '%s' is no literal, path or explicit form, and functions need "
+                                          "the execution engine",
+                                          getPath().c_str(),
+                                          shortened(text).c_str()));
+        if (isUntyped())
+            takeFormat(named);
+        text = strip(text.substr(open + 1, text.size() - open - 2));
+        if (text.empty())
+            set(named->getDefaultValue());
+    }
+}
+
+} // namespace zelData

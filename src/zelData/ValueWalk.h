@@ -1,0 +1,131 @@
+#pragma once
+
+#include <zel/Integers.h>
+#include <zelData/Value.h>
+
+#include <array>
+#include <cstddef>
+#include <memory>
+
+namespace zelData {
+
+/// One update under way: how far it has come in the dependents of each value on the way down from where it
+/// began. Keeps a stack of its own, so that chains may be of any length, and so that the values that
+/// callbacks unbind, bind and destroy meanwhile can be found in it.
+class Value::Walk {
+public:
+    explicit Walk(Value* root) noexcept : m_root(root), m_outer(t_innermost) { t_innermost = this; }
+    Walk(const Walk&) = delete;
+    Walk& operator=(const Walk&) = delete;
+    ~Walk() {
+        while (m_size != 0) // left over when a callback throws
+            pop();
+        t_innermost = m_outer;
+    }
+
+    void run() {
+        enter(m_root);
+        while (m_size != 0) {
+            Level& level = m_levels[m_size - 1];
+            if (level.next >= level.end || level.value->m_propagationAborted) {
+                pop();
+                continue;
+            }
+            Value* const dependent = level.value->m_dependents[level.next++];
+            if (dependent->m_transform != nullptr)
+                convert(level.value, dependent);
+            enter(dependent);
+        }
+    }
+
+    /// No walk is to look at the value again.
+    static void forget(const Value* value) noexcept {
+        if (value->m_numWalks != 0)
+            forEachLevel(value, [](Level& level) { level = Level{nullptr, 0, 0}; });
+    }
+    static void dependentsCleared(const Value* value) noexcept {
+        if (value->m_numWalks != 0)
+            forEachLevel(value, [](Level& level) { level.next = level.end = 0; });
+    }
+    /// Called ahead of the removal: the later dependents move down by one.
+    static void dependentRemoved(const Value* value, zel::size_t index) noexcept {
+        if (value->m_numWalks != 0)
+            forEachLevel(value, [index](Level& level) {
+                if (index < level.next)
+                    --level.next;
+                if (index < level.end)
+                    --level.end;
+            });
+    }
+
+private:
+    struct Level {
+        Value* value; // null once it has been destroyed
+        zel::uint32 next;
+        zel::uint32 end; // those that are bound meanwhile have been told already
+    };
+
+    void enter(Value* value) {
+        if (!value->hasCallbacks()) {
+            descend(value);
+            return;
+        }
+        // The callbacks may drop the last reference but this one; then nothing depends on the value.
+        const zel::ref_ptr<Value> keep(value->referenceCount() > 0 ? value : nullptr);
+        value->updateEvent.fire(value);
+        value->m_eventDispatch.triggerUpdateEvent(value);
+        descend(value);
+    }
+
+    void descend(Value* value) {
+        value->m_propagationAborted = false;
+        if (value->m_dependents.empty())
+            return;
+        if (m_size == m_capacity) [[unlikely]]
+            grow();
+        m_levels[m_size++] = Level{value, 0, static_cast<zel::uint32>(value->m_dependents.size())};
+        ++value->m_numWalks;
+    }
+
+    void pop() noexcept {
+        const Level& level = m_levels[--m_size];
+        if (level.value != nullptr)
+            --level.value->m_numWalks;
+    }
+
+    static void convert(const Value* from, Value* to) {
+        if (from->m_storage == nullptr)
+            return;
+        if (to->m_storage == nullptr)
+            to->allocate();
+        to->m_transform(to->m_storage, from->m_storage, 1);
+    }
+
+    [[gnu::noinline]] void grow() {
+        auto levels = std::make_unique<Level[]>(2 * m_capacity); // NOLINT(modernize-avoid-c-arrays)
+        std::copy_n(m_levels, m_size, levels.get());
+        m_capacity *= 2;
+        m_spilled = std::move(levels);
+        m_levels = m_spilled.get();
+    }
+
+    template <typename Function>
+    static void forEachLevel(const Value* value, Function&& function) noexcept {
+        for (Walk* walk = t_innermost; walk != nullptr; walk = walk->m_outer)
+            for (zel::size_t i = 0; i < walk->m_size; ++i)
+                if (walk->m_levels[i].value == value)
+                    function(walk->m_levels[i]);
+    }
+
+    static constinit thread_local Walk* t_innermost;
+
+    Value* m_root;
+    Walk* m_outer;
+    std::array<Level, 16> m_inline;
+    Level* m_levels = m_inline.data();
+    zel::size_t m_size = 0;
+    zel::size_t m_capacity = m_inline.size();
+    std::unique_ptr<Level[]> m_spilled; // NOLINT(modernize-avoid-c-arrays): grown by hand
+};
+
+} // namespace zelData
