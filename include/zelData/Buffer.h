@@ -113,6 +113,9 @@ public:
     void configure(TiXmlElement* element) override;
     /// Adds an element "Buffer", and writes the elements to a file in "buffers" below the directory.
     void snapshot(TiXmlNode* node, const zel::String& directory) override;
+    /// Finds "numElements" and "capacity" also where they are the storage's, and "defaultValue" where the
+    /// buffer has one of its own.
+    zel::Object* getResourceImpl(const zel::Path& path, zel::Model* model) override;
 
     /// Moves the elements to new memory with room for `capacity`, or for all that there are if that is more.
     /// Changes neither the capacity nor the size; no event fires.
@@ -132,6 +135,7 @@ public:
     [[nodiscard]] ValueT<zel::uint64>* getCapacityValue() const noexcept { return m_capacityValue.get(); }
 
     /// Sets "numElements". Leaves a connected buffer as it is.
+    /// @throws std::runtime_error, as every change of the values, for more than the machine's memory can hold
     /// @param initializeElements  whether new elements get the default value and dropped ones are destroyed
     void resize(zel::uint64 n, bool initializeElements = true);
     /// Sets "capacity", unless n is below the present one. Leaves a connected buffer as it is.
@@ -231,7 +235,7 @@ public:
     /// Reads all present elements. A read that fails, or comes out short, ends the process.
     void readBinaryDump(const zel::String& path);
     /// Whether the elements are plain bytes: numbers and what is made of them, and opaque blocks.
-    [[nodiscard]] bool hasPlainElements() const;
+    [[nodiscard]] bool hasPlainElements() const noexcept { return m_plain; }
 
     /// Writes all elements to the log, one line each.
     void print() const;
@@ -274,7 +278,7 @@ public:
     /// Lets an array's size, capacity and memory mirror the buffer's; null ends it. Not owned.
     void registerSharedContainer(zel::Container* container);
     [[nodiscard]] zel::Container* getSharedContainer() const noexcept { return m_sharedContainer; }
-    [[nodiscard]] ShareHandle* getShareHandle() const noexcept { return m_shareHandle; }
+    [[nodiscard]] ShareHandle* getShareHandle() const noexcept { return m_shareHandle.get(); }
 
     using zel::Object::addListener;
     using zel::Object::hasListener;
@@ -300,18 +304,25 @@ private:
     friend class ShareHandle;
 
     [[nodiscard]] zel::uint64 inElements(zel::uint64 n) const;
+    [[nodiscard]] zel::uint64 inEntries(zel::uint64 n) const;
+    void verifyFits(zel::uint64 n) const;
+    /// For how many elements memory is made: the capacity may have been lowered below the size.
+    [[nodiscard]] zel::uint64 getRoom() const noexcept {
+        return m_capacity > m_numElements ? m_capacity : m_numElements;
+    }
     [[nodiscard]] void* allocateMemory(zel::uint64 n);
     void releaseMemory(void* pointer, zel::uint64 n);
     void setMemory(void* pointer, zel::uint64 n);
+    void runOn(const ElementCallback& callback, void* pointer, const Range& range);
     void resizeElements(zel::uint64 n, bool initialize);
     void reserveElements(zel::uint64 capacity);
-    void makeValues();
-    void connectOwnCallbacks();
-    void mirrorStorage(ValueT<zel::uint64>* own, ValueT<zel::uint64>* storage);
+    void makeValues(zel::uint64 numElements, zel::uint64 capacity);
+    void disconnectCallbacks();
+    void followStorage(ValueT<zel::uint64>* own, ValueT<zel::uint64>* storage);
     void mirrorInContainer();
-    [[nodiscard]] Buffer* emptyClone(zel::uint64 n) const;
-    [[nodiscard]] Buffer* cloneIndices(const zel::uint32* indices, zel::uint64 n) const;
-    void configureData(TiXmlElement* element, const zel::String& file);
+    [[nodiscard]] Buffer* makeClone(zel::uint64 n) const;
+    void configureSize(TiXmlElement* element);
+    void configureData(TiXmlElement* element);
 
     zel::ref_ptr<ValueT<zel::uint64>> m_numElementsValue;
     zel::ref_ptr<ValueT<zel::uint64>> m_capacityValue;
@@ -340,18 +351,18 @@ private:
 
     zel::uint64 m_elementSize;
     zel::uint64 m_allocated = 0; // elements that the memory has room for, whatever the capacity says
+    bool m_plain;                // see hasPlainElements
+    bool m_defaultInitializer = true;
     bool m_isOwnOriginal = true;
     bool m_movesWholeCapacity = false;
     bool m_memoryOnResize = false; // the capacity was set without memory
-    zel::uint64 m_resizeCallbackId = 0;
-    zel::uint64 m_reserveCallbackId = 0;
-    /// The storage's values that this buffer's own ones follow, with the callbacks that do it.
-    struct Mirror {
+    /// A value that the buffer's callback is connected to, its own or its storage's.
+    struct Connection {
         zel::ref_ptr<ValueT<zel::uint64>> value;
         zel::uint64 callbackId;
     };
-    zel::Vector<Mirror> m_mirrors;
-    ShareHandle* m_shareHandle = nullptr; // counted
+    zel::Vector<Connection> m_connections;
+    zel::ref_ptr<ShareHandle> m_shareHandle;
 };
 
 } // namespace zelData

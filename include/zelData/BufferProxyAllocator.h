@@ -60,6 +60,7 @@ private:
     zel::ref_ptr<Buffer> m_buffer;
     zel::Container* m_container = nullptr;
     zel::int32 m_numAllocations = 0;
+    bool m_givenBack = false; // the vector is done with the memory that the buffer has
 };
 
 } // namespace zelData

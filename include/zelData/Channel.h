@@ -3,11 +3,8 @@
 #include <zel/Export.h>
 #include <zel/Integers.h>
 #include <zel/Referenced.h>
+#include <zel/SyncTag.h>
 #include <zel/ref_ptr.h>
-
-namespace zel {
-class Device;
-} // namespace zel
 
 namespace zelData {
 
@@ -35,9 +32,10 @@ public:
     /// @param blocking  whether the devices are to be done when the call returns
     /// @return false if there was nothing to copy
     bool transfer(zel::uint64 targetOffset, zel::uint64 sourceOffset, zel::uint64 n, bool blocking);
-    /// Finishes the transfer: what came from a device is converted and goes to the target.
+    /// Finishes the transfer: waits for the devices, lets what came from one go to the target, converted, and
+    /// announces the change of the target.
     void postTransfer();
-    /// Exchanges source and target. Not while a transfer is under way.
+    /// Exchanges source and target, after the transfer that is under way.
     void flip();
 
     [[nodiscard]] bool isActive() const noexcept { return m_active; }
@@ -47,18 +45,20 @@ public:
 private:
     [[nodiscard]] bool isDirect() const;
     void transferDirectly(zel::uint64 sourceOffset, bool blocking);
-    void* stage(zel::uint64 numBytes);
-    void sendStaged(const void* source, bool blocking);
+    void makeStaging();
+    void finishStaged(bool blocking);
+    void convert(const void* elements, bool blocking);
+    void waitForDevice();
 
     bool m_active = false;
     zel::ref_ptr<Buffer> m_target;
     zel::ref_ptr<Buffer> m_source;
-    void* m_staging = nullptr; // malloc
+    void* m_staging = nullptr; // two blocks of elements of the larger size
     zel::uint64 m_stagingCapacity = 0;
     zel::uint64 m_numElements = 0;
     zel::uint64 m_targetOffset = 0;
-    bool m_staged = false; // elements of the source, in its format and byte order, wait in the staging memory
-    bool m_blocking = false;
+    bool m_staged = false;            // elements of the source wait in the staging memory
+    zel::ref_ptr<zel::SyncTag> m_tag; // of the last call to a device
 };
 
 } // namespace zelData

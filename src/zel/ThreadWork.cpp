@@ -1,3 +1,4 @@
+#include <zel/CpuDevice.h>
 #include <zel/SyncTag.h>
 #include <zel/Task.h>
 #include <zel/Thread.h>
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <typeinfo>
 
 // The work loop, theft, and how threads fall asleep and wake.
 //
@@ -162,7 +164,7 @@ bool Thread::topFrameDone() const noexcept {
 
 Thread::Taken Thread::takeReadyJob(Job*& job, size_t& remaining) {
     Job* top = popSharedJob();
-    if (SyncTag* tag = top->m_syncTag.get(); tag != nullptr) {
+    if (SyncTag* tag = top->m_syncTag.get(); tag != nullptr && typeid(*tag) != typeid(CpuDevice::SyncTag)) {
         const int32 status = tag->getStatus();
         zelVerify(status != SyncTag::SYNC_TAG_ERROR);
         if (status == 0) {
