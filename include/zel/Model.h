@@ -152,7 +152,7 @@ public:
     virtual ~Loader() = default;
 
     /// @param path  the namespace of the file
-    /// @return a new model without owner
+    /// @return a new model without owner; null for an element that refers to a model elsewhere
     /// @throws std::runtime_error with file and row
     virtual Model* load(TiXmlElement* element, const Path& path) = 0;
 

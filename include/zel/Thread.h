@@ -31,6 +31,11 @@
 /// The most tasks that one thread may be executing at a time, one inside the other.
 #define ZEL_THREAD_FRAME_STACK_MAX_DEPTH 64
 
+namespace zelData {
+class EntityModel;
+class EntityStorage;
+} // namespace zelData
+
 namespace zel {
 
 class LogChunk;
@@ -192,6 +197,14 @@ public:
     [[nodiscard]] const Timer& getIdleTimer() const noexcept { return m_idleTimer; }
     void resetOverheadTime() noexcept;
 
+    // Entities
+
+    /// This thread's storage for instances of the entity that are created without naming one; made at the
+    /// first call. Lives until the library's shutdown, whatever becomes of the thread.
+    [[nodiscard]] zelData::EntityStorage* getDefaultStorage(zelData::EntityModel* model);
+    /// Forgets this thread's default storages; the next use makes new ones.
+    void freeDefaultStorages();
+
     // The thread log: a cheap trace beside the log proper
 
     /// Prints or keeps the line "[id] text"; a line end is added. See immediateLogging.
@@ -321,6 +334,7 @@ private:
     uint32 m_savedFloatingPointControl = 0;
     bool m_floatingPointControlSaved = false;
     std::mt19937 m_uuidRandom;
+    HashTable<zelData::EntityModel*, ref_ptr<zelData::EntityStorage>> m_defaultStorages;
     UuidGenerator m_uuidGenerator;
     ThreadLocalAllocator::Arena m_arena;
     ref_ptr<LogChunk> m_logChunk; // newest first; guarded by m_logLock
@@ -358,6 +372,11 @@ private:
 ZEL_CORE_API void setNumThreads(size_t n);
 /// Thread::getCurrentThread().
 [[nodiscard]] ZEL_CORE_API Thread* getCurrentThread() noexcept;
+/// Whether many threads create reference-counted entities: each default storage that is asked for is then a
+/// new one.
+/// @threads any thread
+ZEL_CORE_API void setEntityCreationThreadSafe(bool threadSafe);
+[[nodiscard]] ZEL_CORE_API bool getEntityCreationThreadSafe();
 /// Whether the threads were shut down while tasks were active. Stays so.
 /// @threads any thread
 [[nodiscard]] ZEL_CORE_API bool forcedShutdown() noexcept;

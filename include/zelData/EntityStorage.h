@@ -341,6 +341,8 @@ private:
     void constructInstances(zel::uint64 begin, zel::uint64 end);
     void growGlobalOrder(zel::uint64 oldSize);
 
+    template <typename IndexList>
+    void destroyAt(IndexList& indices);
     void moveToEnd(zel::uint64 index, zel::uint64 last);
     void exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept;
     void permuteSlots(const Array<zel::uint32>& permutation);

@@ -162,6 +162,8 @@ void Model::loadModelFile(const String& file) {
                 continue;
             }
             const ref_ptr<Model> model(type->value->load(element, path));
+            if (!model)
+                continue; // the element refers to a model that exists already
             if (space->findObject(model->getName(), ClassModel()) != nullptr)
                 ZEL_XML_ERROR(element,
                               String::format("A model '%s' exists already in namespace '%s'",

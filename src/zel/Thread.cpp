@@ -6,6 +6,7 @@
 #include <zel/Singleton.h>
 #include <zel/Thread.h>
 #include <zel/Verify.h>
+#include <zelData/EntityStorage.h>
 
 #include <cmath>
 #include <stdexcept>
@@ -99,6 +100,7 @@ Thread::Thread(uint32 id)
 
 Thread::~Thread() {
     stop();
+    freeDefaultStorages();
     zelVerify(forcedShutdown() || m_sharedJobs.empty());
     zelVerify(forcedShutdown() || m_pushedJobs.empty());
 }

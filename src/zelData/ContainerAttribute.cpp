@@ -1,0 +1,85 @@
+#include "VectorFormat.h"
+
+#include <zel/Exception.h>
+#include <zel/Model.h>
+#include <zel/Verify.h>
+#include <zelData/ArrayAttribute.h>
+#include <zelData/ContainerAttribute.h>
+#include <zelData/Format.h>
+#include <zelData/HashSetAttribute.h>
+#include <zelData/Type.h>
+#include <zelData/Value.h>
+#include <zelData/VectorAttribute.h>
+
+#include <mutex>
+
+namespace zelData {
+
+namespace {
+
+/// The type of containers of what the attribute describes, such as "Array<Real>".
+const Type* containerType(const char* container, const ScalarAttribute* elementAttribute) {
+    zelVerify(elementAttribute);
+    const Format* format = elementAttribute->getDefaultFormat();
+    const Type* elementType = elementAttribute->getType();
+    // The type's name stands for its default format; elements of another format are named in full.
+    const zel::String element =
+        format == elementType->getDefaultFormat() ? elementType->getName().str() : format->fullName();
+    return getType(zel::String(container) + "<" + element + ">");
+}
+
+const Format* containerFormat(const char* container, const ScalarAttribute* elementAttribute) {
+    const std::lock_guard lock(zel::getTypeSystemMutex());
+    const Type* type = containerType(container, elementAttribute);
+    if (type->getDefaultFormat() == nullptr)
+        getType(type->getName())
+            ->addFormat(createVectorFormat(getFormat(elementAttribute->getDefaultFormat()->fullName())),
+                        true);
+    return type->getDefaultFormat();
+}
+
+} // namespace
+
+ContainerAttribute::ContainerAttribute(const zel::Name& name,
+                                       const char* container,
+                                       ScalarAttribute* elementAttribute)
+    : ScalarAttribute(name, containerFormat(container, elementAttribute))
+    , m_elementAttribute(elementAttribute) {}
+
+ContainerAttribute::~ContainerAttribute() = default;
+
+ArrayAttribute::ArrayAttribute(const zel::Name& name, ScalarAttribute* elementAttribute)
+    : ContainerAttribute(name, "Array", elementAttribute) {
+    setModel(ClassModel());
+}
+
+ArrayAttribute* ArrayAttribute::load(zel::TiXmlElement* element) {
+    const zel::ref_ptr<ScalarAttribute> elementAttribute(ScalarAttribute::load(element));
+    return new ArrayAttribute(elementAttribute->getName(), elementAttribute.get());
+}
+
+zel::Model* ArrayAttribute::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
+    return zel::Model::createBuiltinModel("zelData.ArrayAttribute", ScalarAttribute::ClassModel(), s_model);
+}
+
+VectorAttribute::VectorAttribute(const zel::Name& name, ScalarAttribute* elementAttribute)
+    : ContainerAttribute(name, "Vector", elementAttribute) {
+    setModel(ClassModel());
+}
+
+VectorAttribute* VectorAttribute::load(zel::TiXmlElement* element) {
+    const zel::ref_ptr<ScalarAttribute> elementAttribute(ScalarAttribute::load(element));
+    return new VectorAttribute(elementAttribute->getName(), elementAttribute.get());
+}
+
+zel::Model* VectorAttribute::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
+    return zel::Model::createBuiltinModel("zelData.VectorAttribute", ScalarAttribute::ClassModel(), s_model);
+}
+
+HashSetAttribute* HashSetAttribute::load(zel::TiXmlElement*) {
+    zelAbort("TODO: We want both bucket format and element attribute. Bucket size calculation? :/");
+}
+
+} // namespace zelData
