@@ -97,7 +97,7 @@ public:
     /// Adds the formats to the type, each with a transformer from every other.
     explicit NumericFormats(Type* type) : m_formats{addNumericFormat<Elements>(type)...} {
         forEach([this]<typename Target>(Format* target) {
-            forEach([target]<typename Source>(Format* source) {
+            this->forEach([target]<typename Source>(Format* source) {
                 if constexpr (!std::is_same_v<Target, Source>)
                     registerTransformer(conversionOf<Target, Source>, target, source);
             });
