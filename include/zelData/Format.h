@@ -78,7 +78,8 @@ public:
     /// call and kept until cleanup(); never to be changed.
     /// @threads any thread
     [[nodiscard]] Value* getDefaultValue() const;
-    /// Lets go of the default value.
+    /// Lets go of the default value, which keeps the format alive till then. The registry does this for the
+    /// formats of its types.
     void cleanup();
 
     /// Marks what takes its format from the other side of a binding.

@@ -1,6 +1,9 @@
 #include <zel/Verify.h>
 #include <zelData/Format.h>
 #include <zelData/Type.h>
+#include <zelData/Value.h>
+
+#include <mutex>
 
 namespace zelData {
 
@@ -71,6 +74,28 @@ void Format::swapByteOrder(void* target, const void* source, zel::uint64 n) cons
 
 zel::String Format::fullName() const {
     return m_type == nullptr ? zel::String(getName().str()) : m_type->getName() + ":" + getName().c_str();
+}
+
+Value* Format::getDefaultValue() const {
+    // Acquire: pairs with the release below, so that the value that is seen is complete.
+    if (Value* value = m_defaultValue.load(std::memory_order_acquire))
+        return value;
+    const std::lock_guard lock(detail::getTypeSystemMutex());
+    if (Value* value = m_defaultValue.load(std::memory_order_relaxed))
+        return value;
+    auto* const value = new Value("default", this);
+    value->reference();
+    m_defaultValue.store(value, std::memory_order_release);
+    return value;
+}
+
+void Format::cleanup() {
+    const std::lock_guard lock(detail::getTypeSystemMutex());
+    Value* const value = m_defaultValue.exchange(nullptr, std::memory_order_acq_rel);
+    if (value == nullptr)
+        return;
+    value->forceInvalidateDefaultFormatValue();
+    value->unreference();
 }
 
 Format* Format::Auto() {

@@ -3,7 +3,6 @@
 
 #include <zel/Vector.h>
 #include <zel/Verify.h>
-#include <zelData/Format.h>
 #include <zelData/FormatInitializer.h>
 
 #include <mutex>
@@ -76,12 +75,13 @@ bool FormatInitializer::isCreatingFormats() {
 
 void FormatInitializer::removeFormats() {
     const std::lock_guard lock(detail::getTypeSystemMutex());
+    for (const auto& pair : TypeRegistry::instance().types)
+        for (zel::size_t i = 0; i < pair.value->getNumObjects(); ++i)
+            if (auto* format = dynamic_cast<Format*>(pair.value->getObject(i)))
+                format->cleanup();
     for (const auto& entry : initializerTable())
         entry.value->m_initialized = false;
     s_haveCreatedFormats = false;
-    for (const auto& type : TypeRegistry::instance().types)
-        for (const auto& format : type.value->getFormats())
-            format.value->cleanup();
     Format::forceClearTypeCallerTable();
 }
 

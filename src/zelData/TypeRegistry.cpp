@@ -147,8 +147,7 @@ const Format* getFormat(zel::TiXmlElement* element, zel::Device* device) {
         ZEL_XML_ERROR(element, "No type named '" + typeName + "'");
     if (colon == zel::String::npos && formatAttribute == nullptr) {
         const Format* const usual = type->getDefaultFormat();
-        static_cast<void>(device);
-        return usual;
+        return device == nullptr ? usual : device->getTypeFormat(type);
     }
     const Format* format = type->getFormat(formatName);
     if (format == nullptr)

@@ -2,12 +2,14 @@
 
 #include <zel/Name.h>
 #include <zel/RangeJob.h>
+#include <zel/Vec.h>
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 #include <zelData/ArrayFormat.h>
 #include <zelData/ContainerFormat.h>
 #include <zelData/FormatT.h>
 #include <zelData/GenericFormat.h>
+#include <zelData/Value.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <typeinfo>
 #include <vector>
 
@@ -319,4 +322,41 @@ TEST_F(FormatDeathTest, PrimitivesAreRegisteredOnceAndAddUpToTheElement) {
         Format::registerFormatPrimitives<float>(format.get(), 2, 2),
         "zelVerify failed: `padding < stride', Format: A format cannot be all padding, or contain more "
         "padding than total memory usage\\. stride: 2, padding: 2\\.");
+}
+
+TEST_F(FormatTest, TheDefaultValueIsMadeOnceAndHoldsAConstructedElement) {
+    const Format* format = zelData::getFormat("Vec3:32bit");
+    zelData::Value* value = format->getDefaultValue();
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(format->getDefaultValue(), value);
+    EXPECT_EQ(value->getName(), zel::Name("default"));
+    EXPECT_EQ(value->getFormat(), format);
+    EXPECT_EQ(*static_cast<const zel::Vec3f*>(value->getData()), zel::Vec3f());
+}
+
+TEST_F(FormatTest, CleanupTakesFormatAndContentFromTheDefaultValue) {
+    const zel::ref_ptr<Format> format(new FormatT<zel::String>("text"));
+    const zel::ref_ptr<zelData::Value> value(format->getDefaultValue());
+    EXPECT_EQ(*static_cast<const zel::String*>(value->getData()), "");
+    format->cleanup();
+    EXPECT_EQ(value->getFormat(), nullptr);
+    EXPECT_EQ(value->getData(), nullptr);
+    format->cleanup();
+    zelData::Value* const fresh = format->getDefaultValue();
+    EXPECT_NE(fresh, value.get());
+    EXPECT_EQ(fresh->getFormat(), format.get());
+    format->cleanup();
+}
+
+TEST(FormatStressTest, ThreadsGetTheSameDefaultValue) {
+    const zel::ref_ptr<Format> format(new FormatT<double>("number"));
+    std::array<zelData::Value*, 8> values{};
+    std::vector<std::thread> threads;
+    for (zelData::Value*& value : values)
+        threads.emplace_back([&value, &format] { value = format->getDefaultValue(); });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const zelData::Value* value : values)
+        EXPECT_EQ(value, values[0]);
+    format->cleanup();
 }

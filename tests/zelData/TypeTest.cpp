@@ -1,5 +1,6 @@
 #include "Elements.h"
 
+#include <zel/CpuDevice.h>
 #include <zel/InitCallback.h>
 #include <zel/Vec.h>
 #include <zelCore/zelCore.h>
@@ -223,6 +224,20 @@ TEST(TypeTest, ReadsAFormatFromAnElement) {
     EXPECT_EQ(formatOf("<a type='Int' value='Vec3:32bit'/>"), getFormat("Int:64bit"));
     EXPECT_EQ(formatOf("<a type='Array&lt;Real:32bit>'/>"), getFormat("Array<Real:32bit>"));
     EXPECT_EQ(formatOf("<a type='Vector&lt;Real>'/>"), nullptr);
+}
+
+TEST(TypeTest, ADeviceChoosesTheFormatWhereNoneIsNamed) {
+    const zel::ref_ptr<zel::CpuDevice> device(new zel::CpuDevice("device"));
+    device->setTypeFormat("Real", "32bit");
+    const auto read = [&device](const char* xml) {
+        TiXmlDocument document;
+        document.Parse(xml);
+        return getFormat(document.RootElement(), device.get());
+    };
+    EXPECT_EQ(read("<a type='Real'/>"), getFormat("Real:32bit"));
+    EXPECT_EQ(read("<a type='Real:64bit'/>"), getFormat("Real:64bit"));
+    EXPECT_EQ(read("<a type='Real' format='64bit'/>"), getFormat("Real:64bit"));
+    EXPECT_EQ(read("<a type='Vec3'/>"), getFormat("Vec3:64bit"));
 }
 
 TEST(TypeTest, BadElementsAreXmlErrors) {
