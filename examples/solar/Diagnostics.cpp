@@ -29,7 +29,8 @@ void Diagnostics::observe() {
     const double time = m_simulation.time();
     for (size_t i = 1; i < m_orbits.size(); ++i) {
         Orbit& orbit = m_orbits[i];
-        const Vec3d now = m_simulation.positions()[i] - m_simulation.positions()[m_bodies[i].parent];
+        const Vec3d now =
+            m_simulation.bodies().positions[i] - m_simulation.bodies().positions[m_bodies[i].parent];
         const double change =
             std::atan2(orbit.previous.cross(now).dot(orbit.normal), orbit.previous.dot(now));
         const double target = TwoPi * static_cast<double>(orbit.revolutions + 1);
@@ -49,8 +50,8 @@ double Diagnostics::period(size_t index) const {
     if (orbit.revolutions > 0)
         return orbit.lastPassage / static_cast<double>(orbit.revolutions) / SecondsPerDay;
     const size_t parent = m_bodies[index].parent;
-    const auto& x = m_simulation.positions();
-    const auto& v = m_simulation.velocities();
+    const auto& x = m_simulation.bodies().positions;
+    const auto& v = m_simulation.bodies().velocities;
     const double gm = m_bodies[index].gm + m_bodies[parent].gm;
     const double a = 1 / (2 / (x[index] - x[parent]).norm() - (v[index] - v[parent]).squaredNorm() / gm);
     return TwoPi * std::sqrt(a * a * a / gm) / SecondsPerDay;
@@ -59,8 +60,8 @@ double Diagnostics::period(size_t index) const {
 /// Masses enter as GM, so the energy comes out times the constant of gravity, which cancels in ratios.
 double Diagnostics::energy() const {
     const auto& gm = m_simulation.gm();
-    const auto& x = m_simulation.positions();
-    const auto& v = m_simulation.velocities();
+    const auto& x = m_simulation.bodies().positions;
+    const auto& v = m_simulation.bodies().velocities;
     double sum = 0;
     for (size_t i = 0; i < gm.size(); ++i) {
         sum += 0.5 * gm[i] * v[i].squaredNorm();
@@ -73,7 +74,8 @@ double Diagnostics::energy() const {
 Vec3d Diagnostics::angularMomentum() const {
     Vec3d sum;
     for (size_t i = 0; i < m_simulation.gm().size(); ++i)
-        sum += m_simulation.positions()[i].cross(m_simulation.velocities()[i]) * m_simulation.gm()[i];
+        sum += m_simulation.bodies().positions[i].cross(m_simulation.bodies().velocities[i]) *
+               m_simulation.gm()[i];
     return sum;
 }
 
@@ -102,7 +104,10 @@ void Diagnostics::print(std::ostream& stream) const {
 zel::uint64 Diagnostics::stateHash() const {
     // FNV-1a (G. Fowler, L. C. Noll, K.-P. Vo) over the bytes of the components.
     zel::uint64 hash = 0xCBF29CE484222325U;
-    for (const auto* column : {&m_simulation.positions(), &m_simulation.velocities()})
+    const Motion& bodies = m_simulation.bodies();
+    const Motion& particles = m_simulation.particles();
+    for (const auto* column :
+         {&bodies.positions, &particles.positions, &bodies.velocities, &particles.velocities})
         for (const Vec3d& value : *column)
             for (size_t i = 0; i < 3; ++i) {
                 unsigned char bytes[sizeof(double)];

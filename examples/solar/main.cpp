@@ -100,6 +100,13 @@ Settings* findSettings(zel::Component* component) {
     return settings;
 }
 
+zelData::EntityStorage& findStorage(zel::Component* component, const char* name) {
+    auto* storage = dynamic_cast<zelData::EntityStorage*>(component->findObject(name));
+    if (storage == nullptr)
+        throw std::runtime_error(std::string("the model has no Entity.Storage named '") + name + "'\n");
+    return *storage;
+}
+
 /// Steps through the whole run, with a line of progress if the terminal shows one.
 void run(Simulation& simulation, Diagnostics& diagnostics, zel::uint64 steps) {
     const bool terminal = isatty(STDERR_FILENO) != 0;
@@ -136,7 +143,11 @@ void simulate(const Options& options) {
     if (table.empty())
         throw std::runtime_error("could not find '" + settings->data + "' through ZEL_FILE_PATH\n");
     const zel::Vector<Body> bodies = readBodies(table);
-    Simulation simulation(bodies, settings->particles, settings->step);
+    Simulation simulation(findStorage(component.get(), "bodies"),
+                          findStorage(component.get(), "particles"),
+                          bodies,
+                          settings->particles,
+                          settings->step);
     Diagnostics diagnostics(bodies, simulation);
     const auto steps =
         static_cast<zel::uint64>(std::ceil(settings->duration * SecondsPerDay / settings->step));

@@ -59,7 +59,9 @@ MODEL = """<?xml version="1.0"?>
 </Component>
 """
 SETTINGS = ('<Solar.Settings name="settings" step="600" duration="1" particles="10" threads="1"'
-            ' data="data/solar-bodies.csv"/>')
+            ' data="data/solar-bodies.csv"/>'
+            '<Entity.Storage name="bodies" entity="solar.Body"/>'
+            '<Entity.Storage name="particles" entity="solar.Particle"/>')
 
 
 def load_model(program, content, *arguments):
@@ -78,6 +80,9 @@ def models_of_ones_own_load_and_bad_ones_are_refused(program):
             ('step="600"', 'step="nan"', "The step must be above 0 seconds"),
             ('particles="10"', 'particles="-1"', "Unable to parse attribute particles. Error at row 3"),
             ("<Solar.Settings", "<Solar.Unknown", "Unknown tag 'Solar.Unknown'. Error at row 3"),
+            ('name="particles"', 'name="others"', "the model has no Entity.Storage named 'particles'"),
+            ('entity="solar.Body"', 'entity="solar.Particle"', "has no column 'gm' of Real:64bit"),
+            ('entity="solar.Body"', 'entity="solar.None"', "Unable to load entity 'solar.None'. Error at row 3"),
             ('name="settings"', 'name="other"', "the model has no Solar.Settings named 'settings'"),
             ("data/solar-bodies.csv", "none.csv", "could not find 'none.csv'")):
         result = load_model(program, MODEL.format(SETTINGS.replace(good, bad)))
