@@ -1,3 +1,5 @@
+#include "XmlDocument.h"
+
 #include <zel/Exception.h>
 #include <zel/Object.h>
 #include <zelIO/FileSystem.h>
@@ -20,12 +22,6 @@ namespace {
 constexpr size_t MaximumSize = size_t{64} << 20;
 // The parser recurses for each level, and so do its destructors and our loaders.
 constexpr int MaximumDepth = 512;
-
-[[noreturn]] void refuse(const String& file, size_t row, const std::string& reason) {
-    ZEL_THROW(std::runtime_error,
-              "Could not open model file '" + file + "', error on row " + std::to_string(row) + ": " +
-                  reason);
-}
 
 /// Finds elements that are nested too deep, ahead of the parser. It steps through the text as the parser
 /// does: where the two could differ the parser gives up with an error.
@@ -95,42 +91,57 @@ private:
     size_t m_position = 0;
 };
 
-std::string readChecked(const String& file) {
+bool readChecked(const String& file, std::string& text, XmlFileError& error) {
     std::FILE* stream = zelIO::FileSystem::openFile(file.c_str(), "rb");
-    if (stream == nullptr)
-        refuse(file, 0, std::strerror(errno));
-    std::string text;
+    if (stream == nullptr) {
+        error.reason = std::strerror(errno);
+        return false;
+    }
     std::string block(size_t{1} << 16, '\0');
     size_t count = 0;
     while (text.size() <= MaximumSize && (count = std::fread(block.data(), 1, block.size(), stream)) != 0)
         text.append(block, 0, count);
-    const int error = std::ferror(stream) != 0 ? errno : 0;
+    const int failure = std::ferror(stream) != 0 ? errno : 0;
     zelIO::FileSystem::closeFile(stream);
-    if (error != 0)
-        refuse(file, 0, std::strerror(error));
-    if (text.size() > MaximumSize)
-        refuse(file, 0, "the file is larger than " + std::to_string(MaximumSize) + " bytes");
-    return text;
+    if (failure != 0)
+        error.reason = std::strerror(failure);
+    else if (text.size() > MaximumSize)
+        error.reason = "the file is larger than " + std::to_string(MaximumSize) + " bytes";
+    return error.reason.empty();
 }
 
 } // namespace
 
-std::unique_ptr<TiXmlDocument> Object::openDocument(const String& file) {
-    const std::string text = readChecked(file);
+std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& error) {
+    std::string text;
+    if (!readChecked(file, text, error))
+        return nullptr;
     const size_t tooDeep = NestingCheck(text).firstTooDeep();
     if (tooDeep != std::string_view::npos) {
-        const auto row =
-            1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(tooDeep), '\n');
-        refuse(file,
-               static_cast<size_t>(row),
-               "elements are nested more than " + std::to_string(MaximumDepth) + " deep");
+        const auto above =
+            std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(tooDeep), '\n');
+        error = {1 + static_cast<size_t>(above),
+                 "elements are nested more than " + std::to_string(MaximumDepth) + " deep"};
+        return nullptr;
     }
     auto document = std::make_unique<TiXmlDocument>(file.c_str());
     document->Parse(text.c_str());
     if (document->Error())
-        refuse(file, static_cast<size_t>(std::max(0, document->ErrorRow())), document->ErrorDesc());
-    if (document->RootElement() == nullptr)
-        refuse(file, 1, "there is no element in the file");
+        error = {static_cast<size_t>(std::max(0, document->ErrorRow())), document->ErrorDesc()};
+    else if (document->RootElement() == nullptr)
+        error = {1, "there is no element in the file"};
+    else
+        return document;
+    return nullptr;
+}
+
+std::unique_ptr<TiXmlDocument> Object::openDocument(const String& file) {
+    XmlFileError error;
+    auto document = parseXmlFile(file, error);
+    if (!document)
+        ZEL_THROW(std::runtime_error,
+                  "Could not open model file '" + file + "', error on row " + std::to_string(error.row) +
+                      ": " + error.reason);
     return document;
 }
 

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <zel/String.h>
+#include <zel/Xml.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace zel {
+
+/// Why a document could not be read.
+struct XmlFileError {
+    std::size_t row = 0; ///< of the fault; 0 for the file as a whole
+    std::string reason;
+};
+
+/// Reads an XML document. Refuses files above 64 MiB and elements nested more than 512 deep.
+/// @return null, with the reason in `error`, if that fails
+[[nodiscard]] std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& error);
+
+} // namespace zel
