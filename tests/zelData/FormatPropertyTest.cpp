@@ -179,9 +179,16 @@ bool isScalarPair(const Format* a, const Format* b) {
     return ta == "Int" && tb == "UInt" && nameOf(a) == nameOf(b);
 }
 
+/// The ways from the general handle of an entity to the handles of its kinds.
+bool isHandlePair(const Format* target, const Format* source) {
+    if (source->fullName() == "EntityInstance:default")
+        return typeOf(target).ends_with("Instance") && nameOf(target) == "default";
+    return source->fullName() == "EntityPtr:default" && target->fullName() == "EntityPtr:IndexOnly";
+}
+
 /// Whether there must be a way from the source to the target.
 bool mustExist(const Format* target, const Format* source) {
-    if (target == source)
+    if (target == source || isHandlePair(target, source))
         return true;
     const std::string tt = typeOf(target);
     const std::string ts = typeOf(source);
