@@ -14,7 +14,7 @@ std::atomic<Model*> s_model{nullptr};
     zelAbort("%s", "DeviceGroup");
 }
 
-const Device* verified(const Device* primary) {
+Device* verified(Device* primary) {
     zelVerifyAs(primary != nullptr, "primary");
     return primary;
 }
@@ -22,7 +22,10 @@ const Device* verified(const Device* primary) {
 } // namespace
 
 DeviceGroup::DeviceGroup(const Name& name, Device* primary)
-    : Device(name, verified(primary)->getType(), primary->getTypeName(), primary->getByteOrder())
+    : Device(name,
+             verified(primary)->getType(),
+             verified(primary)->getTypeName(),
+             verified(primary)->getByteOrder())
     , m_primaryDevice(primary) {
     setModel(ClassModel());
 }

@@ -1,3 +1,4 @@
+#include <zel/CpuDevice.h>
 #include <zel/Job.h>
 #include <zel/ParallelTask.h>
 #include <zel/SerialTask.h>
@@ -152,6 +153,17 @@ TEST_F(ThreadTest, JobWaitsUntilItsTagIsReady) {
     task->execute();
     EXPECT_TRUE(ran);
     EXPECT_EQ(tag->calls, 6);
+    task->removeAllJobs();
+}
+
+TEST_F(ThreadTest, JobWithTheTagOfTheCpuDeviceRuns) {
+    bool ran = false;
+    zel::Job job([&] { ran = true; });
+    job.setSyncTag(new zel::CpuDevice::SyncTag);
+    const ref_ptr<zel::ParallelTask> task(new zel::ParallelTask("tagged"));
+    task->addJob(&job);
+    task->execute();
+    EXPECT_TRUE(ran);
     task->removeAllJobs();
 }
 
