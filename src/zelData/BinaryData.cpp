@@ -51,10 +51,11 @@ BinaryData* BinaryData::copy(const void* bytes, zel::size_t size) {
 }
 
 BinaryData* BinaryData::readFromFile(const zel::String& path) {
-    std::ifstream binaryFile(path, std::ios::in | std::ios::binary | std::ios::ate);
+    std::ifstream binaryFile(path, std::ios::in | std::ios::binary);
     zelVerifyN(binaryFile.is_open() && !zelIO::FileSystem::isDir(path),
                "Could not open binary file '%s'.",
                path.c_str());
+    binaryFile.seekg(0, std::ios::end);
     const std::ifstream::pos_type totNumBytes = binaryFile.tellg();
     zelVerifyN(
         totNumBytes != std::ifstream::pos_type(-1), "Could not get size of binary file '%s'.", path.c_str());

@@ -241,7 +241,7 @@ void Buffer::reserveCallback(Value* capacity) {
 
 void Buffer::reserveElements(uint64 capacity) {
     verifyFits(capacity);
-    if (capacity > m_capacity)
+    if (capacity > m_capacity || (m_memoryOnResize && capacity > m_allocated))
         reallocate(capacity);
     m_capacity = capacity;
     m_memoryOnResize = m_memoryOnResize && m_capacity > m_allocated;
@@ -253,12 +253,13 @@ void Buffer::reserveElements(uint64 capacity) {
 void Buffer::presize(uint64 capacity, uint64 numElements) {
     const uint64 room = std::max(capacity, numElements);
     verifyFits(room);
-    if (room > m_capacity || (m_memoryOnResize && room > m_allocated)) {
-        if (m_storage == nullptr)
-            reserve(inEntries(room));
-        else
-            reserveElements(room);
-    }
+    const auto tooSmall = [this, room] {
+        return room > m_capacity || (m_memoryOnResize && room > m_allocated);
+    };
+    if (tooSmall() && m_storage == nullptr)
+        reserve(inEntries(room));
+    if (tooSmall())
+        reserveElements(room);
     m_logicalSize = static_cast<uint32>(capacity);
     m_numElements = numElements;
     mirrorInContainer();
