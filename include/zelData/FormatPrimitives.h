@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <type_traits>
-#include <utility>
 
 /// @file
 /// What the elements of numeric formats consist of: how many values of which primitive type.
@@ -68,8 +67,8 @@ public:
     using PrimitiveCallback = zel::Callback2<unsigned int, unsigned int>;
 
     template <detail::Primitive T>
-    void set(PrimitiveCallback callback) {
-        m_callbacks[detail::Primitives::indexOf<T>()] = std::move(callback);
+    void set(const PrimitiveCallback& callback) {
+        m_callbacks[detail::Primitives::indexOf<T>()] = callback;
     }
     /// Empty unless one was set.
     template <detail::Primitive T>

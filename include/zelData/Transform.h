@@ -62,7 +62,7 @@ template <typename Target, typename Source>
             return static_cast<Target>(wide);
         } else {
             // The first value above the range: a power of two, which both real types hold.
-            constexpr Source Above = static_cast<Source>(Limits::max() / 2 + 1) * Source{2};
+            constexpr Source Above = Source{2} * static_cast<Source>(zel::uint64{1} << (Limits::digits - 1));
             if (!(value > static_cast<Source>(Limits::min())))
                 return value != value ? Target{0} : Limits::min();
             return value < Above ? static_cast<Target>(value) : Limits::max();

@@ -13,7 +13,7 @@
 
 namespace zel {
 class Device;
-}
+} // namespace zel
 
 namespace zelData {
 

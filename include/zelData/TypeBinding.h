@@ -13,6 +13,7 @@
 #include <zel/Uuid.h>
 #include <zel/Vec.h>
 
+#include <algorithm>
 #include <atomic>
 #include <concepts>
 
@@ -40,6 +41,18 @@ namespace detail {
 [[nodiscard]] ZEL_CORE_API zel::uint64 getTypeRegistryGeneration() noexcept;
 /// The type of that name; a missing type ends the process.
 [[nodiscard]] ZEL_CORE_API Type* lookUpBoundType(const char* name);
+
+/// A text as template argument.
+template <zel::size_t Size>
+struct FixedText {
+    consteval FixedText(const char (&text)[Size]) noexcept { std::copy_n(text, Size, characters); }
+    char characters[Size]{};
+};
+
+template <FixedText text>
+struct NamedType {
+    static constexpr const char* name = text.characters;
+};
 
 template <typename T>
 concept SignedElement = std::signed_integral<T>;
@@ -69,98 +82,98 @@ private:
     static inline std::atomic<zel::uint64> s_generation{0}; // that of the registry begins at 1
 };
 
+template <>
+struct TypeNameOf<bool> : detail::NamedType<"Bool"> {};
+template <typename T>
+struct TypeNameOf<T*> : detail::NamedType<"Pointer"> {};
+template <>
+struct TypeNameOf<zel::Object*> : detail::NamedType<"ObjectPointer"> {};
+
 // Numbers come in three families: reals, signed integers and unsigned ones.
 
-template <typename T>
-struct TypeNameOf<T*> {
-    static constexpr const char* name = "Pointer";
-};
-template <>
-struct TypeNameOf<zel::Object*> {
-    static constexpr const char* name = "ObjectPointer";
-};
-template <>
-struct TypeNameOf<bool> {
-    static constexpr const char* name = "Bool";
-};
 template <std::floating_point T>
-struct TypeNameOf<T> {
-    static constexpr const char* name = "Real";
-};
+struct TypeNameOf<T> : detail::NamedType<"Real"> {};
 template <detail::SignedElement T>
-struct TypeNameOf<T> {
-    static constexpr const char* name = "Int";
-};
+struct TypeNameOf<T> : detail::NamedType<"Int"> {};
 template <detail::UnsignedElement T>
-struct TypeNameOf<T> {
-    static constexpr const char* name = "UInt";
-};
+struct TypeNameOf<T> : detail::NamedType<"UInt"> {};
 
-#define ZEL_TYPE_NAME_OF_FAMILY(Class, text)                                                                 \
-    template <std::floating_point T>                                                                         \
-    struct TypeNameOf<Class<T>> {                                                                            \
-        static constexpr const char* name = text;                                                            \
-    };                                                                                                       \
-    template <detail::SignedElement T>                                                                       \
-    struct TypeNameOf<Class<T>> {                                                                            \
-        static constexpr const char* name = text "i";                                                        \
-    };                                                                                                       \
-    template <detail::UnsignedElement T>                                                                     \
-    struct TypeNameOf<Class<T>> {                                                                            \
-        static constexpr const char* name = text "u";                                                        \
-    }
-ZEL_TYPE_NAME_OF_FAMILY(zel::Vec2T, "Vec2");
-ZEL_TYPE_NAME_OF_FAMILY(zel::Vec3T, "Vec3");
-ZEL_TYPE_NAME_OF_FAMILY(zel::Vec4T, "Vec4");
-#undef ZEL_TYPE_NAME_OF_FAMILY
+template <std::floating_point T>
+struct TypeNameOf<zel::Vec2T<T>> : detail::NamedType<"Vec2"> {};
+template <detail::SignedElement T>
+struct TypeNameOf<zel::Vec2T<T>> : detail::NamedType<"Vec2i"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::Vec2T<T>> : detail::NamedType<"Vec2u"> {};
 
-#define ZEL_TYPE_NAME_OF_BOUND(dimension, ...)                                                               \
-    template <std::floating_point T>                                                                         \
-    struct TypeNameOf<zel::BoundT<__VA_ARGS__>> {                                                            \
-        static constexpr const char* name = "Bound" dimension;                                               \
-    };                                                                                                       \
-    template <detail::SignedElement T>                                                                       \
-    struct TypeNameOf<zel::BoundT<__VA_ARGS__>> {                                                            \
-        static constexpr const char* name = "Bound" dimension "i";                                           \
-    };                                                                                                       \
-    template <detail::UnsignedElement T>                                                                     \
-    struct TypeNameOf<zel::BoundT<__VA_ARGS__>> {                                                            \
-        static constexpr const char* name = "Bound" dimension "u";                                           \
-    }
-ZEL_TYPE_NAME_OF_BOUND("1", T);
-ZEL_TYPE_NAME_OF_BOUND("2", zel::Vec2T<T>);
-ZEL_TYPE_NAME_OF_BOUND("3", zel::Vec3T<T>);
-#undef ZEL_TYPE_NAME_OF_BOUND
+template <std::floating_point T>
+struct TypeNameOf<zel::Vec3T<T>> : detail::NamedType<"Vec3"> {};
+template <detail::SignedElement T>
+struct TypeNameOf<zel::Vec3T<T>> : detail::NamedType<"Vec3i"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::Vec3T<T>> : detail::NamedType<"Vec3u"> {};
 
-#define ZEL_TYPE_NAME_OF_TEMPLATE(Class, Concept, text)                                                      \
-    template <Concept T>                                                                                     \
-    struct TypeNameOf<Class<T>> {                                                                            \
-        static constexpr const char* name = text;                                                            \
-    }
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::QuatT, std::floating_point, "Quat");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::Matrix3x3T, std::floating_point, "Matrix3x3");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::Matrix4x4T, std::floating_point, "Matrix4x4");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::AffineMatrix4x4T, std::floating_point, "AffineMatrix4x4");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::LineT, std::floating_point, "Line");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::PlaneT, std::floating_point, "Plane");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::Range6T, std::floating_point, "Range6");
-ZEL_TYPE_NAME_OF_TEMPLATE(zel::IndexRangeT, detail::UnsignedElement, "IndexRange");
-#undef ZEL_TYPE_NAME_OF_TEMPLATE
+template <std::floating_point T>
+struct TypeNameOf<zel::Vec4T<T>> : detail::NamedType<"Vec4"> {};
+template <detail::SignedElement T>
+struct TypeNameOf<zel::Vec4T<T>> : detail::NamedType<"Vec4i"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::Vec4T<T>> : detail::NamedType<"Vec4u"> {};
 
-#define ZEL_TYPE_NAME_OF(Class, text)                                                                        \
-    template <>                                                                                              \
-    struct TypeNameOf<Class> {                                                                               \
-        static constexpr const char* name = text;                                                            \
-    }
-ZEL_TYPE_NAME_OF(zel::SPDMatrix3x3, "SPDMatrix3x3");
-ZEL_TYPE_NAME_OF(zel::Name, "Name");
-ZEL_TYPE_NAME_OF(zel::String, "String");
-ZEL_TYPE_NAME_OF(zel::Uuid, "Uuid");
-ZEL_TYPE_NAME_OF(zel::SpinMutex, "SpinMutex");
-ZEL_TYPE_NAME_OF(zel::RangeJob, "RangeJob");
-ZEL_TYPE_NAME_OF(zel::JobGroup, "JobGroup");
-ZEL_TYPE_NAME_OF(zel::TaskJob, "TaskJob");
-ZEL_TYPE_NAME_OF(zel::Job, "Job");
-#undef ZEL_TYPE_NAME_OF
+template <std::floating_point T>
+struct TypeNameOf<zel::BoundT<T>> : detail::NamedType<"Bound1"> {};
+template <detail::SignedElement T>
+struct TypeNameOf<zel::BoundT<T>> : detail::NamedType<"Bound1i"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::BoundT<T>> : detail::NamedType<"Bound1u"> {};
+
+template <std::floating_point T>
+struct TypeNameOf<zel::BoundT<zel::Vec2T<T>>> : detail::NamedType<"Bound2"> {};
+template <detail::SignedElement T>
+struct TypeNameOf<zel::BoundT<zel::Vec2T<T>>> : detail::NamedType<"Bound2i"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::BoundT<zel::Vec2T<T>>> : detail::NamedType<"Bound2u"> {};
+
+template <std::floating_point T>
+struct TypeNameOf<zel::BoundT<zel::Vec3T<T>>> : detail::NamedType<"Bound3"> {};
+template <detail::SignedElement T>
+struct TypeNameOf<zel::BoundT<zel::Vec3T<T>>> : detail::NamedType<"Bound3i"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::BoundT<zel::Vec3T<T>>> : detail::NamedType<"Bound3u"> {};
+
+template <std::floating_point T>
+struct TypeNameOf<zel::QuatT<T>> : detail::NamedType<"Quat"> {};
+template <std::floating_point T>
+struct TypeNameOf<zel::Matrix3x3T<T>> : detail::NamedType<"Matrix3x3"> {};
+template <std::floating_point T>
+struct TypeNameOf<zel::Matrix4x4T<T>> : detail::NamedType<"Matrix4x4"> {};
+template <std::floating_point T>
+struct TypeNameOf<zel::AffineMatrix4x4T<T>> : detail::NamedType<"AffineMatrix4x4"> {};
+template <std::floating_point T>
+struct TypeNameOf<zel::LineT<T>> : detail::NamedType<"Line"> {};
+template <std::floating_point T>
+struct TypeNameOf<zel::PlaneT<T>> : detail::NamedType<"Plane"> {};
+template <std::floating_point T>
+struct TypeNameOf<zel::Range6T<T>> : detail::NamedType<"Range6"> {};
+template <detail::UnsignedElement T>
+struct TypeNameOf<zel::IndexRangeT<T>> : detail::NamedType<"IndexRange"> {};
+
+template <>
+struct TypeNameOf<zel::SPDMatrix3x3> : detail::NamedType<"SPDMatrix3x3"> {};
+template <>
+struct TypeNameOf<zel::Name> : detail::NamedType<"Name"> {};
+template <>
+struct TypeNameOf<zel::String> : detail::NamedType<"String"> {};
+template <>
+struct TypeNameOf<zel::Uuid> : detail::NamedType<"Uuid"> {};
+template <>
+struct TypeNameOf<zel::SpinMutex> : detail::NamedType<"SpinMutex"> {};
+template <>
+struct TypeNameOf<zel::Job> : detail::NamedType<"Job"> {};
+template <>
+struct TypeNameOf<zel::RangeJob> : detail::NamedType<"RangeJob"> {};
+template <>
+struct TypeNameOf<zel::JobGroup> : detail::NamedType<"JobGroup"> {};
+template <>
+struct TypeNameOf<zel::TaskJob> : detail::NamedType<"TaskJob"> {};
 
 } // namespace zelData

@@ -83,6 +83,7 @@ zel::int64 readNumber<zel::int64>(const char* text, const char*& end) {
     return value;
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): clearing 512 bytes would cost more than the reading
 CompactText::CompactText(const zel::String& text) : m_text(text.c_str()) {
     const zel::size_t length = std::strlen(m_text);
     if (std::memchr(m_text, ' ', length) == nullptr)

@@ -64,7 +64,7 @@ void writeOctave(zel::String& text, T value) {
     } else if (std::isinf(value)) {
         text = value < 0 ? "-Inf" : "Inf";
     } else {
-        std::array<char, 32> buffer;
+        std::array<char, 32> buffer{};
         const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
         text.assign(buffer.data(), result.ptr);
     }

@@ -78,7 +78,7 @@ zel::String getSubType(const zel::String& name, const char* containerName, const
 
 /// The header that a class of that name is declared in by rule.
 zel::String headerOf(const zel::String& className, const zel::TiXmlElement* element) {
-    const zel::String header = pystring::replace(className, "::", "/") + ".h";
+    zel::String header = pystring::replace(className, "::", "/") + ".h";
     const zel::TiXmlDocument* document = element == nullptr ? nullptr : element->GetDocument();
     if (document == nullptr)
         return header;

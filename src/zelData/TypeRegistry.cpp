@@ -105,8 +105,10 @@ Type* getOrCreateType(const zel::String& name) {
         return type;
     TypeManager::initialize();
     // The creation of the formats may have made the type.
-    Type* type = findType(name);
-    return type == nullptr ? new Type(name) : type;
+    if (Type* type = findType(name))
+        return type;
+    const zel::ref_ptr<Type> created(new Type(name)); // the registry owns it too
+    return created.get();
 }
 
 Format* getFormat(const zel::String& name) {
