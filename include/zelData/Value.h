@@ -28,7 +28,9 @@ class Type;
 ///
 /// Callbacks and listeners may change any binding, and remove any value, the running one included.
 /// @threads owner thread; tasks of other threads may read while nothing is changed
-/// @cost set: the callbacks and conversions of all dependents, direct and indirect
+/// @cost set: the callbacks, listeners and conversions of all dependents, direct and indirect, and nothing
+/// for
+///     those that have none
 class ZEL_CORE_API Value : public zel::Object {
 public:
     class EventListener;
@@ -101,6 +103,27 @@ public:
 
     private:
         zel::HashSet<EventListener*> m_listeners;
+    };
+
+    /// The callbacks that are called at each update of a value: an EventT that tells its value of them, since
+    /// updates pass over the values that nobody listens to.
+    class ZEL_CORE_API CallbackEvent : protected zel::Event1<Value*> {
+    public:
+        explicit CallbackEvent(Value* value) : EventT(zel::Name(), value) {}
+
+        using EventT::empty;
+        using EventT::Entry;
+        using EventT::find;
+        using EventT::getName;
+        using EventT::getSource;
+        using EventT::size;
+        /// As EventT::connect.
+        zel::uint64 connect(zel::Callback1<Value*> callback, bool oneShot = false);
+        /// As EventT::disconnect.
+        bool disconnect(zel::uint64 id);
+
+    private:
+        friend class Value; // fires
     };
 
     explicit Value(const Type* type);
@@ -182,8 +205,8 @@ public:
     using zel::Object::hasListener;
     using zel::Object::removeListener;
     /// The listener must be removed, or outlive the value.
-    void addListener(EventListener* listener) { m_eventDispatch.addListener(listener); }
-    void removeListener(EventListener* listener) { m_eventDispatch.removeListener(listener); }
+    void addListener(EventListener* listener);
+    void removeListener(EventListener* listener);
     [[nodiscard]] bool hasListener(const EventListener* listener) const {
         return m_eventDispatch.hasListener(listener);
     }
@@ -207,7 +230,7 @@ public:
     [[nodiscard]] static Value* load(TiXmlElement* element, zel::Device* device);
 
     /// Called at each update of the content, ahead of the listeners and the dependents.
-    zel::Event1<Value*> updateEvent;
+    CallbackEvent updateEvent{this};
 
 protected:
     [[nodiscard]] const void* storage() const noexcept { return m_storage; }
@@ -229,7 +252,9 @@ private:
     void takeFormat(const Format* format);
     void verifyBindable(const Value* other) const;
     void verifyDependents(const Format* format) const;
+    void joinBinding(Value* binding);
     void leaveBinding();
+    void updateAudible();
     void dropDependents();
     [[nodiscard]] bool writeText(zel::String& text) const;
     void writeContent(TiXmlElement* element) const;
@@ -244,6 +269,10 @@ private:
     bool m_propagationAborted = false;
     EventDispatch m_eventDispatch;
 
+    // A value is audible if an update has something to do there: callbacks, listeners, a conversion, or a
+    // dependent that is audible.
+    bool m_audible = false;                  // as counted by the binding
+    zel::uint32 m_numAudible = 0;            // dependents
     zel::uint32 m_numWalks = 0;              // levels of updates under way that stand on this value
     TransformFunction m_transform = nullptr; // from the binding's format; null if it is the same
 };

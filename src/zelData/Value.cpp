@@ -72,6 +72,45 @@ void Value::EventDispatch::triggerBindEvent(Value* value, Value* newBinding, Val
                     [=](EventListener* listener) { listener->bindCallback(value, newBinding, oldBinding); });
 }
 
+zel::uint64 Value::CallbackEvent::connect(zel::Callback1<Value*> callback, bool oneShot) {
+    const zel::uint64 id = EventT::connect(std::move(callback), oneShot);
+    static_cast<Value*>(getSource())->updateAudible();
+    return id;
+}
+
+bool Value::CallbackEvent::disconnect(zel::uint64 id) {
+    const bool found = EventT::disconnect(id);
+    static_cast<Value*>(getSource())->updateAudible();
+    return found;
+}
+
+void Value::addListener(EventListener* listener) {
+    m_eventDispatch.addListener(listener);
+    updateAudible();
+}
+
+void Value::removeListener(EventListener* listener) {
+    m_eventDispatch.removeListener(listener);
+    updateAudible();
+}
+
+/// Brings the counts of audible dependents up to date, from here upwards.
+void Value::updateAudible() {
+    for (Value* value = this;; value = value->m_binding.get()) {
+        const bool audible =
+            value->m_transform != nullptr || value->m_numAudible != 0 || value->hasCallbacks();
+        if (audible == value->m_audible)
+            return;
+        value->m_audible = audible;
+        if (!value->m_binding)
+            return;
+        if (audible)
+            ++value->m_binding->m_numAudible;
+        else
+            --value->m_binding->m_numAudible;
+    }
+}
+
 // Life
 
 Value::Value(const Type* type) : Value(zel::Name(), type) {}
@@ -112,6 +151,8 @@ void Value::forceInvalidateDefaultFormatValue() {
 void Value::dropDependents() {
     const zel::Vector<Value*> dependents(m_dependents);
     m_dependents.averagedClear();
+    m_numAudible = 0;
+    updateAudible();
     Walk::dependentsCleared(this);
     for (Value* dependent : dependents) {
         // This value may have no owner left but them, and is not to be deleted by them.
@@ -119,6 +160,7 @@ void Value::dropDependents() {
         if (dependent->m_transform == nullptr)
             dependent->setStorage(nullptr);
         dependent->m_transform = nullptr;
+        dependent->updateAudible();
         if (dependent->m_format && dependent->m_storage == nullptr)
             dependent->allocate();
     }
@@ -231,8 +273,10 @@ void Value::takeFormat(const Format* format) {
         for (Value* dependent : value->m_dependents) {
             if (dependent->isUntyped())
                 pending.push_back(dependent);
-            else if (dependent->m_format != format)
+            else if (dependent->m_format != format) {
                 dependent->m_transform = getTransformer(dependent->m_format.get(), format);
+                dependent->updateAudible();
+            }
         }
     }
     if (!m_binding || m_binding->m_format != m_format)
@@ -244,7 +288,7 @@ void Value::takeFormat(const Format* format) {
 thread_local constinit Value::Walk* Value::Walk::t_innermost = nullptr;
 
 void Value::propagate() {
-    if (m_dependents.empty() && !hasCallbacks())
+    if (m_numAudible == 0 && !hasCallbacks())
         return;
     Walk(this).run();
 }
@@ -336,6 +380,16 @@ void Value::verifyBindable(const Value* other) const {
         static_cast<void>(requireTransformer(this, m_format.get(), other->m_format.get()));
 }
 
+void Value::joinBinding(Value* binding) {
+    updateAudible(); // while no binding counts this value
+    m_binding = binding;
+    binding->m_dependents.push_back(this);
+    if (m_audible) {
+        ++binding->m_numAudible;
+        binding->updateAudible();
+    }
+}
+
 /// Takes this value off the one it follows, and leaves it without the other's element.
 void Value::leaveBinding() {
     if (!m_binding)
@@ -348,7 +402,12 @@ void Value::leaveBinding() {
     binding->m_dependents.erase(position);
     if (m_transform == nullptr)
         setStorage(nullptr);
+    if (m_audible) {
+        --binding->m_numAudible;
+        binding->updateAudible();
+    }
     m_transform = nullptr;
+    updateAudible();
     release(binding);
 }
 
@@ -390,8 +449,7 @@ void Value::bind(Value* other) {
         if (m_format == other->m_format)
             setStorage(other->m_storage);
     }
-    m_binding = other;
-    other->m_dependents.push_back(this);
+    joinBinding(other);
     propagate();
     m_eventDispatch.triggerBindEvent(this, other, oldBinding.get());
 }

@@ -32,6 +32,8 @@ public:
                 continue;
             }
             Value* const dependent = level.value->m_dependents[level.next++];
+            if (!dependent->m_audible)
+                continue;
             if (dependent->m_transform != nullptr)
                 convert(level.value, dependent);
             enter(dependent);
@@ -74,12 +76,14 @@ private:
         const zel::ref_ptr<Value> keep(value->referenceCount() > 0 ? value : nullptr);
         value->updateEvent.fire(value);
         value->m_eventDispatch.triggerUpdateEvent(value);
+        if (!value->hasCallbacks())
+            value->updateAudible(); // those that were to be called once have gone
         descend(value);
     }
 
     void descend(Value* value) {
         value->m_propagationAborted = false;
-        if (value->m_dependents.empty())
+        if (value->m_numAudible == 0)
             return;
         if (m_size == m_capacity) [[unlikely]]
             grow();

@@ -528,6 +528,36 @@ TEST(ValueTest, AnUpdateMaySetTheValueAgain) {
     EXPECT_THAT(seen, ElementsAre(1.0, 2.0, 3.0));
 }
 
+TEST(ValueTest, ThoseThatCameToListenLateAreHeard) {
+    const ref_ptr<Real> root = real("root");
+    const ref_ptr<Real> middle = real("middle");
+    const ref_ptr<Real> leaf = real("leaf");
+    leaf->bind(middle.get());
+    middle->bind(root.get());
+    root->set(1);
+    Recorder recorder;
+    leaf->addListener(&recorder);
+    root->set(2);
+    leaf->removeListener(&recorder);
+    root->set(3);
+    EXPECT_THAT(recorder.log, ElementsAre("update leaf"));
+    int calls = 0;
+    leaf->updateEvent.connect([&](Value*) { ++calls; }, true);
+    root->set(4);
+    root->set(5);
+    EXPECT_EQ(calls, 1);
+    const auto id = leaf->updateEvent.connect([&](Value*) { ++calls; });
+    root->set(6);
+    leaf->updateEvent.find(id)->active = false;
+    root->set(7);
+    EXPECT_EQ(calls, 2);
+    EXPECT_TRUE(leaf->updateEvent.empty());
+    const ref_ptr<Value> narrow(new Value("n", getFormat("Real:32bit")));
+    narrow->bind(leaf.get());
+    root->set(8);
+    EXPECT_EQ(*static_cast<float*>(narrow->getData()), 8.0F);
+}
+
 TEST(ValueTest, AnExceptionLeavesUpdatesUsable) {
     const ref_ptr<Real> root = real("root");
     const ref_ptr<Real> value = real("v");
