@@ -90,8 +90,12 @@ template <typename T>
 class FormatT : public ElementOperations<T, Format> {
 public:
     explicit FormatT(const zel::Name& name, TransformFunction swapFunction = nullptr)
-        : ElementOperations<T, Format>(
-              name, typeid(T).name(), sizeof(T), swapFunction, &GenericCopyFunction<T>) {}
+        : ElementOperations<T, Format>(name,
+                                       typeid(T).name(),
+                                       // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer
+                                       sizeof(T),
+                                       swapFunction,
+                                       &GenericCopyFunction<T>) {}
 };
 
 } // namespace zelData

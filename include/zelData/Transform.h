@@ -79,6 +79,7 @@ void GenericCopyFunction(void* target, const void* source, zel::uint64 numElemen
         return;
     if constexpr (std::is_trivially_copyable_v<T>) {
         // As for assignment from the first element on, the target may overlap the source from below.
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): the elements may be pointers
         std::memmove(target, source, numElements * sizeof(T));
     } else {
         T* const to = static_cast<T*>(target);

@@ -6,6 +6,7 @@
 #include <zel/Object.h>
 #include <zel/Uuid.h>
 
+#include <bit>
 #include <cstdlib>
 
 namespace zelData {
@@ -26,7 +27,7 @@ void writePointer(zel::String& text, void* pointer) {
 
 /// A text without a number, such as "(nil)" or "nullptr", is null.
 void readPointer(void*& pointer, const zel::String& text) {
-    pointer = reinterpret_cast<void*>(std::strtoul(text.c_str(), nullptr, 16));
+    pointer = std::bit_cast<void*>(std::strtoul(text.c_str(), nullptr, 16));
 }
 
 void writeObjectPointer(zel::String& text, zel::Object* object) {
