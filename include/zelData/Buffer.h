@@ -13,6 +13,8 @@
 #include <zelData/Value.h>
 #include <zelData/ValueT.h>
 
+#include <cstring>
+
 namespace zel {
 class Container;
 } // namespace zel
@@ -154,6 +156,28 @@ public:
     void reserveCallback(Value* capacity);
     /// As resizeCallback, with the storage's decision about initialising and destroying elements.
     void resizeCallback(Value* numElements, bool initializeElements);
+    /// The same in fewer steps where nothing more is to do than to count, and to copy a default value: for a
+    /// storage, which does it for each column of each instance.
+    /// @param numElements  the content of `value`
+    void resizeColumn(Value* value, zel::uint64 numElements, bool initializeElements) {
+        const zel::uint64 old = m_numElements;
+        if (!isSimpleColumn() || numElements > old + 1 || numElements > m_capacity) {
+            resizeCallback(value, initializeElements);
+            return;
+        }
+        m_numElements = numElements;
+        m_logicalSize = static_cast<zel::uint32>(numElements);
+        ++m_revision;
+        if (initializeElements && numElements > old && m_elementInitializer)
+            copyPlain(getElement(old), m_defaultValue->getData());
+    }
+    /// Moves one element of a connected buffer to another place, with all that belong to its entry.
+    void moveColumnElement(zel::uint64 target, zel::uint64 source) {
+        if (m_plain && !m_elementArraySize)
+            copyPlain(getElement(target), getElement(source));
+        else
+            moveEntry(target, source);
+    }
 
     /// The number of elements of each logical entry; 1 without a value for it.
     [[nodiscard]] zel::uint64 getElementArraySize() const;
@@ -186,10 +210,14 @@ public:
     [[nodiscard]] zel::uint32 getPtrRevision() const noexcept { return m_ptrRevision; }
 
     /// Announces that elements have been changed in place.
-    void commit();
-    void commit(const zel::IndexRangeT<zel::uint32>& range);
-    void commit(zel::uint32 index);
-    void commit(const Array<zel::uint32>& indices);
+    void commit() {
+        ++m_revision;
+        if (!m_eventDispatch.getListeners().empty())
+            m_eventDispatch.triggerUpdateEvent(this);
+    }
+    void commit(const zel::IndexRangeT<zel::uint32>& /*range*/) { commit(); }
+    void commit(zel::uint32 /*index*/) { commit(); }
+    void commit(const Array<zel::uint32>& /*indices*/) { commit(); }
 
     /// Assigns all elements of the source to the first ones of the target, which is resized if it is too
     /// small, and commits. The formats must be the same.
@@ -223,7 +251,10 @@ public:
     /// Called with the buffer and a range of raw elements that it is to construct; empty for none.
     void setElementInitializer(ElementCallback initializer) { m_elementInitializer = std::move(initializer); }
     /// Called with the buffer and a range of elements that it is to destroy; empty for none.
-    void setElementDestructor(ElementCallback destructor) { m_elementDestructor = std::move(destructor); }
+    void setElementDestructor(ElementCallback destructor) {
+        m_elementDestructor = std::move(destructor);
+        m_defaultDestructor = false;
+    }
     /// The initializer by default: copies of the default value.
     static void initializeElements(Buffer* buffer, const Range& range);
     /// The destructor by default: the format's.
@@ -303,6 +334,26 @@ private:
     friend class BufferProxyAllocator;
     friend class ShareHandle;
 
+    /// Whether a change of size neither runs code of others nor looks at elements, but for default values.
+    [[nodiscard]] bool isSimpleColumn() const noexcept {
+        const bool plain = m_plain && m_defaultInitializer && m_defaultDestructor;
+        return (plain || (!m_elementInitializer && !m_elementDestructor)) && !m_elementArraySize &&
+               m_sharedContainer == nullptr && !m_memoryOnResize && m_eventDispatch.getListeners().empty();
+    }
+    /// Copies one plain element, in words: most have one to four.
+    void copyPlain(void* target, const void* source) const noexcept {
+        auto* to = static_cast<char*>(target);
+        const auto* from = static_cast<const char*>(source);
+        zel::uint64 size = m_elementSize;
+        for (; size >= 8; size -= 8, to += 8, from += 8)
+            std::memcpy(to, from, 8);
+        for (; size >= 4; size -= 4, to += 4, from += 4)
+            std::memcpy(to, from, 4);
+        for (; size != 0; --size, ++to, ++from)
+            *to = *from;
+    }
+    void moveEntry(zel::uint64 target, zel::uint64 source);
+
     [[nodiscard]] zel::uint64 inElements(zel::uint64 n) const;
     [[nodiscard]] zel::uint64 inEntries(zel::uint64 n) const;
     void verifyFits(zel::uint64 n) const;
@@ -353,6 +404,7 @@ private:
     zel::uint64 m_allocated = 0; // elements that the memory has room for, whatever the capacity says
     bool m_plain;                // see hasPlainElements
     bool m_defaultInitializer = true;
+    bool m_defaultDestructor = true;
     bool m_isOwnOriginal = true;
     bool m_movesWholeCapacity = false;
     bool m_memoryOnResize = false; // the capacity was set without memory

@@ -334,6 +334,7 @@ private:
     void initializeInstances(zel::uint64 begin, zel::uint64 end);
     void refreshTables();
 
+    void writeSize(zel::uint64 n);
     void resizeCallback(zel::uint64 n);
     void reserveCallback(zel::uint64 n);
     void sharedResizeCallback(zel::uint64 n, bool initialize);

@@ -28,7 +28,8 @@ namespace zelData {
 template <typename T>
 [[nodiscard]] T& getElement(const EntityPtr& instance, const Attribute* attribute) {
     const EntityStorage* storage = instance.getStorage();
-    return storage->getBuffer(attribute)->template data<T>()[storage->getIndex(instance.getId())];
+    const Buffer* column = storage->getBuffers()[attribute->getAttributeId()].get();
+    return column->data<T>()[storage->getIndex(instance.getId())];
 }
 
 /// The same by place, through the array that the view has for the attribute.

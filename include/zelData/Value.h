@@ -211,6 +211,11 @@ public:
         return m_eventDispatch.hasListener(listener);
     }
 
+    /// Whether a change of the content concerns nobody but the callbacks of updateEvent.
+    [[nodiscard]] bool isUnobserved() const noexcept {
+        return !m_binding && m_dependents.empty() && m_bindPath.empty() &&
+               m_eventDispatch.getListeners().empty();
+    }
     /// The content as text; empty, with a warning, if the type has no ascii format.
     [[nodiscard]] zel::String toString() const;
     /// Writes path and content to the log.

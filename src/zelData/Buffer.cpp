@@ -383,6 +383,14 @@ void Buffer::setDefaultValue(Value* value) {
     m_defaultValue = chosen;
 }
 
+void Buffer::moveEntry(uint64 target, uint64 source) {
+    const uint64 count = getElementArraySize();
+    if (count == 1)
+        m_format->moveElement(getElement(target), getElement(source));
+    else
+        m_format->moveElements(getElement(target * count), getElement(source * count), count);
+}
+
 // Company
 
 void Buffer::registerSharedContainer(zel::Container* container) {

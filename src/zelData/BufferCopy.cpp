@@ -49,23 +49,6 @@ void scatter(char* target, const char* source, const Array<uint32>& indices, con
 
 } // namespace
 
-void Buffer::commit() {
-    ++m_revision;
-    m_eventDispatch.triggerUpdateEvent(this);
-}
-
-void Buffer::commit(const zel::IndexRangeT<uint32>&) {
-    commit();
-}
-
-void Buffer::commit(uint32) {
-    commit();
-}
-
-void Buffer::commit(const Array<uint32>&) {
-    commit();
-}
-
 void Buffer::copy(Buffer* target, const Buffer* source) {
     verifySameFormat(target, source);
     if (target->size() < source->size())

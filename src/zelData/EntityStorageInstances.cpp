@@ -44,20 +44,6 @@ void sortDescending(IndexList& indices, zel::uint64 size) {
     indices.resize(count);
 }
 
-void moveInstance(Buffer* buffer, zel::uint64 target, zel::uint64 source) {
-    const zel::uint64 count = buffer->getElementArraySize();
-    if (count == 1)
-        buffer->getFormat()->moveElement(buffer->getElement(target), buffer->getElement(source));
-    else
-        buffer->getFormat()->moveElements(
-            buffer->getElement(target * count), buffer->getElement(source * count), count);
-}
-
-void commitPair(Buffer* buffer, zel::uint64 i, zel::uint64 j) {
-    zel::uint32 pair[] = {static_cast<zel::uint32>(i), static_cast<zel::uint32>(j)};
-    buffer->commit(Array<zel::uint32>(pair, 2));
-}
-
 /// The model "Referenced" if the model is or derives from it.
 const EntityModel* referencedBase(const EntityModel* model) {
     static const zel::Name name("Referenced");
@@ -72,7 +58,7 @@ const EntityModel* referencedBase(const EntityModel* model) {
 // Creation
 
 void EntityStorage::growGlobalOrder(zel::uint64 oldSize) {
-    if (!m_globalOrderBuffer || m_globalOrderBuffer->size() != oldSize)
+    if (m_globalOrderBuffer->size() != oldSize)
         return;
     m_globalOrderBuffer->resize(m_size);
     auto* order = m_globalOrderBuffer->data<zel::uint32>();
@@ -84,10 +70,11 @@ EntityPtr EntityStorage::createInstance() {
     const zel::uint64 index = m_size;
     m_insideCreate = true;
     m_initializeOnResize = true;
-    m_sizeValue->set(index + 1);
-    growGlobalOrder(index);
+    writeSize(index + 1);
+    if (m_globalOrderBuffer)
+        growGlobalOrder(index);
     const EntityPtr instance(this, getId(index));
-    if (firesEvents() && !isBatchOpen())
+    if (firesEvents() && !isBatchOpen() && !m_eventDispatch.empty())
         m_eventDispatch.triggerCreateInstanceEvent(this, instance);
     return instance;
 }
@@ -101,8 +88,9 @@ EntityRange EntityStorage::createInstances(zel::uint64 n) {
         reserve(old + n);
     m_insideCreate = true;
     m_initializeOnResize = true;
-    m_sizeValue->set(old + n);
-    growGlobalOrder(old);
+    writeSize(old + n);
+    if (m_globalOrderBuffer)
+        growGlobalOrder(old);
     if (firesEvents() && !isBatchOpen())
         m_eventDispatch.triggerCreateInstancesEvent(this, range);
     return range;
@@ -110,28 +98,21 @@ EntityRange EntityStorage::createInstances(zel::uint64 n) {
 
 // Destruction
 
-/// Exchanges two slots of the instance table, and the indices of their ids.
-void EntityStorage::exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept {
-    if (m_instancePtr == nullptr)
-        return;
-    std::swap(m_instancePtr[i], m_instancePtr[j]);
-    m_idToIndexPtr[m_instancePtr[i].getId()] = static_cast<zel::uint32>(i);
-    m_idToIndexPtr[m_instancePtr[j].getId()] = static_cast<zel::uint32>(j);
-}
-
 /// Lets the last instance take the place of another one, whose id goes to the last slot.
 void EntityStorage::moveToEnd(zel::uint64 index, zel::uint64 last) {
     if (index == last)
         return;
+    zel::uint32 indices[] = {static_cast<zel::uint32>(index), static_cast<zel::uint32>(last)};
+    const Array<zel::uint32> pair(indices, 2);
     if (hasRelatives())
         forEachRelative([index, last](EntityStorage* storage) { storage->exchangeSlots(index, last); });
     else
         exchangeSlots(index, last);
     if (m_instanceBuffer)
-        commitPair(m_instanceBuffer.get(), index, last);
-    forEachColumn([index, last](Buffer* buffer) {
-        moveInstance(buffer, index, last);
-        commitPair(buffer, index, last);
+        m_instanceBuffer->commit(pair);
+    forEachColumn([index, last, &pair](Buffer* buffer) {
+        buffer->moveColumnElement(index, last);
+        buffer->commit(pair);
     });
     if (m_idToIndexBuffer)
         m_idToIndexBuffer->commit();
@@ -139,14 +120,15 @@ void EntityStorage::moveToEnd(zel::uint64 index, zel::uint64 last) {
 
 void EntityStorage::destroyInstance(zel::uint32 id) {
     zelVerifyN(isAlive(id), "%s: there is no instance with id %u", getPath().c_str(), id);
-    if (firesEvents())
+    if (firesEvents() && !m_eventDispatch.empty()) {
         m_eventDispatch.triggerDestroyInstanceEvent(this, EntityPtr(this, id));
-    if (!isAlive(id))
-        return; // a listener has been faster
+        if (!isAlive(id))
+            return; // a listener has been faster
+    }
     moveToEnd(getIndex(id), m_size - 1);
     m_insideCreate = true;
     m_initializeOnResize = true;
-    m_sizeValue->set(m_size - 1);
+    writeSize(m_size - 1);
 }
 
 void EntityStorage::preDestroy(const EntityPtr& instance) {
@@ -197,12 +179,12 @@ void EntityStorage::destroyAt(IndexList& indices) {
     forEachColumn([&indices, count, last](Buffer* buffer) {
         for (zel::uint64 k = 0; k < count; ++k)
             if (indices[k] != last - k)
-                moveInstance(buffer, indices[k], last - k);
+                buffer->moveColumnElement(indices[k], last - k);
         buffer->commit();
     });
     m_insideCreate = true;
     m_initializeOnResize = true;
-    m_sizeValue->set(m_size - count);
+    writeSize(m_size - count);
 }
 
 void EntityStorage::destroyInstances(const EntityRange& range) {
@@ -221,7 +203,7 @@ void EntityStorage::destroyInstances(const EntityRange& range) {
 }
 
 void EntityStorage::clear() {
-    m_sizeValue->set(0);
+    writeSize(0);
 }
 
 void EntityStorage::reset() {

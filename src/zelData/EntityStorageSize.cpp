@@ -19,6 +19,17 @@ void EntityStorage::resize(zel::uint64 n, bool initialize) {
     m_sizeValue->set(n);
 }
 
+/// Writes the size value. Where nobody but this storage looks at it, which is how most storages live, the
+/// content is stored and the callback called without the rounds that an update makes.
+void EntityStorage::writeSize(zel::uint64 n) {
+    if (m_sizeValue->updateEvent.size() == 1 && m_sizeValue->isUnobserved()) {
+        *static_cast<zel::uint64*>(m_sizeValue->getData()) = n;
+        resizeCallback(n);
+    } else {
+        m_sizeValue->set(n);
+    }
+}
+
 void EntityStorage::reserve(zel::uint64 n) {
     if (n > m_capacity)
         m_capacityValue->set(n);
@@ -44,7 +55,7 @@ void EntityStorage::resizeCallback(zel::uint64 n) {
         sharedResizeCallback(n, initialize);
     for (const zel::ref_ptr<Buffer>& buffer : m_buffers)
         if (buffer && buffer->getStorage() == this)
-            buffer->resizeCallback(m_sizeValue.get(), initialize);
+            buffer->resizeColumn(m_sizeValue.get(), n, initialize);
     m_size = n;
     if (m_data)
         m_data->setNumElements(static_cast<zel::uint32>(n));
