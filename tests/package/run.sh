@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and installs a copy of the sources, moves the copy away, and builds and runs the hello example against what
-# was installed: once through find_package, once through pkg-config.
+# was installed: once through find_package, once through pkg-config. Then the entities example, which has classes and a
+# model file of its own.
 # usage: run.sh SOURCE_DIR COMPILER
 set -euo pipefail
 
@@ -41,6 +42,19 @@ cmake -S "$work/hello" -B "$work/by-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix
     -DCMAKE_CXX_COMPILER="$compiler" >"$work/log" || { cat "$work/log"; exit 1; }
 cmake --build "$work/by-cmake" >"$work/log" || { cat "$work/log"; exit 1; }
 check "$work/by-cmake/hello" "$prefix/share/zelCore"
+
+# An entity with classes of its own, by the pattern of those that are installed.
+[ -f "$prefix/include/zel/ReferencedEntity.h" ]
+[ -f "$prefix/share/zelCore/Components/zel/Referenced.zelEntity" ]
+if find "$prefix/share" -name '*.h' -o -name '*.cpp' | grep .; then
+    echo "sources lie among the installed model files" >&2
+    exit 1
+fi
+cp -r "$source/examples/entities" "$work/entities"
+cmake -S "$work/entities" -B "$work/entities-build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$compiler" >"$work/log" || { cat "$work/log"; exit 1; }
+cmake --build "$work/entities-build" >"$work/log" || { cat "$work/log"; exit 1; }
+ZEL_PLUGIN_PATH="$prefix/share/zelCore" "$work/entities-build/entities" | grep '49 apples are left'
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
