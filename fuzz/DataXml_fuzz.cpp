@@ -18,34 +18,44 @@
 
 namespace {
 
-/// What ends the process as it should: unknown containers and devices, words that are no booleans, and
-/// literals for values without a type.
-bool isFatal(const std::string& text) {
-    for (const char* word : {"&lt;", "<Device", "Bool", "Auto", "fn="})
-        if (text.find(word) != std::string::npos)
-            return true;
-    return false;
-}
-
 void walk(zel::Object* object) {
     if (auto* value = dynamic_cast<zelData::Value*>(object)) {
         static_cast<void>(value->toString());
     } else if (auto* buffer = dynamic_cast<zelData::Buffer*>(object)) {
-        if (buffer->size() > buffer->capacity())
-            std::abort();
+        // Reads all elements. The capacity may well be below the size: it is a number that can be set.
         const zel::ref_ptr<zelData::Buffer> clone(buffer->clone());
         if (clone->size() != buffer->size())
             std::abort();
     }
 }
 
-/// Whether a value without a type is to take a literal.
-bool hasUntypedLiteral(const TiXmlElement* element) {
-    for (; element != nullptr; element = element->NextSiblingElement()) {
-        if (element->ValueStr() == "Value" && element->Attribute("value") != nullptr &&
-            (element->Attribute("type") == nullptr || element->Attribute("instance") != nullptr))
+/// Whether the element is one of the values that each buffer has; they have types.
+bool isBuffersValue(const TiXmlElement* element) {
+    const char* instance = element->Attribute("instance");
+    if (instance == nullptr || element->Parent()->ValueStr() != "Buffer")
+        return false;
+    for (const char* name : {"numElements", "capacity", "elementArraySize", "defaultValue"})
+        if (std::string(instance) == name)
             return true;
-        if (hasUntypedLiteral(element->FirstChildElement()))
+    return false;
+}
+
+/// Whether an element ends the process, as it should: an unknown container or device, a word that is no
+/// boolean, a literal for a value without a type; or is of a tag that has a target of its own.
+bool isFatal(const TiXmlElement* element) {
+    for (; element != nullptr; element = element->NextSiblingElement()) {
+        const std::string& tag = element->ValueStr();
+        if (tag != "Value" && tag != "Buffer" && tag != "Component" && tag != "Object")
+            return true;
+        for (const TiXmlAttribute* attribute = element->FirstAttribute(); attribute != nullptr;
+             attribute = attribute->Next())
+            for (const char* word : {"<", "Bool", "Auto"})
+                if (attribute->ValueStr().find(word) != std::string::npos)
+                    return true;
+        if (tag == "Value" && element->Attribute("value") != nullptr &&
+            element->Attribute("type") == nullptr && !isBuffersValue(element))
+            return true;
+        if (isFatal(element->FirstChildElement()))
             return true;
     }
     return false;
@@ -63,8 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static_cast<void>(ready);
     // Sizes that fit in memory are none of the things to be found here.
     const std::string text(reinterpret_cast<const char*>(data), size);
-    if (isFatal(text))
-        return 0;
     std::size_t digits = 0;
     for (const char c : text) {
         digits = c >= '0' && c <= '9' ? digits + 1 : 0;
@@ -77,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::abort();
     try {
         const auto document = zel::Object::openDocument("/proc/self/fd/" + std::to_string(file));
-        if (!hasUntypedLiteral(document->FirstChildElement())) {
+        if (!isFatal(document->FirstChildElement())) {
             const zel::ref_ptr<zel::Component> top(new zel::Component("top"));
             if (TiXmlElement* root = document->RootElement()) {
                 top->configure(root);
