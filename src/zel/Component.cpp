@@ -1,14 +1,18 @@
+#include "zelData/ValueText.h"
+
 #include <zel/Component.h>
 #include <zel/ComponentVisitor.h>
 #include <zel/Device.h>
 #include <zel/Model.h>
 #include <zel/Verify.h>
+#include <zelData/Value.h>
 
 #include <json/value.h>
 #include <pystring/pystring.h>
 
 #include <cctype>
 #include <iostream>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -25,6 +29,16 @@ const Name& removeObjectEventName() {
     static const Name name("RemoveObjectEvent");
     return name;
 }
+
+/// How many destructors of components are at work on this thread.
+constinit thread_local uint32 t_destructorDepth = 0;
+
+struct DestructorScope {
+    DestructorScope() noexcept { ++t_destructorDepth; }
+    DestructorScope(const DestructorScope&) = delete;
+    DestructorScope& operator=(const DestructorScope&) = delete;
+    ~DestructorScope() { --t_destructorDepth; }
+};
 
 bool fits(const Object* object, const Model* model) {
     return model == nullptr || (object->getModel() != nullptr && object->getModel()->is(model));
@@ -52,7 +66,10 @@ Component::Component(const Name& name, Model* model, Device* device)
 Component::~Component() {
     for (const ref_ptr<Object>& object : m_objects)
         object->setContext(nullptr);
-    removeAllObjects();
+    {
+        const DestructorScope scope;
+        removeAllObjects();
+    }
     setDevice(nullptr);
 }
 
@@ -132,8 +149,15 @@ void Component::addObject(Object* object, bool assignContext) {
 void Component::detach(const ref_ptr<Object>& object) {
     trigger(&Component::removeObjectEvent, object.get());
     object->setContext(nullptr);
-    if (getEnableRebind())
+    if (!getEnableRebind())
+        return;
+    try {
         object->rebind();
+    } catch (const std::runtime_error&) {
+        // What a bad model gets; the throw has logged it. The subtree of a dying component goes all the same.
+        if (t_destructorDepth == 0)
+            throw;
+    }
 }
 
 bool Component::removeObject(Object* object) {
@@ -259,7 +283,10 @@ void Component::printSubtree(std::ostream& stream, int indentation) const {
     const auto line = [&stream](const Object* object, int depth) {
         for (int i = 0; i < depth; ++i)
             stream << "| ";
-        stream << "|-" << object->fullName() << '\n';
+        stream << "|-" << object->fullName();
+        if (const auto* value = dynamic_cast<const zelData::Value*>(object))
+            zelData::describeValue(stream, *value);
+        stream << '\n';
     };
     line(this, indentation);
     for (const ref_ptr<Object>& object : m_objects) {

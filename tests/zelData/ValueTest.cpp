@@ -685,6 +685,28 @@ TEST(ValueTest, SaysThatATypeHasNoText) {
     EXPECT_EQ(stream.str(), "'m': No ascii format'");
 }
 
+TEST(ValueTest, ShowsItselfInADumpOfTheTree) {
+    const ref_ptr<Component> top(new Component("top"));
+    const ref_ptr<Real> a = real("a", 0.5);
+    const ref_ptr<Real> b = real("b");
+    const ref_ptr<Value> c(new Value("c", getFormat("Real:32bit")));
+    for (Value* value : {static_cast<Value*>(a.get()), static_cast<Value*>(b.get()), c.get()})
+        top->addObject(value);
+    top->addObject(new Value("d", getType("SpinMutex")));
+    top->addObject(new Value("e", static_cast<const Format*>(nullptr)));
+    b->bind(a.get());
+    c->bind(b.get());
+    std::ostringstream stream;
+    top->printSubtree(stream, 0);
+    EXPECT_EQ(stream.str(),
+              "|-top\n"
+              "| |-a type=Real:64bit, value=0.5\n"
+              "| |-b type=Real:64bit, binding=top.a, value=0.5\n"
+              "| |-c type=Real:32bit, binding=top.b -> top.a, value=0.5\n"
+              "| |-d type=SpinMutex:default, value=<no Ascii transformer for type SpinMutex:default> \n"
+              "| |-e type=\n");
+}
+
 TEST(ValueTest, DescribesItselfForTheNavigationTree) {
     const ref_ptr<Real> root = real("root", 0.5);
     const ref_ptr<Real> value = real("v");

@@ -139,6 +139,16 @@ TEST_F(ValueXmlMaliciousTest, ACircleOfBindingsIsAnError) {
     EXPECT_EQ(circle("<Component name='k'><Value name='a' bind='k.a'/></Component>"), "no exception");
 }
 
+TEST_F(ValueXmlMaliciousTest, ATreeWithABadBindingGoesQuietly) {
+    const ref_ptr<Component> top(new Component("top"));
+    m_document =
+        Object::openDocument(m_directory.write("m.xml",
+                                               "<Object><Component name='k'><Object name='o'/><Value "
+                                               "name='v' type='Int' bind='o'/></Component></Object>"));
+    EXPECT_THROW(top->configure(m_document->RootElement()), std::runtime_error);
+    EXPECT_NE(top->findObject("k"), nullptr); // goes with the tree, and looks its bindings up once more
+}
+
 TEST_F(ValueXmlMaliciousTest, AChainMayBeLong) {
     std::string elements = "<Component name='k'><Value name='v0' type='Real' value='3'/>";
     for (int i = 1; i < 20000; ++i)
