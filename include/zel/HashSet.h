@@ -78,6 +78,8 @@ class HashSetImplementation {
 public:
     /// No key lies at a probe number of this or above.
     static constexpr uint64 ProbeLimit = 11;
+    /// A table with fewer than one key in so many slots does not grow for want of a place.
+    static constexpr uint64 SparseLoad = 256;
 
     /// A position in the table: a slot index. Dereferencing gives the key of a filled slot.
     class const_iterator {
@@ -156,7 +158,8 @@ public:
 
     /// Inserts the key, or overwrites the equal key that is there already.
     /// @return the key's position
-    /// @throws std::length_error if eleven other keys have the same 32-bit hash: no table could part them
+    /// @throws std::length_error if too many keys have the same or neighbouring hashes: no size could part
+    /// them
     const_iterator insert(Key key) {
         const uint32 hash = Hash()(key);
         return insertHashed(std::move(key), hash);
@@ -188,8 +191,10 @@ public:
                 if (deleted != NoSlot && p >= m_maxProbeLength)
                     return place(deleted, deletedProbe, std::move(key), hash);
             }
-            if (pathIsOf(hash))
-                throw std::length_error("HashSet: more than 11 keys have the same hash");
+            // Where hashes are spread, a table this empty has a place for any key. Where they are not, as
+            // those of texts made for the purpose, it would grow until memory runs out.
+            if (m_size < m_capacity / SparseLoad)
+                throw std::length_error("HashSet: too many keys with neighbouring hashes");
             rebuild(static_cast<uint64>(2.0 * static_cast<double>(m_capacity)));
         }
     }
@@ -338,18 +343,6 @@ private:
             m_maxProbeLength = static_cast<uint16>(p);
         ++m_size;
         return {this, index};
-    }
-
-    /// Whether the slots that a key of this hash may lie in are as many as there can be, and hold keys of the
-    /// same hash, so that no larger table would have a place for it.
-    [[nodiscard]] [[gnu::noinline]] bool pathIsOf(uint32 hash) const {
-        if (m_capacity <= (ProbeLimit - 1) * (ProbeLimit - 1))
-            return false;
-        const uint64 home = m_modulo(hash);
-        for (uint64 p = 0; p < ProbeLimit; ++p)
-            if (Hash()(m_table[probe(home, p)].key) != hash)
-                return false;
-        return true;
     }
 
     [[gnu::noinline]] void grow() {

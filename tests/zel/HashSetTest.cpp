@@ -362,10 +362,29 @@ TEST(HashSetTest, RefusesATwelfthKeyOfTheSameHash) {
         set.insert(11);
         FAIL() << "found a place";
     } catch (const std::length_error& error) {
-        EXPECT_STREQ(error.what(), "HashSet: more than 11 keys have the same hash");
+        EXPECT_STREQ(error.what(), "HashSet: too many keys with neighbouring hashes");
     }
     EXPECT_EQ(set.size(), 11U);
     for (int key = 0; key < 11; ++key)
+        EXPECT_TRUE(set.contains(key));
+}
+
+TEST(HashSetTest, RefusesKeysThatCrowdAFewHashes) {
+    struct Crowded {
+        zel::uint32 operator()(int key) const noexcept { return static_cast<zel::uint32>(key) % 1000; }
+        static bool equal(int a, int b) noexcept { return a == b; }
+    };
+    zel::HashSetImplementation<int, Crowded> set;
+    int number = 0;
+    EXPECT_THROW(
+        {
+            for (;; ++number)
+                set.insert(number);
+        },
+        std::length_error);
+    EXPECT_EQ(number, 1000); // hashes in a row leave no place between them
+    EXPECT_LT(set.capacity(), 256U * 1000 * 12);
+    for (int key = 0; key < number; ++key)
         EXPECT_TRUE(set.contains(key));
 }
 
