@@ -31,7 +31,7 @@ public:
 /// owner's memory. The owner counts as one that holds it.
 /// @threads as Value
 template <typename T>
-class Val final : public ValueT<T> {
+class Val final : public ValueT<T> { // NOLINT(cppcoreguidelines-virtual-class-destructor): is virtual
 public:
     explicit Val(const zel::Name& name = zel::Name()) : ValueT<T>(name) { this->reference(); }
     Val(const zel::Name& name, const T& content) : ValueT<T>(name, content) { this->reference(); }

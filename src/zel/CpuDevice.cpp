@@ -35,8 +35,8 @@ public:
 };
 
 ZEL_STATIC_INIT {
-    new CpuDeviceSingleton; // the manager owns it
-}
+    new CpuDeviceSingleton;
+} // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the manager owns it
 
 void* elementsOf(const zelData::Buffer* buffer, size_t index, size_t count) {
     zelVerifyN(index <= buffer->size() && count <= buffer->size() - index,
