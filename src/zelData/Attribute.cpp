@@ -18,6 +18,9 @@ Attribute::Attribute(const zel::Name& name,
     , m_defaultFormat(defaultFormat)
     , m_numElementsValue(numElements) {
     zelVerify(type);
+    zelVerifyN(numElements == nullptr || numElements->getFormat() == zelData::getFormat("UInt"),
+               "%s: the number of elements must be a value of the format UInt:64bit",
+               name.c_str());
     if (!m_defaultFormat)
         m_defaultFormat = type->getDefaultFormat();
     if (defaultValue != nullptr)

@@ -81,6 +81,10 @@ EntityPtr EntityStorage::createInstance() {
 
 EntityRange EntityStorage::createInstances(zel::uint64 n) {
     const zel::uint64 old = m_size;
+    zelVerifyN(n <= MaximumCapacity - old,
+               "%s: a storage holds at most %llu instances",
+               getPath().c_str(),
+               static_cast<unsigned long long>(MaximumCapacity));
     const EntityRange range(this, old, old + n);
     if (n == 0)
         return range;

@@ -88,6 +88,12 @@ TEST_F(AttributeDeathTest, TheDefaultValueIsOfTheAttributesType) {
     EXPECT_EQ(attribute->getDefaultValue(), fits.get());
 }
 
+TEST_F(AttributeDeathTest, TheNumberOfElementsIsAnUnsignedNumber) {
+    const ref_ptr<Value> value(new Value("numElements", getFormat("Real")));
+    EXPECT_DEATH(ScalarAttribute("mass", getFormat("Real"), nullptr, value.get()),
+                 "mass: the number of elements must be a value of the format UInt:64bit");
+}
+
 TEST_F(AttributeTest, ReadsAScalarFromXml) {
     const ref_ptr<ScalarAttribute> attribute(ScalarAttribute::load(
         parse("<Attribute.Scalar name='a' type='Vec3:32bit' value='1, 2, 3' numElements='4'/>")));

@@ -488,6 +488,8 @@ TEST_F(EntityStorageDeathTest, KeyFrameResizeDemandsRoom) {
 TEST_F(EntityStorageDeathTest, ASizeBeyondTheIdsIsRefused) {
     EXPECT_DEATH(storage->getSizeValue()->set(~uint64{0}),
                  "Body: a storage holds at most 4294967295 instances");
+    EXPECT_DEATH(static_cast<void>(storage->createInstances(~uint64{0})),
+                 "Body: a storage holds at most 4294967295 instances");
     EXPECT_DEATH(storage->reserve(uint64{1} << 32), "Body: a storage holds at most 4294967295 instances");
 }
 
