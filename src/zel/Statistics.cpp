@@ -336,6 +336,8 @@ void Statistics::clearCurrent() {
 }
 
 void Statistics::print(std::ostream& stream, bool includeEmpty) {
+    // The texts of the numbers are made by the type system, whose mutex goes first.
+    const std::lock_guard typeLock(getTypeSystemMutex());
     const std::lock_guard lock(m_mutex);
     ProviderHandle* root = findProvider(nullptr);
     if (root == nullptr) {
