@@ -337,7 +337,7 @@ TEST_F(EntityDataTest, LearnsOfSharedValues) {
         using EntityData::EntityData;
         void synchronizeSharedAttribute(Value* value) override {
             ++calls;
-            last = static_cast<zelData::ValueT<double>*>(value)->toString();
+            last = value->toString();
         }
         int calls = 0;
         String last;
