@@ -24,8 +24,9 @@ def read_times(paths):
             if len(parts) < 2:
                 sys.exit(f"{path}: '{run['name']}' names no side; expected BM_<Work>/<side>")
             work, side, *arguments = parts
-            arguments = [a for a in arguments if a != "real_time"]
-            time = "real_time" if "real_time" in parts else "cpu_time"
+            clocks = ("real_time", "manual_time")
+            arguments = [a for a in arguments if a not in clocks and not a.startswith("iterations:")]
+            time = "real_time" if any(clock in parts for clock in clocks) else "cpu_time"
             key = "/".join([work.removeprefix("BM_"), *arguments])
             works.setdefault(key, {})[side] = run[time] * NANOSECONDS[run["time_unit"]]
     return works
