@@ -195,7 +195,7 @@ public:
     ///                         means the default value of the format
     /// @throws std::runtime_error, naming the value and the text, if it is none of these: functions to
     /// compute a value from others come with the execution engine
-    void setExpression(const zel::String& text);
+    void setExpression(const zel::String& expression);
     /// Sets the target from the source.
     static void copy(Value* target, const Value* source);
     /// Tells all that follow this value that its content has changed in place.

@@ -227,12 +227,13 @@ namespace {
 template <typename FormatOf>
 zel::uint64 sumOfSizes(const EntityModel& model, const FormatOf& formatOf) {
     zel::uint64 sum = 0;
-    for (const zel::ref_ptr<Attribute>& attribute : model.getAttributes()) {
-        if (dynamic_cast<const SharedAttribute*>(attribute.get()) != nullptr)
+    for (const zel::ref_ptr<Attribute>& entry : model.getAttributes()) {
+        const Attribute* attribute = entry.get();
+        if (dynamic_cast<const SharedAttribute*>(attribute) != nullptr)
             continue;
-        if (dynamic_cast<const ContainerAttribute*>(attribute.get()) != nullptr)
+        if (dynamic_cast<const ContainerAttribute*>(attribute) != nullptr)
             zelAbort("Container attribute size can not be determined for a generic entity instance");
-        sum += formatOf(attribute.get())->getSize();
+        sum += formatOf(attribute)->getSize();
     }
     return sum;
 }

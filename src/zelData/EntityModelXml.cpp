@@ -129,7 +129,8 @@ EntityModel* EntityModel::load(zel::TiXmlElement* element, zel::Device*) {
 }
 
 void EntityModel::configure(zel::TiXmlElement* element) {
-    Object::configure(element);
+    // Not the component's: the child elements are attributes.
+    Object::configure(element); // NOLINT(bugprone-parent-virtual-call)
     if (element->Attribute("useInstanceTable") != nullptr)
         m_useInstanceTable = zel::parseAttribute<bool>(element, "useInstanceTable");
     if (element->Attribute("hasConstructor") != nullptr)

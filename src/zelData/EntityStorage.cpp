@@ -188,6 +188,7 @@ void EntityStorage::createColumns() {
 
 /// Gives the storage what an attribute of its entity asks for: a column, or a value.
 void EntityStorage::addAttribute(Attribute* attribute) {
+    zelVerify(attribute);
     if (const auto* shared = dynamic_cast<const SharedAttribute*>(attribute)) {
         const zel::ref_ptr<Value> value(shared->createValue());
         addObject(value.get());

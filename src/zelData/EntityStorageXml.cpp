@@ -39,7 +39,8 @@ EntityStorage* EntityStorage::load(zel::TiXmlElement* element, zel::Device* devi
 }
 
 void EntityStorage::configure(zel::TiXmlElement* element) {
-    Object::configure(element);
+    // Not the component's: the child elements are read below.
+    Object::configure(element); // NOLINT(bugprone-parent-virtual-call)
     if (const char* name = element->Attribute("name"))
         if (getName() != zel::Name(name))
             setName(name);
