@@ -229,6 +229,7 @@ zel::uint64 sumOfSizes(const EntityModel& model, const FormatOf& formatOf) {
     zel::uint64 sum = 0;
     for (const zel::ref_ptr<Attribute>& entry : model.getAttributes()) {
         const Attribute* attribute = entry.get();
+        zelVerify(attribute);
         if (dynamic_cast<const SharedAttribute*>(attribute) != nullptr)
             continue;
         if (dynamic_cast<const ContainerAttribute*>(attribute) != nullptr)
