@@ -1,4 +1,4 @@
-// Prints the table of all types and formats for docs/types.md; see types.py.
+// Prints the table of all types and formats for docs/types.md; see types_page.py.
 
 #include <zelData/Format.h>
 #include <zelData/Type.h>

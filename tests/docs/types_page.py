@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Keeps the table of types in the documentation: types.py --check|--write PAGE PROGRAM
+"""Keeps the table of types in the documentation: types_page.py --check|--write PAGE PROGRAM
 
 Between its two markers the page holds what the program prints. --check fails if it does not; --write makes it so.
 """
