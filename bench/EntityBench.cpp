@@ -192,8 +192,9 @@ void createOneByOne(benchmark::State& state) {
     }
 }
 
-template <typename Side>
-void createOneByOneWarm(benchmark::State& state) {
+/// Creation in a storage that has had as many instances before.
+template <typename Side, typename Create>
+void createWarm(benchmark::State& state, const Create& create) {
     Side side;
     side.create(NumInstances);
     const std::vector<uint32> ids = randomIds(NumDestroyed);
@@ -201,24 +202,22 @@ void createOneByOneWarm(benchmark::State& state) {
         state.PauseTiming();
         side.destroy(ids);
         state.ResumeTiming();
-        for (uint64 i = 0; i < NumDestroyed; ++i)
-            side.createOne();
+        create(side);
         benchmark::DoNotOptimize(&side);
     }
 }
 
 template <typename Side>
+void createOneByOneWarm(benchmark::State& state) {
+    createWarm<Side>(state, [](Side& side) {
+        for (uint64 i = 0; i < NumDestroyed; ++i)
+            side.createOne();
+    });
+}
+
+template <typename Side>
 void createAgain(benchmark::State& state) {
-    Side side;
-    side.create(NumInstances);
-    const std::vector<uint32> ids = randomIds(NumDestroyed);
-    for (auto _ : state) {
-        state.PauseTiming();
-        side.destroy(ids);
-        state.ResumeTiming();
-        side.create(NumDestroyed);
-        benchmark::DoNotOptimize(&side);
-    }
+    createWarm<Side>(state, [](Side& side) { side.create(NumDestroyed); });
 }
 
 template <typename Side>

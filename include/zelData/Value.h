@@ -29,8 +29,7 @@ class Type;
 /// Callbacks and listeners may change any binding, and remove any value, the running one included.
 /// @threads owner thread; tasks of other threads may read while nothing is changed
 /// @cost set: the callbacks, listeners and conversions of all dependents, direct and indirect, and nothing
-/// for
-///     those that have none
+///     for those that have none
 class ZEL_CORE_API Value : public zel::Object {
 public:
     class EventListener;

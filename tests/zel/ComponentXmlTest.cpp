@@ -7,7 +7,9 @@
 #include <zelIO/FilePathContainer.h>
 
 #include <support/LogCapture.h>
+#include <support/ModelFiles.h>
 #include <support/TempDirectory.h>
+#include <support/WhatOf.h>
 #include <tinyxml.h>
 
 #include <string>
@@ -24,31 +26,17 @@ using zelTest::TempDirectory;
 
 namespace {
 
-class ComponentXmlTest : public testing::Test {
+class ComponentXmlTest : public zelTest::ModelFiles {
 protected:
-    void SetUp() override {
-        zelCore::init();
-        zelIO::Environment::instance()
-            ->getFilePath(zelIO::Environment::PluginPath)
-            .pushfrontPath(directory.path());
-    }
-    void TearDown() override { zelCore::shutdown(); }
-
     std::string write(const std::string& name, const std::string& content) {
         return directory.write("Components/zel/" + name, content);
     }
     ref_ptr<Component> load(const std::string& path) { return Component::load(Path(path), nullptr); }
     std::string failure(const std::string& path) {
-        try {
-            load(path);
-        } catch (const std::runtime_error& error) {
-            EXPECT_TRUE(Object::getEnableRebind());
-            return error.what();
-        }
-        return "no exception";
+        const std::string what = zelTest::whatOf([&] { load(path); });
+        EXPECT_TRUE(Object::getEnableRebind());
+        return what;
     }
-
-    TempDirectory directory;
 };
 using ComponentXmlMaliciousTest = ComponentXmlTest;
 using ComponentManagerTest = ComponentXmlTest;

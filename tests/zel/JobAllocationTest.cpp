@@ -7,8 +7,6 @@
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
-#include <malloc.h>
-
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -19,37 +17,12 @@ using zel::ref_ptr;
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
-namespace {
+#include "support/AllocationCounter.h"
 
-std::atomic<bool> s_counting{false};
-std::atomic<size_t> s_allocations{0};
-
-} // namespace
-
-extern "C" void* __libc_malloc(size_t size);
-
-/// Takes the C library's place: operator new and our allocator both come here.
-extern "C" void* malloc(size_t size) {
-    if (s_counting.load(std::memory_order_relaxed))
-        s_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
-}
-
-namespace {
-
-template <typename Work>
-size_t allocationsOf(Work&& work) {
-    s_allocations = 0;
-    s_counting = true;
-    work();
-    s_counting = false;
-    return s_allocations.load();
-}
-
-} // namespace
+using zelTest::allocationsOf;
 
 TEST(JobAllocationTest, CounterSeesBothAllocators) {
-    EXPECT_GE(allocationsOf([] { delete new int(3); }), 0U);
+    EXPECT_EQ(allocationsOf([] { ::operator delete(::operator new(3)); }), 1U);
     EXPECT_EQ(allocationsOf([] {
                   void* block = zel::ByteAllocator::standaloneAllocateBytes(100);
                   zel::ByteAllocator::standaloneDeallocateTypes(block);

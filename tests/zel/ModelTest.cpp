@@ -8,6 +8,7 @@
 
 #include <json/value.h>
 #include <support/LogCapture.h>
+#include <support/ModelFiles.h>
 #include <support/TempDirectory.h>
 #include <tinyxml.h>
 
@@ -28,17 +29,8 @@ using zelTest::TempDirectory;
 
 namespace {
 
-class ModelTest : public testing::Test {
+class ModelTest : public zelTest::ModelFiles {
 protected:
-    void SetUp() override {
-        zelCore::init();
-        zelIO::Environment::instance()
-            ->getFilePath(zelIO::Environment::PluginPath)
-            .pushfrontPath(directory.path());
-    }
-    void TearDown() override { zelCore::shutdown(); }
-
-    TempDirectory directory;
 };
 using ModelDeathTest = ModelTest;
 using ModelMaliciousTest = ModelTest;

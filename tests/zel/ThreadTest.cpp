@@ -9,6 +9,7 @@
 #include <zelCore/zelCore.h>
 
 #include <support/PoolThreads.h>
+#include <support/WhatOf.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -29,6 +30,8 @@ constexpr bool Sanitized = true;
 #else
 constexpr bool Sanitized = false;
 #endif
+
+using zelTest::whatOf;
 
 namespace {
 
@@ -477,14 +480,6 @@ TEST(PerThreadStorageTest, KeepsAValueForEachThread) {
 }
 
 TEST(PerThreadStorageTest, FailuresAreExceptions) {
-    const auto whatOf = [](const std::function<void()>& function) -> std::string {
-        try {
-            function();
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "no exception";
-    };
     constexpr pthread_key_t NoKey = 1U << 20;
     int value = 0;
     EXPECT_EQ(whatOf([&] { Thread::writePerThreadStorage(NoKey, &value); }),

@@ -3,6 +3,7 @@
 #include <zel/XmlLoader.h>
 
 #include <support/LogCapture.h>
+#include <support/WhatOf.h>
 #include <tinyxml.h>
 
 #include <limits>
@@ -15,6 +16,8 @@ using zel::Object;
 using zel::parseAttribute;
 using zel::ref_ptr;
 
+using zelTest::whatOf;
+
 namespace {
 
 struct Document {
@@ -22,16 +25,6 @@ struct Document {
     TiXmlElement* root() { return xml.RootElement(); }
     TiXmlDocument xml;
 };
-
-template <typename Function>
-std::string whatOf(Function&& function) {
-    try {
-        function();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no exception";
-}
 
 } // namespace
 

@@ -6,6 +6,7 @@
 
 #include <support/LogCapture.h>
 #include <support/TempDirectory.h>
+#include <support/WhatOf.h>
 #include <tinyxml.h>
 
 #include <memory>
@@ -23,6 +24,8 @@ using zel::ref_ptr;
 using zelData::Buffer;
 using zelData::getFormat;
 
+using zelTest::whatOf;
+
 namespace {
 
 class BufferFileTest : public testing::Test {
@@ -37,12 +40,8 @@ protected:
     /// The what() of the failure to load the buffer, which stands in row 2.
     std::string failure(const std::string& element) {
         m_document = Object::openDocument(m_directory.write("m.xml", "\n" + element));
-        try {
-            const ref_ptr<Buffer> buffer(Buffer::load(m_document->RootElement(), nullptr));
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "no exception";
+        return whatOf(
+            [this] { const ref_ptr<Buffer> buffer(Buffer::load(m_document->RootElement(), nullptr)); });
     }
     static Buffer* buffer(const ref_ptr<Component>& component, const char* path = "b") {
         return dynamic_cast<Buffer*>(component->getResource(Path(path)));

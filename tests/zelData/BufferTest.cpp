@@ -7,6 +7,7 @@
 #include <zelData/ValueT.h>
 
 #include <support/LogCapture.h>
+#include <support/WhatOf.h>
 
 #include <algorithm>
 #include <cstring>
@@ -29,6 +30,8 @@ using zelData::Value;
 using zelData::ValueT;
 using zelTest::LogCapture;
 
+using zelTest::whatOf;
+
 namespace {
 
 ref_ptr<Buffer> make(const char* format = "Real:64bit") {
@@ -48,16 +51,6 @@ struct Recorder : Buffer::EventListener {
     }
     std::vector<std::string> log;
 };
-
-template <typename Function>
-std::string failure(Function&& function) {
-    try {
-        function();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no exception";
-}
 
 } // namespace
 
@@ -542,15 +535,15 @@ TEST(BufferMaliciousTest, RefusesWhatNoMemoryCanHold) {
     const ref_ptr<Buffer> buffer = make();
     buffer->resize(3);
     const auto all = ~uint64{0};
-    EXPECT_EQ(failure([&] { buffer->resize(all); }),
+    EXPECT_EQ(whatOf([&] { buffer->resize(all); }),
               "b: 18446744073709551615 elements of format 'Real:64bit' do not fit in memory");
-    EXPECT_NE(failure([&] { buffer->reserve(all / 8); }), "no exception");
-    EXPECT_NE(failure([&] { buffer->getCapacityValue()->set(all / 16); }), "no exception");
-    EXPECT_NE(failure([&] { buffer->getNumElementsValue()->set(uint64{1} << 61U); }), "no exception");
-    EXPECT_NE(failure([&] { buffer->presize(0, all); }), "no exception");
-    EXPECT_NE(failure([&] { buffer->keyFrameReserve(all); }), "no exception");
+    EXPECT_NE(whatOf([&] { buffer->reserve(all / 8); }), "no exception");
+    EXPECT_NE(whatOf([&] { buffer->getCapacityValue()->set(all / 16); }), "no exception");
+    EXPECT_NE(whatOf([&] { buffer->getNumElementsValue()->set(uint64{1} << 61U); }), "no exception");
+    EXPECT_NE(whatOf([&] { buffer->presize(0, all); }), "no exception");
+    EXPECT_NE(whatOf([&] { buffer->keyFrameReserve(all); }), "no exception");
     buffer->setElementArraySize(ref_ptr<Value>(new ValueT<uint64>("n", all)).get());
-    EXPECT_NE(failure([&] { buffer->resize(2); }), "no exception");
+    EXPECT_NE(whatOf([&] { buffer->resize(2); }), "no exception");
     EXPECT_EQ(buffer->size(), 3U);
     EXPECT_EQ(contentOf<double>(buffer), std::vector<double>(3, 0.0));
 }

@@ -5,7 +5,6 @@
 #include <zelData/Buffer.h>
 
 #include <algorithm>
-#include <atomic>
 #include <numeric>
 #include <random>
 
@@ -46,34 +45,9 @@ TEST_F(EntityAllocationTest, AnInstanceTakesItsPayloadAHandleAndAnId) {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
-namespace {
+#include "support/AllocationCounter.h"
 
-std::atomic<bool> s_counting{false};
-std::atomic<size_t> s_allocations{0};
-
-} // namespace
-
-extern "C" void* __libc_malloc(size_t size);
-
-/// Takes the C library's place: operator new and our allocator both come here.
-extern "C" void* malloc(size_t size) {
-    if (s_counting.load(std::memory_order_relaxed))
-        s_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
-}
-
-namespace {
-
-template <typename Work>
-size_t allocationsOf(const Work& work) {
-    s_allocations.store(0, std::memory_order_relaxed);
-    s_counting.store(true, std::memory_order_relaxed);
-    work();
-    s_counting.store(false, std::memory_order_relaxed);
-    return s_allocations.load(std::memory_order_relaxed);
-}
-
-} // namespace
+using zelTest::allocationsOf;
 
 TEST_F(EntityAllocationTest, TheCounterCounts) {
     EXPECT_EQ(allocationsOf([] { std::free(std::malloc(7)); }), 1U);

@@ -3,35 +3,24 @@
 #include <zel/Object.h>
 #include <zel/Path.h>
 #include <zel/ref_ptr.h>
-#include <zelCore/zelCore.h>
 #include <zelData/EntityModel.h>
 #include <zelData/EntityStorage.h>
-#include <zelIO/Environment.h>
-#include <zelIO/FilePathContainer.h>
 
 #include <gtest/gtest.h>
 #include <support/LogCapture.h>
-#include <support/TempDirectory.h>
+#include <support/ModelFiles.h>
+#include <support/WhatOf.h>
 #include <tinyxml.h>
 
-#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace zelTest {
 
-/// Starts the library, with a folder of model files of the test's own.
-class EntityFixture : public testing::Test {
+/// Model files of entities.
+class EntityFixture : public ModelFiles {
 protected:
-    void SetUp() override {
-        zelCore::init();
-        zelIO::Environment::instance()
-            ->getFilePath(zelIO::Environment::PluginPath)
-            .pushfrontPath(directory.path());
-    }
-    void TearDown() override { zelCore::shutdown(); }
-
     /// Writes Components/zel/NAME.zelEntity.
     std::string write(const std::string& name, const std::string& content) {
         return directory.write("Components/zel/" + name + ".zelEntity", content);
@@ -51,18 +40,6 @@ protected:
         return documents.back()->RootElement();
     }
 
-    /// What a failing call throws.
-    template <typename Call>
-    std::string failure(const Call& call) {
-        try {
-            call();
-        } catch (const std::exception& error) {
-            return error.what();
-        }
-        return "no exception";
-    }
-
-    TempDirectory directory;
     std::vector<std::unique_ptr<TiXmlDocument>> documents;
 };
 

@@ -36,7 +36,7 @@ class EntityModelTest : public zelTest::EntityFixture {
 protected:
     /// What loading the element as an entity fails with.
     std::string xmlFailure(const std::string& text) {
-        return failure([&] { static_cast<void>(EntityModel::load(parse(text), nullptr)); });
+        return zelTest::whatOf([&] { static_cast<void>(EntityModel::load(parse(text), nullptr)); });
     }
 };
 using AttributeTest = EntityModelTest;
@@ -107,7 +107,7 @@ TEST_F(AttributeTest, ReadsAScalarFromXml) {
 
 TEST_F(AttributeTest, SaysWhatAScalarLacks) {
     const auto load = [this](const char* text) {
-        return failure([&] { ref_ptr<ScalarAttribute>(ScalarAttribute::load(parse(text))); });
+        return zelTest::whatOf([&] { ref_ptr<ScalarAttribute>(ScalarAttribute::load(parse(text))); });
     };
     EXPECT_THAT(load("<Attribute.Scalar type='Real'/>"),
                 HasSubstr("XML error: Attribute must have a name!. Error at row 1"));
@@ -131,20 +131,23 @@ TEST_F(AttributeTest, ReadsASharedOneFromXml) {
     EXPECT_EQ(attribute->getDefaultFormat()->fullName(), "Real:32bit");
     const ref_ptr<Value> value(attribute->createValue());
     EXPECT_EQ(value->toString(), "9.81");
-    EXPECT_THAT(failure([&] { ref_ptr<SharedAttribute>(SharedAttribute::load(parse("<A type='Real'/>"))); }),
-                HasSubstr("XML error: Attribute must have a name."));
-    EXPECT_THAT(failure([&] { ref_ptr<SharedAttribute>(SharedAttribute::load(parse("<A name='a'/>"))); }),
-                HasSubstr("XML error: Attribute must have a type."));
     EXPECT_THAT(
-        failure([&] { ref_ptr<SharedAttribute>(SharedAttribute::load(parse("<A name='a' type='Rael'/>"))); }),
-        HasSubstr("XML error: No type named 'Rael'"));
+        zelTest::whatOf([&] { ref_ptr<SharedAttribute>(SharedAttribute::load(parse("<A type='Real'/>"))); }),
+        HasSubstr("XML error: Attribute must have a name."));
+    EXPECT_THAT(
+        zelTest::whatOf([&] { ref_ptr<SharedAttribute>(SharedAttribute::load(parse("<A name='a'/>"))); }),
+        HasSubstr("XML error: Attribute must have a type."));
+    EXPECT_THAT(zelTest::whatOf([&] {
+                    ref_ptr<SharedAttribute>(SharedAttribute::load(parse("<A name='a' type='Rael'/>")));
+                }),
+                HasSubstr("XML error: No type named 'Rael'"));
 }
 
 TEST_F(AttributeTest, ReadsAPointerFromXml) {
     const ref_ptr<zelData::PointerAttribute> attribute(
         zelData::PointerAttribute::load(parse("<Attribute.Pointer name='parent'/>")));
     EXPECT_EQ(attribute->getType(), zelData::getType("Pointer"));
-    EXPECT_THAT(failure([&] {
+    EXPECT_THAT(zelTest::whatOf([&] {
                     ref_ptr<zelData::PointerAttribute>(
                         zelData::PointerAttribute::load(parse("<Attribute.Pointer/>")));
                 }),
@@ -374,10 +377,10 @@ TEST_F(EntityModelTest, SharedBuffersAndStoragesAreChildrenOfEachStorage) {
 
 TEST_F(EntityModelMaliciousTest, AStorageIsNoPartOfItself) {
     EntityModel* model = entity("Tree", "<Shared.Storage name='trees' entity='Tree'/>");
-    EXPECT_THAT(failure([&] { ref_ptr<EntityStorage>(new EntityStorage(model)); }),
+    EXPECT_THAT(zelTest::whatOf([&] { ref_ptr<EntityStorage>(new EntityStorage(model)); }),
                 HasSubstr("A storage of the entity 'Tree' can not be a part of itself"));
     model = entity("Lost", "<Shared.Storage name='trees' entity='Nothing'/>");
-    EXPECT_THAT(failure([&] { ref_ptr<EntityStorage>(new EntityStorage(model)); }),
+    EXPECT_THAT(zelTest::whatOf([&] { ref_ptr<EntityStorage>(new EntityStorage(model)); }),
                 HasSubstr("Unable to load entity 'Nothing'"));
 }
 
@@ -501,7 +504,7 @@ TEST_F(EntityModelTest, ReadsAStorageFromXml) {
 TEST_F(EntityModelMaliciousTest, SaysWhatIsWrongWithAStorage) {
     static_cast<void>(entity("Body"));
     const auto load = [this](const std::string& text) {
-        return failure([&] { ref_ptr<EntityStorage>(EntityStorage::load(parse(text), nullptr)); });
+        return zelTest::whatOf([&] { ref_ptr<EntityStorage>(EntityStorage::load(parse(text), nullptr)); });
     };
     EXPECT_THAT(load("<Entity.Storage/>"), HasSubstr("XML error: Must specify an entity for the storage"));
     EXPECT_THAT(load("<Entity.Storage entity='Nothing'/>"),

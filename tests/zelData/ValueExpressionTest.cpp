@@ -1,3 +1,5 @@
+#include "support/WhatOf.h"
+
 #include <zel/Component.h>
 #include <zelData/Format.h>
 #include <zelData/Type.h>
@@ -19,6 +21,8 @@ using zelData::getFormat;
 using zelData::Value;
 using zelData::ValueT;
 
+using zelTest::whatOf;
+
 namespace {
 
 ref_ptr<Value> make(const char* format) {
@@ -33,12 +37,7 @@ std::string after(const char* format, const std::string& expression) {
 }
 
 std::string failure(const char* format, const std::string& expression) {
-    try {
-        make(format)->setExpression(expression);
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no exception";
+    return whatOf([&] { make(format)->setExpression(expression); });
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include <json/value.h>
 #include <support/LogCapture.h>
+#include <support/WhatOf.h>
 
 #include <memory>
 #include <sstream>
@@ -26,6 +27,8 @@ using zelData::Val;
 using zelData::Value;
 using zelData::ValueT;
 using zelTest::LogCapture;
+
+using zelTest::whatOf;
 
 namespace {
 
@@ -58,17 +61,6 @@ public:
 private:
     static std::string name(const Value* value) { return value == nullptr ? "null" : value->getName().str(); }
 };
-
-/// The what() of the exception that the function throws.
-template <typename Function>
-std::string failure(Function&& function) {
-    try {
-        function();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no exception";
-}
 
 } // namespace
 
@@ -321,7 +313,7 @@ TEST(ValueTest, HoldsOtherObjectsAsPointers) {
     EXPECT_TRUE(value->bind(static_cast<Object*>(nullptr)));
     EXPECT_EQ(*static_cast<Object**>(value->getData()), nullptr);
     const ref_ptr<Real> other = real("other");
-    EXPECT_EQ(failure([&] { other->bind(object.get()); }),
+    EXPECT_EQ(whatOf([&] { other->bind(object.get()); }),
               "other: A value of format 'Real:64bit' can not be bound to 'o', which is no value");
     EXPECT_TRUE(other->bind(static_cast<Object*>(real("root", 3).get())));
     EXPECT_EQ(other->get(), 3.0);
@@ -367,9 +359,9 @@ TEST(ValueTest, RefusesToFollowItself) {
     const ref_ptr<Real> c = real("c");
     b->bind(a.get());
     c->bind(b.get());
-    EXPECT_EQ(failure([&] { a->bind(a.get()); }), "a: Can not be bound to 'a', which depends on it");
-    EXPECT_EQ(failure([&] { a->bind(c.get()); }), "a: Can not be bound to 'c', which depends on it");
-    EXPECT_EQ(failure([&] { b->bind(c.get()); }), "b: Can not be bound to 'c', which depends on it");
+    EXPECT_EQ(whatOf([&] { a->bind(a.get()); }), "a: Can not be bound to 'a', which depends on it");
+    EXPECT_EQ(whatOf([&] { a->bind(c.get()); }), "a: Can not be bound to 'c', which depends on it");
+    EXPECT_EQ(whatOf([&] { b->bind(c.get()); }), "b: Can not be bound to 'c', which depends on it");
     EXPECT_EQ(c->getRootBinding(), a.get());
     EXPECT_EQ(c->get(), 1.0);
 }
@@ -377,18 +369,18 @@ TEST(ValueTest, RefusesToFollowItself) {
 TEST(ValueTest, RefusesWhatCanNotBeConverted) {
     const ref_ptr<Real> root = real("root");
     const ref_ptr<Value> uuid(new Value("id", getType("Uuid")));
-    EXPECT_EQ(failure([&] { uuid->bind(root.get()); }),
+    EXPECT_EQ(whatOf([&] { uuid->bind(root.get()); }),
               "id: Can not convert from format 'Real:64bit' to format 'Uuid:default'");
     EXPECT_EQ(uuid->getBinding(), nullptr);
-    EXPECT_EQ(failure([&] { uuid->set(root.get()); }),
+    EXPECT_EQ(whatOf([&] { uuid->set(root.get()); }),
               "id: Can not convert from format 'Real:64bit' to format 'Uuid:default'");
     const ref_ptr<Value> none(new Value("none", static_cast<const Format*>(nullptr)));
     uuid->bind(none.get());
-    EXPECT_EQ(failure([&] { none->setFormat(root->getFormat()); }),
+    EXPECT_EQ(whatOf([&] { none->setFormat(root->getFormat()); }),
               "none: Can not take the format 'Real:64bit', which can not be converted to the format "
               "'Uuid:default' of 'id'");
     EXPECT_EQ(none->getFormat(), nullptr);
-    EXPECT_NE(failure([&] { none->bind(root.get()); }), "no exception");
+    EXPECT_NE(whatOf([&] { none->bind(root.get()); }), "no exception");
     EXPECT_EQ(none->getBinding(), nullptr);
 }
 
@@ -569,7 +561,7 @@ TEST(ValueTest, AnExceptionLeavesUpdatesUsable) {
         if (fail)
             throw std::runtime_error("refused");
     });
-    EXPECT_EQ(failure([&] { root->set(1); }), "refused");
+    EXPECT_EQ(whatOf([&] { root->set(1); }), "refused");
     fail = false;
     root->set(2);
     EXPECT_EQ(updates, 2);

@@ -5,6 +5,7 @@
 #include <zelData/ValueT.h>
 
 #include <support/TempDirectory.h>
+#include <support/WhatOf.h>
 #include <tinyxml.h>
 
 #include <memory>
@@ -20,6 +21,8 @@ using zelData::getFormat;
 using zelData::Value;
 using zelData::ValueT;
 
+using zelTest::whatOf;
+
 namespace {
 
 class ValueXmlTest : public testing::Test {
@@ -34,12 +37,8 @@ protected:
     }
     std::string failure(const std::string& element) {
         m_document = Object::openDocument(m_directory.write("m.xml", "\n" + element));
-        try {
-            const ref_ptr<Value> value(Value::load(m_document->RootElement(), nullptr));
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "no exception";
+        return whatOf(
+            [this] { const ref_ptr<Value> value(Value::load(m_document->RootElement(), nullptr)); });
     }
     static Value* value(const ref_ptr<Component>& component, const char* path) {
         return dynamic_cast<Value*>(component->getResource(Path(path)));
@@ -124,14 +123,7 @@ TEST_F(ValueXmlTest, SaysWhatIsWrong) {
 }
 
 TEST_F(ValueXmlMaliciousTest, ACircleOfBindingsIsAnError) {
-    const auto circle = [this](const char* elements) {
-        try {
-            load(elements)->rebind();
-        } catch (const std::runtime_error& error) {
-            return std::string(error.what());
-        }
-        return std::string("no exception");
-    };
+    const auto circle = [this](const char* elements) { return whatOf([&] { load(elements)->rebind(); }); };
     EXPECT_THAT(circle("<Value name='a' bind='b'/><Value name='b' bind='c'/><Value name='c' bind='a'/>"),
                 HasSubstr("which depends on it"));
     EXPECT_TRUE(Object::getEnableRebind());
