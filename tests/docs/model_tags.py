@@ -1,0 +1,103 @@
+#!/usr/bin/env python3
+"""Compares the tables of docs/model-files.md with what the loaders read: model_tags.py SOURCE_DIRECTORY
+
+Fails for a tag or an attribute that stands in only one of the two, and for a source that reads attributes and is in
+no group below.
+"""
+import pathlib
+import re
+import sys
+
+# The tags that a group of sources reads the attributes of.
+GROUPS = [
+    ({"Component", "Object"}, ["src/zel/ComponentXml.cpp", "src/zel/Object.cpp"]),
+    ({"Device"}, ["src/zel/Device.cpp"]),
+    ({"Value"}, ["src/zelData/ValueXml.cpp", "src/zelData/TypeRegistry.cpp"]),
+    ({"Buffer"}, ["src/zelData/BufferFile.cpp", "src/zelData/TypeRegistry.cpp"]),
+    ({"Entity.Storage"}, ["src/zelData/EntityStorageXml.cpp"]),
+    (
+        {"Entity.Model", "Entity", "Shared.Buffer", "Shared.Storage"},
+        ["src/zelData/EntityModelXml.cpp", "src/zelData/TypeRegistry.cpp"],
+    ),
+    (
+        {"Attribute", "Attribute.Scalar", "Attribute.Array", "Attribute.Vector", "Attribute.HashSet"},
+        ["src/zelData/ScalarAttribute.cpp", "src/zelData/TypeRegistry.cpp"],
+    ),
+    ({"Attribute.Pointer"}, ["src/zelData/PointerAttribute.cpp"]),
+    ({"Attribute.Shared"}, ["src/zelData/SharedAttribute.cpp", "src/zelData/TypeRegistry.cpp"]),
+]
+# Read by the common door, of any element.
+ANYWHERE = {"instance"}
+# Tags without attributes of their own.
+BARE_TAGS = {"description"}
+# They read other files than models, or are the helpers that the loaders read with.
+OTHER_SOURCES = {"src/zel/ModelFiles.cpp", "src/zel/XmlLoader.cpp", "src/zelData/EntityXml.cpp", "src/zelData/TypeMap.cpp"}
+# `type` may be written as `value` where getFormat reads the element; nobody should.
+UNTOLD = {"src/zelData/TypeRegistry.cpp": {"value"}}
+
+ATTRIBUTE = re.compile(r'(?:->|\.)Attribute\((?:std::string\()?"([^"]+)"|parseAttribute<[^>]*>\([^,()]+, "([^"]+)"')
+TAG = re.compile(r'XmlLoaderRegistrator\s+\w+\(\s*"([^"]+)"|\bLoader\("([^"]+)"|addAlias\("([^"]+)"|\btag == "([^"]+)"')
+
+
+def table(page):
+    """The attributes of each tag."""
+    tags = {}
+    aliases = {}
+    current = []
+    for line in page.read_text().splitlines():
+        cells = [cell.strip() for cell in line.split("|")[1:-1]] if line.startswith("|") else []
+        if len(cells) != 3 or set(cells[0]) <= set("-") and cells[0] or cells[0] == "tag":
+            continue
+        if cells[0]:
+            current = re.findall(r"`([^`]+)`", cells[0])
+            for tag in current:
+                tags.setdefault(tag, set())
+        attributes = re.findall(r"`([^`]+)`", cells[1])
+        for tag in current:
+            if cells[1].startswith("as "):
+                aliases[tag] = attributes[0]
+            else:
+                tags[tag].update(attributes)
+    for tag, other in aliases.items():
+        tags[tag] |= tags[other]
+    return tags
+
+
+def read_attributes(text):
+    return {first or second for first, second in ATTRIBUTE.findall(text)}
+
+
+def main(directory):
+    root = pathlib.Path(directory)
+    told = table(root / "docs/model-files.md")
+    sources = {
+        str(path.relative_to(root)): path.read_text()
+        for folder in ("src", "include")
+        for path in sorted((root / folder).rglob("*.[ch]*"))
+    }
+    problems = []
+    grouped = {source for _, files in GROUPS for source in files}
+    for source, text in sources.items():
+        if read_attributes(text) and source not in grouped | OTHER_SOURCES:
+            problems.append(f"{source} reads attributes and is in no group")
+    for tags, files in GROUPS:
+        read = set()
+        for source in files:
+            read |= read_attributes(sources[source]) - UNTOLD.get(source, set())
+        listed = set().union(*(told.get(tag, set()) for tag in tags))
+        for attribute in sorted(read - listed - ANYWHERE):
+            problems.append(f"{', '.join(sorted(tags))}: '{attribute}' is read and not in the table")
+        for attribute in sorted(listed - read - ANYWHERE):
+            problems.append(f"{', '.join(sorted(tags))}: '{attribute}' is in the table and not read")
+    known = {tag for text in sources.values() for match in TAG.findall(text) for tag in match if tag} | BARE_TAGS | {"Object"}
+    for tag in sorted(known - told.keys()):
+        problems.append(f"the tag '{tag}' is not in the table")
+    for tag in sorted(told.keys() - known):
+        problems.append(f"the tag '{tag}' is in the table, and nothing loads it")
+    for tag in sorted(told.keys() - BARE_TAGS - {tag for tags, _ in GROUPS for tag in tags}):
+        problems.append(f"the tag '{tag}' is in no group")
+    sys.exit("\n".join(problems) or 0)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
