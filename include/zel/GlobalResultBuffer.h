@@ -1,0 +1,34 @@
+#pragma once
+
+#include <zel/Export.h>
+#include <zel/GlobalResult.h>
+#include <zel/ref_ptr.h>
+
+namespace zel {
+
+class Task;
+
+/// A global result that goes to a buffer.
+/// @threads as GlobalResult
+class ZEL_CORE_API GlobalResultBuffer : public GlobalResult {
+public:
+    /// @param target  kept alive
+    GlobalResultBuffer(uint32 settings, const Path& path, zelData::Buffer* target);
+    ~GlobalResultBuffer() override;
+
+    /// Makes room for what is expected. Ahead of the jobs.
+    void prepare(Task* task);
+    /// Gives the buffer its final size and order. After the jobs.
+    void finalize();
+
+    void handleOverflow(size_t newCapacity) override;
+    void sortResult(const zelData::Array<unsigned>& permutation) override;
+
+    [[nodiscard]] zelData::Buffer* getTarget() const noexcept { return m_target.get(); }
+
+private:
+    ref_ptr<zelData::Buffer> m_target;
+    VectorPOD<char> m_scratch; // of sorting, kept from run to run
+};
+
+} // namespace zel
