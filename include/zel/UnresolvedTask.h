@@ -1,0 +1,126 @@
+#pragma once
+
+#include <zel/Export.h>
+#include <zel/ParameterTable.h>
+#include <zel/Path.h>
+#include <zel/SerialTask.h>
+#include <zel/String.h>
+#include <zel/Vector.h>
+#include <zel/ref_ptr.h>
+
+#include <functional>
+
+namespace zel {
+
+class Parameter;
+class UnresolvedParameter;
+
+/// Stands in the task graph for a task that a model file names by a path, until an implementation is found:
+/// from a plug-in, a task file or a kernel. Holds the parameters as written, and takes the implementation's
+/// place in the tree and in the graph as soon as there is one.
+///
+/// It is looked for when the objects that the parameters name have been found, and, at the latest, in each
+/// run. A run without one warns of what is missing, and the graph goes on.
+/// @threads as Task
+class ZEL_CORE_API UnresolvedTask : public SerialTask {
+public:
+    /// The most levels of brackets in a function expression.
+    static constexpr size_t MaxNesting = 64;
+
+    /// @param name          of this object; empty for "UnresolvedTask(path)"
+    /// @param device        to try first; null for the CPU device
+    /// @param path          of the implementation
+    /// @param instanceName  of the task that is made
+    UnresolvedTask(const Name& name, Device* device, const Path& path, const Name& instanceName);
+    ~UnresolvedTask() override;
+
+    /// Makes the task of a call: "Math.Mul(@a, @b)" gives the path "Math.Mul" and the parameters "arg0" and
+    /// "arg1".
+    /// @return a new task without owner
+    /// @throws std::runtime_error, naming the text, for one that is no call
+    [[nodiscard]] static UnresolvedTask* parse(const String& text);
+    /// Splits "name(a, f(b, c), d)" at the outermost bracket and the commas inside it, blanks stripped: name,
+    /// a, f(b, c), d. A text without brackets is one part.
+    /// @throws std::runtime_error, naming the text, if the brackets do not match or are nested deeper than
+    ///     MaxNesting
+    static void splitParameters(const String& text, Vector<String>& parts);
+
+    /// Makes the object of an element of the tag "Task".
+    /// @return a new task without owner: a DummyTask for an element without "source"
+    /// @throws std::runtime_error with file and row
+    [[nodiscard]] static Task* load(TiXmlElement* element, Device* device);
+
+    using SerialTask::configure;
+    /// Adds the arguments of a call, "a, b)" or "(a, b)", as parameters "arg0", "arg1" and so on.
+    void configure(const String& text);
+    void configure(TiXmlElement* element) override;
+    /// Reads the attributes "instance" and "device".
+    void configureSource(TiXmlElement* element);
+
+    /// Adds a parameter as written, which is bound to the implementation's parameter of its name.
+    void addProxyParameter(UnresolvedParameter* parameter);
+    [[nodiscard]] const Vector<ref_ptr<UnresolvedParameter>>& getProxyParameters() const noexcept {
+        return m_proxyParameters;
+    }
+
+    /// Runs the implementation, or reports what is missing.
+    void run() override;
+    void rebind() override;
+
+    [[nodiscard]] const Name& getInstanceName() const noexcept { return m_instanceName; }
+    [[nodiscard]] const Path& getImplementationName() const noexcept { return m_implementationName; }
+    /// The namespace in which the task was named; names are looked for there first, and then outwards.
+    [[nodiscard]] const Path& getProxyPath() const noexcept { return m_proxyPath; }
+    void setProxyPath(const Path& path) { m_proxyPath = path; }
+    /// Null until it has been found.
+    [[nodiscard]] Task* getInstance() const noexcept { return m_instance.get(); }
+    /// The device that is tried now.
+    [[nodiscard]] Device* getTargetDevice() const noexcept { return m_targetDevice.get(); }
+    /// Called once the implementation exists and is bound.
+    void setInstanceCallback(std::function<void(UnresolvedTask*)> callback) {
+        m_instanceCallback = std::move(callback);
+    }
+
+    /// Looks for an implementation on the device, and then on the other kind of device, and binds it.
+    /// @return whether there is one
+    bool instantiateProxy();
+    void performLoadAttempts();
+    /// Goes on to the other kind of device.
+    void swapDevice();
+    void tryPlugin();
+    void tryTask();
+    void tryKernel();
+    void tryKernel(const Path& path);
+    /// Takes the task that the element describes, if it is one and its parameters fit.
+    void tryInstanciateTask(TiXmlElement* element);
+    /// Hands the parameters to the implementation.
+    void configureInstance();
+    /// Puts the implementation in this task's place.
+    void injectInstance(UnresolvedTask* self);
+    /// Called when a parameter has found, or lost, what it names.
+    void valueUpdateCallback(Parameter* parameter);
+
+    /// Keeps this task alive until deleteAllConfiguredProxies().
+    void retain();
+    static void deleteAllConfiguredProxies();
+
+private:
+    Path m_proxyPath;
+    Path m_implementationName;
+    Name m_instanceName;
+    ref_ptr<Task> m_instance;
+    ref_ptr<Device> m_targetDevice;
+    ParameterTable m_parameterTable;
+    Vector<ref_ptr<UnresolvedParameter>> m_proxyParameters;
+    std::function<void(UnresolvedTask*)> m_instanceCallback;
+    ref_ptr<UnresolvedTask> m_retainLink;
+};
+
+/// What an element of the tag "Task" without a source becomes: a task that does nothing.
+class ZEL_CORE_API DummyTask : public SerialTask {
+public:
+    /// @param name  the task is called "Dummy task: " and this
+    explicit DummyTask(const Name& name);
+};
+
+} // namespace zel
