@@ -346,6 +346,14 @@ private:
     void destroyAt(IndexList& indices);
     void moveToEnd(zel::uint64 index, zel::uint64 last);
     void exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept;
+    void verifyNoPermutation() const;
+    [[nodiscard]] void* prepareColumn(Buffer* buffer);
+    void permuteColumn(const Buffer* buffer,
+                       void* backBuffer,
+                       const zel::IndexRange& range,
+                       const Array<zel::uint32>& permutation) const;
+    static void commitColumn(Buffer* buffer, void* backBuffer);
+    void commitOrder(const Array<zel::uint32>& permutation);
     void permuteSlots(const Array<zel::uint32>& permutation);
     template <typename Visit>
     void forEachColumn(const Visit& visit) const;

@@ -100,9 +100,16 @@ void EntityStorage::reorder(const Array<zel::uint32>& permutation) {
     zelVerifyAs(permutation.size() == m_size, "permutation.size() == m_size");
     if (m_size == 0)
         return;
-    preparePermutation();
-    reorderAttributes(zel::IndexRange(0, m_size), permutation);
-    commitPermutation(permutation);
+    verifyNoPermutation();
+    // Column by column: a block that one column gives back is there for the next one.
+    for (zel::size_t i = 0; i < m_buffers.size(); ++i) {
+        if (!m_buffers[i])
+            continue;
+        void* target = prepareColumn(m_buffers[i].get());
+        permuteColumn(m_buffers[i].get(), target, zel::IndexRange(0, m_size), permutation);
+        commitColumn(m_buffers[i].get(), target);
+    }
+    commitOrder(permutation);
 }
 
 void EntityStorage::reorder(const zel::VectorPOD<zel::uint32>& permutation) {
@@ -111,63 +118,78 @@ void EntityStorage::reorder(const zel::VectorPOD<zel::uint32>& permutation) {
                                static_cast<zel::uint32>(permutation.size())));
 }
 
-void EntityStorage::preparePermutation() {
+void EntityStorage::verifyNoPermutation() const {
     zelVerifyN(m_permutationBuffers.empty(), "%s: a permutation is under way", getPath().c_str());
+}
+
+void EntityStorage::preparePermutation() {
+    verifyNoPermutation();
     m_permutationBuffers.resize(m_buffers.size());
-    for (zel::size_t i = 0; i < m_buffers.size(); ++i) {
-        Buffer* buffer = m_buffers[i].get();
-        if (buffer == nullptr)
-            continue;
-        m_permutationBuffers[i] = buffer->allocateBackBuffer();
-        // The free ids lie behind the instances.
-        if (buffer == m_instanceBuffer && m_capacity > m_size)
-            std::memcpy(static_cast<EntityPtr*>(m_permutationBuffers[i]) + m_size,
-                        m_instancePtr + m_size,
-                        (m_capacity - m_size) * sizeof(EntityPtr));
-    }
+    for (zel::size_t i = 0; i < m_buffers.size(); ++i)
+        if (m_buffers[i])
+            m_permutationBuffers[i] = prepareColumn(m_buffers[i].get());
 }
 
 void EntityStorage::reorderAttributes(const zel::IndexRange& range, const Array<zel::uint32>& permutation) {
     zelVerifyAs(range.end() <= permutation.size(), "range.end() <= permutation.size()");
-    for (zel::size_t i = 0; i < m_buffers.size(); ++i) {
-        Buffer* buffer = m_buffers[i].get();
-        if (buffer == nullptr)
-            continue;
-        const Format* format = buffer->getFormat();
-        const zel::uint64 count = buffer->getElementArraySize();
-        char* target =
-            static_cast<char*>(m_permutationBuffers[i]) + range.begin() * count * buffer->getElementSize();
-        // Plain elements need no construction ahead of the assignment.
-        if (buffer != m_instanceBuffer && !buffer->hasPlainElements())
-            format->constructElements(target, range.size() * count);
-        if (count == 1) {
-            format->permuteElements(
-                target, buffer->getPtr(), permutation.data() + range.begin(), range.size());
-            continue;
-        }
-        for (zel::uint64 k = range.begin(); k < range.end(); ++k) {
-            format->moveElements(target, buffer->getElement(permutation[k] * count), count);
-            target += count * buffer->getElementSize();
-        }
-    }
+    for (zel::size_t i = 0; i < m_buffers.size(); ++i)
+        if (m_buffers[i])
+            permuteColumn(m_buffers[i].get(), m_permutationBuffers[i], range, permutation);
 }
 
 void EntityStorage::commitPermutation(const Array<zel::uint32>& permutation) {
     zelVerifyAs(permutation.size() == m_size, "permutation.size() == m_size");
+    const zel::VectorPOD<void*> backBuffers = std::exchange(m_permutationBuffers, {});
+    for (zel::size_t i = 0; i < backBuffers.size(); ++i)
+        if (m_buffers[i])
+            commitColumn(m_buffers[i].get(), backBuffers[i]);
+    commitOrder(permutation);
+}
+
+/// @return raw memory for the column in its new order
+void* EntityStorage::prepareColumn(Buffer* buffer) {
+    void* target = buffer->allocateBackBuffer();
+    // The free ids lie behind the instances.
+    if (buffer == m_instanceBuffer && m_capacity > m_size)
+        std::memcpy(static_cast<EntityPtr*>(target) + m_size,
+                    m_instancePtr + m_size,
+                    (m_capacity - m_size) * sizeof(EntityPtr));
+    return target;
+}
+
+void EntityStorage::permuteColumn(const Buffer* buffer,
+                                  void* backBuffer,
+                                  const zel::IndexRange& range,
+                                  const Array<zel::uint32>& permutation) const {
+    const Format* format = buffer->getFormat();
+    const zel::uint64 count = buffer->getElementArraySize();
+    char* target = static_cast<char*>(backBuffer) + range.begin() * count * buffer->getElementSize();
+    // Plain elements need no construction ahead of the assignment.
+    if (buffer != m_instanceBuffer && !buffer->hasPlainElements())
+        format->constructElements(target, range.size() * count);
+    if (count == 1) {
+        format->permuteElements(target, buffer->getPtr(), permutation.data() + range.begin(), range.size());
+        return;
+    }
+    for (zel::uint64 k = range.begin(); k < range.end(); ++k) {
+        format->moveElements(target, buffer->getElement(permutation[k] * count), count);
+        target += count * buffer->getElementSize();
+    }
+}
+
+void EntityStorage::commitColumn(Buffer* buffer, void* backBuffer) {
+    buffer->getFormat()->destroyElements(buffer->getPtr(), buffer->size());
+    buffer->swapBackBuffer(backBuffer);
+    buffer->commit();
+}
+
+/// Brings the tables of ids into line with the columns, and tells the listeners.
+void EntityStorage::commitOrder(const Array<zel::uint32>& permutation) {
     if (hasRelatives())
         forEachRelative([this, &permutation](EntityStorage* storage) {
             if (storage != this)
                 storage->permuteSlots(permutation);
         });
-    const zel::VectorPOD<void*> backBuffers = std::exchange(m_permutationBuffers, {});
-    for (zel::size_t i = 0; i < backBuffers.size(); ++i) {
-        Buffer* buffer = m_buffers[i].get();
-        if (buffer == nullptr)
-            continue;
-        buffer->getFormat()->destroyElements(buffer->getPtr(), buffer->size());
-        buffer->swapBackBuffer(backBuffers[i]);
-        buffer->commit();
-    }
     if (m_instancePtr != nullptr) {
         for (zel::uint64 i = 0; i < m_size; ++i)
             m_idToIndexPtr[m_instancePtr[i].getId()] = static_cast<zel::uint32>(i);
