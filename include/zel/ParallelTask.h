@@ -27,6 +27,7 @@ public:
     [[nodiscard]] Job* getPreJob() override { return &m_preJob; }
     [[nodiscard]] Job* getPostJob() override { return &m_postJob; }
     [[nodiscard]] Job* getDispatchJob() noexcept { return &m_dispatchJob; }
+    /// Empty for executing the task that the attribute "dispatch" named, if there is one.
     void setDispatch(Callback dispatch) { m_dispatch = std::move(dispatch); }
 
     /// Makes the job run in each run of the task, after the dispatch and before the last job. The job is not

@@ -20,7 +20,8 @@ public:
     SerialTask(const Name& name, Callback callback, Device* device = nullptr);
     ~SerialTask() override;
 
-    /// The work of a task without a callback. Does nothing by default.
+    /// The work of a task without a callback. By default executes the task that the attribute "dispatch"
+    /// named, if there is one.
     virtual void run();
 
     void setTargetThread(Thread* thread) override;
@@ -28,7 +29,7 @@ public:
     [[nodiscard]] Job* getPostJob() override { return &m_job; }
     [[nodiscard]] Job* getJob() noexcept { return &m_job; }
     /// Sets the work; empty for run().
-    void setDispatch(Callback callback) { m_job.setCallback(std::move(callback)); }
+    void setDispatch(Callback callback) { setJobCallback(m_job, std::move(callback)); }
 
     /// The priority of a job that took so long last time: 50000 for a millisecond, at least 100.
     [[nodiscard]] static uint32 priorityFor(double milliseconds) noexcept;

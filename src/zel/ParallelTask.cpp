@@ -1,3 +1,5 @@
+#include "TaskDisableHelper.h"
+
 #include <zel/HashSet.h>
 #include <zel/ParallelTask.h>
 #include <zel/Timer.h>
@@ -40,14 +42,20 @@ void ParallelTask::setTargetThread(Thread* thread) {
 void ParallelTask::addJob(Job* job) {
     m_jobs.push_back(job);
     m_dispatchJob.addDependent(job);
-    job->addDependent(&m_postJob);
+    if (DisableHelper* helper = getDisableHelper())
+        helper->addWork(job);
+    else
+        job->addDependent(&m_postJob);
 }
 
 void ParallelTask::removeAllJobs() {
     // Newest first: edges are looked for from the back.
     for (size_t i = m_jobs.size(); i-- > 0;) {
         m_dispatchJob.removeDependent(m_jobs[i]);
-        m_jobs[i]->removeDependent(&m_postJob);
+        if (DisableHelper* helper = getDisableHelper())
+            helper->removeWork(m_jobs[i]);
+        else
+            m_jobs[i]->removeDependent(&m_postJob);
     }
     m_jobs.clear();
 }
@@ -77,17 +85,23 @@ void ParallelTask::endCallback() {
 }
 
 void ParallelTask::PreJob::implementation() {
-    m_owner.beginCallback();
+    if (!m_owner.isPassed())
+        m_owner.beginCallback();
     Job::implementation();
 }
 
 void ParallelTask::DispatchJob::implementation() {
     if (m_owner.m_dispatch)
         m_owner.m_dispatch();
+    else
+        m_owner.executeDispatchTarget();
 }
 
 void ParallelTask::PostJob::implementation() {
-    m_owner.endCallback();
+    if (m_owner.isPassed())
+        m_callback();
+    else
+        m_owner.endCallback();
 }
 
 } // namespace zel

@@ -20,7 +20,9 @@ SerialTask::~SerialTask() {
     releaseJob(m_job);
 }
 
-void SerialTask::run() {}
+void SerialTask::run() {
+    executeDispatchTarget();
+}
 
 void SerialTask::setTargetThread(Thread* thread) {
     m_job.setTargetThread(thread);
@@ -34,6 +36,10 @@ uint32 SerialTask::priorityFor(double milliseconds) noexcept {
 SerialTask::SerialJob::SerialJob(SerialTask& task) : Job(task.m_jobName.c_str()), m_owner(task) {}
 
 void SerialTask::SerialJob::implementation() {
+    if (m_owner.isPassed()) {
+        m_callback();
+        return;
+    }
     setPriority(priorityFor(Timer::toMilliseconds(m_lastCycles)));
     m_owner.beginCallback();
     if (m_callback)

@@ -1,6 +1,12 @@
+#include "TaskDisableHelper.h"
+#include "TaskPaths.h"
+
 #include <zel/HashSet.h>
+#include <zel/Log.h>
 #include <zel/Model.h>
+#include <zel/Statistics.h>
 #include <zel/Task.h>
+#include <zel/TaskGroup.h>
 #include <zel/Thread.h>
 #include <zel/Verify.h>
 #include <zel/WaitJob.h>
@@ -8,6 +14,8 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <iostream>
+#include <utility>
 
 namespace zel {
 
@@ -26,13 +34,56 @@ const Name& postEventName() {
     return name;
 }
 
+const Name& parameterAddedEventName() {
+    static const Name name("ParameterAddedEvent");
+    return name;
+}
+
+const Name& parameterRemovedEventName() {
+    static const Name name("ParameterRemovedEvent");
+    return name;
+}
+
+const Name& enableName() {
+    static const Name name("enable");
+    return name;
+}
+
+/// The next task above that reports to the statistics.
+void* findReportingParent(Object* context, const Task* task) {
+    for (; context != nullptr; context = context->getContext())
+        if (auto* above = dynamic_cast<Task*>(context); above != nullptr && above != task)
+            return above;
+    return nullptr;
+}
+
 } // namespace
 
 Task::Task(const Name& name, Device* device)
     : Component(name, ClassModel(), device)
     , preEvent(preEventName(), this)
-    , postEvent(postEventName(), this) {
+    , postEvent(postEventName(), this)
+    , parameterAddedEvent(parameterAddedEventName(), this)
+    , parameterRemovedEvent(parameterRemovedEventName(), this)
+    , m_enable(enableName(), true) {
+    init();
+}
+
+void Task::init() {
     Thread::initThreadSystem();
+    Component::addObject(&m_enable);
+    m_enable.updateEvent.connect([this](zelData::Value*) { enableCallback(); });
+    if (Statistics::hasInstance() && Statistics::getEnable())
+        registerStatistics();
+}
+
+void Task::registerStatistics() {
+    m_timingHandle = Statistics::instance()->registerTaskTimerProvider(this, getName().c_str(), nullptr);
+    if (!m_timingHandle)
+        ZEL_LOG_ERROR("A task tried to register itself as a task timing provider, but Statistics doesn't "
+                      "allow it.\n"
+                      "This happens when another provider was deleted without being unregistered, and this "
+                      "task took over its address.");
 }
 
 Task::~Task() {
@@ -45,6 +96,10 @@ Task::~Task() {
         parent->m_children.findAndErase(this);
     for (Task* child : m_children)
         child->m_parents.findAndErase(this);
+    for (const ref_ptr<Parameter>& parameter : m_parameters)
+        parameter->setTask(nullptr);
+    if (m_timingHandle && Statistics::hasInstance())
+        Statistics::instance()->unregisterDataProvider(this);
 }
 
 Model* Task::ClassModel() {
@@ -146,6 +201,8 @@ void Task::beginCallback() {
         m_wallTimer.reset();
         m_wallTimer.start();
     }
+    if (!m_parameters.empty())
+        readParameters();
     preEvent.fire(this);
     m_running.store(true, std::memory_order_seq_cst);
     if (profiling) {
@@ -156,31 +213,48 @@ void Task::beginCallback() {
 
 void Task::endCallback(float computeCost, float overhead) {
     m_computeTimer.stop();
+    if (!m_parameters.empty())
+        writeParameters();
     postEvent.fire(this);
+    pass();
+    // Release: pairs with isRunning.
+    m_running.store(false, std::memory_order_release);
+
+    if (getProfilingMode() == ProfilingOff)
+        m_computeCost = m_overhead = m_wallTime = 0;
+    else
+        measure(computeCost, overhead);
+    if (m_timingHandle)
+        report();
+}
+
+void Task::measure(float computeCost, float overhead) {
+    m_wallTimer.stop();
+    m_wallTime = static_cast<float>(m_wallTimer.getMilliseconds());
+    if (getProfilingMode() != ProfilingFull)
+        return;
+    m_computeCost = computeCost;
+    // What the run took beyond the work itself, and what parts of the task report.
+    const auto busy = static_cast<float>(m_computeTimer.getMilliseconds());
+    m_overhead = overhead + std::max(0.0F, busy - computeCost);
+    m_accumulatedComputeCost += m_computeCost;
+    m_accumulatedOverhead += m_overhead;
+    m_accumulatedWallTime += m_wallTime;
+    ++m_numAccumulatedRuns;
+}
+
+void Task::pass() {
     if (m_completes) {
         m_completes = false;
         Thread::s_taskCompletionCallback(this);
     }
-    // Release: pairs with isRunning.
-    m_running.store(false, std::memory_order_release);
+}
 
-    const ProfilingMode mode = getProfilingMode();
-    if (mode == ProfilingOff) {
-        m_computeCost = m_overhead = m_wallTime = 0;
+void Task::report() const {
+    if (!Statistics::hasInstance() || !Statistics::getEnable())
         return;
-    }
-    m_wallTimer.stop();
-    m_wallTime = static_cast<float>(m_wallTimer.getMilliseconds());
-    if (mode == ProfilingFull) {
-        m_computeCost = computeCost;
-        // What the run took beyond the work itself, and what parts of the task report.
-        const auto busy = static_cast<float>(m_computeTimer.getMilliseconds());
-        m_overhead = overhead + std::max(0.0F, busy - computeCost);
-        m_accumulatedComputeCost += m_computeCost;
-        m_accumulatedOverhead += m_overhead;
-        m_accumulatedWallTime += m_wallTime;
-        ++m_numAccumulatedRuns;
-    }
+    m_timingHandle->getWallTime()->add(static_cast<double>(m_wallTime));
+    m_timingHandle->getOverhead()->add(static_cast<double>(m_overhead));
 }
 
 void Task::resetAccumulationTimers(bool recursive) {
@@ -193,74 +267,24 @@ void Task::resetAccumulationTimers(bool recursive) {
             task->resetAccumulationTimers(true);
 }
 
-// Dependencies
+// The tree
 
-void Task::addDependency(Task* task) {
-    zelVerify(task);
-    addConnection(task, this);
+void Task::traverse(const Callback1<Task*>& callback, bool) {
+    callback(this);
 }
 
-bool Task::removeDependency(Task* task) {
-    if (!m_parents.findAndErase(task))
-        return false;
-    task->m_children.findAndErase(this);
-    disconnectFromParent(task);
-    return true;
+void Task::save(TiXmlElement*) const {
+    std::cout << "Task::save() TODO Implementation\n";
 }
 
-bool Task::hasDependency(Task* task) const {
-    // Each task is looked at once: the number of paths may be exponential in the number of tasks.
-    HashSet<const Task*> seen;
-    Vector<const Task*> open;
-    open.push_back(this);
-    while (!open.empty()) {
-        const Task* next = open.back();
-        open.pop_back();
-        for (const Task* parent : next->m_parents) {
-            if (parent == task)
-                return true;
-            if (!seen.contains(parent)) {
-                seen.insert(parent);
-                open.push_back(parent);
-            }
-        }
-    }
-    return false;
+void Task::setContext(Object* context) {
+    if (m_group != nullptr && context != m_group)
+        m_group->leave(this);
+    Component::setContext(context);
+    if (m_timingHandle && Statistics::hasInstance())
+        Statistics::instance()->setContext(this, findReportingParent(context, this));
 }
 
-void Task::addConnection(Task* parent, Task* child) {
-    zelVerify(parent);
-    zelVerify(child);
-    zelVerifyN(parent != child && !parent->hasDependency(child),
-               "Detected dependency loop between %s and %s",
-               parent->getPath().c_str(),
-               child->getPath().c_str());
-    parent->m_children.push_back(child);
-    child->m_parents.push_back(parent);
-    child->connectToParent(parent);
-}
-
-void Task::connectToParent(Task* parent) {
-    parent->getPostJob()->addDependent(getPreJob());
-}
-
-void Task::connectToChild(Task* child) {
-    getPostJob()->addDependent(child->getPreJob());
-}
-
-void Task::disconnectFromParent(Task* parent) {
-    parent->getPostJob()->removeDependent(getPreJob());
-}
-
-void Task::disconnectFromChild(Task* child) {
-    getPostJob()->removeDependent(child->getPreJob());
-}
-
-void Task::disconnect() {
-    while (!m_parents.empty())
-        removeDependency(m_parents.back());
-    while (!m_children.empty())
-        m_children.back()->removeDependency(this);
-}
+void Task::subtaskAddedCallback(Task*) {}
 
 } // namespace zel

@@ -1,0 +1,246 @@
+#pragma once
+
+#include <zel/Callback.h>
+#include <zel/Component.h>
+#include <zel/Event.h>
+#include <zel/Export.h>
+#include <zel/HashTable.h>
+#include <zel/Integers.h>
+#include <zel/InvalidIndex.h>
+#include <zel/Job.h>
+#include <zel/Name.h>
+#include <zel/Path.h>
+#include <zel/Task.h>
+#include <zel/Vector.h>
+#include <zel/observer_ptr.h>
+#include <zel/ref_ptr.h>
+#include <zelData/ValueT.h>
+
+namespace zel {
+
+/// Drives simulation time in frames. Each tick runs the frame's tasks, fires the events whose frame has come
+/// and advances the values "time" and "frame". Its values are child objects: "enable", "time", "frequency",
+/// "timeModulation", "timeStep" and "frame"; times are in seconds.
+///
+/// A clock may follow another one, its master: it then ticks by an event of the master's, and its frame's
+/// tasks run with the master's.
+///
+/// Callbacks may add, remove and change any event, and any setting of the clock.
+/// @threads one thread ticks and changes a clock; the tasks run on the threads of the pool
+/// @cost tick: the tasks, and the events that are due, however many are scheduled; nothing is allocated once
+///     the tables have grown
+class ZEL_CORE_API Clock : public Task {
+public:
+    class Event;
+
+    /// @param frequency  frames a second; above 0
+    Clock(const Name& name, double frequency);
+    ~Clock() override;
+
+    // The task of ticking once
+
+    void setTargetThread(Thread* thread) override;
+    [[nodiscard]] Job* getPreJob() override { return &m_job; }
+    [[nodiscard]] Job* getPostJob() override { return &m_job; }
+
+    /// Reads "name", "synchronize", "time", "frequency", "timeModulation" and "enable", and the child
+    /// elements "Value" and "Event".
+    /// @throws std::runtime_error with file and row
+    void configure(TiXmlElement* element) override;
+    using Task::configure;
+    /// Adds a child "Clock" with the values and events.
+    void save(TiXmlElement* element) const override;
+    /// Also attaches the clock to the master that "synchronize" named.
+    void rebind() override;
+
+    [[nodiscard]] static Model* ClassModel();
+    /// Makes a clock from an element of the tag "Clock".
+    /// @throws std::runtime_error with file and row
+    [[nodiscard]] static Clock* load(TiXmlElement* element, Device* device);
+    using Task::load;
+
+    // Time
+
+    /// Does nothing while the clock is disabled.
+    /// @param force  not read
+    void tick(bool force = false);
+    /// Ticks until "time" is at least this, whether or not the clock is enabled.
+    void stepTo(double time);
+    void stepForward(double duration);
+    /// Sets time and frame to zero; each event waits for its start delay anew.
+    void reset();
+
+    void setTime(double time);
+    /// Every scheduled event keeps its distance.
+    void setFrame(size_t frame);
+    /// @param frequency  above 0; anything else is refused with a warning
+    void setFrequency(double frequency);
+    /// Sets the frequency that makes this step. A step not above 0 is refused with a warning.
+    void setTimeStep(double timeStep);
+    void setTimeModulation(double modulation);
+
+    [[nodiscard]] double getTime() const { return m_time.get(); }
+    [[nodiscard]] size_t getFrame() const { return m_frame.get(); }
+    [[nodiscard]] double getFrequency() const { return m_frequency.get(); }
+    [[nodiscard]] double getTimeStep() const { return m_timeStep.get(); }
+    [[nodiscard]] double getTimeModulation() const { return m_timeModulation.get(); }
+    /// Modulation over frequency.
+    [[nodiscard]] double calculateTimestep() const;
+
+    // Events
+
+    /// Takes the event in, as a child object, and schedules it by its start delay.
+    void addEvent(Event* event);
+    /// @return whether the clock had it
+    bool removeEvent(Event* event);
+    /// Schedules the event one interval after its last dispatch.
+    void schedule(Event* event);
+    /// @param delay  in seconds; less than a step is one frame
+    void schedule(Event* event, double delay);
+    /// Takes the event off the schedule; it stays with the clock.
+    void unschedule(Event* event);
+    /// Schedules the event by its start delay.
+    void reschedule(Event* event);
+    /// Schedules all events anew for the present time step, each after the time that it had left.
+    /// @param oldTimeStep  the step by which they were scheduled
+    void rebuild(double oldTimeStep);
+    [[nodiscard]] const Vector<Event*>& getEvents() const noexcept { return m_events; }
+    bool removeObject(Object* object) override;
+    using Task::removeObject;
+
+    // Frames
+
+    /// Runs the task in each frame. The clock does not own it; once destroyed it is no longer there.
+    void addFrameTask(Task* task);
+    /// @return whether it was there
+    bool removeFrameTask(Task* task);
+    /// Runs the job in each frame. Not owned; remove it before it ends.
+    void addFrameJob(Job* job);
+    bool removeFrameJob(Job* job);
+
+    /// Lets the other clock tick with this one, at its own frequency. Its tasks join those of this clock's
+    /// next frame.
+    void addSlave(Clock* clock);
+    /// @return whether it was a slave of this clock
+    bool removeSlave(Clock* clock);
+    [[nodiscard]] Clock* getMaster() const noexcept { return m_master; }
+    [[nodiscard]] const Vector<Clock*>& getSlaves() const noexcept { return m_slaves; }
+    /// Makes the clock that the path names the master; looked up at the next rebind.
+    void bind(const Path& path);
+
+    /// Whether the frames of this clock are those of the threads' timeline.
+    void setIsThreadTimelineResponsible(bool responsible) noexcept {
+        m_isThreadTimelineResponsible = responsible;
+    }
+    [[nodiscard]] bool getIsThreadTimelineResponsible() const noexcept {
+        return m_isThreadTimelineResponsible;
+    }
+
+    EventT<Callback1<Clock*>> preTick;
+    EventT<Callback1<Clock*>> postTick;
+
+private:
+    class FrameWrapper;
+
+    class ZEL_CORE_API TickJob : public Job {
+    public:
+        TickJob(Clock& clock, const char* name) : Job(name), m_owner(clock) {}
+        void implementation() override;
+
+    private:
+        Clock& m_owner;
+    };
+
+    void slaveTick();
+    void runFrame();
+    void dispatchEvents();
+    void insert(Event* event, size_t frame);
+    void forget(Event* event);
+    void configureChildElement(TiXmlElement* child);
+    void applyFrequency(double frequency);
+
+    zelData::Val<double> m_time;
+    zelData::Val<double> m_frequency;
+    zelData::Val<double> m_timeModulation;
+    zelData::Val<double> m_timeStep;
+    zelData::Val<uint64> m_frame;
+    HashTable<uint64, Event*> m_schedule; // head of the list of each frame
+    Event* m_due = nullptr;               // what is left of the frame's list during dispatch
+    Vector<Event*> m_events;              // child objects; each knows its place
+    Vector<observer_ptr<Task>> m_frameTasks;
+    VectorPOD<Job*> m_frameJobs;
+    ref_ptr<FrameWrapper> m_frameWrapper;
+    Clock* m_master = nullptr;
+    Vector<Clock*> m_slaves;
+    ref_ptr<Event> m_frameEvent; // of a slave, on its master
+    bool m_isSlaveTicking = false;
+    bool m_isThreadTimelineResponsible = false;
+    Path m_masterPath;
+    Name m_jobName; // keeps the text of the job's name
+    TickJob m_job;
+};
+
+/// Something that happens at a time of a clock, once or again and again. Its values are child objects:
+/// "startDelay" and "interval" in seconds, "repeating" and "enabled". An event of a negative interval happens
+/// once and leaves its clock. A disabled event is scheduled and not fired.
+///
+/// What a delay has beyond whole frames is carried on to the next one, so that an interval keeps its average.
+/// @threads as its clock
+class ZEL_CORE_API Clock::Event : public Component {
+public:
+    Event(Callback callback, double interval, double startDelay);
+    explicit Event(const Name& name);
+    ~Event() override;
+
+    /// For derived classes: nothing happens by default.
+    virtual void start();
+    virtual void stop();
+    virtual void reset();
+
+    /// Schedules the event anew.
+    void setStartDelay(double delay);
+    void setInterval(double interval);
+    void setRepeating(bool repeating);
+    void setEnable(bool enable);
+    [[nodiscard]] double getStartDelay() const { return m_startDelay.get(); }
+    [[nodiscard]] double getInterval() const { return m_interval.get(); }
+    [[nodiscard]] bool isRepeating() const { return m_repeating.get(); }
+    [[nodiscard]] bool isEnabled() const { return m_enabled.get(); }
+
+    /// Of the clock's time, in seconds.
+    [[nodiscard]] double calculateTimeUntilDispatch() const;
+    /// @param timeStep  the step by which the event was scheduled
+    [[nodiscard]] double calculateTimeUntilDispatch(double timeStep) const;
+    [[nodiscard]] Clock* getClock() const noexcept { return m_clock; }
+    [[nodiscard]] size_t getIndex() const noexcept { return m_index; }
+    void setIndex(size_t index) noexcept { m_index = index; }
+    [[nodiscard]] uint64 getDispatchFrame() const noexcept { return m_dispatchFrame; }
+    [[nodiscard]] double getResidual() const noexcept { return m_residual; }
+    [[nodiscard]] bool isScheduled() const noexcept { return m_scheduled; }
+
+    /// Reads "startDelay", "interval", "repeating" and "enabled".
+    /// @throws std::runtime_error with file and row
+    void configure(TiXmlElement* element) override;
+    using Component::configure;
+
+    /// What happens.
+    EventT<Callback> callbacks;
+
+private:
+    friend class Clock;
+
+    void valueCallback(zelData::Value* value);
+
+    zelData::Val<double> m_startDelay;
+    zelData::Val<double> m_interval;
+    zelData::Val<bool> m_repeating;
+    zelData::Val<bool> m_enabled;
+    Event* m_next = nullptr; // in the same frame
+    size_t m_index = InvalidIndex;
+    Clock* m_clock = nullptr;
+    uint64 m_dispatchFrame = 0;
+    double m_residual = 0;
+    bool m_scheduled = false;
+};
+
+} // namespace zel

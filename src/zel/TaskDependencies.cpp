@@ -1,0 +1,257 @@
+#include "TaskPaths.h"
+
+#include <zel/HashSet.h>
+#include <zel/Task.h>
+#include <zel/TaskGroup.h>
+#include <zel/Verify.h>
+
+// Which tasks wait for which.
+
+namespace zel {
+
+void Task::addDependency(Task* task) {
+    zelVerify(task);
+    addConnection(task, this);
+}
+
+bool Task::removeDependency(Task* task) {
+    if (!m_parents.findAndErase(task))
+        return false;
+    task->m_children.findAndErase(this);
+    task->getPostJob()->removeDependent(getPreJob());
+    return true;
+}
+
+bool Task::hasDependency(Task* task) const {
+    // Each task is looked at once: the number of paths may be exponential in the number of tasks.
+    HashSet<const Task*> seen;
+    Vector<const Task*> open;
+    open.push_back(this);
+    while (!open.empty()) {
+        const Task* next = open.back();
+        open.pop_back();
+        for (const Task* parent : next->m_parents) {
+            if (parent == task)
+                return true;
+            if (!seen.contains(parent)) {
+                seen.insert(parent);
+                open.push_back(parent);
+            }
+        }
+    }
+    return false;
+}
+
+bool Task::reaches(Task* parent) {
+    // Over the jobs, so that a way through a group counts. From the child on: a graph is mostly built from
+    // its beginning to its end, and then there is little behind the child.
+    const Job* goal = parent->getPostJob();
+    HashSet<const Job*> seen;
+    VectorPOD<const Job*> open;
+    open.push_back(getPreJob());
+    while (!open.empty()) {
+        const Job* job = open.back();
+        open.pop_back();
+        if (job == goal)
+            return true;
+        for (const Job* dependent : job->getDependents()) {
+            if (!seen.contains(dependent)) {
+                seen.insert(dependent);
+                open.push_back(dependent);
+            }
+        }
+    }
+    return false;
+}
+
+void Task::addConnection(Task* parent, Task* child) {
+    zelVerify(parent);
+    zelVerify(child);
+    zelVerifyNAs(!child->reaches(parent),
+                 "!parent->hasDependency(child)",
+                 "Detected dependency loop between %s and %s",
+                 parent->getPath().c_str(),
+                 child->getPath().c_str());
+    parent->m_children.push_back(child);
+    child->m_parents.push_back(parent);
+    // A disabled task lets the run pass: it needs no detour.
+    parent->getPostJob()->addDependent(child->getPreJob());
+}
+
+namespace {
+
+/// Calls `connect` on the nearest enabled tasks that lie in one direction, each once; on the task itself if
+/// it is enabled.
+template <typename Neighbours, typename Connect>
+void forEachEnabled(Task* task, const Neighbours& neighbours, const Connect& connect) {
+    HashSet<Task*> seen;
+    Vector<Task*> open;
+    open.push_back(task);
+    while (!open.empty()) {
+        Task* next = open.back();
+        open.pop_back();
+        if (next->isEnabled()) {
+            connect(next);
+            continue;
+        }
+        for (Task* neighbour : neighbours(next)) {
+            if (!seen.contains(neighbour)) {
+                seen.insert(neighbour);
+                open.push_back(neighbour);
+            }
+        }
+    }
+}
+
+const Vector<Task*>& parentsOf(Task* task) {
+    return task->getParents();
+}
+
+const Vector<Task*>& childrenOf(Task* task) {
+    return task->getChildren();
+}
+
+} // namespace
+
+void Task::connectToParent(Task* parent) {
+    forEachEnabled(parent, parentsOf, [this](Task* task) { task->getPostJob()->addDependent(getPreJob()); });
+}
+
+void Task::connectToChild(Task* child) {
+    forEachEnabled(child, childrenOf, [this](Task* task) { getPostJob()->addDependent(task->getPreJob()); });
+}
+
+void Task::disconnectFromParent(Task* parent) {
+    forEachEnabled(
+        parent, parentsOf, [this](Task* task) { task->getPostJob()->removeDependent(getPreJob()); });
+}
+
+void Task::disconnectFromChild(Task* child) {
+    forEachEnabled(
+        child, childrenOf, [this](Task* task) { getPostJob()->removeDependent(task->getPreJob()); });
+}
+
+void Task::disconnect() {
+    while (!m_parents.empty())
+        removeDependency(m_parents.back());
+    while (!m_children.empty())
+        m_children.back()->removeDependency(this);
+}
+
+void Task::replace(Task* task) {
+    zelVerify(task);
+    zelVerify(task != this);
+    const ref_ptr<Task> keep(this);
+    const Vector<Task*> parents(m_parents);
+    const Vector<Task*> children(m_children);
+    disconnect();
+    if (m_group != nullptr) {
+        m_group->replaceSubtask(this, task);
+    } else if (auto* component = dynamic_cast<Component*>(getContext())) {
+        component->removeObject(this);
+        if (task->getContext() == nullptr)
+            component->addObject(task);
+    }
+    for (Task* parent : parents)
+        if (!task->m_parents.contains(parent))
+            addConnection(parent, task);
+    for (Task* child : children)
+        if (!child->m_parents.contains(task))
+            addConnection(task, child);
+}
+
+// By path
+
+Task::Paths& Task::paths() {
+    if (!m_paths)
+        m_paths = std::make_unique<Paths>();
+    return *m_paths;
+}
+
+void Task::addDependency(const Path& path) {
+    paths().dependencies.push_back(path);
+}
+
+void Task::addTriggerPath(const Path& path) {
+    paths().triggers.push_back(std::make_unique<Trigger>(*this, path, true));
+}
+
+void Task::addResolvePath(const Path& path) {
+    paths().triggers.push_back(std::make_unique<Trigger>(*this, path, false));
+}
+
+Path Task::resolveDependencies(Component* from) {
+    Path missing;
+    if (!m_paths)
+        return missing;
+    Vector<Path> left;
+    for (const Path& path : m_paths->dependencies) {
+        auto* task = dynamic_cast<Task*>(from == nullptr ? getAutoScopedResource(path, ClassModel())
+                                                         : from->getResource(path, ClassModel()));
+        if (task == nullptr) {
+            if (missing.empty())
+                missing = path;
+            left.push_back(path);
+        } else if (!m_parents.contains(task)) {
+            addDependency(task);
+        }
+    }
+    m_paths->dependencies = std::move(left);
+    return missing;
+}
+
+void Task::rebind() {
+    if (m_paths && !m_paths->bindContext.empty())
+        m_paths->context = getAutoScopedResource(m_paths->bindContext);
+    Component::rebind();
+    if (m_paths) {
+        resolveDependencies(nullptr);
+        for (const std::unique_ptr<Trigger>& trigger : m_paths->triggers)
+            trigger->rebind();
+        if (!m_paths->dispatch.empty())
+            m_paths->dispatchTarget =
+                dynamic_cast<Task*>(getAutoScopedResource(m_paths->dispatch, ClassModel()));
+    }
+    // Outside of a tree there is nothing yet that paths could lead to.
+    if (getContext() != nullptr && getEnableRebind())
+        verifyParameters();
+}
+
+Object* Task::getResourceImpl(const Path& path, Model* model) {
+    Object* found = Component::getResourceImpl(path, model);
+    // Two tasks may be each other's contexts.
+    if (found != nullptr || !m_paths || !m_paths->context || m_inBindContext)
+        return found;
+    m_inBindContext = true;
+    found = m_paths->context->getResourceImpl(path, model);
+    m_inBindContext = false;
+    return found;
+}
+
+void Task::executeDispatchTarget() {
+    if (m_paths && m_paths->dispatchTarget)
+        m_paths->dispatchTarget->execute();
+}
+
+void Task::Trigger::rebind() {
+    follow(dynamic_cast<zelData::Value*>(m_task.getAutoScopedResource(m_path, zelData::Value::ClassModel())));
+}
+
+void Task::Trigger::follow(zelData::Value* value) {
+    if (m_value == value)
+        return;
+    if (m_value)
+        m_value->updateEvent.disconnect(m_connection);
+    m_value = value;
+    if (value != nullptr)
+        m_connection = value->updateEvent.connect([this](zelData::Value*) { fire(); });
+}
+
+void Task::Trigger::fire() {
+    if (!m_execute)
+        m_task.rebind();
+    else if (!m_task.isRunning()) // an update from within the task is its own
+        m_task.execute();
+}
+
+} // namespace zel

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <zel/Integers.h>
+#include <zel/Path.h>
+#include <zel/Task.h>
+#include <zel/Vector.h>
+#include <zel/observer_ptr.h>
+#include <zelData/Value.h>
+
+#include <memory>
+#include <utility>
+
+namespace zel {
+
+/// A value that does something to a task whenever it is updated.
+class Task::Trigger {
+public:
+    /// @param execute  whether the task is executed, and not rebound
+    Trigger(Task& task, const Path& path, bool execute) : m_task(task), m_path(path), m_execute(execute) {}
+    Trigger(const Trigger&) = delete;
+    Trigger& operator=(const Trigger&) = delete;
+    ~Trigger() { follow(nullptr); }
+
+    void rebind();
+
+private:
+    void follow(zelData::Value* value);
+    void fire();
+
+    Task& m_task;
+    Path m_path;
+    bool m_execute;
+    observer_ptr<zelData::Value> m_value;
+    uint64 m_connection = 0;
+};
+
+/// What a task refers to by path.
+struct Task::Paths {
+    Vector<Path> dependencies; // not found yet
+    Vector<std::unique_ptr<Trigger>> triggers;
+    Path dispatch;
+    observer_ptr<Task> dispatchTarget;
+    Path bindContext;
+    observer_ptr<Object> context;
+};
+
+} // namespace zel
