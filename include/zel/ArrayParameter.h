@@ -82,6 +82,7 @@ protected:
 
 private:
     void leaveParent();
+    void syncArray();
     void refreshGlobalResult();
 
     ref_ptr<zelData::Buffer> m_buffer;

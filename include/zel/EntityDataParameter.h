@@ -30,8 +30,6 @@ public:
 
     /// Reads also the child parameters.
     void configure(TiXmlElement* element) override;
-    /// Looks up the child parameters' own paths too.
-    void rebind() override;
     [[nodiscard]] zelData::Type* getType() override;
     [[nodiscard]] const zelData::Type* getType() const override;
     /// Whether a view is set.
@@ -51,6 +49,8 @@ public:
     [[nodiscard]] const Vector<ref_ptr<ArrayParameter>>& getChildParameters() const noexcept {
         return m_children;
     }
+    /// Reads pointers and sizes of the columns anew.
+    void refreshColumns();
     [[nodiscard]] zelData::EntityModel* getEntityModel() const noexcept { return m_entityModel.get(); }
     [[nodiscard]] zelData::EntityStorage* getStorage() const noexcept { return m_storage; }
     [[nodiscard]] zelData::EntityData* getData() const noexcept { return m_dataSet.get(); }
@@ -78,7 +78,7 @@ private:
     void refreshGlobalResult();
 
     ref_ptr<zelData::EntityModel> m_entityModel;
-    zelData::EntityStorage* m_storage = nullptr; // the binding, or that of the parameter that is the binding
+    zelData::EntityStorage* m_storage = nullptr; // the binding
     ref_ptr<zelData::EntityData> m_dataSet;
     Vector<ref_ptr<ArrayParameter>> m_children;
     uint32 m_globalResultMode = 0;

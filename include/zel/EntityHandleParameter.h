@@ -21,7 +21,6 @@ class ZEL_CORE_API EntityHandleParameter : public Parameter {
 public:
     ~EntityHandleParameter() override;
 
-    void configure(TiXmlElement* element) override;
     [[nodiscard]] zelData::Type* getType() override;
     [[nodiscard]] const zelData::Type* getType() const override;
     /// Whether the handle is set.
@@ -55,9 +54,6 @@ protected:
     [[nodiscard]] const void* getElement() const;
     /// Binds to a value of the parameter's own with the handle. Forgets the path.
     void bindElement(const void* handle);
-    /// The entity that the attribute "type" names.
-    /// @throws std::runtime_error with file and row
-    [[nodiscard]] static zelData::EntityModel* loadModel(TiXmlElement* element);
 
 private:
     struct Access {

@@ -7,15 +7,13 @@
 #include <zel/Path.h>
 #include <zel/Range.h>
 #include <zel/Vector.h>
+#include <zel/ref_ptr.h>
 #include <zelData/Array.h>
+#include <zelData/Buffer.h>
 
 #include <atomic>
 #include <memory>
 #include <mutex>
-
-namespace zelData {
-class Buffer;
-} // namespace zelData
 
 namespace zel {
 
@@ -50,9 +48,9 @@ public:
 
     class BufferSet;
 
-    /// A block that a buffer had before an overflow. The buffer is the target's.
+    /// A block that a buffer had before an overflow.
     struct OverflowBuffer {
-        zelData::Buffer* buffer = nullptr;
+        ref_ptr<zelData::Buffer> buffer;
         void* data = nullptr;
         uint64 numElements = 0; ///< elements, not entries
     };
@@ -136,17 +134,28 @@ protected:
     void finalizeResultSorting(const IndexRange& range);
     /// The end of what was appended.
     [[nodiscard]] uint64 getCursor() const noexcept { return m_cursor.load(std::memory_order_relaxed); }
-    /// How many entries to make room for, given what there is.
+    /// How many entries to make room for, given what there is and where the new ones begin. Follows what
+    /// recent runs have needed.
     [[nodiscard]] uint64 estimateCapacity(uint64 numEntries, uint64 begin);
+    [[nodiscard]] uint64 getBegin() const noexcept { return m_begin; }
     void resetOverflows() noexcept { m_numOverflows = 0; }
     /// Adds a column of the target to the set that init or createNewSet has made last.
     void addTarget(zelData::Buffer* buffer);
-    /// The same after it got new memory.
-    void moveTarget(zelData::Buffer* buffer, void* oldData, uint64 numElements);
+    /// The same, with new memory for so many elements; the old one goes to the set.
+    void moveTarget(zelData::Buffer* buffer, uint64 numElements);
+    /// Named in messages.
     [[nodiscard]] const Path& getTargetPath() const noexcept { return m_path; }
 
 private:
-    [[nodiscard]] Transaction allocate(size_t count);
+    [[nodiscard]] Transaction allocate(size_t count) {
+        // Acquire: pairs with the release in overflow. Who sees a set also sees that the cursor lies beyond
+        // the capacity of the set before, so that no range lies in two sets.
+        const BufferSet* const set = m_set.load(std::memory_order_acquire);
+        const uint64 begin = m_cursor.fetch_add(count, std::memory_order_relaxed);
+        const IndexRange range(begin, begin + count);
+        return {this, range, fits(set, range.end()) ? set : overflow(range, set)};
+    }
+    [[nodiscard]] static bool fits(const BufferSet* set, uint64 end) noexcept;
     [[nodiscard]] const BufferSet* overflow(const IndexRange& range, const BufferSet* set);
     void reportFailedTransaction(const IndexRange& range, uint64 setIndex);
     void storeSortRange(const IndexRange& range, unsigned sortIndex);
@@ -197,8 +206,10 @@ private:
     struct Target {
         const zelData::Buffer* buffer;
         char* data;
-        uint64 entrySize;
+        uint64 entrySize; // in bytes
     };
+
+    void reset(uint64 capacity);
 
     uint64 m_index;
     uint64 m_capacity;

@@ -27,7 +27,10 @@ public:
     [[nodiscard]] zelData::Buffer* getTarget() const noexcept { return m_target.get(); }
 
 private:
+    [[nodiscard]] uint64 arraySize() const;
+
     ref_ptr<zelData::Buffer> m_target;
+    uint64 m_oldSize = 0;      // in elements, ahead of the run
     VectorPOD<char> m_scratch; // of sorting, kept from run to run
 };
 

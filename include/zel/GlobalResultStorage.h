@@ -35,6 +35,9 @@ public:
     [[nodiscard]] const Vector<EntityDataParameter*>& getTargets() const noexcept { return m_targets; }
 
 private:
+    template <typename Visit>
+    void forEachColumn(const Visit& visit) const;
+
     zelData::EntityStorage* m_storage;
     Vector<EntityDataParameter*> m_targets; // owned by the task
 };

@@ -141,12 +141,9 @@ protected:
     void setNeedsUpdate(bool needs) noexcept { m_needsUpdate = needs; }
     void setNeedsCommit(bool needs) noexcept { m_needsCommit = needs; }
     void setAccessMode(uint32 accessMode) noexcept { m_accessMode = static_cast<uint8>(accessMode); }
-    /// Ends the binding without a word to it, at the start of a derived class's destructor, while the class
-    /// can still let go of it.
-    void release() noexcept;
-
-    /// "Type" for messages; empty for null.
+    /// The name of a format's type, and of the format itself, for messages; empty for null.
     [[nodiscard]] static String typeText(const zelData::Format* format);
+    [[nodiscard]] static String formatText(const zelData::Format* format);
     /// The attribute "name" of an element that describes a parameter.
     /// @throws std::runtime_error with file and row
     [[nodiscard]] static Name loadName(TiXmlElement* element);

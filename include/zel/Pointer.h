@@ -25,10 +25,11 @@ public:
     /// An empty path is the pointer itself, or the object if only that one is of the model.
     Object* getResourceImpl(const Path& path, Model* model) override;
 
-    using zelData::Value::bind;
     /// Refers to the object from now on; null to none. Forgets the path.
     /// @return true
     bool bind(Object* object) override;
+    /// As Value::bind.
+    void bind(const Path& path) { Value::bind(path); }
     /// Refers to no object, and forgets the path.
     void unbind();
     /// Null for none.

@@ -3,6 +3,10 @@
 #include <zel/Export.h>
 #include <zel/Parameter.h>
 
+namespace zelData {
+class Value;
+} // namespace zelData
+
 namespace zel {
 
 /// A parameter for an object of any kind, which it does not keep alive: when the object dies, the parameter
@@ -25,6 +29,9 @@ public:
     /// Called at each update of the object, if it is a value.
     void triggerUpdateCallback(Object* object);
 
+    /// The object goes: unbinds. Not for callers.
+    void destroyCallback(Object* object) override;
+
     [[nodiscard]] static Model* ClassModel();
     /// Makes a parameter from an element of the tag "Parameter.Pointer".
     /// @return a new parameter without owner
@@ -35,8 +42,8 @@ protected:
     void _bind(Object* object) override;
 
 private:
-    uint64 m_callbackId = 0; // of the value's or parameter's updates
-    Object* m_observed = nullptr;
+    uint64 m_callbackId = 0;
+    zelData::Value* m_observed = nullptr; // the object, if it is a value
 };
 
 } // namespace zel

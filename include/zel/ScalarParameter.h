@@ -27,6 +27,8 @@ public:
     [[nodiscard]] const zelData::Type* getType() const override;
     /// Whether the value has content.
     [[nodiscard]] bool isValid() const override;
+    /// Tells all that follow the value that the task has written it.
+    void commit() override;
 
     [[nodiscard]] zelData::Value* getValue() const noexcept { return m_value.get(); }
     /// The element; null while there is none.

@@ -31,7 +31,6 @@ public:
     void update() override;
     void commit() override;
     void prepareGlobalResultSorting(size_t numJobs) override;
-    void rebind() override;
 
     /// What the parameter stands for: what it is bound to; null for nothing.
     [[nodiscard]] Object* getTarget() const noexcept { return getBinding(); }
@@ -54,10 +53,12 @@ protected:
 
 private:
     void followValue(zelData::Value* value);
-    void setKind(MetaType kind);
+    void dropValue();
+    void setKind(MetaType kind, const zelData::Format* format, const Object* object);
 
     ref_ptr<zelData::Value> m_value; // of its own; follows the target's
     MetaType m_declaredKind = MetaType::Unresolved;
+    ref_ptr<const zelData::Format> m_declaredFormat;
     uint64 m_callbackId = 0;
 };
 

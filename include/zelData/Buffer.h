@@ -280,7 +280,8 @@ public:
     void swapBackBuffer(void* pointer);
     /// Releases raw memory of allocateBackBuffer that was not taken.
     void releaseBackBuffer(void* pointer);
-    /// Gives the buffer new memory with n initialised elements and signals the reallocation.
+    /// Gives the buffer new memory with n initialised elements and signals the reallocation. A storage's
+    /// table of handles keeps its content, and the storage makes the new ones.
     /// @return the old memory, whose elements are still there, for deleteOverflowBuffer
     [[nodiscard]] void* kernelOverflowReallocation(zel::uint64 n);
     /// Destroys the n elements of such a block and releases it.

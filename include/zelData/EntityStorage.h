@@ -172,6 +172,10 @@ public:
     /// capacity changes.
     void keyFrameResize(zel::uint64 size, zel::uint64 capacity);
 
+    /// Kernels have filled the storage, and its columns have got memory for `capacity` instances: makes the
+    /// ids of the new ones. Size and capacity values follow when the batch is committed.
+    void overflowCallback(zel::uint64 capacity);
+
     // Order
 
     void swapInstances(zel::uint64 index1, zel::uint64 index2);

@@ -147,8 +147,8 @@ public:
 
     /// The element; null while there is none.
     [[nodiscard]] virtual void* getData();
-    /// Binds to a value as bind(Value*) does. Another object, or null, makes this value an `ObjectPointer`
-    /// that holds it, which ends any binding and forgets the path.
+    /// Binds to a value, or to that of a scalar parameter, as bind(Value*) does. Another object, or null,
+    /// makes this value an `ObjectPointer` that holds it, which ends any binding and forgets the path.
     /// @return true
     /// @throws std::runtime_error if the value can hold no pointer
     virtual bool bind(zel::Object* object);
@@ -238,6 +238,8 @@ public:
 
 protected:
     [[nodiscard]] const void* storage() const noexcept { return m_storage; }
+    /// Takes another path without looking it up.
+    void setBindPath(const zel::Path& path) { m_bindPath = path; }
     /// Fails unless the elements of the format are of this size and class.
     void verifyElement(zel::size_t size, const char* implementation) const;
 

@@ -249,9 +249,17 @@ Object* Component::getResourceImpl(const Path& path, Model* model) {
     if (colon != std::string::npos)
         part = pystring::strip(part.substr(0, colon));
     Object* object = findObject(part, rest.hasTail() ? nullptr : model, 0);
-    if (object == nullptr || !rest.hasTail())
-        return object;
-    return object->getResourceImpl(rest.tail(), model);
+    if (object != nullptr)
+        return rest.hasTail() ? object->getResourceImpl(rest.tail(), model) : object;
+    if (rest.hasTail() || model == nullptr)
+        return nullptr;
+    // A pointer that stands there may lead to an object of the model.
+    const Chain* chain = findChain(part);
+    for (object = chain == nullptr ? nullptr : chain->head; object != nullptr;
+         object = object->getNextSibling())
+        if (Object* target = object->getResourceImpl(Path(), model))
+            return target;
+    return nullptr;
 }
 
 void Component::traverse(const Callback1<Object*>& callback) {

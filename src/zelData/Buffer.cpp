@@ -343,13 +343,19 @@ void Buffer::releaseBackBuffer(void* pointer) {
 void* Buffer::kernelOverflowReallocation(uint64 n) {
     verifyFits(n);
     void* const old = m_ptr;
+    const uint64 oldRoom = std::min(std::max(m_capacity, m_numElements), m_allocated);
     setMemory(allocateMemory(n), n);
+    // The ids of a storage are no results of kernels, which may read them meanwhile.
+    if (m_movesWholeCapacity && old != nullptr)
+        m_format->copyElements(m_ptr, old, std::min(oldRoom, n));
     m_numElements = m_capacity = n;
     m_logicalSize = static_cast<uint32>(n);
     m_memoryOnResize = false;
     mirrorInContainer();
     if (m_elementInitializer && n != 0)
         m_elementInitializer(this, Range(0, n));
+    if (m_movesWholeCapacity && m_storage != nullptr)
+        m_storage->overflowCallback(n);
     signalReallocation();
     return old;
 }

@@ -103,6 +103,19 @@ void EntityStorage::sharedReserveCallback(zel::uint64 n) {
     forEachRelative([n](EntityStorage* storage) { storage->reserve(n); });
 }
 
+void EntityStorage::overflowCallback(zel::uint64 capacity) {
+    zelVerifyN(capacity <= MaximumCapacity,
+               "%s: a storage holds at most %llu instances",
+               getPath().c_str(),
+               static_cast<unsigned long long>(MaximumCapacity));
+    const zel::uint64 oldSize = std::exchange(m_size, capacity);
+    const zel::uint64 oldCapacity = std::exchange(m_capacity, capacity);
+    if (oldCapacity < capacity)
+        initializeInstances(oldCapacity, capacity);
+    if (m_useInstanceTable && m_entity && m_entity->hasConstructor())
+        constructInstances(oldSize, capacity);
+}
+
 void EntityStorage::presize(zel::uint64 size, zel::uint64 capacity) {
     zelVerify(capacity >= size);
     reserve(capacity);

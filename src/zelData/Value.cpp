@@ -7,6 +7,7 @@
 #include <zel/Exception.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
+#include <zel/ScalarParameter.h>
 #include <zel/Verify.h>
 #include <zelData/Format.h>
 #include <zelData/Type.h>
@@ -457,6 +458,10 @@ void Value::bind(Value* other) {
 bool Value::bind(zel::Object* object) {
     if (auto* value = dynamic_cast<Value*>(object)) {
         bind(value);
+        return true;
+    }
+    if (const auto* parameter = dynamic_cast<zel::ScalarParameter*>(object)) {
+        bind(parameter->getValue());
         return true;
     }
     const Format* pointerFormat = zelData::getFormat("ObjectPointer");

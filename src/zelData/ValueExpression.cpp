@@ -1,5 +1,6 @@
 #include "AsciiFormat.h"
 #include "FormatElement.h"
+#include "FormatLookup.h"
 
 #include <zel/Exception.h>
 #include <zel/Verify.h>
@@ -34,8 +35,13 @@ bool isLiteral(std::string_view text) {
            std::find(words.begin(), words.end(), text) != words.end();
 }
 
-/// As getFormat, for a text of any kind: makes no type for a name that means nothing, and does not end the
-/// process for an unknown container.
+zel::String shortened(std::string_view text) {
+    constexpr std::size_t limit = 200;
+    return std::string(text.substr(0, limit)) + (text.size() > limit ? "..." : "");
+}
+
+} // namespace
+
 const Format* findFormat(std::string_view name) {
     constexpr std::size_t longestName = 256;
     if (name.empty() || name.size() > longestName)
@@ -49,13 +55,6 @@ const Format* findFormat(std::string_view name) {
     }
     return getFormat(std::string(name));
 }
-
-zel::String shortened(std::string_view text) {
-    constexpr std::size_t limit = 200;
-    return std::string(text.substr(0, limit)) + (text.size() > limit ? "..." : "");
-}
-
-} // namespace
 
 /// Reads the text as the type's ascii format.
 void Value::setText(std::string_view text) {
