@@ -25,6 +25,27 @@ GROUPS = [
     ),
     ({"Attribute.Pointer"}, ["src/zelData/PointerAttribute.cpp"]),
     ({"Attribute.Shared"}, ["src/zelData/SharedAttribute.cpp", "src/zelData/TypeRegistry.cpp"]),
+    (
+        {
+            "Parameter.Scalar",
+            "Parameter.Array",
+            "Parameter.Pointer",
+            "Parameter.EntityData",
+            "Parameter.EntityPtr",
+            "Parameter.EntityInstance",
+            "Parameter.Unresolved",
+        },
+        [
+            "src/zel/Parameter.cpp",
+            "src/zel/ScalarParameter.cpp",
+            "src/zel/ArrayParameter.cpp",
+            "src/zel/EntityHandleParameter.cpp",
+            "src/zel/UnresolvedParameter.cpp",
+            "src/zelData/TypeRegistry.cpp",
+        ],
+    ),
+    ({"Parameter.HashTable"}, ["src/zel/HashTableComponent.cpp"]),
+    ({"Pointer"}, ["src/zel/Pointer.cpp"]),
 ]
 # Read by the common door, of any element.
 ANYWHERE = {"instance"}
