@@ -63,7 +63,7 @@ public:
 
     /// Does nothing while the clock is disabled.
     /// @param force  not read
-    void tick(bool force = false);
+    void tick(bool force);
     /// Ticks until "time" is at least this, whether or not the clock is enabled.
     void stepTo(double time);
     void stepForward(double duration);
@@ -105,8 +105,6 @@ public:
     /// @param oldTimeStep  the step by which they were scheduled
     void rebuild(double oldTimeStep);
     [[nodiscard]] const Vector<Event*>& getEvents() const noexcept { return m_events; }
-    bool removeObject(Object* object) override;
-    using Task::removeObject;
 
     // Frames
 
@@ -139,6 +137,9 @@ public:
     EventT<Callback1<Clock*>> preTick;
     EventT<Callback1<Clock*>> postTick;
 
+protected:
+    void configureChildren(TiXmlElement* element) override;
+
 private:
     class FrameWrapper;
 
@@ -151,13 +152,16 @@ private:
         Clock& m_owner;
     };
 
+    void updateTimeStep();
     void slaveTick();
+    void collectFrame();
     void runFrame();
     void dispatchEvents();
-    void insert(Event* event, size_t frame);
+    /// Takes the event off the schedule and off the list.
     void forget(Event* event);
-    void configureChildElement(TiXmlElement* child);
-    void applyFrequency(double frequency);
+    [[nodiscard]] Vector<ref_ptr<Event>> holdEvents() const;
+    void scheduleAnew(double oldTimeStep, uint64 oldFrame);
+    void configureValue(TiXmlElement* child);
 
     zelData::Val<double> m_time;
     zelData::Val<double> m_frequency;
@@ -173,6 +177,7 @@ private:
     Clock* m_master = nullptr;
     Vector<Clock*> m_slaves;
     ref_ptr<Event> m_frameEvent; // of a slave, on its master
+    bool m_isTicking = false;
     bool m_isSlaveTicking = false;
     bool m_isThreadTimelineResponsible = false;
     Path m_masterPath;
@@ -192,7 +197,8 @@ public:
     explicit Event(const Name& name);
     ~Event() override;
 
-    /// For derived classes: nothing happens by default.
+    /// Called when a clock has taken the event in, when it lets it go, and when it is reset. For derived
+    /// classes: nothing happens by default.
     virtual void start();
     virtual void stop();
     virtual void reset();
@@ -216,12 +222,14 @@ public:
     void setIndex(size_t index) noexcept { m_index = index; }
     [[nodiscard]] uint64 getDispatchFrame() const noexcept { return m_dispatchFrame; }
     [[nodiscard]] double getResidual() const noexcept { return m_residual; }
-    [[nodiscard]] bool isScheduled() const noexcept { return m_scheduled; }
+    [[nodiscard]] bool isScheduled() const noexcept { return m_state != State::Idle; }
 
     /// Reads "startDelay", "interval", "repeating" and "enabled".
     /// @throws std::runtime_error with file and row
     void configure(TiXmlElement* element) override;
     using Component::configure;
+    /// An event that leaves its clock's component leaves the clock.
+    void setContext(Object* context) override;
 
     /// What happens.
     EventT<Callback> callbacks;
@@ -229,7 +237,11 @@ public:
 private:
     friend class Clock;
 
+    enum class State { Idle, Scheduled, Due };
+
+    Event(const Name& name, double interval, double startDelay);
     void valueCallback(zelData::Value* value);
+    [[nodiscard]] double timeFrom(uint64 frame, double timeStep) const;
 
     zelData::Val<double> m_startDelay;
     zelData::Val<double> m_interval;
@@ -240,7 +252,7 @@ private:
     Clock* m_clock = nullptr;
     uint64 m_dispatchFrame = 0;
     double m_residual = 0;
-    bool m_scheduled = false;
+    State m_state = State::Idle;
 };
 
 } // namespace zel

@@ -7,6 +7,7 @@
 #include <zel/Integers.h>
 #include <zel/InvalidIndex.h>
 #include <zel/Job.h>
+#include <zel/LocalTimelineEntry.h>
 #include <zel/Notify.h>
 #include <zel/SpinMutex.h>
 #include <zel/ThreadLocalAllocator.h>
@@ -213,6 +214,33 @@ public:
     /// @threads any thread, while no thread starts or ends
     static void flushLogs();
 
+    // The timeline: what each thread of the pool did in a frame
+
+    /// Asks for a timeline. Only noted, for those who run frames: see Clock.
+    static void setEnableJobTimeline(bool enable) noexcept {
+        s_enableJobTimeline.store(enable, std::memory_order_relaxed);
+    }
+    [[nodiscard]] static bool getEnableJobTimeline() noexcept {
+        return s_enableJobTimeline.load(std::memory_order_relaxed);
+    }
+    /// Begins a frame: from here on each thread notes the jobs that it runs.
+    static void resetStartTick();
+    /// Ends the frame, and turns the notes of each thread into entities "ThreadTimelineEntry" in that
+    /// thread's default storage, in place of those of the frame before.
+    /// @threads outside of tasks, or from a task that runs alone
+    static void exportAllTimelines();
+    /// Whether jobs are being noted.
+    [[nodiscard]] static bool isTimelineOn() noexcept {
+        return s_registerTimelineEntries.load(std::memory_order_relaxed);
+    }
+    /// Notes a job that has just run here; a range with its size. A group of jobs does so for its members.
+    void reportTimelineJob(const Job* job);
+    /// Notes something else that took its time.
+    /// @param startTick  of the time-stamp counter, as endTick
+    void reportSystemJob(
+        uint64 startTick, uint64 endTick, const String& name, const String& extraTitle, double extraValue);
+    void pushTimelineEntry(const LocalTimelineEntry& entry);
+
 private:
     friend class Task;
     friend class ThreadLocalAllocator; // m_arena
@@ -288,6 +316,10 @@ private:
     void completeFrame(Task* task);
     void verifyLastFrame(const Task* task) const;
     void gatherLogEntries(Vector<LogEntry>& entries);
+    /// @return whether there is an entry that endSleepEntry is to end
+    [[nodiscard]] bool beginSleepEntry();
+    void endSleepEntry();
+    void exportTimelineEntries();
     [[nodiscard]] bool isWorker() const noexcept { return getId() >= 1 && getId() < DiscardedMainThread; }
     [[nodiscard]] static Thread* getThread(uint32 index) noexcept {
         // Acquire: pairs with the release in setThread, so that a new thread is seen complete.
@@ -339,6 +371,9 @@ private:
     ThreadLocalAllocator::Arena m_arena;
     ref_ptr<LogChunk> m_logChunk; // newest first; guarded by m_logLock
     SpinMutex m_logLock;
+    Vector<LocalTimelineEntry> m_timelineEntries; // guarded by m_timelineLock
+    SpinMutex m_timelineLock;
+    size_t m_queueLength = 0; // when the present job was taken
 
     // The system. Objects with destructors are never destroyed: threads may run on while the process exits.
     static std::atomic<Thread*> s_threads[ZEL_MAX_NUM_THREADS];
@@ -357,6 +392,12 @@ private:
     static std::atomic<bool> s_shutdown;           // workers stay out of the work loop
     static std::atomic<bool> s_forcedShutdown;
     static Vector<Thread*>& s_discardedMainThreads;
+    // Relaxed: switches and times that are set between frames.
+    static std::atomic<bool> s_enableJobTimeline;
+    static std::atomic<bool> s_registerTimelineEntries;
+    static std::atomic<uint64> s_timelineStartTick; // of the first frame
+    static std::atomic<uint64> s_frameStartTick;
+    static std::atomic<uint64> s_frameEndTick;
     static const Callback1<Task*>& s_taskCompletionCallback; // taskCompleted
 };
 

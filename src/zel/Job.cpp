@@ -65,6 +65,8 @@ uint64 Job::executeAt(uint64 startTick, VectorPOD<Job*>& localJobs, Thread* thre
     implementation();
     const uint64 endTick = Timer::now();
     stopTiming(endTick);
+    if (Thread::isTimelineOn())
+        thread->reportTimelineJob(this);
     // The job may be freed as soon as its last dependent is resolved, or a waiter let go: from there on only
     // these two pointers are used.
     Job* const* dependent = m_dependents.begin();

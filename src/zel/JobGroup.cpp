@@ -1,4 +1,5 @@
 #include <zel/JobGroup.h>
+#include <zel/Thread.h>
 
 namespace zel {
 
@@ -7,6 +8,8 @@ void JobGroup::implementation() {
         member->startTiming();
         member->implementation();
         member->stopTiming();
+        if (Thread::isTimelineOn())
+            Thread::getCurrentThread()->reportTimelineJob(member);
     }
 }
 

@@ -227,6 +227,7 @@ void Thread::workLoop() {
             continue;
         }
         job->m_executingThread = this;
+        m_queueLength = remaining;
         zelVerify(m_localJobs.empty());
         const uint64 startTick = Timer::now();
         m_overheadTimer.stop(startTick);
@@ -354,6 +355,7 @@ bool Thread::othersHaveJobs() const noexcept {
 }
 
 void Thread::sleep() {
+    const bool noted = beginSleepEntry();
     bool called = false;
     {
         const std::lock_guard lock(s_sharedMutex);
@@ -384,6 +386,8 @@ void Thread::sleep() {
         m_sleeping = false;
     }
     m_activationCount.store(1, std::memory_order_seq_cst);
+    if (noted)
+        endSleepEntry();
 }
 
 void Thread::wakeupThreads() {

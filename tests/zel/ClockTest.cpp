@@ -1,0 +1,617 @@
+#include <zel/Clock.h>
+#include <zel/Job.h>
+#include <zel/Model.h>
+#include <zel/RealTimeClock.h>
+#include <zel/SerialTask.h>
+#include <zel/TaskGroup.h>
+#include <zel/Thread.h>
+#include <zel/observer_ptr.h>
+#include <zel/ref_ptr.h>
+#include <zelCore/zelCore.h>
+
+#include <support/LogCapture.h>
+#include <support/TempDirectory.h>
+#include <support/WhatOf.h>
+#include <tinyxml.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+using zel::Clock;
+using zel::Component;
+using zel::Object;
+using zel::RealTimeClock;
+using zel::ref_ptr;
+using zel::SerialTask;
+using zelTest::LogCapture;
+using zelTest::whatOf;
+
+namespace {
+
+class ClockTest : public testing::Test {
+protected:
+    void SetUp() override {
+        testing::FLAGS_gtest_death_test_style = "threadsafe";
+        zelCore::init();
+    }
+    void TearDown() override { zelCore::shutdown(); }
+
+    /// An event that notes the frames in which it fires.
+    Clock::Event* noting(Clock* clock, double interval, double startDelay) {
+        return new Clock::Event(
+            [this, clock] { m_frames.push_back(clock->getFrame()); }, interval, startDelay);
+    }
+    static void tick(Clock* clock, int n) {
+        for (int i = 0; i < n; ++i)
+            clock->tick(false);
+    }
+
+    std::vector<size_t> m_frames;
+};
+using ClockEventTest = ClockTest;
+using ClockSlaveTest = ClockTest;
+using ClockDeathTest = ClockTest;
+using RealTimeClockTest = ClockTest;
+
+class ClockXmlTest : public ClockTest {
+protected:
+    ref_ptr<Object> load(const std::string& element) {
+        m_document = Object::openDocument(m_directory.write("c.xml", element));
+        return Object::load(m_document->RootElement(), nullptr);
+    }
+    std::string failure(const std::string& element) {
+        m_document = Object::openDocument(m_directory.write("c.xml", element));
+        return whatOf(
+            [this] { const ref_ptr<Clock> clock(Clock::load(m_document->RootElement(), nullptr)); });
+    }
+
+    zelTest::TempDirectory m_directory;
+    std::unique_ptr<TiXmlDocument> m_document;
+};
+
+} // namespace
+
+TEST_F(ClockTest, AdvancesTimeAndFrame) {
+    const ref_ptr<Clock> clock(new Clock("c", 4));
+    EXPECT_EQ(clock->getTimeStep(), 0.25);
+    tick(clock.get(), 3);
+    EXPECT_EQ(clock->getTime(), 0.75);
+    EXPECT_EQ(clock->getFrame(), 3U);
+}
+
+TEST_F(ClockTest, HasItsValuesAsChildren) {
+    const ref_ptr<Clock> clock(new Clock("c", 4));
+    for (const char* name : {"enable", "time", "frequency", "timeModulation", "timeStep", "frame"})
+        EXPECT_NE(clock->findObject(name, zelData::Value::ClassModel()), nullptr) << name;
+    EXPECT_EQ(clock->getNumObjects(), 6U);
+    EXPECT_TRUE(Clock::ClassModel()->is(zel::Task::ClassModel()));
+}
+
+TEST_F(ClockTest, DoesNotTickWhileDisabled) {
+    const ref_ptr<Clock> clock(new Clock("c", 4));
+    clock->setEnable(false);
+    clock->tick(true);
+    EXPECT_EQ(clock->getFrame(), 0U);
+    clock->setEnable(true);
+    clock->tick(false);
+    EXPECT_EQ(clock->getFrame(), 1U);
+}
+
+TEST_F(ClockTest, FiresAroundEachTick) {
+    const ref_ptr<Clock> clock(new Clock("c", 4));
+    std::string order;
+    clock->preTick.connect([&](Clock* c) { order += "pre" + std::to_string(c->getFrame()) + " "; });
+    clock->postTick.connect([&](Clock* c) { order += "post" + std::to_string(c->getFrame()) + " "; });
+    clock->addEvent(new Clock::Event([&] { order += "event "; }, 0, 0));
+    tick(clock.get(), 2);
+    EXPECT_EQ(order, "pre0 post1 pre1 event post2 ");
+}
+
+TEST_F(ClockTest, StepsToATimeEvenIfDisabled) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->setEnable(false);
+    clock->stepTo(1);
+    EXPECT_EQ(clock->getFrame(), 10U);
+    EXPECT_FALSE(clock->isEnabled());
+    clock->stepForward(0.25);
+    EXPECT_EQ(clock->getFrame(), 13U);
+    clock->stepTo(0);
+    EXPECT_EQ(clock->getFrame(), 13U);
+}
+
+TEST_F(ClockTest, GivesUpOnAStepThatIsLostInTheTime) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->setTime(1e300);
+    const LogCapture log;
+    clock->stepTo(2e300);
+    EXPECT_EQ(log.text(), "c: The timestep of 0.1 is too small to advance the time of 1e+300\n");
+    EXPECT_EQ(clock->getFrame(), 0U);
+}
+
+TEST_F(ClockTest, DerivesItsStepFromFrequencyAndModulation) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->setTimeModulation(2);
+    EXPECT_EQ(clock->getTimeStep(), 0.2);
+    clock->setFrequency(20);
+    EXPECT_EQ(clock->getTimeStep(), 0.1);
+    clock->setTimeStep(0.5);
+    EXPECT_EQ(clock->getFrequency(), 4);
+    EXPECT_EQ(clock->getTimeStep(), 0.5);
+    EXPECT_EQ(clock->calculateTimestep(), 0.5);
+}
+
+TEST_F(ClockTest, RefusesAStepOfZero) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    const LogCapture log;
+    clock->setTimeStep(0);
+    clock->setTimeStep(-1);
+    EXPECT_EQ(log.text(),
+              "Tried setting a timestep of 0, but the timestep must be larger than 0\n"
+              "Tried setting a timestep of -1, but the timestep must be larger than 0\n");
+    EXPECT_EQ(clock->getTimeStep(), 0.1);
+    EXPECT_EQ(clock->getFrequency(), 10);
+}
+
+TEST_F(ClockTest, RefusesFrequenciesAndModulationsOfZero) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    const LogCapture log;
+    clock->setFrequency(0);
+    clock->setTimeModulation(-2);
+    EXPECT_EQ(log.text(),
+              "Tried setting a frequency of 0, but the frequency must be larger than 0\n"
+              "Tried setting a time modulation of -2, but the time modulation must be larger than 0\n");
+    EXPECT_EQ(clock->getTimeStep(), 0.1);
+}
+
+TEST_F(ClockTest, ResetsToTheBeginning) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->addEvent(noting(clock.get(), 0.2, 0.2));
+    tick(clock.get(), 6);
+    clock->reset();
+    EXPECT_EQ(clock->getTime(), 0);
+    EXPECT_EQ(clock->getFrame(), 0U);
+    tick(clock.get(), 6);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{2, 4, 2, 4}));
+}
+
+TEST_F(ClockTest, TicksAsATask) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->execute();
+    EXPECT_EQ(clock->getFrame(), 1U);
+    clock->setEnable(false);
+    clock->execute();
+    EXPECT_EQ(clock->getFrame(), 1U);
+}
+
+// What runs in a frame
+
+TEST_F(ClockTest, RunsItsTasksAndJobsInEachFrame) {
+    for (const size_t threads : {1U, 2U, 4U}) {
+        zel::setNumThreads(threads);
+        const ref_ptr<Clock> clock(new Clock("c", 10));
+        std::atomic<int> runs{0};
+        const ref_ptr<SerialTask> a(new SerialTask("a", [&] { runs += 1; }));
+        const ref_ptr<SerialTask> b(new SerialTask("b", [&] { runs += 10; }));
+        b->addDependency(a.get());
+        zel::Job job([&] { runs += 100; });
+        clock->addFrameTask(a.get());
+        clock->addFrameTask(a.get()); // once is enough
+        clock->addFrameTask(b.get());
+        clock->addFrameJob(&job);
+        tick(clock.get(), 3);
+        EXPECT_EQ(runs, 333);
+        EXPECT_TRUE(clock->removeFrameTask(b.get()));
+        EXPECT_FALSE(clock->removeFrameTask(b.get()));
+        EXPECT_TRUE(clock->removeFrameJob(&job));
+        EXPECT_FALSE(clock->removeFrameJob(&job));
+        b->removeDependency(a.get());
+        tick(clock.get(), 1);
+        EXPECT_EQ(runs, 334);
+        a->execute(); // the frame has left no trace at the task
+        EXPECT_EQ(runs, 335);
+        EXPECT_EQ(a->getJob()->getNumDependencies(), 0U);
+    }
+}
+
+TEST_F(ClockTest, ForgetsAFrameTaskThatIsGone) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    int runs = 0;
+    ref_ptr<SerialTask> a(new SerialTask("a", [&] { runs += 1; }));
+    const ref_ptr<SerialTask> b(new SerialTask("b", [&] { runs += 10; }));
+    clock->addFrameTask(a.get());
+    clock->addFrameTask(b.get());
+    tick(clock.get(), 1);
+    a = nullptr;
+    tick(clock.get(), 1);
+    EXPECT_EQ(runs, 21);
+}
+
+TEST_F(ClockTest, PassesADisabledFrameTask) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    int runs = 0;
+    const ref_ptr<SerialTask> a(new SerialTask("a", [&] { ++runs; }));
+    clock->addFrameTask(a.get());
+    a->setEnable(false);
+    tick(clock.get(), 2);
+    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(clock->getFrame(), 2U);
+}
+
+// Events
+
+TEST_F(ClockEventTest, KeepsTheAverageOfAnIntervalThatIsNoMultipleOfTheStep) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->addEvent(noting(clock.get(), 0.15, 0.15));
+    tick(clock.get(), 13);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{1, 3, 4, 6, 7, 9, 10, 12}));
+}
+
+TEST_F(ClockEventTest, DelaysByOneFrameAtLeast) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->addEvent(noting(clock.get(), -1, 0));
+    clock->addEvent(noting(clock.get(), -1, 0.05));
+    clock->addEvent(noting(clock.get(), -1, -3));
+    tick(clock.get(), 3);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{1, 1, 1}));
+}
+
+TEST_F(ClockEventTest, DividesThreeTenthsByATenthToThree) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->addEvent(noting(clock.get(), -1, 0.3));
+    tick(clock.get(), 5);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{3}));
+}
+
+TEST_F(ClockEventTest, LetsAnEventOfANegativeIntervalGo) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    const ref_ptr<Clock::Event> event(noting(clock.get(), -1, 0.1));
+    const ref_ptr<Clock::Event> other(noting(clock.get(), 0.1, 0.1));
+    clock->addEvent(event.get());
+    clock->addEvent(other.get());
+    EXPECT_EQ(event->getIndex(), 0U);
+    EXPECT_EQ(event->getClock(), clock.get());
+    tick(clock.get(), 2);
+    EXPECT_EQ(event->getClock(), nullptr);
+    EXPECT_EQ(event->getContext(), nullptr);
+    EXPECT_EQ(other->getIndex(), 0U);
+    EXPECT_EQ(clock->getEvents(), zel::Vector<Clock::Event*>({other.get()}));
+}
+
+TEST_F(ClockEventTest, DoesNotReadWhetherAnEventRepeats) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    Clock::Event* event = noting(clock.get(), 0.1, 0.1);
+    event->setRepeating(false);
+    clock->addEvent(event);
+    tick(clock.get(), 3);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{1, 2}));
+}
+
+TEST_F(ClockEventTest, PassesOverADisabledEvent) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    Clock::Event* event = noting(clock.get(), 0.1, 0.1);
+    clock->addEvent(event);
+    event->setEnable(false);
+    tick(clock.get(), 3);
+    event->setEnable(true);
+    tick(clock.get(), 2);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{3, 4}));
+}
+
+TEST_F(ClockEventTest, SchedulesAnewWhenTheDelayChanges) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    Clock::Event* event = noting(clock.get(), -1, 0.1);
+    clock->addEvent(event);
+    event->setStartDelay(0.4);
+    EXPECT_EQ(event->getDispatchFrame(), 4U);
+    EXPECT_DOUBLE_EQ(event->calculateTimeUntilDispatch(), 0.4);
+    EXPECT_DOUBLE_EQ(event->calculateTimeUntilDispatch(0.2), 0.8);
+    tick(clock.get(), 6);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{4}));
+}
+
+TEST_F(ClockEventTest, KeepsTheTimeLeftWhenTheStepChanges) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    Clock::Event* event = noting(clock.get(), -1, 0.45);
+    clock->addEvent(event);
+    tick(clock.get(), 2);
+    clock->setFrequency(20);
+    EXPECT_EQ(event->getDispatchFrame(), 7U);
+    EXPECT_NEAR(event->calculateTimeUntilDispatch(), 0.25, 1e-12);
+    clock->setFrame(100);
+    EXPECT_EQ(event->getDispatchFrame(), 105U);
+}
+
+TEST_F(ClockEventTest, ChangesTheScheduleFromWithinACallback) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    std::string order;
+    ref_ptr<Clock::Event> victim(new Clock::Event([&] { order += 'v'; }, 0.1, 0.1));
+    ref_ptr<Clock::Event> self;
+    self = new Clock::Event(
+        [&] {
+            order += 's';
+            clock->removeEvent(self.get());
+            clock->removeEvent(victim.get());
+            clock->addEvent(new Clock::Event([&] { order += 'n'; }, -1, 0));
+        },
+        0.1,
+        0.1);
+    clock->addEvent(victim.get());
+    clock->addEvent(self.get()); // heads the list
+    tick(clock.get(), 4);
+    EXPECT_EQ(order, "sn");
+    EXPECT_EQ(self->getClock(), nullptr);
+    EXPECT_TRUE(clock->getEvents().empty());
+}
+
+TEST_F(ClockEventTest, TakesTheFrequencyThatACallbackSets) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    clock->addEvent(noting(clock.get(), 0.2, 0.2));
+    clock->addEvent(new Clock::Event([&] { clock->setFrequency(20); }, -1, 0.2));
+    tick(clock.get(), 8);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{2, 6}));
+}
+
+TEST_F(ClockEventTest, UnschedulesAndSchedules) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    Clock::Event* first = noting(clock.get(), 0.1, 0.2);
+    Clock::Event* second = noting(clock.get(), 0.5, 0.2);
+    clock->addEvent(first);
+    clock->addEvent(second);
+    clock->unschedule(first);
+    EXPECT_FALSE(first->isScheduled());
+    clock->unschedule(first);
+    tick(clock.get(), 3);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{2}));
+    clock->schedule(first, 0.3);
+    tick(clock.get(), 4);
+    EXPECT_EQ(m_frames, (std::vector<size_t>{2, 6}));
+    EXPECT_TRUE(clock->removeEvent(second));
+    EXPECT_FALSE(clock->removeEvent(second));
+    EXPECT_FALSE(clock->removeEvent(nullptr));
+}
+
+TEST_F(ClockEventTest, TellsAnEventWhatBecomesOfIt) {
+    struct Told : Clock::Event {
+        using Clock::Event::Event;
+        void start() override { told += "start "; }
+        void stop() override { told += "stop "; }
+        void reset() override { told += "reset "; }
+        std::string told;
+    };
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    const ref_ptr<Told> event(new Told("e"));
+    clock->addEvent(event.get());
+    clock->reset();
+    clock->removeAllObjects();
+    EXPECT_EQ(event->told, "start reset stop ");
+    EXPECT_TRUE(clock->getEvents().empty());
+    tick(clock.get(), 2);
+}
+
+TEST_F(ClockEventTest, OutlivesItsClock) {
+    ref_ptr<Clock> clock(new Clock("c", 10));
+    const ref_ptr<Clock::Event> event(new Clock::Event("e"));
+    clock->addEvent(event.get());
+    clock = nullptr;
+    EXPECT_EQ(event->getClock(), nullptr);
+    event->setStartDelay(3);
+    EXPECT_EQ(event->calculateTimeUntilDispatch(), 0);
+}
+
+// Slaves
+
+TEST_F(ClockSlaveTest, TicksWithItsMasterAtItsOwnFrequency) {
+    const ref_ptr<Clock> master(new Clock("m", 10));
+    const ref_ptr<Clock> slave(new Clock("s", 5));
+    master->addSlave(slave.get());
+    EXPECT_EQ(slave->getMaster(), master.get());
+    EXPECT_NE(master->findObject("s"), nullptr); // the frame event is named after the slave
+    tick(master.get(), 9);
+    EXPECT_EQ(slave->getFrame(), 4U);
+    EXPECT_DOUBLE_EQ(slave->getTime(), 0.8);
+    slave->setFrequency(10);
+    tick(master.get(), 4); // the turn that is due already stays
+    EXPECT_EQ(slave->getFrame(), 7U);
+    EXPECT_TRUE(master->removeSlave(slave.get()));
+    EXPECT_FALSE(master->removeSlave(slave.get()));
+    tick(master.get(), 4);
+    EXPECT_EQ(slave->getFrame(), 7U);
+    EXPECT_EQ(slave->getMaster(), nullptr);
+    EXPECT_TRUE(master->getEvents().empty());
+}
+
+TEST_F(ClockSlaveTest, RunsItsTasksInTheMastersNextFrame) {
+    const ref_ptr<Clock> master(new Clock("m", 10));
+    const ref_ptr<Clock> slave(new Clock("s", 10));
+    master->addSlave(slave.get());
+    int runs = 0;
+    const ref_ptr<SerialTask> task(new SerialTask("t", [&] { ++runs; }));
+    slave->addFrameTask(task.get());
+    master->addFrameTask(task.get()); // also; runs once a frame all the same
+    tick(master.get(), 1);
+    EXPECT_EQ(runs, 1);
+    tick(master.get(), 1); // the slave hands its task over
+    EXPECT_EQ(runs, 2);
+    master->removeFrameTask(task.get());
+    tick(master.get(), 1);
+    EXPECT_EQ(runs, 3);
+}
+
+TEST_F(ClockSlaveTest, HasSlavesOfItsOwn) {
+    const ref_ptr<Clock> a(new Clock("a", 10));
+    const ref_ptr<Clock> b(new Clock("b", 10));
+    const ref_ptr<Clock> c(new Clock("c", 5));
+    a->addSlave(b.get());
+    b->addSlave(c.get());
+    int runs = 0;
+    const ref_ptr<SerialTask> task(new SerialTask("t", [&] { ++runs; }));
+    c->addFrameTask(task.get());
+    tick(a.get(), 12);
+    EXPECT_EQ(b->getFrame(), 11U);
+    EXPECT_EQ(c->getFrame(), 5U);
+    EXPECT_EQ(runs, 4); // the last one waits for the next frame of the first clock
+    tick(a.get(), 1);
+    EXPECT_EQ(runs, 5);
+}
+
+TEST_F(ClockSlaveTest, PassesADisabledSlave) {
+    const ref_ptr<Clock> master(new Clock("m", 10));
+    const ref_ptr<Clock> slave(new Clock("s", 10));
+    master->addSlave(slave.get());
+    slave->setEnable(false);
+    tick(master.get(), 5);
+    EXPECT_EQ(slave->getFrame(), 0U);
+    EXPECT_EQ(master->getFrame(), 5U);
+}
+
+TEST_F(ClockSlaveTest, SurvivesMasterAndSlave) {
+    ref_ptr<Clock> master(new Clock("m", 10));
+    ref_ptr<Clock> slave(new Clock("s", 10));
+    const ref_ptr<Clock> other(new Clock("o", 10));
+    master->addSlave(slave.get());
+    other->addSlave(slave.get()); // changes hands
+    EXPECT_TRUE(master->getSlaves().empty());
+    master->addSlave(slave.get());
+    master = nullptr;
+    EXPECT_EQ(slave->getMaster(), nullptr);
+    other->addSlave(slave.get());
+    slave = nullptr;
+    tick(other.get(), 3);
+    EXPECT_TRUE(other->getSlaves().empty());
+}
+
+TEST_F(ClockSlaveTest, FindsItsMasterByPath) {
+    const ref_ptr<Component> top(new Component("top"));
+    const ref_ptr<Clock> slave(new Clock("s", 10));
+    slave->bind("m");
+    top->addObject(slave.get());
+    EXPECT_EQ(slave->getMaster(), nullptr);
+    const ref_ptr<Clock> master(new Clock("m", 10));
+    top->addObject(master.get());
+    EXPECT_EQ(slave->getMaster(), master.get());
+}
+
+TEST_F(ClockDeathTest, RefusesWhatMakesNoSense) {
+    const ref_ptr<Clock> clock(new Clock("c", 10));
+    const ref_ptr<Clock> slave(new Clock("s", 10));
+    const ref_ptr<Clock::Event> event(new Clock::Event("e"));
+    clock->addSlave(slave.get());
+    EXPECT_DEATH(clock->setFrame(zel::InvalidIndex), "zelVerify failed: `frame != InvalidIndex'");
+    EXPECT_DEATH(slave->addSlave(clock.get()), "c: A clock can not be its own master");
+    EXPECT_DEATH(clock->addSlave(clock.get()), "c: A clock can not be its own master");
+    EXPECT_DEATH(clock->schedule(event.get(), 1), "e: The event does not belong to the clock");
+    clock->addEvent(event.get());
+    EXPECT_DEATH(slave->addEvent(event.get()), "c.e: The event already has a clock");
+    EXPECT_DEATH(const Clock bad("b", 0), "b: The frequency of a clock must be larger than 0");
+    clock->preTick.connect([&](Clock* c) { c->tick(false); });
+    EXPECT_DEATH(clock->tick(false), "c: A clock can not tick within its own tick");
+    const ref_ptr<zel::TaskGroup> group(new zel::TaskGroup("g"));
+    group->addSubtask(new SerialTask("t"));
+    EXPECT_DEATH(clock->addFrameTask(group->getSubtasks()[0]), "Subtask 'g.t' is already part of a group!");
+}
+
+// XML
+
+TEST_F(ClockXmlTest, LoadsAClock) {
+    const ref_ptr<Object> object =
+        load("<Clock name='c' time='5' frequency='20' timeModulation='2' enable='false'>\n"
+             "<Value instance='frame' value='7'/>\n"
+             "<Event name='e' startDelay='0.5' interval='0.25' repeating='true' enabled='false'/>\n"
+             "<Event name='once'/>\n"
+             "</Clock>");
+    auto* clock = dynamic_cast<Clock*>(object.get());
+    ASSERT_NE(clock, nullptr);
+    EXPECT_EQ(clock->getTime(), 5);
+    EXPECT_EQ(clock->getFrequency(), 20);
+    EXPECT_EQ(clock->getTimeStep(), 0.1);
+    EXPECT_EQ(clock->getFrame(), 7U);
+    EXPECT_FALSE(clock->isEnabled());
+    auto* event = dynamic_cast<Clock::Event*>(clock->findObject("e"));
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->getStartDelay(), 0.5);
+    EXPECT_EQ(event->getInterval(), 0.25);
+    EXPECT_TRUE(event->isRepeating());
+    EXPECT_FALSE(event->isEnabled());
+    EXPECT_EQ(dynamic_cast<Clock::Event*>(clock->findObject("once"))->getInterval(), -1);
+}
+
+TEST_F(ClockXmlTest, SynchronizesWithAMaster) {
+    const ref_ptr<Object> slave = load("<Clock name='s' frequency='10' synchronize='m'/>");
+    const ref_ptr<Component> top(new Component("top"));
+    const ref_ptr<Clock> master(new Clock("m", 10));
+    top->addObject(master.get());
+    top->addObject(slave.get());
+    EXPECT_EQ(dynamic_cast<Clock*>(slave.get())->getMaster(), master.get());
+}
+
+TEST_F(ClockXmlTest, SavesWhatItLoads) {
+    const ref_ptr<Object> object = load("<Clock name='c' time='5' frequency='20' synchronize='m'>\n"
+                                        "<Event name='e' startDelay='0.5' interval='0.25'/></Clock>");
+    TiXmlElement parent("parent");
+    object->save(&parent);
+    const ref_ptr<Clock> copy(Clock::load(parent.FirstChildElement(), nullptr));
+    EXPECT_EQ(copy->getTime(), 5);
+    EXPECT_EQ(copy->getFrequency(), 20);
+    auto* event = dynamic_cast<Clock::Event*>(copy->findObject("e"));
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->getStartDelay(), 0.5);
+    EXPECT_EQ(event->getInterval(), 0.25);
+    EXPECT_STREQ(parent.FirstChildElement()->Attribute("synchronize"), "m");
+}
+
+TEST_F(ClockXmlTest, RefusesBadElements) {
+    using testing::HasSubstr;
+    EXPECT_THAT(failure("<Clock/>"), HasSubstr("XML error: Must specify a name for the clock!"));
+    EXPECT_THAT(failure("<Clock name='c'><Value instance='speed' value='1'/></Clock>"),
+                HasSubstr("XML error: No value with name 'speed'!"));
+    EXPECT_THAT(failure("<Clock name='c'><Value name='speed' value='1'/></Clock>"),
+                HasSubstr("XML error: Can not add new values to a clock!"));
+    EXPECT_THAT(failure("<Clock name='c' frequency='0'/>"),
+                HasSubstr("XML error: The attribute 'frequency' must be larger than 0"));
+    EXPECT_THAT(failure("<Clock name='c' timeModulation='-1'/>"),
+                HasSubstr("XML error: The attribute 'timeModulation' must be larger than 0"));
+    EXPECT_THAT(failure("<Clock name='c' time='soon'/>"), HasSubstr("XML error: "));
+    EXPECT_THAT(failure("<Clock name='c'><Event/></Clock>"), HasSubstr("XML error: "));
+}
+
+// The wall clock
+
+TEST_F(RealTimeClockTest, RunsNothingForLessThanAStep) {
+    const ref_ptr<RealTimeClock> clock(new RealTimeClock("r", 1)); // longer than a tick is ever taken for
+    for (int i = 0; i < 5; ++i)
+        clock->tick();
+    EXPECT_EQ(clock->getFrame(), 0U);
+    EXPECT_EQ(clock->getTime(), 0);
+}
+
+TEST_F(RealTimeClockTest, StepsOnceTimeHasPassed) {
+    const ref_ptr<RealTimeClock> clock(new RealTimeClock("r", 1e8)); // shorter than any tick
+    clock->tick();
+    EXPECT_EQ(clock->getFrame(), 0U); // the first one begins to count
+    clock->tick();
+    EXPECT_GE(clock->getFrame(), 1U);
+    EXPECT_GT(clock->getStepCost(), 0);
+    EXPECT_GE(clock->getRest(), 0);
+    clock->reset();
+    clock->tick();
+    EXPECT_EQ(clock->getFrame(), 0U);
+}
+
+TEST_F(RealTimeClockTest, MakesNoMoreStepsThanThereIsTimeFor) {
+    EXPECT_EQ(RealTimeClock::numSteps(0.05, 0.1, 0), 0U);
+    EXPECT_EQ(RealTimeClock::numSteps(0.3, 0.1, 0), 3U);
+    EXPECT_EQ(RealTimeClock::numSteps(1, 0.1, 0.01), 10U);
+    EXPECT_EQ(RealTimeClock::numSteps(1, 0.1, 0.4), 3U);
+    EXPECT_EQ(RealTimeClock::numSteps(1, 0.1, 5), 1U);
+}
+
+TEST_F(RealTimeClockTest, IsOneForTheProcessUntilTheShutdown) {
+    RealTimeClock* clock = RealTimeClock::instance();
+    EXPECT_EQ(RealTimeClock::instance(), clock);
+    const zel::observer_ptr<RealTimeClock> observer(clock);
+    zelCore::shutdown();
+    EXPECT_EQ(observer.get(), nullptr);
+    zelCore::init();
+}
