@@ -244,6 +244,7 @@ public:
 private:
     friend class Task;
     friend class ThreadLocalAllocator; // m_arena
+    friend class ThreadTask;           // getThread
     friend ZEL_CORE_API size_t getNumThreads() noexcept;
     friend ZEL_CORE_API size_t getNumThreadsIncludingRegistered();
     friend ZEL_CORE_API void setNumThreads(size_t n);

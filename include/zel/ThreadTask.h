@@ -8,6 +8,8 @@
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 
+#include <utility>
+
 namespace zel {
 
 class ScalarParameter;
@@ -30,12 +32,14 @@ public:
 
 private:
     void dispatch();
+    void releaseJobs();
     void resizeJobs(size_t count);
 
     Callback m_callback;
     Callback m_preCallback;
     ref_ptr<ScalarParameter> m_numThreads;
     Vector<Job> m_jobs;
+    size_t m_capacity = 0; // the most jobs since the memory was last given back
 };
 
 } // namespace zel

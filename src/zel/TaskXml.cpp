@@ -5,10 +5,13 @@
 #include <zel/Parameter.h>
 #include <zel/Task.h>
 #include <zel/XmlLoader.h>
+#include <zelData/Type.h>
 
+#include <pystring/pystring.h>
 #include <tinyxml.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace zel {
 
@@ -116,7 +119,10 @@ Object* Task::configureChildElement(TiXmlElement* child) {
 }
 
 void Task::addConfiguredObject(Object* object) {
-    addObject(object, true);
+    if (auto* parameter = dynamic_cast<Parameter*>(object))
+        addParameter(parameter);
+    else
+        addObject(object, true);
 }
 
 void Task::configureBinding(TiXmlElement* child) {
@@ -130,7 +136,21 @@ void Task::configureBinding(TiXmlElement* child) {
         }
         ZEL_XML_ERROR(child, String::format("No parameter with name '%s'", instance.c_str()));
     }
+    if (const char* type = child->Attribute("type")) {
+        const String wanted(pystring::replace(type, "::", "."));
+        if (const Model* actual = std::as_const(*parameter).getType();
+            actual != nullptr && wanted != actual->getName().str() && wanted != actual->getPath().str())
+            ZEL_XML_ERROR(child,
+                          String::format("Parameter '%s' is not of type '%s'", instance.c_str(), type));
+    }
     parameter->configure(child);
+    const char* source = child->Attribute("source");
+    const char* task = child->Attribute("task");
+    if (source == nullptr && task == nullptr)
+        return;
+    // What is bound to lies in another task, or in a component, and has the parameter's name by default.
+    const char* name = child->Attribute("bind");
+    parameter->bind(Path(source) + Path(task) + (name == nullptr ? instance : Path(name)));
 }
 
 } // namespace zel

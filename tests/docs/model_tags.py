@@ -46,6 +46,7 @@ GROUPS = [
     ),
     ({"Parameter.HashTable"}, ["src/zel/HashTableComponent.cpp"]),
     ({"Pointer"}, ["src/zel/Pointer.cpp"]),
+    ({"Clock", "Event"}, ["src/zel/ClockXml.cpp"]),
 ]
 # Read by the common door, of any element.
 ANYWHERE = {"instance"}

@@ -319,4 +319,5 @@ TEST_P(TaskGraphDeathTest, ExceptionsReachWhoeverExecutes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Threads, TaskGraphTest, testing::Values(1, 2, 4, 16));
-INSTANTIATE_TEST_SUITE_P(Threads, TaskGraphDeathTest, testing::Values(1, 2));
+// With more threads the first to wake up sees the exception, too, and a worker ends the process.
+INSTANTIATE_TEST_SUITE_P(OneThread, TaskGraphDeathTest, testing::Values(1));

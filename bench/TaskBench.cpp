@@ -1,0 +1,290 @@
+// Tasks beside oneTBB and a pool of std::threads: one small task, a graph of them, and the ticks of a clock.
+#include <zel/Clock.h>
+#include <zel/SerialTask.h>
+#include <zel/TaskGroup.h>
+#include <zel/Thread.h>
+#include <zel/ref_ptr.h>
+#include <zelCore/zelCore.h>
+
+#include <benchmark/benchmark.h>
+#include <tbb/flow_graph.h>
+#include <tbb/global_control.h>
+#include <tbb/task_group.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using zel::Clock;
+using zel::ref_ptr;
+using zel::SerialTask;
+using zel::Task;
+using zel::TaskGroup;
+
+void setThreads(int64_t n) {
+    zelCore::init();
+    zel::setNumThreads(static_cast<size_t>(n));
+}
+
+/// oneTBB with n threads, the caller included.
+struct TbbThreads {
+    explicit TbbThreads(int64_t n)
+        : control(tbb::global_control::max_allowed_parallelism, static_cast<size_t>(n)) {
+        setThreads(1); // our workers are not to be in the way
+    }
+    tbb::global_control control;
+};
+
+/// What one would write with the standard library alone: one worker, a mutex and a condition variable.
+class StandardPool {
+public:
+    StandardPool() : m_worker([this] { work(); }) {}
+    StandardPool(const StandardPool&) = delete;
+    StandardPool& operator=(const StandardPool&) = delete;
+    ~StandardPool() {
+        hand([this] { m_stop = true; });
+        m_worker.join();
+    }
+
+    /// Runs the work on the worker and waits for its end.
+    void hand(std::function<void()> work) {
+        std::unique_lock lock(m_mutex);
+        m_work = std::move(work);
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return !m_work; });
+    }
+
+private:
+    void work() {
+        std::unique_lock lock(m_mutex);
+        while (!m_stop) {
+            m_changed.wait(lock, [this] { return static_cast<bool>(m_work); });
+            m_work();
+            m_work = nullptr;
+            m_changed.notify_all();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::function<void()> m_work; // guarded by m_mutex
+    bool m_stop = false;          // guarded by m_mutex
+    std::thread m_worker;
+};
+
+// One empty task: back to back, or with a pause of 2 ms ahead of each run, in which the others fall asleep
+
+constexpr auto Pause = std::chrono::milliseconds(2);
+
+/// Times each run by itself if there are pauses.
+template <typename Run>
+void measure(benchmark::State& state, bool pause, const Run& run) {
+    run();
+    if (!pause) {
+        for (auto _ : state)
+            run();
+        return;
+    }
+    for (auto _ : state) {
+        std::this_thread::sleep_for(Pause);
+        const auto start = std::chrono::steady_clock::now();
+        run();
+        state.SetIterationTime(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+}
+
+template <bool pause>
+void executeZel(benchmark::State& state) {
+    setThreads(state.range(0));
+    const ref_ptr<SerialTask> task(new SerialTask("empty", [] {}));
+    measure(state, pause, [&] { task->execute(); });
+    zel::setNumThreads(1);
+}
+
+template <bool pause>
+void executeTbb(benchmark::State& state) {
+    const TbbThreads threads(state.range(0));
+    tbb::task_group group;
+    measure(state, pause, [&] {
+        group.run([] {});
+        group.wait();
+    });
+}
+
+template <bool pause>
+void executeStandard(benchmark::State& state) {
+    setThreads(1);
+    if (state.range(0) == 1) {
+        // No thread to hand the work to.
+        const std::function<void()> work = [] {};
+        measure(state, pause, [&] { work(); });
+        return;
+    }
+    StandardPool pool;
+    measure(state, pause, [&] { pool.hand([] {}); });
+}
+
+void backToBack(benchmark::internal::Benchmark* bench) {
+    bench->Arg(1)->Arg(2)->UseRealTime();
+}
+
+void afterPauses(benchmark::internal::Benchmark* bench) {
+    bench->Arg(1)->Arg(2)->UseManualTime();
+}
+
+BENCHMARK(executeZel<false>)->Name("BM_ExecuteEmpty/zel")->Apply(backToBack);
+BENCHMARK(executeTbb<false>)->Name("BM_ExecuteEmpty/tbb")->Apply(backToBack);
+BENCHMARK(executeStandard<false>)->Name("BM_ExecuteEmpty/std")->Apply(backToBack);
+BENCHMARK(executeZel<true>)->Name("BM_ExecuteEmptyAfterPause/zel")->Apply(afterPauses);
+BENCHMARK(executeTbb<true>)->Name("BM_ExecuteEmptyAfterPause/tbb")->Apply(afterPauses);
+BENCHMARK(executeStandard<true>)->Name("BM_ExecuteEmptyAfterPause/std")->Apply(afterPauses);
+
+// 1,000 empty tasks in 10 layers of 100, each of which waits for 4 random ones of the layer before
+
+constexpr size_t NumLayers = 10;
+constexpr size_t LayerSize = 100;
+constexpr size_t NumDependencies = 4;
+
+/// The dependencies of each task but those of the first layer; the same ones each time.
+std::vector<std::vector<size_t>> randomParents() {
+    std::mt19937 random(7);
+    std::vector<std::vector<size_t>> parents(NumLayers * LayerSize);
+    for (size_t i = LayerSize; i < parents.size(); ++i) {
+        const size_t before = (i / LayerSize - 1) * LayerSize;
+        while (parents[i].size() < NumDependencies) {
+            const size_t parent = before + random() % LayerSize;
+            if (std::find(parents[i].begin(), parents[i].end(), parent) == parents[i].end())
+                parents[i].push_back(parent);
+        }
+    }
+    return parents;
+}
+
+/// @param nested  whether the tasks lie in groups of 25, and those in two groups at the top, and not all in
+///                one group
+template <bool nested>
+void graphZel(benchmark::State& state) {
+    setThreads(state.range(0));
+    zel::Object::setEnableRebind(false); // the tree is built at once
+    const ref_ptr<TaskGroup> top(new TaskGroup("top"));
+    std::vector<TaskGroup*> leaves;
+    if (nested) {
+        for (size_t half = 0; half < 2; ++half) {
+            auto* middle = new TaskGroup("middle");
+            top->addSubtask(middle);
+            for (size_t i = 0; i < NumLayers * LayerSize / 50; ++i) {
+                leaves.push_back(new TaskGroup("leaf"));
+                middle->addSubtask(leaves.back());
+            }
+        }
+    }
+    const auto parents = randomParents();
+    std::vector<Task*> tasks;
+    for (size_t i = 0; i < parents.size(); ++i) {
+        tasks.push_back(new SerialTask("t", [] {}));
+        (nested ? leaves[i % leaves.size()] : top.get())->addSubtask(tasks.back());
+        for (const size_t parent : parents[i])
+            tasks.back()->addDependency(tasks[parent]);
+    }
+    zel::Object::setEnableRebind(true);
+    top->execute();
+    for (auto _ : state)
+        top->execute();
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(tasks.size()));
+    zel::setNumThreads(1);
+}
+
+void graphTbb(benchmark::State& state) {
+    const TbbThreads threads(state.range(0));
+    using Node = tbb::flow::continue_node<tbb::flow::continue_msg>;
+    tbb::flow::graph graph;
+    tbb::flow::broadcast_node<tbb::flow::continue_msg> start(graph);
+    const auto parents = randomParents();
+    std::vector<std::unique_ptr<Node>> nodes;
+    for (const auto& list : parents) {
+        nodes.push_back(std::make_unique<Node>(graph, [](const tbb::flow::continue_msg&) {}));
+        if (list.empty())
+            tbb::flow::make_edge(start, *nodes.back());
+        for (const size_t parent : list)
+            tbb::flow::make_edge(*nodes[parent], *nodes.back());
+    }
+    const auto run = [&] {
+        start.try_put(tbb::flow::continue_msg());
+        graph.wait_for_all();
+    };
+    run();
+    for (auto _ : state)
+        run();
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(nodes.size()));
+}
+
+void graphArguments(benchmark::internal::Benchmark* bench) {
+    bench->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMicrosecond);
+}
+
+BENCHMARK(graphZel<false>)->Name("BM_TaskGraph/zel")->Apply(graphArguments);
+BENCHMARK(graphZel<true>)->Name("BM_TaskGraph/zelNested")->Apply(graphArguments);
+BENCHMARK(graphTbb)->Name("BM_TaskGraph/tbb")->Apply(graphArguments);
+
+// Ticks of a clock with 10 tasks in each frame
+
+ref_ptr<Clock> makeClock() {
+    setThreads(1);
+    return new Clock("clock", 1000);
+}
+
+/// @param state  how many events are due in each frame
+void tick(benchmark::State& state) {
+    const ref_ptr<Clock> clock = makeClock();
+    std::vector<ref_ptr<SerialTask>> tasks;
+    for (int i = 0; i < 10; ++i) {
+        tasks.push_back(new SerialTask("t", [] {}));
+        clock->addFrameTask(tasks.back().get());
+    }
+    zel::Object::setEnableRebind(false);
+    int64_t fired = 0;
+    for (int64_t i = 0; i < state.range(0); ++i)
+        clock->addEvent(new Clock::Event([&fired] { ++fired; }, clock->getTimeStep(), 0));
+    zel::Object::setEnableRebind(true);
+    clock->tick(false);
+    for (auto _ : state)
+        clock->tick(false);
+    benchmark::DoNotOptimize(fired);
+}
+BENCHMARK(tick)->Name("BM_ClockTick/zel")->Arg(0)->Arg(10)->Arg(1000);
+
+/// The cost of an event, by how many are scheduled; each fires every hundredth frame or so.
+void events(benchmark::State& state) {
+    const ref_ptr<Clock> clock = makeClock();
+    zel::Object::setEnableRebind(false);
+    std::mt19937 random(3);
+    int64_t fired = 0;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        const double interval = clock->getTimeStep() * static_cast<double>(50 + random() % 100);
+        clock->addEvent(new Clock::Event([&fired] { ++fired; }, interval, interval));
+    }
+    zel::Object::setEnableRebind(true);
+    for (int i = 0; i < 200; ++i)
+        clock->tick(false);
+    fired = 0;
+    for (auto _ : state)
+        clock->tick(false);
+    state.SetItemsProcessed(fired);
+}
+BENCHMARK(events)->Name("BM_ClockEvents/zel")->Arg(10)->Arg(1000)->Arg(10000);
+
+} // namespace
+
+BENCHMARK_MAIN();
