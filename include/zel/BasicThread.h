@@ -62,6 +62,10 @@ public:
 private:
     void launchThread();
     void setState(State state) noexcept { m_state.store(state, std::memory_order_release); }
+    /// @return false if the present state is another one
+    bool changeState(State from, State to) noexcept {
+        return m_state.compare_exchange_strong(from, to, std::memory_order_acq_rel);
+    }
 
     std::thread m_thread;
     std::atomic<State> m_state{State::NotStarted}; // written by the owner and the new thread

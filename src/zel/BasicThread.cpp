@@ -8,6 +8,7 @@ bool BasicThread::start() {
     const std::lock_guard lock(m_startMutex);
     if (m_thread.joinable())
         return false;
+    setState(State::NotStarted);
     m_thread = std::thread([this] { launchThread(); });
     return true;
 }
@@ -16,7 +17,7 @@ void BasicThread::launchThread() {
     {
         // Waits for start(), so that run() finds the handle in place.
         const std::lock_guard lock(m_startMutex);
-        setState(State::Running);
+        changeState(State::NotStarted, State::Running); // unless it has been detached already
     }
     run();
     setState(State::Finished);
@@ -34,7 +35,9 @@ bool BasicThread::detach() {
     if (!m_thread.joinable())
         return false;
     m_thread.detach();
-    setState(State::Detached);
+    // What has ended stays so.
+    if (!changeState(State::NotStarted, State::Detached))
+        changeState(State::Running, State::Detached);
     return true;
 }
 

@@ -65,6 +65,30 @@ TEST(BasicThreadTest, DetachedThreadRunsOn) {
     while (!finished.load(std::memory_order_acquire))
         std::this_thread::yield();
     EXPECT_FALSE(thread.join());
+    // Also if it had ended before it was detached.
+    while (thread.getState() != zel::BasicThread::State::Finished)
+        std::this_thread::yield();
+}
+
+TEST(BasicThreadTest, AThreadThatHasEndedStaysFinishedWhenItIsDetached) {
+    Running thread([] {});
+    ASSERT_TRUE(thread.start());
+    while (thread.getState() != zel::BasicThread::State::Finished)
+        std::this_thread::yield();
+    EXPECT_TRUE(thread.detach());
+    EXPECT_EQ(thread.getState(), zel::BasicThread::State::Finished);
+}
+
+TEST(BasicThreadTest, AThreadIsDetachedFromTheCallOnUntilItsEnd) {
+    static std::atomic<bool> goOn{false};
+    static Running thread([] {
+        while (!goOn.load(std::memory_order_acquire))
+            std::this_thread::yield();
+    });
+    ASSERT_TRUE(thread.start());
+    EXPECT_TRUE(thread.detach());
+    EXPECT_EQ(thread.getState(), zel::BasicThread::State::Detached);
+    goOn.store(true, std::memory_order_release);
     while (thread.getState() != zel::BasicThread::State::Finished)
         std::this_thread::yield();
 }
@@ -108,11 +132,15 @@ TEST(BasicThreadTest, HandleIsThatOfPthreads) {
 TEST(BasicThreadDeathTest, DestroyingAJoinableThreadEndsTheProcess) {
     EXPECT_DEATH(
         {
-            Running thread([] {
+            std::atomic<bool> running{false};
+            Running thread([&running] {
+                running.store(true, std::memory_order_release);
                 for (;;)
                     pause();
             });
             thread.start();
+            while (!running.load(std::memory_order_acquire))
+                std::this_thread::yield();
         },
         "terminate called");
 }
