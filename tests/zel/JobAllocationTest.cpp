@@ -1,6 +1,11 @@
-// A second run of the same job graph allocates nothing: counted in operator new and malloc.
+// A second run of the same job graph allocates nothing: counted in operator new and malloc. Nor does one that
+// appends to global results.
+#include <zel/ArrayParameter.h>
 #include <zel/ByteAllocator.h>
 #include <zel/Clock.h>
+#include <zel/EntityDataParameter.h>
+#include <zel/GlobalResultBuffer.h>
+#include <zel/GlobalResultStorage.h>
 #include <zel/Job.h>
 #include <zel/ParallelTask.h>
 #include <zel/SerialTask.h>
@@ -8,7 +13,14 @@
 #include <zel/Thread.h>
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
+#include <zelData/Buffer.h>
+#include <zelData/EntityModel.h>
+#include <zelData/EntityStorage.h>
+#include <zelData/Format.h>
+#include <zelData/ScalarAttribute.h>
+#include <zelData/Type.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -111,6 +123,75 @@ TEST(JobAllocationTest, TicksAllocateNothingOnceTheTablesHaveGrown) {
     EXPECT_EQ(runs, 20000);
     EXPECT_GT(fired - before, 1000);
     zel::Object::setEnableRebind(true);
+    zelCore::shutdown();
+}
+
+namespace {
+
+/// The allocations of a run of a task whose jobs append through the parameter, when it has run before.
+template <typename ParameterType, typename Append>
+size_t allocationsOfAppending(ParameterType* parameter, const Append& append) {
+    const ref_ptr<ParallelTask> task(
+        new ParallelTask("append", [&task] { task->prepareGlobalResultSorting(20); }));
+    task->addParameter(parameter);
+    std::vector<std::unique_ptr<Job>> jobs;
+    for (unsigned i = 0; i < 20; ++i) {
+        jobs.push_back(std::make_unique<Job>([&append, i] { append(i); }));
+        task->addJob(jobs.back().get());
+    }
+    for (int i = 0; i < 5; ++i)
+        task->execute();
+    const size_t allocations = allocationsOf([&task] { task->execute(); });
+    task->removeAllJobs();
+    task->removeParameter(parameter);
+    return allocations;
+}
+
+} // namespace
+
+TEST(GlobalResultAllocationTest, RunWithoutOverflowAllocatesNothing) {
+    zelCore::init();
+    zel::setNumThreads(1);
+    const std::vector<zel::uint64> data(100, 7);
+    {
+        const ref_ptr<zelData::Buffer> buffer(new zelData::Buffer("b", zelData::getFormat("UInt:64bit")));
+        for (const bool sorted : {false, true}) {
+            const ref_ptr<zel::ArrayParameter> parameter(
+                new zel::ArrayParameter("p", buffer->getFormat(), zelData::AccessMode::WRITE, buffer.get()));
+            parameter->setGlobalResultMode(zel::GlobalResult::TRUNCATE);
+            EXPECT_EQ(allocationsOfAppending(parameter.get(),
+                                             [&](unsigned job) {
+                                                 parameter->getGlobalResult()->commit(
+                                                     parameter->getArray(),
+                                                     data.size(),
+                                                     data.data(),
+                                                     sorted ? job : zel::InvalidIndex);
+                                             }),
+                      0U)
+                << sorted;
+            EXPECT_EQ(buffer->size(), 2000U);
+        }
+        const ref_ptr<zelData::EntityModel> model(new zelData::EntityModel("Track"));
+        model->setBaseEntity(zelData::EntityModel::getRootModel());
+        model->addAttribute(new zelData::ScalarAttribute("number", buffer->getFormat()));
+        const ref_ptr<zelData::EntityStorage> storage(new zelData::EntityStorage(model.get(), "tracks"));
+        const zelData::Buffer* column = storage->getBuffer(zel::Name("number"));
+        const ref_ptr<zel::EntityDataParameter> parameter(
+            new zel::EntityDataParameter("p", model.get(), zelData::AccessMode::WRITE));
+        parameter->bind(storage.get());
+        parameter->setGlobalResultMode(zel::GlobalResult::TRUNCATE);
+        EXPECT_EQ(allocationsOfAppending(
+                      parameter.get(),
+                      [&](unsigned) {
+                          auto transaction = parameter->getGlobalResult()->allocateResult(data.size());
+                          std::copy(data.begin(),
+                                    data.end(),
+                                    static_cast<zel::uint64*>(transaction.getElements(column)));
+                          parameter->getGlobalResult()->reportCompletedTransaction(&transaction);
+                      }),
+                  0U);
+        EXPECT_EQ(storage->size(), 2000U);
+    }
     zelCore::shutdown();
 }
 
