@@ -63,7 +63,7 @@ public:
 
     /// Does nothing while the clock is disabled.
     /// @param force  not read
-    void tick(bool force);
+    void tick(bool force = true);
     /// Ticks until "time" is at least this, whether or not the clock is enabled.
     void stepTo(double time);
     void stepForward(double duration);

@@ -173,7 +173,8 @@ public:
     void addDependency(Task* task);
     /// The same for a task that is looked up at the next rebind, and at each one until it is there.
     void addDependency(const Path& path);
-    /// Executes this task at each update of the value that the path names; looked up at the next rebind.
+    /// Executes this task at each update of the value that the path names; or, if it names a clock, makes it
+    /// one of the clock's frame tasks. Looked up at the next rebind.
     void addTriggerPath(const Path& path);
     /// Rebinds this task at each update of the value that the path names; looked up at the next rebind.
     void addResolvePath(const Path& path);
@@ -199,8 +200,8 @@ public:
     [[nodiscard]] TaskGroup* getGroup() const noexcept { return m_group; }
     /// Called by the group.
     void setGroup(TaskGroup* group) noexcept { m_group = group; }
-    /// Puts the other task in this one's place: it takes over the dependencies, and the place in the group,
-    /// or else in the component. Nothing of this task stays behind; parameters are not moved.
+    /// Puts the other task in this one's place: it takes over the dependencies, the triggers, and the place
+    /// in the group, or else in the component. Nothing of this task stays behind; parameters are not moved.
     void replace(Task* task);
 
     // Called by the task's jobs
@@ -282,6 +283,7 @@ private:
     struct Paths;
 
     void init();
+    void handTriggersTo(Task* task);
     void enableCallback();
     /// Brings the state of the jobs to what the switches say.
     void updatePassed();

@@ -158,6 +158,22 @@ void Task::replace(Task* task) {
     for (Task* child : children)
         if (!child->m_parents.contains(task))
             addConnection(task, child);
+    handTriggersTo(task);
+}
+
+/// Those of this task are kept, disarmed: one of them may be what has led here.
+void Task::handTriggersTo(Task* task) {
+    if (!m_paths)
+        return;
+    for (const std::unique_ptr<Trigger>& trigger : m_paths->triggers) {
+        trigger->disarm();
+        task->paths().triggers.push_back(
+            std::make_unique<Trigger>(*task, trigger->getPath(), trigger->executes()));
+        task->paths().triggers.back()->rebind();
+    }
+    for (std::unique_ptr<Trigger>& trigger : m_paths->triggers)
+        m_paths->retiredTriggers.push_back(std::move(trigger));
+    m_paths->triggers.clear();
 }
 
 // By path
@@ -234,7 +250,23 @@ void Task::executeDispatchTarget() {
 }
 
 void Task::Trigger::rebind() {
-    follow(dynamic_cast<zelData::Value*>(m_task.getAutoScopedResource(m_path, zelData::Value::ClassModel())));
+    auto* value =
+        dynamic_cast<zelData::Value*>(m_task.getAutoScopedResource(m_path, zelData::Value::ClassModel()));
+    follow(value);
+    if (m_execute && value == nullptr)
+        join(dynamic_cast<Clock*>(m_task.getAutoScopedResource(m_path, Clock::ClassModel())));
+    else
+        join(nullptr);
+}
+
+void Task::Trigger::join(Clock* clock) {
+    if (m_clock == clock)
+        return;
+    if (m_clock)
+        m_clock->removeFrameTask(&m_task);
+    m_clock = clock;
+    if (clock != nullptr)
+        clock->addFrameTask(&m_task);
 }
 
 void Task::Trigger::follow(zelData::Value* value) {

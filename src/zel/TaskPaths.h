@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zel/Clock.h>
 #include <zel/Integers.h>
 #include <zel/Path.h>
 #include <zel/Task.h>
@@ -12,19 +13,27 @@
 
 namespace zel {
 
-/// A value that does something to a task whenever it is updated.
+/// A value that does something to a task whenever it is updated, or a clock whose frames the task is part of.
 class Task::Trigger {
 public:
     /// @param execute  whether the task is executed, and not rebound
     Trigger(Task& task, const Path& path, bool execute) : m_task(task), m_path(path), m_execute(execute) {}
     Trigger(const Trigger&) = delete;
     Trigger& operator=(const Trigger&) = delete;
-    ~Trigger() { follow(nullptr); }
+    ~Trigger() { disarm(); }
 
     void rebind();
+    /// Lets go of what it follows.
+    void disarm() {
+        follow(nullptr);
+        join(nullptr);
+    }
+    [[nodiscard]] const Path& getPath() const noexcept { return m_path; }
+    [[nodiscard]] bool executes() const noexcept { return m_execute; }
 
 private:
     void follow(zelData::Value* value);
+    void join(Clock* clock);
     void fire();
 
     Task& m_task;
@@ -32,12 +41,14 @@ private:
     bool m_execute;
     observer_ptr<zelData::Value> m_value;
     uint64 m_connection = 0;
+    observer_ptr<Clock> m_clock;
 };
 
 /// What a task refers to by path.
 struct Task::Paths {
     Vector<Path> dependencies; // not found yet
     Vector<std::unique_ptr<Trigger>> triggers;
+    Vector<std::unique_ptr<Trigger>> retiredTriggers; // handed to another task
     Path dispatch;
     observer_ptr<Task> dispatchTarget;
     Path bindContext;

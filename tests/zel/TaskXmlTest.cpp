@@ -1,3 +1,4 @@
+#include <zel/Clock.h>
 #include <zel/Component.h>
 #include <zel/Model.h>
 #include <zel/SerialTask.h>
@@ -235,6 +236,72 @@ TEST_F(TaskPathTest, ExecutesWhenATriggerIsUpdated) {
     EXPECT_EQ(runs, 1);
     task = nullptr;
     value->set(5);
+}
+
+TEST_F(TaskPathTest, RunsInTheFramesOfAClockThatATriggerNames) {
+    const ref_ptr<Component> component(new Component("top"));
+    const ref_ptr<zel::Clock> clock(new zel::Clock("clock", 10));
+    component->addObject(clock.get());
+    int runs = 0;
+    ref_ptr<SerialTask> task(new SerialTask("t", [&runs] { ++runs; }));
+    task->addTriggerPath("clock");
+    clock->tick();
+    EXPECT_EQ(runs, 0);
+    component->addObject(task.get());
+    clock->tick();
+    clock->tick();
+    EXPECT_EQ(runs, 2);
+    component->rebind();
+    clock->tick();
+    EXPECT_EQ(runs, 3);
+    component->removeObject(task.get());
+    clock->tick();
+    EXPECT_EQ(runs, 3);
+    component->addObject(task.get());
+    component->removeObject(task.get());
+    task = nullptr;
+    clock->tick();
+    EXPECT_EQ(runs, 3);
+}
+
+TEST_F(TaskPathTest, GivesItsTriggersToTheTaskThatReplacesIt) {
+    const ref_ptr<Component> component(new Component("top"));
+    const ref_ptr<zel::Clock> clock(new zel::Clock("clock", 10));
+    const ref_ptr<zelData::ValueT<double>> value(new zelData::ValueT<double>("v", 0));
+    component->addObject(clock.get());
+    component->addObject(value.get());
+    std::string runs;
+    const ref_ptr<SerialTask> old(new SerialTask("t", [&runs] { runs += 'o'; }));
+    old->addTriggerPath("clock");
+    old->addTriggerPath("v");
+    component->addObject(old.get());
+    clock->tick();
+    value->set(1);
+    EXPECT_EQ(runs, "oo");
+    const ref_ptr<SerialTask> fresh(new SerialTask("t", [&runs] { runs += 'f'; }));
+    old->replace(fresh.get());
+    clock->tick();
+    value->set(2);
+    EXPECT_EQ(runs, "ooff");
+    old->rebind();
+    value->set(3);
+    EXPECT_EQ(runs, "oofff");
+}
+
+TEST_F(TaskPathTest, MayBeReplacedByWhatItsOwnTriggerRuns) {
+    const ref_ptr<Component> component(new Component("top"));
+    const ref_ptr<zelData::ValueT<double>> value(new zelData::ValueT<double>("v", 0));
+    component->addObject(value.get());
+    int runs = 0;
+    const ref_ptr<SerialTask> fresh(new SerialTask("t", [&runs] { ++runs; }));
+    ref_ptr<SerialTask> old(new SerialTask("t"));
+    old->setDispatch([&] { old->replace(fresh.get()); });
+    old->addTriggerPath("v");
+    component->addObject(old.get());
+    value->set(1);
+    const int first = runs;
+    value->set(2);
+    EXPECT_EQ(runs, first + 1);
 }
 
 TEST_F(TaskPathTest, RebindsWhenAResolvingValueIsUpdated) {
