@@ -29,8 +29,14 @@ public:
     /// Reads, besides what each task reads, the attributes "numJobsPerThread", "minJobSize", "maxJobSize" and
     /// "costPerElement", each an expression.
     void configure(TiXmlElement* element) override;
+    using ParallelTask::configure;
+    /// Reads the four attributes alone.
+    /// @throws std::runtime_error with file and row
+    void configureDispatch(TiXmlElement* element);
     /// As Task::rebind; the number of work items is looked for anew in the next run.
     void rebind() override;
+    void parameterAddedCallback(Parameter* parameter) override;
+    void parameterRemovedCallback(Parameter* parameter) override;
 
     /// How many jobs each thread should get; at least 1, and 4 by default.
     void setNumJobsPerThread(size_t numJobs);

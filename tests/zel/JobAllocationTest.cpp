@@ -7,7 +7,9 @@
 #include <zel/GlobalResultBuffer.h>
 #include <zel/GlobalResultStorage.h>
 #include <zel/Job.h>
+#include <zel/LambdaKernel.h>
 #include <zel/ParallelTask.h>
+#include <zel/RangeJob.h>
 #include <zel/SerialTask.h>
 #include <zel/TaskGroup.h>
 #include <zel/Thread.h>
@@ -192,6 +194,33 @@ TEST(GlobalResultAllocationTest, RunWithoutOverflowAllocatesNothing) {
                   0U);
         EXPECT_EQ(storage->size(), 2000U);
     }
+    zelCore::shutdown();
+}
+
+TEST(JobAllocationTest, StepOfAKernelAllocatesNothing) {
+    zelCore::init();
+    for (const size_t threads : {1U, 2U}) {
+        zel::setNumThreads(threads);
+        std::atomic<size_t> items{0};
+        const ref_ptr<zel::LambdaKernel> kernel(
+            new zel::LambdaKernel("kernel", [&items](const zel::RangeJob& job) {
+                items.fetch_add(job.getRange().end() - job.getRange().begin());
+            }));
+        kernel->setNumWorkItems(200000);
+        size_t last = 1;
+        for (int attempt = 0; attempt < 200 && last != 0; ++attempt)
+            last = allocationsOf([&kernel] { kernel->execute(); });
+        EXPECT_EQ(last, 0U);
+        // Nor does one whose number of items goes up and down below what it has had.
+        size_t total = 0;
+        for (int i = 0; threads == 1 && i < 20; ++i) {
+            kernel->setNumWorkItems(i % 2 == 0 ? 150000 : 200000);
+            total += allocationsOf([&kernel] { kernel->execute(); });
+        }
+        EXPECT_EQ(total, 0U);
+        EXPECT_GE(items.load(), 200000U);
+    }
+    zel::setNumThreads(1);
     zelCore::shutdown();
 }
 
