@@ -43,4 +43,14 @@ private:
     void* m_handle;
 };
 
+/// Opens a library, as DynamicLibrary::getLibraryHandle. One whose static objects throw can not be recovered
+/// from: the process ends, and the library is named.
+[[nodiscard]] ZEL_CORE_API void* OpenPlugin(const String& path);
+/// @return the address of a symbol of the library; null if there is none
+[[nodiscard]] ZEL_CORE_API void* MapPluginSymbol(void* handle, const String& name);
+/// @return whether the handle could be closed
+ZEL_CORE_API bool ClosePlugin(void* handle);
+/// Why the last of these calls on this thread failed; empty if none did since the last question.
+[[nodiscard]] ZEL_CORE_API String GetPluginError();
+
 } // namespace zel

@@ -9,6 +9,12 @@
 #include <zel/ref_ptr.h>
 
 #include <functional>
+#include <memory>
+
+namespace zelData {
+class Format;
+class Value;
+} // namespace zelData
 
 namespace zel {
 
@@ -51,9 +57,9 @@ public:
     [[nodiscard]] static Task* load(TiXmlElement* element, Device* device);
 
     using SerialTask::configure;
-    /// Adds the arguments of a call, "a, b)" or "(a, b)", as parameters "arg0", "arg1" and so on.
+    /// Adds the arguments of a call, "(a, b)", as parameters "arg0", "arg1" and so on.
+    /// @throws std::runtime_error as splitParameters, and for an empty argument
     void configure(const String& text);
-    void configure(TiXmlElement* element) override;
     /// Reads the attributes "instance" and "device".
     void configureSource(TiXmlElement* element);
 
@@ -65,7 +71,11 @@ public:
 
     /// Runs the implementation, or reports what is missing.
     void run() override;
+    /// Looks the parameters up anew; once they are all there, looks for the implementation, and puts it into
+    /// this task's place.
     void rebind() override;
+    /// Where the paths of a call are looked up from.
+    void setContext(Object* context) override;
 
     [[nodiscard]] const Name& getInstanceName() const noexcept { return m_instanceName; }
     [[nodiscard]] const Path& getImplementationName() const noexcept { return m_implementationName; }
@@ -74,12 +84,22 @@ public:
     void setProxyPath(const Path& path) { m_proxyPath = path; }
     /// Null until it has been found.
     [[nodiscard]] Task* getInstance() const noexcept { return m_instance.get(); }
-    /// The device that is tried now.
-    [[nodiscard]] Device* getTargetDevice() const noexcept { return m_targetDevice.get(); }
     /// Called once the implementation exists and is bound.
     void setInstanceCallback(std::function<void(UnresolvedTask*)> callback) {
         m_instanceCallback = std::move(callback);
     }
+    /// For a call: the format of its result, which literals get where no argument tells.
+    void setResultFormat(const zelData::Format* format) noexcept { m_resultFormat = format; }
+
+    /// For a call: ends the bindings of the parameters, and lets go of the implementation.
+    void dropArguments();
+
+    /// Whether all that the parameters name has been found.
+    [[nodiscard]] bool isReady() const;
+    /// Whether the last search for an implementation was in vain, and nothing has changed since.
+    [[nodiscard]] bool hasFailed() const noexcept { return m_failed; }
+    /// Warns that there is no implementation, with the state of the parameters.
+    void report() const;
 
     /// Looks for an implementation on the device, and then on the other kind of device, and binds it.
     /// @return whether there is one
@@ -95,25 +115,49 @@ public:
     void tryInstanciateTask(TiXmlElement* element);
     /// Hands the parameters to the implementation.
     void configureInstance();
-    /// Puts the implementation in this task's place.
+    /// Puts the implementation in this task's place, switched on or off as this one.
     void injectInstance(UnresolvedTask* self);
-    /// Called when a parameter has found, or lost, what it names.
+    /// Called when a parameter has found, or lost, what it names, or has changed.
     void valueUpdateCallback(Parameter* parameter);
 
     /// Keeps this task alive until deleteAllConfiguredProxies().
     void retain();
     static void deleteAllConfiguredProxies();
 
+protected:
+    void configureChildren(TiXmlElement* element) override;
+
 private:
+    /// An argument of a call, as written.
+    struct Argument {
+        String text;
+        ref_ptr<zelData::Value> value; // of an argument that is computed; null for a path
+    };
+
+    void addArgument(const String& text, size_t index);
+    void bindArguments();
+    void setLiterals();
+    void keepDescription(const TiXmlElement* element);
+    void collectParameters();
+    void bindInstanceParameter(size_t index);
+    [[nodiscard]] bool fits(const Task& task) const;
+
     Path m_proxyPath;
     Path m_implementationName;
     Name m_instanceName;
     ref_ptr<Task> m_instance;
-    ref_ptr<Device> m_targetDevice;
     ParameterTable m_parameterTable;
     Vector<ref_ptr<UnresolvedParameter>> m_proxyParameters;
     std::function<void(UnresolvedTask*)> m_instanceCallback;
     ref_ptr<UnresolvedTask> m_retainLink;
+    Vector<Argument> m_arguments;                 // of a call, by the index of the parameter
+    std::unique_ptr<TiXmlDocument> m_description; // what the implementation reads itself
+    const zelData::Format* m_resultFormat = nullptr;
+    size_t m_depth = 0; // how many tasks stand for each other above this one
+    bool m_isCall = false;
+    bool m_binding = false; // its own parameters, just now
+    bool m_failed = false;
+    bool m_injected = false;
 };
 
 /// What an element of the tag "Task" without a source becomes: a task that does nothing.

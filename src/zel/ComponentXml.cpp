@@ -6,7 +6,10 @@
 #include <zel/Exception.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
+#include <zel/Task.h>
+#include <zel/UnresolvedTask.h>
 #include <zel/XmlLoader.h>
+#include <zel/ref_ptr.h>
 
 #include <tinyxml.h>
 
@@ -27,6 +30,18 @@ public:
     LoadingModel(const LoadingModel&) = delete;
     LoadingModel& operator=(const LoadingModel&) = delete;
     ~LoadingModel() { t_loading.pop_back(); }
+};
+
+/// Switches rebinding on for a while.
+class RebindScope {
+public:
+    RebindScope() : m_outer(Object::getEnableRebind()) { Object::setEnableRebind(true); }
+    RebindScope(const RebindScope&) = delete;
+    RebindScope& operator=(const RebindScope&) = delete;
+    ~RebindScope() { Object::setEnableRebind(m_outer); }
+
+private:
+    bool m_outer;
 };
 
 /// Makes the object that the model's implementation asks for, empty.
@@ -78,6 +93,21 @@ public:
         return model.release_nodelete();
     }
 };
+
+/// Runs the task that initialises the component, which is complete but for what surrounds it.
+void runInitializer(Component& component, Task* initializer) {
+    // The task that is found for it takes its place.
+    ref_ptr<Task> task(initializer);
+    {
+        const RebindScope scope;
+        task->rebind();
+        if (auto* proxy = dynamic_cast<UnresolvedTask*>(initializer);
+            proxy != nullptr && proxy->getInstance() != nullptr)
+            task = proxy->getInstance();
+    }
+    task->execute();
+    component.removeObject(task.get());
+}
 
 ComponentType s_componentType;
 
@@ -179,9 +209,20 @@ void Component::configure(Model* model) {
 
 void Component::configure(TiXmlElement* element) {
     Object::configure(element);
+    ref_ptr<Task> initializer;
     for (TiXmlElement* child = element->FirstChildElement(); child != nullptr;
-         child = child->NextSiblingElement())
-        configureChild(child);
+         child = child->NextSiblingElement()) {
+        if (child->ValueStr() != "Init" || child->Attribute("instance") != nullptr) {
+            configureChild(child);
+            continue;
+        }
+        if (initializer)
+            ZEL_XML_ERROR(child, "Only one initializer plz!");
+        initializer = Task::load(child, m_device);
+        addObject(initializer.get(), true);
+    }
+    if (initializer)
+        runInitializer(*this, initializer.get());
 }
 
 void Component::configureChild(TiXmlElement* child) {

@@ -1,10 +1,14 @@
 #include <zel/DynamicLibrary.h>
 #include <zel/Log.h>
 #include <zel/SingletonManager.h>
+#include <zel/Verify.h>
 #include <zelIO/FilePathContainer.h>
 #include <zelIO/FileSystem.h>
 
 #include <dlfcn.h>
+
+#include <exception>
+#include <string>
 
 namespace zel {
 
@@ -59,6 +63,70 @@ void* DynamicLibrary::getProcAddress(const String& name) const {
         ZEL_LOG_WARNING("Error " << error);
     }
     return address;
+}
+
+// Plug-ins
+
+namespace {
+
+/// Names the library while it is being opened, should one of its static objects throw: the loader of the
+/// system has no way to pass an exception on.
+class LoadGuard {
+public:
+    explicit LoadGuard(const String& path) : m_outerPath(s_path), m_outer(std::set_terminate(&terminate)) {
+        s_path = path.c_str();
+    }
+    LoadGuard(const LoadGuard&) = delete;
+    LoadGuard& operator=(const LoadGuard&) = delete;
+    ~LoadGuard() {
+        std::set_terminate(m_outer);
+        s_path = m_outerPath;
+    }
+
+    [[noreturn]] static void terminate() {
+        std::string reason = "an exception of no standard class";
+        try {
+            if (std::current_exception())
+                std::rethrow_exception(std::current_exception());
+        } catch (const std::exception& error) {
+            reason = error.what();
+        } catch (...) { // NOLINT(bugprone-empty-catch): the text above says so
+        }
+        zelAbort("Plug-in '%s' has thrown while it was loaded: %s", s_path, reason.c_str());
+    }
+
+private:
+    static constinit const char* s_path;
+
+    const char* m_outerPath;
+    std::terminate_handler m_outer;
+};
+
+constinit const char* LoadGuard::s_path = "";
+
+} // namespace
+
+void* OpenPlugin(const String& path) {
+    // Whether the exception comes out of the loader or ends in there depends on compiler and linker. Neither
+    // leaves the loader in order.
+    const LoadGuard guard(path);
+    try {
+        return DynamicLibrary::getLibraryHandle(path);
+    } catch (...) {
+        LoadGuard::terminate();
+    }
+}
+
+void* MapPluginSymbol(void* handle, const String& name) {
+    return dlsym(handle, name.c_str());
+}
+
+bool ClosePlugin(void* handle) {
+    return dlclose(handle) == 0;
+}
+
+String GetPluginError() {
+    return lastError();
 }
 
 } // namespace zel
