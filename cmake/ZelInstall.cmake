@@ -7,9 +7,11 @@ set(ZEL_INSTALL_DATADIR ${CMAKE_INSTALL_DATADIR}/zelCore)
 install(TARGETS zelCore EXPORT zelCoreTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
-install(DIRECTORY Components/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+# The sources of plug-ins stay at home, those of the entities' classes are used by programs.
+install(DIRECTORY Components/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h"
+        PATTERN "Math" EXCLUDE)
 install(DIRECTORY Components/ DESTINATION ${ZEL_INSTALL_DATADIR}/Components
-        PATTERN "*.h" EXCLUDE PATTERN "*.cpp" EXCLUDE)
+        PATTERN "*.h" EXCLUDE PATTERN "*.cpp" EXCLUDE PATTERN "Math" EXCLUDE)
 install(EXPORT zelCoreTargets NAMESPACE zelCore:: DESTINATION ${ZEL_INSTALL_CMAKEDIR})
 
 configure_package_config_file(cmake/zelCoreConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfig.cmake

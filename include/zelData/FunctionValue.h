@@ -2,6 +2,7 @@
 
 #include <zel/Export.h>
 #include <zel/String.h>
+#include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelData/Value.h>
 
@@ -35,6 +36,7 @@ public:
     /// Takes over the task that has been found for the function.
     void injectFunctionInstance(zel::UnresolvedTask* proxy);
     /// Computes the function anew and announces the result.
+    /// @throws what the function throws; std::runtime_error if the result changes an argument
     void parameterUpdateCallback(zel::Parameter* parameter);
 
     [[nodiscard]] zel::UnresolvedTask* getProxy() const noexcept { return m_proxy.get(); }
@@ -42,8 +44,19 @@ public:
     [[nodiscard]] zel::Task* getTask() const noexcept { return m_task.get(); }
 
 private:
+    struct Connection {
+        zel::ref_ptr<zel::Parameter> parameter;
+        zel::uint64 id;
+    };
+
+    void compute();
+    void leaveTask();
+    void dropArguments();
+
     zel::ref_ptr<zel::UnresolvedTask> m_proxy;
     zel::ref_ptr<zel::Task> m_task;
+    zel::Vector<Connection> m_connections;
+    bool m_computing = false;
 };
 
 } // namespace zelData

@@ -15,6 +15,7 @@
 namespace zelData {
 
 class Format;
+class FunctionValue;
 class Type;
 
 /// One named, typed, observable datum of the object tree. It is in one of three states: without a format, the
@@ -141,6 +142,8 @@ public:
     void snapshot(TiXmlNode* node, const zel::String& directory) override;
     /// Adds "type", "value" and, for a bound value, "binding".
     void buildNavigationTree(Json::Value& json) const override;
+    /// Hands the context on to the function that the value follows.
+    void setContext(zel::Object* context) override;
     /// Looks the path of the binding up and binds to what it names. Without a path, and while the path leads
     /// nowhere, nothing changes.
     void rebind() override;
@@ -192,8 +195,8 @@ public:
     ///     an explicit form    such as "Real:32bit(1.5)"; a value without a format takes the one named, and
     ///                         what lies between the parentheses is parsed in turn; nothing between them
     ///                         means the default value of the format
-    /// @throws std::runtime_error, naming the value and the text, if it is none of these: functions to
-    /// compute a value from others come with the execution engine
+    ///     a function          such as "Math.Mul(@a, 2)": see FunctionValue
+    /// @throws std::runtime_error, naming the value and the text, if it is none of these
     void setExpression(const zel::String& expression);
     /// Sets the target from the source.
     static void copy(Value* target, const Value* source);
@@ -265,6 +268,8 @@ private:
     [[nodiscard]] bool writeText(zel::String& text) const;
     void writeContent(TiXmlElement* element) const;
     void setText(std::string_view text);
+    void setFunction(std::string_view text);
+    [[nodiscard]] FunctionValue* getFunction() const;
 
     zel::Path m_bindPath;
     zel::ref_ptr<Value> m_binding;

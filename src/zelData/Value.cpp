@@ -10,6 +10,7 @@
 #include <zel/ScalarParameter.h>
 #include <zel/Verify.h>
 #include <zelData/Format.h>
+#include <zelData/FunctionValue.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 
@@ -485,8 +486,11 @@ void Value::bind(const zel::Path& path) {
 }
 
 void Value::rebind() {
-    if (m_bindPath.empty())
+    if (m_bindPath.empty()) {
+        if (FunctionValue* function = getFunction())
+            function->rebind();
         return;
+    }
     // What is not there yet may come: the path stays.
     if (zel::Object* object = getAutoScopedResource(m_bindPath))
         bind(object);

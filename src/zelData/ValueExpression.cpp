@@ -1,10 +1,12 @@
 #include "AsciiFormat.h"
 #include "FormatElement.h"
 #include "FormatLookup.h"
+#include "ValueLiteral.h"
 
 #include <zel/Exception.h>
 #include <zel/Verify.h>
 #include <zelData/Format.h>
+#include <zelData/FunctionValue.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 
@@ -27,20 +29,20 @@ std::string_view strip(std::string_view text) {
     return text.substr(begin, text.find_last_not_of(Blanks) - begin + 1);
 }
 
+} // namespace
+
 bool isLiteral(std::string_view text) {
     constexpr std::array<std::string_view, 6> words{
         "true", "false", "PI", "INFINITY", "InvalidIndex", "nullptr"};
-    const char first = text.front();
+    const char first = text.empty() ? '\0' : text.front();
     return (first >= '0' && first <= '9') || first == '-' ||
            std::find(words.begin(), words.end(), text) != words.end();
 }
 
-zel::String shortened(std::string_view text) {
+zel::String shortenedExpression(std::string_view text) {
     constexpr std::size_t limit = 200;
     return std::string(text.substr(0, limit)) + (text.size() > limit ? "..." : "");
 }
-
-} // namespace
 
 const Format* findFormat(std::string_view name) {
     constexpr std::size_t longestName = 256;
@@ -64,7 +66,7 @@ void Value::setText(std::string_view text) {
                   zel::String::format("%s: A value of format '%s' can not be read from the text '%s'",
                                       getPath().c_str(),
                                       m_format->fullName().c_str(),
-                                      shortened(text).c_str()));
+                                      shortenedExpression(text).c_str()));
     const zel::String string{std::string(text)};
     const FormatElement element(m_format.get());
     transform(element.data(), m_format.get(), &string, ascii, 1);
@@ -85,7 +87,7 @@ void Value::setExpression(const zel::String& expression) {
                 "%s: Can not have an implicitly typed literal for an auto-typed value. Expression is "
                 "'%s'",
                 getPath().c_str(),
-                shortened(text).c_str());
+                shortenedExpression(text).c_str());
             setText(text);
             return;
         }
@@ -103,18 +105,45 @@ void Value::setExpression(const zel::String& expression) {
         const Format* named = open != std::string_view::npos && text.back() == ')'
                                   ? findFormat(strip(text.substr(0, open)))
                                   : nullptr;
-        if (named == nullptr)
-            ZEL_THROW(std::runtime_error,
-                      zel::String::format("%s: '%s' is no literal, path or explicit form, and functions need "
-                                          "the execution engine",
-                                          getPath().c_str(),
-                                          shortened(text).c_str()));
+        if (named == nullptr) {
+            setFunction(text);
+            return;
+        }
         if (isUntyped())
             takeFormat(named);
         text = strip(text.substr(open + 1, text.size() - open - 2));
         if (text.empty())
             set(named->getDefaultValue());
     }
+}
+
+/// Follows a function of other values.
+void Value::setFunction(std::string_view text) {
+    if (text.find('(') == std::string_view::npos)
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("%s: '%s' is no literal, path, explicit form or function",
+                                      getPath().c_str(),
+                                      shortenedExpression(text).c_str()));
+    const zel::ref_ptr<FunctionValue> function(
+        new FunctionValue(isUntyped() ? nullptr : m_format.get(), std::string(text)));
+    if (!isUntyped())
+        setDefaultValue();
+    unbind(true);
+    function->setContext(getContext());
+    bind(function.get());
+    if (getEnableRebind())
+        function->rebind();
+}
+
+/// The function that the value follows, if an expression has made one.
+FunctionValue* Value::getFunction() const {
+    return m_binding ? dynamic_cast<FunctionValue*>(m_binding.get()) : nullptr;
+}
+
+void Value::setContext(zel::Object* context) {
+    Object::setContext(context);
+    if (FunctionValue* function = getFunction())
+        function->setContext(context);
 }
 
 } // namespace zelData

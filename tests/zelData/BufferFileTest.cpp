@@ -207,7 +207,7 @@ TEST_F(BufferFileMaliciousTest, ImpossibleSizesAreXmlErrors) {
     EXPECT_THAT(failure("<Buffer name='b' type='Real' numElements='UInt(-1)'/>"),
                 HasSubstr("do not fit in memory. Error at row 2"));
     EXPECT_THAT(failure("<Buffer name='b' type='Real' numElements='many'/>"),
-                HasSubstr("is no literal, path or explicit form"));
+                HasSubstr("is no literal, path, explicit form or function"));
     EXPECT_THAT(failure("<Buffer name='b' type='Real' numElements='3'>"
                         "<Value instance='elementArraySize' value='-1'/></Buffer>"),
                 HasSubstr("do not fit in memory. Error at row 2"));

@@ -118,7 +118,8 @@ TEST_F(ValueXmlTest, SaysWhatIsWrong) {
     EXPECT_THAT(unnamed, HasSubstr(m_directory.path("m.xml")));
     EXPECT_THAT(failure("<Value name='v' type='Rael'/>"), HasSubstr("No type named 'Rael'"));
     EXPECT_THAT(failure("<Value name='v' type='Real:1bit'/>"), HasSubstr("No format named 'Real:1bit'"));
-    EXPECT_THAT(failure("<Value name='v' type='Real' value='f(1)'/>"), HasSubstr("v: 'f(1)' is no literal"));
+    EXPECT_THAT(failure("<Value name='v' type='Real' value='f(1'/>"),
+                HasSubstr("'f(1' is no call of a function"));
     EXPECT_EQ(failure("<Value name='v' type='Real' value=''/>"), "no exception");
 }
 

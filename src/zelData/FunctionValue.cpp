@@ -1,0 +1,111 @@
+#include "zel/FlagScope.h"
+
+#include <zel/Exception.h>
+#include <zel/Parameter.h>
+#include <zel/ScalarParameter.h>
+#include <zel/SerialTask.h>
+#include <zel/UnresolvedTask.h>
+#include <zelData/FunctionValue.h>
+
+#include <stdexcept>
+
+namespace zelData {
+
+FunctionValue::FunctionValue(const Format* format, const zel::String& expression)
+    : Value(zel::Name("FunctionValue(" + expression + ")"), format)
+    , m_proxy(zel::UnresolvedTask::parse(expression)) {
+    m_proxy->setResultFormat(format);
+    m_proxy->setInstanceCallback([this](zel::UnresolvedTask* proxy) { injectFunctionInstance(proxy); });
+}
+
+FunctionValue::~FunctionValue() {
+    m_proxy->setInstanceCallback({});
+    m_proxy->setContext(nullptr);
+    leaveTask();
+}
+
+void FunctionValue::leaveTask() {
+    if (!m_task)
+        return;
+    for (const Connection& connection : m_connections)
+        connection.parameter->updateEvent.disconnect(connection.id);
+    m_connections.clear();
+    m_task->setContext(nullptr);
+    m_task = nullptr;
+}
+
+void FunctionValue::setContext(zel::Object* context) {
+    Value::setContext(context);
+    m_proxy->setContext(context);
+    if (m_task)
+        m_task->setContext(context);
+}
+
+void FunctionValue::rebind() {
+    m_proxy->rebind();
+    if (m_task || !m_proxy->isReady() || m_proxy->hasFailed())
+        return;
+    if (!m_proxy->instantiateProxy())
+        m_proxy->report();
+}
+
+void FunctionValue::injectFunctionInstance(zel::UnresolvedTask* proxy) {
+    leaveTask();
+    zel::Task* const task = proxy->getInstance();
+    auto* result = dynamic_cast<zel::ScalarParameter*>(task->findParameter("result"));
+    if (result == nullptr)
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("%s: The function has no output named 'result'", getName().c_str()));
+    m_task = task;
+    m_task->setContext(getContext());
+    for (const zel::ref_ptr<zel::Parameter>& parameter : task->getParameters())
+        if (parameter != result)
+            m_connections.push_back(
+                {parameter, parameter->updateEvent.connect([this](zel::Parameter* changed) {
+                     parameterUpdateCallback(changed);
+                 })});
+    compute();
+    bind(result->getValue());
+}
+
+void FunctionValue::compute() {
+    const zel::ref_ptr<zel::Task> keep(m_task); // what the result sets off may let go of it
+    auto* const serial = dynamic_cast<zel::SerialTask*>(m_task.get());
+    if (serial == nullptr) {
+        m_task->execute();
+        return;
+    }
+    // On this thread, outside of any graph: as the task's job does it, but for events and times.
+    for (const zel::ref_ptr<zel::Parameter>& parameter : serial->getParameters())
+        if (parameter->needsUpdate())
+            parameter->update();
+    if (const zel::Callback& callback = serial->getJob()->getCallback())
+        callback();
+    else
+        serial->run();
+    for (const zel::ref_ptr<zel::Parameter>& parameter : serial->getParameters())
+        if (parameter->needsCommit())
+            parameter->commit();
+}
+
+void FunctionValue::parameterUpdateCallback(zel::Parameter*) {
+    if (m_computing) {
+        dropArguments();
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("%s: The function depends on its own result", getName().c_str()));
+    }
+    const zel::FlagScope computing(m_computing);
+    compute();
+}
+
+/// Lets go of the arguments, which own this value in turn.
+void FunctionValue::dropArguments() {
+    const zel::ref_ptr<zel::Task> task(m_task);
+    leaveTask();
+    if (task)
+        for (const zel::ref_ptr<zel::Parameter>& parameter : task->getParameters())
+            parameter->unbind();
+    m_proxy->dropArguments();
+}
+
+} // namespace zelData

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <zel/String.h>
+
+#include <string_view>
+
+namespace zelData {
+
+/// Whether the text of an expression is a literal: begins with a digit or "-", or is one of the words that are.
+[[nodiscard]] bool isLiteral(std::string_view text);
+
+/// The text as it stands in messages: cut after 200 characters.
+[[nodiscard]] zel::String shortenedExpression(std::string_view text);
+
+} // namespace zelData
