@@ -111,6 +111,17 @@ public:
     /// Makes room for the ranges of so many jobs, all empty.
     void prepareResultSorting(size_t numJobs);
 
+    // What the derived classes begin and end a run with
+
+    /// Begins a run: entries are appended from the range's begin on, and its end is the capacity.
+    void init(const IndexRange& range);
+    /// Makes the set of the next capacity. The targets are added to it by handleOverflow.
+    BufferSet* createNewSet(size_t capacity);
+    /// Copies what lies in old memory to its place, and releases that memory. Fails if a transaction is open.
+    void finalizeTransactions();
+    /// Sorts the entries of the range, if any has come with a sort index.
+    void finalizeResultSorting(const IndexRange& range);
+
     [[nodiscard]] uint32 getSettings() const noexcept { return m_settings; }
     /// The number of entries that fit without a further overflow.
     [[nodiscard]] uint64 getCapacity() const noexcept;
@@ -124,14 +135,6 @@ public:
     [[nodiscard]] static Model* ClassModel();
 
 protected:
-    /// Begins a run: entries are appended from the range's begin on, and its end is the capacity.
-    void init(const IndexRange& range);
-    /// Makes the set of the next capacity. The targets are added to it by handleOverflow.
-    BufferSet* createNewSet(size_t capacity);
-    /// Copies what lies in old memory to its place, and releases that memory. Fails if a transaction is open.
-    void finalizeTransactions();
-    /// Sorts the entries of the range, if any has come with a sort index.
-    void finalizeResultSorting(const IndexRange& range);
     /// The end of what was appended.
     [[nodiscard]] uint64 getCursor() const noexcept { return m_cursor.load(std::memory_order_relaxed); }
     /// How many entries to make room for, given what there is and where the new ones begin. Follows what
@@ -143,8 +146,6 @@ protected:
     void addTarget(zelData::Buffer* buffer);
     /// The same, with new memory for so many elements; the old one goes to the set.
     void moveTarget(zelData::Buffer* buffer, uint64 numElements);
-    /// Named in messages.
-    [[nodiscard]] const Path& getTargetPath() const noexcept { return m_path; }
 
 private:
     [[nodiscard]] Transaction allocate(size_t count) {

@@ -53,6 +53,8 @@ void GlobalResultStorage::prepare(Task* task) {
         m_storage->clear();
     m_storage->getData()->presize(static_cast<uint32>(capacity));
     init({begin, m_storage->size()});
+    // What is made room for does not count yet: kernels take their number of work items from this value.
+    *static_cast<uint64*>(m_storage->getSizeValue()->getData()) = begin;
     forEachColumn([this](zelData::Buffer* buffer) { addTarget(buffer); });
 }
 

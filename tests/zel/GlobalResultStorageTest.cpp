@@ -211,6 +211,21 @@ TEST_F(GlobalResultStorageTest, FreeIdsSurviveAnOverflow) {
     storage->verifyConsistency();
 }
 
+TEST_F(GlobalResultStorageTest, SizeStaysWhileJobsAppend) {
+    storage->createInstances(10);
+    begin(GlobalResult::APPEND);
+    append(1, 300);
+    EXPECT_EQ(storage->getSizeValue()->get(), 10U);
+    EXPECT_EQ(storage->getData()->getNumElements(), 10U);
+    parameter->commit();
+    EXPECT_EQ(storage->getSizeValue()->get(), 310U);
+    begin(GlobalResult::TRUNCATE);
+    EXPECT_EQ(storage->getSizeValue()->get(), 0U);
+    append(1, 310);
+    parameter->commit();
+    expectTracks(numbers(1, 310));
+}
+
 TEST_F(GlobalResultStorageTest, RoomyStorageKeepsItsIds) {
     storage->reserve(10'000);
     begin(GlobalResult::TRUNCATE);
