@@ -247,7 +247,10 @@ private:
     zelData::Val<double> m_interval;
     zelData::Val<bool> m_repeating;
     zelData::Val<bool> m_enabled;
+    // What a dispatch reads, side by side.
     Event* m_next = nullptr; // in the same frame
+    double m_presentInterval = 0;
+    bool m_presentlyEnabled = true;
     size_t m_index = InvalidIndex;
     Clock* m_clock = nullptr;
     uint64 m_dispatchFrame = 0;

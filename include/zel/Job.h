@@ -93,6 +93,7 @@ public:
     /// Zeroes the cycles and starts the clock of this run.
     void startTiming(uint64 tick = Timer::now()) noexcept {
         m_timing = true;
+        m_lastCycles = m_cycles;
         m_cycles = 0;
         m_startTick = tick;
     }
@@ -121,6 +122,7 @@ protected:
     Callback m_callback;
     uint64 m_startTick = 0;
     uint64 m_cycles = 0;
+    uint64 m_lastCycles = 0; // of the run before the present one
     bool m_timing = false;
     uint32 m_numDependencies = 0;
     std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies

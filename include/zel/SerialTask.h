@@ -42,7 +42,6 @@ private:
 
     private:
         SerialTask& m_owner;
-        uint64 m_lastCycles = 0; // of the last run; the base's are cleared when the next one begins
     };
 
     Name m_jobName; // keeps the text of the job's name

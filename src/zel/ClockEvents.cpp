@@ -48,7 +48,7 @@ Vector<ref_ptr<Clock::Event>> Clock::holdEvents() const {
 }
 
 void Clock::schedule(Event* event) {
-    schedule(event, event->getInterval() + event->m_residual);
+    schedule(event, event->m_presentInterval + event->m_residual);
 }
 
 void Clock::schedule(Event* event, double delay) {
@@ -133,12 +133,13 @@ void Clock::dispatchEvents() {
         const ref_ptr<Event> event(m_due);
         m_due = std::exchange(event->m_next, nullptr);
         event->m_state = Event::State::Idle;
-        if (event->isEnabled())
+        __builtin_prefetch(m_due); // thousands of events do not fit the cache
+        if (event->m_presentlyEnabled)
             event->callbacks.fire();
         // The callbacks may have removed the event, or scheduled it themselves.
         if (event->m_clock != this || event->m_state != Event::State::Idle)
             continue;
-        if (event->getInterval() < 0)
+        if (event->m_presentInterval < 0)
             removeObject(event.get());
         else
             schedule(event.get());
@@ -160,7 +161,8 @@ Clock::Event::Event(const Name& name, double interval, double startDelay)
     , m_startDelay("startDelay", startDelay)
     , m_interval("interval", interval)
     , m_repeating("repeating", interval >= 0)
-    , m_enabled("enabled", true) {
+    , m_enabled("enabled", true)
+    , m_presentInterval(interval) {
     for (zelData::Value* value :
          std::initializer_list<zelData::Value*>{&m_startDelay, &m_interval, &m_repeating, &m_enabled}) {
         Component::addObject(value);
@@ -198,6 +200,8 @@ void Clock::Event::valueCallback(zelData::Value* value) {
             m_clock->reschedule(this);
         return;
     }
+    m_presentInterval = m_interval.get();
+    m_presentlyEnabled = m_enabled.get();
     if (value != &m_interval && value != &m_repeating && value != &m_enabled)
         zelAbort("%s: Unknown value", value->getPath().c_str());
 }

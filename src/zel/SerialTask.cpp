@@ -46,10 +46,12 @@ void SerialTask::SerialJob::implementation() {
         m_callback();
     else
         m_owner.run();
-    stopTiming();
-    m_lastCycles = m_cycles;
-    const bool full = getProfilingMode() == ProfilingFull;
-    m_owner.endCallback(full ? static_cast<float>(Timer::toMilliseconds(m_cycles)) : 0, 0);
+    float computeCost = 0;
+    if (getProfilingMode() == ProfilingFull) {
+        stopTiming(); // the work alone
+        computeCost = static_cast<float>(Timer::toMilliseconds(m_cycles));
+    }
+    m_owner.endCallback(computeCost, 0);
 }
 
 } // namespace zel

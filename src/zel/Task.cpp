@@ -204,7 +204,8 @@ void Task::beginCallback() {
     if (!m_parameters.empty())
         readParameters();
     preEvent.fire(this);
-    m_running.store(true, std::memory_order_seq_cst);
+    // Release: free here, and nobody waits for the begin.
+    m_running.store(true, std::memory_order_release);
     if (profiling) {
         m_computeTimer.reset();
         m_computeTimer.start();
