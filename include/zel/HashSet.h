@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace zel {
 
@@ -166,38 +167,7 @@ public:
     }
 
     /// As insert, for a caller that has the key's hash at hand.
-    const_iterator insertHashed(Key&& key, uint32 hash) {
-        for (;;) {
-            if (m_size >= m_growthSize) [[unlikely]]
-                grow();
-            uint64 deleted = NoSlot;
-            uint64 deletedProbe = 0;
-            const uint64 home = m_modulo(hash);
-            for (uint64 p = 0; p < ProbeLimit; ++p) {
-                const uint64 index = probe(home, p);
-                Slot& slot = m_table[index];
-                if (slot.state == SlotState::Empty)
-                    return place(index, p, std::move(key), hash);
-                if (slot.state == SlotState::Filled) {
-                    if (matches(slot, key, hash)) {
-                        slot.key = std::move(key);
-                        return {this, index};
-                    }
-                } else if (deleted == NoSlot) {
-                    deleted = index;
-                    deletedProbe = p;
-                }
-                // No equal key can lie beyond the longest probe.
-                if (deleted != NoSlot && p >= m_maxProbeLength)
-                    return place(deleted, deletedProbe, std::move(key), hash);
-            }
-            // Where hashes are spread, a table this empty has a place for any key. Where they are not, as
-            // those of texts made for the purpose, it would grow until memory runs out.
-            if (m_size < m_capacity / SparseLoad)
-                throw std::length_error("HashSet: too many keys with neighbouring hashes");
-            rebuild(static_cast<uint64>(2.0 * static_cast<double>(m_capacity)));
-        }
-    }
+    const_iterator insertHashed(Key&& key, uint32 hash) { return insertInto<true>(std::move(key), hash); }
 
     [[nodiscard]] const_iterator find(const Key& key) const {
         return m_size == 0 ? end() : findHashed(key, Hash()(key));
@@ -257,23 +227,10 @@ public:
     }
 
     /// Moves all keys to a fresh table of nextPrime(capacity or 1) slots; deleted slots vanish.
-    void rebuild(uint64 capacity) {
-        HashSetImplementation fresh;
-        fresh.allocate(nextPrime(capacity == 0 ? uint64{1} : capacity));
-        for (uint64 i = 0; i < m_capacity; ++i) {
-            if (i + PrefetchDistance < m_capacity)
-                fresh.prefetch(m_table[i + PrefetchDistance]);
-            Slot& slot = m_table[i];
-            if (slot.state != SlotState::Filled)
-                continue;
-            fresh.insertHashed(std::move(slot.key), hashOf(slot));
-            if constexpr (std::is_nothrow_move_constructible_v<Key>) { // nothing can ask for the old key back
-                slot.state = SlotState::Deleted;
-                --m_size;
-                std::destroy_at(&slot.key);
-            }
-        }
-        swap(fresh);
+    [[gnu::noinline]] void rebuild(uint64 capacity) {
+        // No key is moved before it is certain that there is a place for all.
+        verifyPlaces(nextPrime(capacity == 0 ? uint64{1} : capacity));
+        moveTo(capacity);
     }
 
 private:
@@ -323,15 +280,16 @@ private:
     }
 
     /// (p * p + hash) modulo capacity, from the hash modulo capacity.
-    [[nodiscard]] uint64 probe(uint64 home, uint64 p) const noexcept {
+    [[nodiscard]] static uint64 probe(uint64 home, uint64 p, uint64 capacity) noexcept {
         uint64 index = home + p * p;
-        if (index >= m_capacity) [[unlikely]] {
-            index -= m_capacity;
-            if (index >= m_capacity)
-                index %= m_capacity;
+        if (index >= capacity) [[unlikely]] {
+            index -= capacity;
+            if (index >= capacity)
+                index %= capacity;
         }
         return index;
     }
+    [[nodiscard]] uint64 probe(uint64 home, uint64 p) const noexcept { return probe(home, p, m_capacity); }
 
     const_iterator place(uint64 index, uint64 p, Key&& key, [[maybe_unused]] uint32 hash) {
         Slot& slot = m_table[index];
@@ -345,9 +303,105 @@ private:
         return {this, index};
     }
 
-    [[gnu::noinline]] void grow() {
+    [[nodiscard]] uint64 grownCapacity() const {
         const auto doubled = static_cast<uint64>(2.0F * static_cast<float>(m_capacity + 1));
-        rebuild(doubled == 0 ? 1 : doubled);
+        return doubled == 0 ? 1 : doubled;
+    }
+
+    /// @param Refuses  whether to throw rather than to grow a table that is nearly empty
+    template <bool Refuses>
+    const_iterator insertInto(Key&& key, uint32 hash) {
+        for (;;) {
+            if (m_size >= m_growthSize) [[unlikely]] {
+                if constexpr (Refuses)
+                    rebuild(grownCapacity());
+                else
+                    moveTo(grownCapacity());
+            }
+            uint64 deleted = NoSlot;
+            uint64 deletedProbe = 0;
+            const uint64 home = m_modulo(hash);
+            for (uint64 p = 0; p < ProbeLimit; ++p) {
+                const uint64 index = probe(home, p);
+                Slot& slot = m_table[index];
+                if (slot.state == SlotState::Empty)
+                    return place(index, p, std::move(key), hash);
+                if (slot.state == SlotState::Filled) {
+                    if (matches(slot, key, hash)) {
+                        slot.key = std::move(key);
+                        return {this, index};
+                    }
+                } else if (deleted == NoSlot) {
+                    deleted = index;
+                    deletedProbe = p;
+                }
+                // No equal key can lie beyond the longest probe.
+                if (deleted != NoSlot && p >= m_maxProbeLength)
+                    return place(deleted, deletedProbe, std::move(key), hash);
+            }
+            const auto doubled = static_cast<uint64>(2.0 * static_cast<double>(m_capacity));
+            if constexpr (Refuses) {
+                verifyNotSparse(m_capacity);
+                rebuild(doubled);
+            } else {
+                moveTo(doubled);
+            }
+        }
+    }
+
+    /// Moves the keys into a table of their own of the capacity, or of more if they need more.
+    [[gnu::noinline]] void moveTo(uint64 capacity) {
+        HashSetImplementation fresh;
+        fresh.allocate(nextPrime(capacity == 0 ? uint64{1} : capacity));
+        for (uint64 i = 0; i < m_capacity; ++i) {
+            if (i + PrefetchDistance < m_capacity)
+                fresh.prefetch(m_table[i + PrefetchDistance]);
+            Slot& slot = m_table[i];
+            if (slot.state != SlotState::Filled)
+                continue;
+            fresh.template insertInto<false>(std::move(slot.key), hashOf(slot));
+            if constexpr (std::is_nothrow_move_constructible_v<Key>) { // nothing can ask for the old key back
+                slot.state = SlotState::Deleted;
+                --m_size;
+                std::destroy_at(&slot.key);
+            }
+        }
+        swap(fresh);
+    }
+
+    /// Verifies that the capacity, or one of its doubles, has a place for each key.
+    void verifyPlaces(uint64 capacity) const {
+        while (!hasPlaces(capacity)) {
+            verifyNotSparse(capacity);
+            capacity = nextPrime(2 * capacity);
+        }
+    }
+
+    /// Whether an empty table of the capacity takes all keys in their present order.
+    [[nodiscard]] bool hasPlaces(uint64 capacity) const {
+        if (m_size == 0)
+            return true;
+        const detail::FastModulo modulo(capacity);
+        std::vector<bool> filled(capacity);
+        for (uint64 i = 0; i < m_capacity; ++i) {
+            if (m_table[i].state != SlotState::Filled)
+                continue;
+            const uint64 home = modulo(hashOf(m_table[i]));
+            uint64 p = 0;
+            while (p < ProbeLimit && filled[probe(home, p, capacity)])
+                ++p;
+            if (p == ProbeLimit)
+                return false;
+            filled[probe(home, p, capacity)] = true;
+        }
+        return true;
+    }
+
+    /// Where hashes are spread, a table this empty has a place for any key. Where they are not, as those of
+    /// texts made for the purpose, it would grow until memory runs out.
+    void verifyNotSparse(uint64 capacity) const {
+        if (m_size < capacity / SparseLoad)
+            throw std::length_error("HashSet: too many keys with neighbouring hashes");
     }
 
     void allocate(uint64 capacity) {

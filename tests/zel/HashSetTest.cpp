@@ -388,6 +388,27 @@ TEST(HashSetTest, RefusesKeysThatCrowdAFewHashes) {
         EXPECT_TRUE(set.contains(key));
 }
 
+TEST(HashSetTest, KeysOfAFewHashesOutliveEachRebuild) {
+    // Up to eleven keys of one hash fit, if nothing else is near. A rebuild meets such a group while the new
+    // table is still nearly empty.
+    struct Grouped {
+        zel::uint32 operator()(zel::uint64 key) const noexcept {
+            return static_cast<zel::uint32>(key / 11) * 2654435761U;
+        }
+        static bool equal(zel::uint64 a, zel::uint64 b) noexcept { return a == b; }
+    };
+    zel::HashSetImplementation<zel::uint64, Grouped> set;
+    for (zel::uint64 key = 0; key < 11 * 300; ++key) {
+        set.insert(key);
+        ASSERT_EQ(set.size(), key + 1);
+    }
+    for (const zel::uint64 capacity : {1U, 100'000U, 7U})
+        set.rebuild(capacity);
+    EXPECT_EQ(set.size(), 11U * 300);
+    for (zel::uint64 key = 0; key < 11 * 300; ++key)
+        EXPECT_TRUE(set.contains(key)) << key;
+}
+
 TEST(HashSetTest, CopiesSlotBySlotAndMovesAsAWhole) {
     HashSet<uint64, Plain> set;
     set.rebuild(101);
