@@ -20,8 +20,6 @@ void Buffer::connect(EntityStorage* storage, Attribute* attribute) {
     disconnectCallbacks();
     if (m_elementArraySize &&
         (m_elementArraySize->getBinding() != nullptr || m_elementArraySize->get() != 1)) {
-        // The place of the expressions "Math.Mul(@STORAGE.numElements, @elementArraySize)" and the same of
-        // the capacity, once there are functions.
         followStorage(m_numElementsValue.get(), size);
         followStorage(m_capacityValue.get(), capacity);
         return;
@@ -47,9 +45,8 @@ void Buffer::disconnect() {
 
 /// Keeps an own value at the storage's number, multiplied by the element array size.
 void Buffer::followStorage(ValueT<uint64>* own, ValueT<uint64>* storage) {
-    const auto update = [this, own, storage](Value*) { own->set(storage->get() * getElementArraySize()); };
-    m_connections.push_back({storage, storage->updateEvent.connect(update)});
-    update(storage);
+    own->setExpression(zel::String::format(
+        "Math.Mul(@%s.%s, @elementArraySize)", m_storage->getName().c_str(), storage->getName().c_str()));
 }
 
 } // namespace zelData

@@ -32,7 +32,11 @@ EntityStorage* EntityStorage::load(zel::TiXmlElement* element, zel::Device* devi
     EntityModel* model = findEntity(element, entity);
     if (model == nullptr)
         ZEL_XML_ERROR(element, zel::String::format("Unable to load entity '%s'", entity));
-    zel::ref_ptr<EntityStorage> storage(new EntityStorage(model, DefaultCapacity));
+    // The columns name the storage from the beginning.
+    const char* name = element->Attribute("name");
+    zel::ref_ptr<EntityStorage> storage(name == nullptr
+                                            ? new EntityStorage(model, DefaultCapacity)
+                                            : new EntityStorage(model, zel::Name(name), DefaultCapacity));
     storage->setDevice(device);
     storage->configure(element);
     return storage.release_nodelete();

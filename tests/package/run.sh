@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds and installs a copy of the sources, moves the copy away, and builds and runs the hello example against what
 # was installed: once through find_package, once through pkg-config. Then the entities example, which has classes and a
-# model file of its own.
+# model file of its own, and the plugin example, whose kernel is a library.
 # usage: run.sh SOURCE_DIR COMPILER
 set -euo pipefail
 
@@ -55,6 +55,14 @@ cmake -S "$work/entities" -B "$work/entities-build" -G Ninja -DCMAKE_PREFIX_PATH
     -DCMAKE_CXX_COMPILER="$compiler" >"$work/log" || { cat "$work/log"; exit 1; }
 cmake --build "$work/entities-build" >"$work/log" || { cat "$work/log"; exit 1; }
 ZEL_PLUGIN_PATH="$prefix/share/zelCore" "$work/entities-build/entities" | grep '49 apples are left'
+
+# A kernel in a plug-in of its own, and the library of functions that lies among the model files.
+[ "$(readlink "$prefix/share/zelCore/Components/zel/libMath.Mul.so")" = libMath.so ]
+cp -r "$source/examples/plugin" "$work/plugin"
+cmake -S "$work/plugin" -B "$work/plugin-build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$compiler" >"$work/log" || { cat "$work/log"; exit 1; }
+cmake --build "$work/plugin-build" >"$work/log" || { cat "$work/log"; exit 1; }
+ZEL_PLUGIN_PATH="$prefix/share/zelCore" "$work/plugin-build/plugin" | grep '1000 plants are 0.181 m high'
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046

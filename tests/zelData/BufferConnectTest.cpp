@@ -22,7 +22,10 @@ namespace {
 
 class BufferConnectTest : public testing::Test {
 protected:
-    void SetUp() override { m_storage->resize(4); }
+    void SetUp() override {
+        m_storage->resize(4);
+        m_buffer->setContext(m_storage.get()); // as the storage's own columns
+    }
     void TearDown() override { m_buffer->disconnect(); }
 
     /// What the storage does for its columns when its size changes.

@@ -9,6 +9,8 @@
 #include <zel/UnresolvedTask.h>
 #include <zel/Vec.h>
 #include <zel/ref_ptr.h>
+#include <zelData/Buffer.h>
+#include <zelData/EntityStorage.h>
 #include <zelData/Format.h>
 #include <zelData/FunctionValue.h>
 #include <zelData/Type.h>
@@ -287,4 +289,25 @@ TEST_F(FunctionValueTest, NestingHasALimit) {
     for (const size_t depth : {65U, 10000U})
         EXPECT_THAT(whatOf([&] { value->setExpression(nested(depth)); }),
                     HasSubstr("brackets are nested more than 64 deep"));
+}
+
+TEST_F(FunctionValueTest, ColumnsOfSeveralElementsFollowTheirStorage) {
+    directory.write("Components/zel/Grid.zelEntity",
+                    "<Entity.Model name='Grid'>"
+                    "<Attribute.Scalar name='corners' type='Real' numElements='3'/></Entity.Model>");
+    directory.write(
+        "Components/zel/Mesh.zelComponent",
+        "<Component name='Mesh'><Entity.Storage name='cells' entity='Grid' numElements='5'/></Component>");
+    const ref_ptr<Component> mesh(Component::load("Mesh", nullptr));
+    top->addObject(mesh.get());
+    auto* cells = dynamic_cast<zelData::EntityStorage*>(mesh->findObject("cells"));
+    ASSERT_NE(cells, nullptr);
+    const zelData::Buffer* corners = cells->getBuffer("corners");
+    EXPECT_EQ(corners->size(), 15U);
+    EXPECT_EQ(corners->getNumElementsValue()->get(), 15U);
+    EXPECT_STREQ(corners->getNumElementsValue()->getBinding()->getName().c_str(),
+                 "FunctionValue(Math.Mul(@cells.numElements, @elementArraySize))");
+    cells->createInstances(100);
+    EXPECT_EQ(corners->getNumElementsValue()->get(), 315U);
+    EXPECT_EQ(corners->getCapacityValue()->get(), 3 * cells->getCapacityValue()->get());
 }

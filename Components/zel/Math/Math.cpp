@@ -1,8 +1,9 @@
 #include "Functions.h"
 
+#include <algorithm>
 #include <cmath>
-#include <limits>
 #include <stdexcept>
+#include <type_traits>
 
 // The functions of the path "Math": "Math.Add" and so on. This table is all there is to add to.
 
@@ -71,7 +72,7 @@ struct Smaller {
     template <typename A, typename B>
     auto operator()(const A& a, const B& b) const {
         if constexpr (IsMixed<A, B>)
-            return (*this)(static_cast<double>(a), static_cast<double>(b));
+            return std::min(static_cast<double>(a), static_cast<double>(b));
         else if constexpr (IsNumber<A>)
             return b < a ? b : a;
         else
@@ -83,7 +84,7 @@ struct Larger {
     template <typename A, typename B>
     auto operator()(const A& a, const B& b) const {
         if constexpr (IsMixed<A, B>)
-            return (*this)(static_cast<double>(a), static_cast<double>(b));
+            return std::max(static_cast<double>(a), static_cast<double>(b));
         else if constexpr (IsNumber<A>)
             return a < b ? b : a;
         else

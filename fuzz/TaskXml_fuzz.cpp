@@ -1,0 +1,81 @@
+// Task, kernel and parameter XML through the road that a file takes, added to a tree and looked up in it.
+// What has been loaded is then run, if nothing of it is missing.
+#include <zel/Component.h>
+#include <zel/Notify.h>
+#include <zel/UnresolvedTask.h>
+#include <zel/ref_ptr.h>
+#include <zelCore/zelCore.h>
+#include <zelData/ValueT.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <tinyxml.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+/// Unknown containers are told to end the process.
+bool namesContainer(const TiXmlElement* element) {
+    for (const auto* attribute = element->FirstAttribute(); attribute != nullptr;
+         attribute = attribute->Next())
+        if (attribute->ValueStr().find('<') != std::string::npos)
+            return true;
+    for (const auto* child = element->FirstChildElement(); child != nullptr;
+         child = child->NextSiblingElement())
+        if (namesContainer(child))
+            return true;
+    return false;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool ready = [] {
+        zelCore::init();
+        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
+        zel::Notify::instance()->setThrowOnError(true);
+        return true;
+    }();
+    static_cast<void>(ready);
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    // What is told to end the process: words that are no booleans, numbers without a type, loops and modes.
+    for (const char* fatal :
+         {"Bool", "mode", "depends", "dependency", "dispatch", "value", "Device", "enable"})
+        if (text.find(fatal) != std::string::npos)
+            return 0;
+
+    const int file = memfd_create("model", 0);
+    if (file < 0 || write(file, data, size) != static_cast<ssize_t>(size))
+        std::abort();
+    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    try {
+        const auto document = zel::Object::openDocument(path);
+        for (TiXmlElement* element = document->FirstChildElement(); element != nullptr;
+             element = element->NextSiblingElement()) {
+            if (namesContainer(element))
+                continue;
+            try {
+                const zel::ref_ptr<zel::Component> top(new zel::Component("top"));
+                top->addObject(new zelData::ValueT<double>("a", 1.5));
+                const zel::ref_ptr<zel::Object> object(zel::Object::load(element, nullptr));
+                top->addObject(object.get());
+                if (auto* task = dynamic_cast<zel::UnresolvedTask*>(object.get()))
+                    task->report();
+            } catch (const std::runtime_error&) {
+                // What a bad file gets.
+            }
+        }
+    } catch (const std::runtime_error&) {
+        // As above.
+    }
+    close(file);
+    zel::UnresolvedTask::deleteAllConfiguredProxies();
+    if (!zel::Object::getEnableRebind())
+        std::abort();
+    return 0;
+}
