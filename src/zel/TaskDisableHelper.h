@@ -22,7 +22,8 @@ public:
     /// For a task that enters the disabled group.
     void registerSubtask(Task* subtask);
     /// For a task that leaves the disabled group.
-    void removeSubtask(Task* subtask);
+    /// @param survives  whether the task lives on: of one that is about to go the jobs may be gone already
+    void removeSubtask(Task* subtask, bool survives);
     /// For a job that enters the disabled task, and one that leaves it, in place of its edge to the last job.
     void addWork(Job* job) { m_oldPostParents.push_back(job); }
     void removeWork(Job* job) { m_oldPostParents.findAndErase(job); }

@@ -55,7 +55,7 @@ void Task::DisableHelper::restore() {
     post->setCallback(std::move(m_oldPostCallback));
     if (auto* group = dynamic_cast<TaskGroup*>(&m_task)) {
         for (Task* subtask : group->getSubtasks())
-            removeSubtask(subtask);
+            removeSubtask(subtask, true);
     } else if (pre != post) {
         putBack(pre, post);
     }
@@ -67,8 +67,10 @@ void Task::DisableHelper::registerSubtask(Task* subtask) {
     subtask->updatePassed();
 }
 
-void Task::DisableHelper::removeSubtask(Task* subtask) {
+void Task::DisableHelper::removeSubtask(Task* subtask, bool survives) {
     zelVerify(m_oldPreChildren.findAndErase(subtask->getPreJob()));
+    if (!survives)
+        return;
     subtask->m_groupPassed = false;
     subtask->updatePassed();
 }

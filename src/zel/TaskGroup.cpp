@@ -141,7 +141,7 @@ void TaskGroup::leave(Task* subtask) {
     subtask->getPostJob()->removeDependent(&m_postJob);
     subtask->setGroup(nullptr);
     if (DisableHelper* helper = getDisableHelper())
-        helper->removeSubtask(subtask);
+        helper->removeSubtask(subtask, subtask->referenceCount() > 1); // one is held by who removes it
     // The others would wait for a task that does not run with them.
     for (size_t i = m_subtasks.size(); i-- > 0;) {
         subtask->removeDependency(m_subtasks[i]);

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -493,6 +494,21 @@ TEST_F(TaskEnableTest, CutsTheJobsOfAParallelTask) {
     task->setEnable(true);
     task->execute();
     EXPECT_EQ(runs, 2);
+}
+
+TEST_F(TaskEnableTest, DiesInADisabledGroupAfterItsJobs) {
+    ref_ptr<TaskGroup> group(new TaskGroup("g"));
+    auto job = std::make_unique<Job>([] {});
+    auto* task = new ParallelTask("p");
+    task->addJob(job.get());
+    group->addSubtask(task);
+    group->setEnable(false);
+    const ref_ptr<SerialTask> survivor(noting("a"));
+    group->addSubtask(survivor.get());
+    job = nullptr; // the jobs of a task may go first
+    group = nullptr;
+    EXPECT_FALSE(survivor->isPassed());
+    EXPECT_EQ(run(survivor.get()), "a");
 }
 
 TEST_F(TaskEnableTest, KeepsWorkThatIsSetWhileDisabled) {
