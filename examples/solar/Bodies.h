@@ -5,6 +5,8 @@
 #include <zel/Vec.h>
 #include <zel/Vector.h>
 
+#include <cmath>
+#include <limits>
 #include <string>
 
 using Vec3d = zel::Vec3T<double>;
@@ -28,6 +30,24 @@ struct Body {
 /// others.
 /// @throws std::runtime_error with file and line
 [[nodiscard]] zel::Vector<Body> readBodies(const zel::String& file);
+
+inline constexpr size_t NoBody = std::numeric_limits<size_t>::max();
+
+/// The Newtonian pull of the bodies at a place, m/s^2.
+/// @param gm    the mass parameters of the bodies
+/// @param self  the body that is there, which is left out; or NoBody
+[[nodiscard]] inline Vec3d
+pull(const Vec3d* positions, const double* gm, size_t numBodies, const Vec3d& place, size_t self) {
+    Vec3d sum;
+    for (size_t i = 0; i < numBodies; ++i) {
+        if (i == self)
+            continue;
+        const Vec3d towards = positions[i] - place;
+        const double squared = towards.squaredNorm();
+        sum += towards * (gm[i] / (squared * std::sqrt(squared)));
+    }
+    return sum;
+}
 
 /// The state of a massless particle of the belt about a central body: near-circular orbits from 2.1 to 3.3
 /// astronomical units. The same index always gives the same orbit.

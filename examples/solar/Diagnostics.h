@@ -1,16 +1,29 @@
 #pragma once
 
-#include "Simulation.h"
+#include "Bodies.h"
+
+#include <zel/String.h>
+#include <zel/Vec.h>
+#include <zel/Vector.h>
+#include <zelData/Array.h>
 
 #include <iosfwd>
+
+namespace zelData {
+class EntityStorage;
+}
 
 /// What a physicist checks: conserved quantities and orbital periods.
 class Diagnostics {
 public:
-    Diagnostics(const zel::Vector<Body>& bodies, const Simulation& simulation);
+    /// @param bodies     of the entity solar.Body; both stay as they are in size
+    /// @param particles  of the entity solar.Particle
+    /// @throws std::runtime_error if a storage lacks a column
+    Diagnostics(const zelData::EntityStorage& bodies, const zelData::EntityStorage& particles);
 
     /// Follows the angle that each body sweeps about its parent; once after each step.
-    void observe();
+    /// @param time  seconds since the beginning
+    void observe(double time);
 
     /// The drift of energy and angular momentum, and a row for each body: its period found, the known one and
     /// how many revolutions it was taken from. A body that has not gone once around gets the period of the
@@ -33,8 +46,14 @@ private:
     [[nodiscard]] Vec3d angularMomentum() const;
     [[nodiscard]] double period(size_t index) const;
 
-    const zel::Vector<Body>& m_bodies;
-    const Simulation& m_simulation;
+    zelData::Array<Vec3d> m_positions; // of the bodies
+    zelData::Array<Vec3d> m_velocities;
+    zelData::Array<double> m_gm;
+    zelData::Array<zel::String> m_names;
+    zelData::Array<zel::uint32> m_parents;
+    zelData::Array<double> m_knownPeriods;
+    zelData::Array<Vec3d> m_particlePositions;
+    zelData::Array<Vec3d> m_particleVelocities;
     zel::Vector<Orbit> m_orbits;
     double m_startEnergy;
     Vec3d m_startAngularMomentum;

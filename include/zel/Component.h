@@ -95,6 +95,11 @@ public:
     /// Fires when an object leaves; it is still alive.
     EventT<Callback2<Component*, Object*>> removeObjectEvent;
 
+protected:
+    /// Whether the rebind under way on this thread is that of a subtree that has left its component: paths
+    /// out of it lead nowhere, and that is no news.
+    [[nodiscard]] static bool isDetaching() noexcept;
+
 private:
     /// The children of one name, linked through Object::m_nextSibling.
     struct Chain {

@@ -33,11 +33,19 @@ const Name& removeObjectEventName() {
 /// How many destructors of components are at work on this thread.
 constinit thread_local uint32 t_destructorDepth = 0;
 
-struct DestructorScope {
-    DestructorScope() noexcept { ++t_destructorDepth; }
-    DestructorScope(const DestructorScope&) = delete;
-    DestructorScope& operator=(const DestructorScope&) = delete;
-    ~DestructorScope() { --t_destructorDepth; }
+/// How many subtrees that have left their components are being rebound on this thread, one in another.
+constinit thread_local uint32 t_detachingDepth = 0;
+
+/// One level of such a depth.
+class DepthScope {
+public:
+    explicit DepthScope(uint32& depth) noexcept : m_depth(depth) { ++m_depth; }
+    DepthScope(const DepthScope&) = delete;
+    DepthScope& operator=(const DepthScope&) = delete;
+    ~DepthScope() { --m_depth; }
+
+private:
+    uint32& m_depth;
 };
 
 bool fits(const Object* object, const Model* model) {
@@ -67,7 +75,7 @@ Component::~Component() {
     for (const ref_ptr<Object>& object : m_objects)
         object->setContext(nullptr);
     {
-        const DestructorScope scope;
+        const DepthScope scope(t_destructorDepth);
         removeAllObjects();
     }
     setDevice(nullptr);
@@ -146,11 +154,16 @@ void Component::addObject(Object* object, bool assignContext) {
     }
 }
 
+bool Component::isDetaching() noexcept {
+    return t_detachingDepth != 0;
+}
+
 void Component::detach(const ref_ptr<Object>& object) {
     trigger(&Component::removeObjectEvent, object.get());
     object->setContext(nullptr);
     if (!getEnableRebind())
         return;
+    const DepthScope scope(t_detachingDepth);
     try {
         object->rebind();
     } catch (const std::runtime_error&) {

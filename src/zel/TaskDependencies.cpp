@@ -228,8 +228,8 @@ void Task::rebind() {
             m_paths->dispatchTarget =
                 dynamic_cast<Task*>(getAutoScopedResource(m_paths->dispatch, ClassModel()));
     }
-    // Outside of a tree there is nothing yet that paths could lead to.
-    if (getContext() != nullptr && getEnableRebind())
+    // Outside of a tree there is nothing yet, or any more, that paths could lead to.
+    if (getContext() != nullptr && getEnableRebind() && !isDetaching())
         verifyParameters();
 }
 

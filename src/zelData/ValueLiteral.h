@@ -6,7 +6,8 @@
 
 namespace zelData {
 
-/// Whether the text of an expression is a literal: begins with a digit or "-", or is one of the words that are.
+/// Whether the text of an expression is a literal: begins with a digit or "-", or is one of the words that
+/// are.
 [[nodiscard]] bool isLiteral(std::string_view text);
 
 /// The text as it stands in messages: cut after 200 characters.

@@ -53,43 +53,70 @@ def logs_are_numbered(program):
         assert "*** Log file created@" in text and "Loaded 18 bodies" in text, text
 
 
-MODEL = """<?xml version="1.0"?>
-<Component name="Mine">
-  {}
-</Component>
-"""
-SETTINGS = ('<Solar.Settings name="settings" step="600" duration="1" particles="10" threads="1"'
-            ' data="data/solar-bodies.csv"/>'
-            '<Entity.Storage name="bodies" entity="solar.Body"/>'
-            '<Entity.Storage name="particles" entity="solar.Particle"/>')
+EXAMPLE = pathlib.Path(__file__).parents[2] / "examples/solar/Components/solar/Solar.zelComponent"
 
 
-def load_model(program, content, *arguments):
+def load_model(program, changes, *arguments):
+    """Runs a copy of the example's model with the changes."""
+    content = EXAMPLE.read_text().replace('name="Solar"', 'name="Mine"')
+    for old, new in changes:
+        assert old in content, old
+        content = content.replace(old, new)
     path = pathlib.Path("Components/mine/Mine.zelComponent")
     path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(content)
-    return run(program, "--model", "mine.Mine", *arguments, environment={"ZEL_PLUGIN_PATH": os.getcwd()})
+    return run(program, "--model", "mine.Mine", "--threads", "1", "--days", "10", *arguments,
+               environment={"ZEL_PLUGIN_PATH": os.getcwd()})
 
 
-def models_of_ones_own_load_and_bad_ones_are_refused(program):
-    result = load_model(program, MODEL.format(SETTINGS))
-    assert result.returncode == 0, result.stderr
-    for good, bad, message in (
-            (' step="600"', "", "Could not locate attribute 'step'. Error at row 3"),
-            ('step="600"', 'step="ten"', "Unable to parse attribute step. Error at row 3"),
-            ('step="600"', 'step="nan"', "The step must be above 0 seconds"),
-            ('particles="10"', 'particles="-1"', "Unable to parse attribute particles. Error at row 3"),
-            ("<Solar.Settings", "<Solar.Unknown", "Unknown tag 'Solar.Unknown'. Error at row 3"),
-            ('name="particles"', 'name="others"', "the model has no Entity.Storage named 'particles'"),
-            ('entity="solar.Body"', 'entity="solar.Particle"', "has no column 'gm' of Real:64bit"),
-            ('entity="solar.Body"', 'entity="solar.None"', "Unable to load entity 'solar.None'. Error at row 3"),
-            ('name="settings"', 'name="other"', "the model has no Solar.Settings named 'settings'"),
-            ("data/solar-bodies.csv", "none.csv", "could not find 'none.csv'")):
-        result = load_model(program, MODEL.format(SETTINGS.replace(good, bad)))
-        assert result.returncode == 1, (bad, result.stdout)
+def changed_models_run_without_a_compiler(program):
+    def output(*changes):
+        result = load_model(program, [('value="500"', 'value="100"'), *changes])
+        assert result.returncode == 0, result.stderr
+        return result.stdout
+
+    assert state_hash(output()) == GOLDEN_HASH
+    assert "100 particles over 10 days in 1440 steps" in output()
+    assert "7 particles" in output(('value="100"', 'value="7"'))
+    assert "over 10 days in 720 steps" in output(('timeModulation="36000"', 'timeModulation="72000"'))
+
+    def drift_of_energy(text):
+        return abs(float(re.search(r"drift of energy +(\S+)", text).group(1)))
+
+    # Both kicks ahead of the drift make the symplectic Euler method, which is of first order.
+    first_order = output(('<TaskGroup name="step" sequential="true"', '<TaskGroup name="step"'),
+                         ('    </TaskGroup>\n</Component>',
+                          '<dependency parent="firstKick" child="secondKick"/>'
+                          '<dependency parent="secondKick" child="drift"/>'
+                          '<dependency parent="drift" child="forces"/>    </TaskGroup>\n</Component>'))
+    assert drift_of_energy(first_order) > 100 * drift_of_energy(output()), first_order
+
+
+def real_time_makes_the_same_steps(program):
+    arguments = ("--days", "0.1", "--particles", "100")
+    assert state_hash(output_of(program, *arguments, "--real-time")) == state_hash(output_of(program, *arguments))
+
+
+def prints_what_the_tasks_took(program):
+    output = output_of(program, "--days", "1", "--statistics")
+    assert "particlesForces" in output, output
+
+
+def bad_models_are_refused(program):
+    for old, new, message in (
+            ('value="500"', 'value="many"', "many"),
+            ('value="500"', 'value="10000001"', "10000001 particles are too many: at most 10000000"),
+            ('value="366"', 'value="ten"', "Error at row 7"),
+            ("<Clock ", "<Solar.Unknown ", "Unknown tag 'Solar.Unknown'. Error at row"),
+            ('<Clock name="clock"', '<Clock name="watch"', "the model has no Clock named 'clock'"),
+            ('name="particles" entity', 'name="others" entity', "the model has no Entity.Storage named 'particles'"),
+            ('entity="solar.Body"', 'entity="solar.Particle"', "which has entity type"),
+            ('entity="solar.Body"', 'entity="solar.None"', "Unable to load entity 'solar.None'. Error at row"),
+            ("data/solar-bodies.csv", "none.csv", "could not find 'none.csv'"),
+            ("</Component>", "", "error on row")):
+        result = load_model(program, [(old, new)])
+        assert result.returncode != 0, (new, result.stdout)
         assert message in result.stderr, (message, result.stderr)
-    result = load_model(program, "<Component name='Mine'>")
-    assert result.returncode == 1 and "error on row" in result.stderr, result.stderr
 
 
 def bad_tables_are_refused_with_their_line(program):
@@ -102,8 +129,7 @@ def bad_tables_are_refused_with_their_line(program):
             ("Sun,,1,0,0,0,0,0,0,0\nSun,Sun,1,1,0,0,0,0,0,1\n", "table.csv:4: a second body 'Sun'"),
             ("", "there is no body in the file")):
         pathlib.Path("table.csv").write_text(head + rows)
-        result = load_model(program, MODEL.format(
-            SETTINGS.replace("data/solar-bodies.csv", os.path.abspath("table.csv"))))
+        result = load_model(program, [("data/solar-bodies.csv", os.path.abspath("table.csv"))])
         assert result.returncode == 1 and message in result.stderr, (message, result.stderr)
 
 

@@ -1,6 +1,7 @@
 #include <zel/Clock.h>
 #include <zel/Component.h>
 #include <zel/Model.h>
+#include <zel/PointerParameter.h>
 #include <zel/SerialTask.h>
 #include <zel/Statistics.h>
 #include <zel/TaskGroup.h>
@@ -9,6 +10,7 @@
 #include <zelCore/zelCore.h>
 #include <zelData/ValueT.h>
 
+#include <support/LogCapture.h>
 #include <support/ModelFiles.h>
 #include <support/StreamCapture.h>
 #include <support/TempDirectory.h>
@@ -236,6 +238,24 @@ TEST_F(TaskPathTest, ExecutesWhenATriggerIsUpdated) {
     EXPECT_EQ(runs, 1);
     task = nullptr;
     value->set(5);
+}
+
+TEST_F(TaskPathTest, LeavesATreeWithoutAWord) {
+    const ref_ptr<Component> component(new Component("top"));
+    ref_ptr<Component> inner(new Component("inner"));
+    component->addObject(inner.get());
+    component->addObject(new zelData::ValueT<double>("v", 0));
+    const ref_ptr<SerialTask> task(new SerialTask("t"));
+    auto* parameter = new zel::PointerParameter("p", Path("v"));
+    task->addParameter(parameter);
+    zelTest::LogCapture log;
+    inner->addObject(task.get());
+    EXPECT_TRUE(parameter->isValid());
+    component->removeObject(inner.get());
+    EXPECT_FALSE(parameter->isValid());
+    EXPECT_EQ(log.text(), "");
+    inner->rebind();
+    EXPECT_THAT(log.text(), HasSubstr("has 1 unresolved parameters"));
 }
 
 TEST_F(TaskPathTest, RunsInTheFramesOfAClockThatATriggerNames) {
