@@ -31,6 +31,9 @@ public:
     void generateJobs();
     /// Of the last dispatch.
     [[nodiscard]] size_t getNumJobs() const noexcept { return m_numJobs; }
+    /// The place of one of the kernel's jobs among those of the run, by rising ranges: its sort index in a
+    /// global result.
+    [[nodiscard]] uint32 getJobIndex(const RangeJob& job) const noexcept;
     [[nodiscard]] const Callback1<const RangeJob&>& getRangeCallback() const noexcept { return m_callback; }
 
     [[nodiscard]] static Model* ClassModel();

@@ -63,6 +63,10 @@ void CpuKernel::generateJobs() {
         prepareGlobalResultSorting(numJobs);
 }
 
+uint32 CpuKernel::getJobIndex(const RangeJob& job) const noexcept {
+    return static_cast<uint32>(job.getRange().begin() / m_cut.size);
+}
+
 void CpuKernel::addJobs(const Cut& cut) {
     RangeJob* const jobs = allocateRangeJobs(m_numJobs);
     for (size_t i = 0; i < m_numJobs; ++i) {

@@ -2,8 +2,10 @@
 #include "support/PoolThreads.h"
 #include "support/WhatOf.h"
 
+#include <zel/ArrayParameter.h>
 #include <zel/CpuDevice.h>
 #include <zel/CpuKernel.h>
+#include <zel/GlobalResultBuffer.h>
 #include <zel/Kernel.h>
 #include <zel/LambdaKernel.h>
 #include <zel/Model.h>
@@ -12,6 +14,8 @@
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
+#include <zelData/Buffer.h>
+#include <zelData/Type.h>
 
 #include <tinyxml.h>
 
@@ -259,6 +263,42 @@ TEST_F(KernelTest, ModelFilesSetTheFourNumbers) {
     EXPECT_EQ(task->getMinJobSize(), 16U);
     EXPECT_EQ(task->getMaxJobSize(), 64U);
     EXPECT_EQ(task->getCostPerElement(), 7U);
+}
+
+TEST_F(KernelTest, SortsAGlobalResultByItsJobs) {
+    const ref_ptr<zelData::Buffer> numbers(new zelData::Buffer("numbers", zelData::getFormat("UInt:64bit")));
+    const ref_ptr<zelData::Buffer> multiples(
+        new zelData::Buffer("multiples", zelData::getFormat("UInt:64bit")));
+    numbers->resize(50'000);
+    for (zel::uint64 i = 0; i < numbers->size(); ++i)
+        numbers->data<zel::uint64>()[i] = i;
+
+    const ref_ptr<zel::ArrayParameter> input(
+        new zel::ArrayParameter("input", zelData::getFormat("UInt:64bit")));
+    const ref_ptr<zel::ArrayParameter> output(
+        new zel::ArrayParameter("output", zelData::getFormat("UInt:64bit"), zelData::AccessMode::WRITE));
+    LambdaKernel* self = nullptr;
+    const ref_ptr<LambdaKernel> sieve = kernel([&](const RangeJob& job) {
+        std::vector<zel::uint64> found;
+        for (zel::uint64 i = job.getRange().begin(); i < job.getRange().end(); ++i)
+            if (numbers->data<zel::uint64>()[i] % 7 == 0)
+                found.push_back(i);
+        output->getGlobalResult()->commit(
+            output->getArray(), found.size(), found.data(), self->getJobIndex(job));
+    });
+    self = sieve.get();
+    sieve->addParameter(input.get());
+    sieve->addParameter(output.get());
+    input->bind(numbers.get());
+    output->setGlobalResultMode(zel::GlobalResult::TRUNCATE);
+    output->bind(multiples.get());
+    for (const size_t numThreads : {1U, 2U, 4U, 16U}) {
+        zel::setNumThreads(numThreads);
+        sieve->execute();
+        ASSERT_EQ(multiples->size(), 7143U);
+        for (zel::uint64 i = 0; i < multiples->size(); ++i)
+            ASSERT_EQ(multiples->data<zel::uint64>()[i], 7 * i) << numThreads;
+    }
 }
 
 TEST_F(KernelTest, NoJobsPerThreadIsRefusedWithTheRow) {
