@@ -224,4 +224,49 @@ TEST(JobAllocationTest, StepOfAKernelAllocatesNothing) {
     zelCore::shutdown();
 }
 
+TEST(JobAllocationTest, StepOfAClockWithGroupsKernelsAndResultsAllocatesNothing) {
+    zelCore::init();
+    zel::setNumThreads(2);
+    {
+        const zelData::Format* format = zelData::getFormat("Real:64bit");
+        const ref_ptr<zelData::Buffer> numbers(new zelData::Buffer("numbers", format));
+        const ref_ptr<zelData::Buffer> found(new zelData::Buffer("found", format));
+        numbers->resize(10000);
+        const ref_ptr<Clock> clock(new Clock("clock", 10));
+        const ref_ptr<TaskGroup> step(new TaskGroup("step", true));
+        const ref_ptr<TaskGroup> inner(new TaskGroup("inner"));
+        const auto addKernel = [&](const char* name, zel::LambdaKernel::Function function) {
+            auto* kernel = new zel::LambdaKernel(name, std::move(function));
+            kernel->addParameter(
+                new zel::ArrayParameter("numbers", format, zelData::AccessMode::READ_WRITE, numbers.get()));
+            inner->addSubtask(kernel);
+            kernel->rebind();
+            return kernel;
+        };
+        addKernel("count", [&numbers](const zel::RangeJob& job) {
+            for (zel::uint64 i = job.getRange().begin(); i < job.getRange().end(); ++i)
+                numbers->data<double>()[i] += 1;
+        });
+        const ref_ptr<zel::ArrayParameter> output(
+            new zel::ArrayParameter("output", format, zelData::AccessMode::WRITE, found.get()));
+        addKernel("find", [&output](const zel::RangeJob& job) {
+            const double first = static_cast<double>(job.getRange().begin());
+            output->getGlobalResult()->commit(output->getArray(), 1, &first);
+        })->addParameter(output.get());
+        output->setGlobalResultMode(zel::GlobalResult::TRUNCATE);
+        step->addSubtask(new SerialTask("serial", [] {}));
+        step->addSubtask(inner.get());
+        step->rebind();
+        clock->addFrameTask(step.get());
+        size_t last = 1;
+        for (int attempt = 0; attempt < 200 && last != 0; ++attempt)
+            last = allocationsOf([&clock] { clock->tick(); });
+        EXPECT_EQ(last, 0U);
+        EXPECT_GT(found->size(), 1U);
+        EXPECT_GT(numbers->data<double>()[9999], 0);
+    }
+    zel::setNumThreads(1);
+    zelCore::shutdown();
+}
+
 #endif
