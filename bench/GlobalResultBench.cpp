@@ -1,4 +1,6 @@
 // Ten million numbers that the jobs of a task append to one buffer, 64 at a time, beside oneTBB.
+#include "Threads.h"
+
 #include <zel/GlobalResultBuffer.h>
 #include <zel/ParallelTask.h>
 #include <zel/RangeJob.h>
@@ -34,11 +36,6 @@ using zelData::Buffer;
 constexpr uint64 BlockSize = 64;
 constexpr uint64 NumBlocks = 10'000'000 / BlockSize;
 constexpr uint64 NumJobs = 256;
-
-void setThreads(int64_t n) {
-    zelCore::init();
-    zel::setNumThreads(static_cast<size_t>(n));
-}
 
 std::array<uint64, BlockSize> makeBlock() {
     std::array<uint64, BlockSize> block{};

@@ -1,4 +1,6 @@
 // Jobs beside oneTBB: spawning, job graphs, loops, the start of a parallel phase, and idle workers.
+#include "Threads.h"
+
 #include <zel/Job.h>
 #include <zel/ParallelTask.h>
 #include <zel/RangeJob.h>
@@ -33,20 +35,6 @@ using zel::ParallelTask;
 using zel::RangeJob;
 using zel::Thread;
 using zel::uint64;
-
-void setThreads(int64_t n) {
-    zelCore::init();
-    zel::setNumThreads(static_cast<size_t>(n));
-}
-
-/// oneTBB with n threads, the caller included.
-struct TbbThreads {
-    explicit TbbThreads(int64_t n)
-        : control(tbb::global_control::max_allowed_parallelism, static_cast<size_t>(n)) {
-        setThreads(1); // our workers are not to be in the way
-    }
-    tbb::global_control control;
-};
 
 void spinFor(uint64 ticks) {
     const uint64 start = zel::Timer::now();

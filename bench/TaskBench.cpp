@@ -1,4 +1,6 @@
 // Tasks beside oneTBB and a pool of std::threads: one small task, a graph of them, and the ticks of a clock.
+#include "Threads.h"
+
 #include <zel/Clock.h>
 #include <zel/SerialTask.h>
 #include <zel/TaskGroup.h>
@@ -31,20 +33,6 @@ using zel::ref_ptr;
 using zel::SerialTask;
 using zel::Task;
 using zel::TaskGroup;
-
-void setThreads(int64_t n) {
-    zelCore::init();
-    zel::setNumThreads(static_cast<size_t>(n));
-}
-
-/// oneTBB with n threads, the caller included.
-struct TbbThreads {
-    explicit TbbThreads(int64_t n)
-        : control(tbb::global_control::max_allowed_parallelism, static_cast<size_t>(n)) {
-        setThreads(1); // our workers are not to be in the way
-    }
-    tbb::global_control control;
-};
 
 /// What one would write with the standard library alone: one worker, a mutex and a condition variable.
 class StandardPool {

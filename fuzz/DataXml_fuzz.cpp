@@ -1,4 +1,6 @@
 // Model XML with values and buffers: loads, or is refused with a std::runtime_error.
+#include "Support.h"
+
 #include <zel/Component.h>
 #include <zel/Notify.h>
 #include <zel/ref_ptr.h>
@@ -64,13 +66,7 @@ bool isFatal(const TiXmlElement* element) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool ready = [] {
-        zelCore::init();
-        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
-        zel::Notify::instance()->setThrowOnError(true);
-        return true;
-    }();
-    static_cast<void>(ready);
+    zelFuzz::initQuietly();
     // Sizes that fit in memory are none of the things to be found here.
     const std::string text(reinterpret_cast<const char*>(data), size);
     std::size_t digits = 0;

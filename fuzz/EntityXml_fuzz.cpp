@@ -1,4 +1,6 @@
 // Entity models in XML: load, or are refused with a std::runtime_error; what loads has storages that work.
+#include "Support.h"
+
 #include <zel/Notify.h>
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
@@ -43,18 +45,6 @@ bool hasDoubleNames(const TiXmlElement* model) {
     return false;
 }
 
-/// Whether an attribute names a container: those that there are come with their own tags.
-bool namesContainer(const TiXmlElement* element) {
-    for (const auto* at = element->FirstAttribute(); at != nullptr; at = at->Next())
-        if (at->ValueStr().find('<') != std::string::npos)
-            return true;
-    for (const auto* child = element->FirstChildElement(); child != nullptr;
-         child = child->NextSiblingElement())
-        if (namesContainer(child))
-            return true;
-    return false;
-}
-
 void use(zelData::EntityModel* model) {
     const zel::ref_ptr<zelData::EntityStorage> storage(new zelData::EntityStorage(model, 2));
     storage->createInstances(3);
@@ -73,12 +63,7 @@ void use(zelData::EntityModel* model) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool ready = [] {
-        zelCore::init();
-        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
-        return true;
-    }();
-    static_cast<void>(ready);
+    zelFuzz::initQuietly();
     const std::string text(reinterpret_cast<const char*>(data), size);
     if (isFatal(text))
         return 0;
@@ -89,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     for (auto* element = document.RootElement()->FirstChildElement("Entity.Model"); element != nullptr;
          element = element->NextSiblingElement("Entity.Model")) {
-        if (hasDoubleNames(element) || namesContainer(element))
+        if (hasDoubleNames(element) || zelFuzz::namesContainer(element))
             return 0;
         try {
             const zel::ref_ptr<zelData::EntityModel> model(zelData::EntityModel::load(element, nullptr));

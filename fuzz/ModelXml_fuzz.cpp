@@ -1,5 +1,7 @@
 // Model XML through the road that a file takes: openDocument, Object::load of each top-level element, and
 // Component::configure.
+#include "Support.h"
+
 #include <zel/Component.h>
 #include <zel/Notify.h>
 #include <zel/ref_ptr.h>
@@ -16,20 +18,11 @@
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool ready = [] {
-        zelCore::init();
-        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
-        zel::Notify::instance()->setThrowOnError(true);
-        return true;
-    }();
-    static_cast<void>(ready);
+    zelFuzz::initQuietly();
 
-    const int file = memfd_create("model", 0);
-    if (file < 0 || write(file, data, size) != static_cast<ssize_t>(size))
-        std::abort();
-    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    const zelFuzz::InputFile file(data, size);
     try {
-        const auto document = zel::Object::openDocument(path);
+        const auto document = zel::Object::openDocument(file.path());
         for (TiXmlElement* element = document->FirstChildElement(); element != nullptr;
              element = element->NextSiblingElement()) {
             try {
@@ -44,7 +37,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const std::runtime_error&) {
         // As above.
     }
-    close(file);
     if (!zel::Object::getEnableRebind())
         std::abort();
     return 0;

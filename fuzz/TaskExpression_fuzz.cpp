@@ -1,5 +1,7 @@
 // Function expressions: UnresolvedTask::splitParameters and parse, and the value that follows the function.
 // Any text is taken, or refused with a std::runtime_error.
+#include "Support.h"
+
 #include <zel/Component.h>
 #include <zel/Notify.h>
 #include <zel/UnresolvedParameter.h>
@@ -16,12 +18,7 @@
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool ready = [] {
-        zelCore::init();
-        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
-        return true;
-    }();
-    static_cast<void>(ready);
+    zelFuzz::initQuietly();
     const zel::String text(std::string(reinterpret_cast<const char*>(data), size));
     try {
         zel::Vector<zel::String> parts;

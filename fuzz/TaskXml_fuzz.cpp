@@ -1,5 +1,7 @@
 // Task, kernel and parameter XML through the road that a file takes, added to a tree and looked up in it.
 // What has been loaded is then run, if nothing of it is missing.
+#include "Support.h"
+
 #include <zel/Component.h>
 #include <zel/Notify.h>
 #include <zel/UnresolvedTask.h>
@@ -17,31 +19,8 @@
 #include <stdexcept>
 #include <string>
 
-namespace {
-
-/// Unknown containers are told to end the process.
-bool namesContainer(const TiXmlElement* element) {
-    for (const auto* attribute = element->FirstAttribute(); attribute != nullptr;
-         attribute = attribute->Next())
-        if (attribute->ValueStr().find('<') != std::string::npos)
-            return true;
-    for (const auto* child = element->FirstChildElement(); child != nullptr;
-         child = child->NextSiblingElement())
-        if (namesContainer(child))
-            return true;
-    return false;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool ready = [] {
-        zelCore::init();
-        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
-        zel::Notify::instance()->setThrowOnError(true);
-        return true;
-    }();
-    static_cast<void>(ready);
+    zelFuzz::initQuietly();
     const std::string text(reinterpret_cast<const char*>(data), size);
     // What is told to end the process: words that are no booleans, numbers without a type, loops and modes.
     for (const char* fatal :
@@ -49,15 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (text.find(fatal) != std::string::npos)
             return 0;
 
-    const int file = memfd_create("model", 0);
-    if (file < 0 || write(file, data, size) != static_cast<ssize_t>(size))
-        std::abort();
-    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    const zelFuzz::InputFile file(data, size);
     try {
-        const auto document = zel::Object::openDocument(path);
+        const auto document = zel::Object::openDocument(file.path());
         for (TiXmlElement* element = document->FirstChildElement(); element != nullptr;
              element = element->NextSiblingElement()) {
-            if (namesContainer(element))
+            if (zelFuzz::namesContainer(element))
                 continue;
             try {
                 const zel::ref_ptr<zel::Component> top(new zel::Component("top"));
@@ -73,7 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const std::runtime_error&) {
         // As above.
     }
-    close(file);
     zel::UnresolvedTask::deleteAllConfiguredProxies();
     if (!zel::Object::getEnableRebind())
         std::abort();

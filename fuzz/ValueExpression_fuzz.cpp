@@ -1,6 +1,8 @@
 // Expressions set on values of several types: any text either sets the value, binds it, or is refused with a
 // std::runtime_error; nothing ends the process but what is told to: words that are no booleans, and literals
 // without a type.
+#include "Support.h"
+
 #include <zel/Component.h>
 #include <zel/Notify.h>
 #include <zelCore/zelCore.h>
@@ -38,12 +40,7 @@ constexpr std::array<const char*, 16> Formats{"Int:8bit",
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool ready = [] {
-        zelCore::init();
-        zel::Notify::instance()->setNotifyLevel(zel::Notify::Error);
-        return true;
-    }();
-    static_cast<void>(ready);
+    zelFuzz::initQuietly();
     if (size == 0)
         return 0;
     const zel::String text(reinterpret_cast<const char*>(data + 1), size - 1);
