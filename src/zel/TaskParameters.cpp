@@ -191,7 +191,7 @@ const zelData::Format* formatOn(const Device* device, const zelData::Type* type)
 } // namespace
 
 uint32 Task::matchParameters(const ParameterTable& table) const {
-    if (table.size() == 0)
+    if (table.empty())
         return MatchedByDefault;
     if (m_parameters.empty())
         return UnknownBinding;

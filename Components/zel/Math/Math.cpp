@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <stdexcept>
 #include <type_traits>
 
@@ -32,22 +33,22 @@ int64 wrapping(int64 a, int64 b, Operation operation) {
     return static_cast<int64>(operation(static_cast<uint64>(a), static_cast<uint64>(b)));
 }
 
-#define ZEL_MATH_ARITHMETIC(Name, op)                                                                        \
-    struct Name {                                                                                            \
-        template <typename A, typename B>                                                                    \
-        auto operator()(const A& a, const B& b) const {                                                      \
-            if constexpr (IsMixed<A, B>)                                                                     \
-                return static_cast<double>(a) op static_cast<double>(b);                                     \
-            else if constexpr (std::is_same_v<A, int64>)                                                     \
-                return wrapping(a, b, [](uint64 p, uint64 q) { return p op q; });                            \
-            else                                                                                             \
-                return a op b;                                                                               \
-        }                                                                                                    \
+/// What +, - and * do to two arguments; the operation is one of the standard library's.
+template <typename Operation>
+struct Arithmetic {
+    template <typename A, typename B>
+    auto operator()(const A& a, const B& b) const {
+        if constexpr (IsMixed<A, B>)
+            return Operation()(static_cast<double>(a), static_cast<double>(b));
+        else if constexpr (std::is_same_v<A, int64>)
+            return wrapping(a, b, Operation());
+        else
+            return Operation()(a, b);
     }
-ZEL_MATH_ARITHMETIC(Add, +);
-ZEL_MATH_ARITHMETIC(Subtract, -);
-ZEL_MATH_ARITHMETIC(Multiply, *);
-#undef ZEL_MATH_ARITHMETIC
+};
+using Add = Arithmetic<std::plus<>>;
+using Subtract = Arithmetic<std::minus<>>;
+using Multiply = Arithmetic<std::multiplies<>>;
 
 /// Real numbers divide as IEEE 754 says; integers have no infinity.
 struct Divide {
