@@ -60,7 +60,8 @@ void Thread::reportTimelineJob(const Job* job) {
     if (dynamic_cast<const JobGroup*>(job) != nullptr)
         return;
     LocalTimelineEntry entry;
-    if (Task* task = job->getTask()) {
+    // The cast above makes the analyzer doubt that there is a job.
+    if (Task* task = job->getTask()) { // NOLINT(clang-analyzer-core.CallAndMessage)
         entry.taskId = task->getId();
         if (task->referenceCount() > 0)
             entry.task = task;

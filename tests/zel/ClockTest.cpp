@@ -356,9 +356,9 @@ TEST_F(ClockEventTest, TakesTheFrequencyThatACallbackSets) {
 TEST_F(ClockEventTest, UnschedulesAndSchedules) {
     const ref_ptr<Clock> clock(new Clock("c", 10));
     Clock::Event* first = noting(clock.get(), 0.1, 0.2);
-    Clock::Event* second = noting(clock.get(), 0.5, 0.2);
+    const ref_ptr<Clock::Event> second(noting(clock.get(), 0.5, 0.2)); // outlives its removal
     clock->addEvent(first);
-    clock->addEvent(second);
+    clock->addEvent(second.get());
     clock->unschedule(first);
     EXPECT_FALSE(first->isScheduled());
     clock->unschedule(first);
@@ -367,8 +367,8 @@ TEST_F(ClockEventTest, UnschedulesAndSchedules) {
     clock->schedule(first, 0.3);
     tick(clock.get(), 4);
     EXPECT_EQ(m_frames, (std::vector<size_t>{2, 6}));
-    EXPECT_TRUE(clock->removeEvent(second));
-    EXPECT_FALSE(clock->removeEvent(second));
+    EXPECT_TRUE(clock->removeEvent(second.get()));
+    EXPECT_FALSE(clock->removeEvent(second.get()));
     EXPECT_FALSE(clock->removeEvent(nullptr));
 }
 
