@@ -12,6 +12,7 @@
 #include <memory>
 
 namespace zelData {
+class FunctionValue;
 class Format;
 class Value;
 } // namespace zelData
@@ -91,8 +92,8 @@ public:
     /// For a call: the format of its result, which literals get where no argument tells.
     void setResultFormat(const zelData::Format* format) noexcept { m_resultFormat = format; }
 
-    /// For a call: ends the bindings of the parameters, and lets go of the implementation.
-    void dropArguments();
+    /// The function value that the call belongs to: an argument that follows it is refused.
+    void setFunction(const zelData::FunctionValue* function) noexcept { m_function = function; }
 
     /// Whether all that the parameters name has been found.
     [[nodiscard]] bool isReady() const;
@@ -155,6 +156,8 @@ private:
     const zelData::Format* m_resultFormat = nullptr;
     size_t m_depth = 0; // how many tasks stand for each other above this one
     bool m_isCall = false;
+    bool m_isCircular = false; // an argument has turned out to follow the result
+    const zelData::FunctionValue* m_function = nullptr;
     bool m_binding = false; // its own parameters, just now
     bool m_failed = false;
     bool m_injected = false;

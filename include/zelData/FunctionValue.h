@@ -39,6 +39,9 @@ public:
     /// @throws what the function throws; std::runtime_error if the result changes an argument
     void parameterUpdateCallback(zel::Parameter* parameter);
 
+    /// Whether the object, a value or a scalar parameter, follows this value, directly or through functions.
+    [[nodiscard]] bool isFollowedBy(zel::Object* object) const;
+
     [[nodiscard]] zel::UnresolvedTask* getProxy() const noexcept { return m_proxy.get(); }
     /// Null until it has been found.
     [[nodiscard]] zel::Task* getTask() const noexcept { return m_task.get(); }
@@ -51,7 +54,6 @@ private:
 
     void compute();
     void leaveTask();
-    void dropArguments();
 
     zel::ref_ptr<zel::UnresolvedTask> m_proxy;
     zel::ref_ptr<zel::Task> m_task;

@@ -5,6 +5,7 @@
 #include <zel/UnresolvedParameter.h>
 #include <zel/UnresolvedTask.h>
 #include <zelData/Format.h>
+#include <zelData/FunctionValue.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 
@@ -157,22 +158,22 @@ void UnresolvedTask::addArgument(const String& text, size_t index) {
 
 /// Looks the arguments up from the context: what the task itself has below it is not meant.
 void UnresolvedTask::bindArguments() {
+    if (m_isCircular)
+        return;
     for (size_t i = 0; i < m_arguments.size(); ++i) {
         const Argument& argument = m_arguments[i];
         if (argument.value)
             argument.value->rebind();
         else if (argument.text.front() == '@')
-            if (Object* object = getAutoScopedResource(Path(argument.text)))
+            if (Object* object = getAutoScopedResource(Path(argument.text))) {
+                if (m_function != nullptr && m_function->isFollowedBy(object)) {
+                    m_isCircular = m_failed = true;
+                    ZEL_THROW(std::runtime_error,
+                              m_function->getName().str() + ": The function depends on its own result");
+                }
                 m_proxyParameters[i]->bind(object);
+            }
     }
-}
-
-void UnresolvedTask::dropArguments() {
-    const FlagScope binding(m_binding);
-    m_instance = nullptr;
-    for (const ref_ptr<UnresolvedParameter>& parameter : m_proxyParameters)
-        parameter->unbind();
-    m_failed = true;
 }
 
 /// Gives literals a type as soon as those of the other arguments are known.

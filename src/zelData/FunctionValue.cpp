@@ -1,9 +1,11 @@
 #include "zel/FlagScope.h"
 
 #include <zel/Exception.h>
+#include <zel/HashSet.h>
 #include <zel/Parameter.h>
 #include <zel/ScalarParameter.h>
 #include <zel/SerialTask.h>
+#include <zel/UnresolvedParameter.h>
 #include <zel/UnresolvedTask.h>
 #include <zelData/FunctionValue.h>
 
@@ -15,11 +17,13 @@ FunctionValue::FunctionValue(const Format* format, const zel::String& expression
     : Value(zel::Name("FunctionValue(" + expression + ")"), format)
     , m_proxy(zel::UnresolvedTask::parse(expression)) {
     m_proxy->setResultFormat(format);
+    m_proxy->setFunction(this);
     m_proxy->setInstanceCallback([this](zel::UnresolvedTask* proxy) { injectFunctionInstance(proxy); });
 }
 
 FunctionValue::~FunctionValue() {
     m_proxy->setInstanceCallback({});
+    m_proxy->setFunction(nullptr);
     m_proxy->setContext(nullptr);
     leaveTask();
 }
@@ -89,23 +93,34 @@ void FunctionValue::compute() {
 }
 
 void FunctionValue::parameterUpdateCallback(zel::Parameter*) {
-    if (m_computing) {
-        dropArguments();
+    if (m_computing)
         ZEL_THROW(std::runtime_error,
                   zel::String::format("%s: The function depends on its own result", getName().c_str()));
-    }
     const zel::FlagScope computing(m_computing);
     compute();
 }
 
-/// Lets go of the arguments, which own this value in turn.
-void FunctionValue::dropArguments() {
-    const zel::ref_ptr<zel::Task> task(m_task);
-    leaveTask();
-    if (task)
-        for (const zel::ref_ptr<zel::Parameter>& parameter : task->getParameters())
-            parameter->unbind();
-    m_proxy->dropArguments();
+bool FunctionValue::isFollowedBy(zel::Object* object) const {
+    zel::HashSet<const zel::Object*> seen;
+    zel::Vector<zel::Object*> open;
+    open.push_back(object);
+    while (!open.empty()) {
+        zel::Object* next = open.back();
+        open.pop_back();
+        if (const auto* parameter = dynamic_cast<const zel::ScalarParameter*>(next))
+            next = parameter->getValue();
+        auto* value = dynamic_cast<Value*>(next);
+        if (value == nullptr || seen.contains(value))
+            continue;
+        if (value == this)
+            return true;
+        seen.insert(value);
+        open.push_back(value->getBinding());
+        if (const auto* function = dynamic_cast<const FunctionValue*>(value))
+            for (const auto& parameter : function->m_proxy->getProxyParameters())
+                open.push_back(parameter->getBinding());
+    }
+    return false;
 }
 
 } // namespace zelData
