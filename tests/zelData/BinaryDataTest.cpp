@@ -91,8 +91,7 @@ TEST(BinaryDataDeathTest, FilesThatCanNotBeReadEndTheProcess) {
 
 TEST(BinaryDataDeathTest, AFileThatIsShorterThanItSaysEndsTheProcess) {
     const std::string file = "/sys/devices/system/cpu/online"; // says 4096 bytes
-    if (!std::filesystem::exists(file))
-        GTEST_SKIP() << "there is no " << file;
+    ASSERT_TRUE(std::filesystem::exists(file));
     EXPECT_DEATH(static_cast<void>(BinaryData::readFromFile(file)),
                  "zelVerify failed: `binaryFile.good\\(\\)', Could not read 4096 bytes from binary file '" +
                      file + "'");
