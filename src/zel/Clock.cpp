@@ -1,5 +1,6 @@
 #include "ClockFrame.h"
 #include "ClockSteps.h"
+#include "FlagScope.h"
 
 #include <zel/Clock.h>
 #include <zel/Log.h>
@@ -143,28 +144,12 @@ void Clock::reset() {
 
 // Ticks
 
-namespace {
-
-/// Notes that a clock ticks, until the tick is over, however it ends.
-class TickScope {
-public:
-    explicit TickScope(bool& ticking) : m_ticking(ticking) { m_ticking = true; }
-    TickScope(const TickScope&) = delete;
-    TickScope& operator=(const TickScope&) = delete;
-    ~TickScope() { m_ticking = false; }
-
-private:
-    bool& m_ticking;
-};
-
-} // namespace
-
 void Clock::tick(bool) {
     if (!isEnabled())
         return;
     zelVerifyNAs(
         !m_isTicking, "!m_isTicking", "%s: A clock can not tick within its own tick", getPath().c_str());
-    const TickScope scope(m_isTicking);
+    const FlagScope scope(m_isTicking);
     preTick.fire(this);
     if (!m_isSlaveTicking && !m_frameWrapper)
         m_frameWrapper = new FrameWrapper;
@@ -295,7 +280,7 @@ bool Clock::removeSlave(Clock* clock) {
 }
 
 void Clock::slaveTick() {
-    const TickScope scope(m_isSlaveTicking);
+    const FlagScope scope(m_isSlaveTicking);
     const ref_ptr<FrameWrapper> own(m_frameWrapper);
     m_frameWrapper = m_master->m_frameWrapper;
     tick(false);

@@ -1,3 +1,4 @@
+#include "FlagScope.h"
 #include "TaskPaths.h"
 
 #include <zel/HashSet.h>
@@ -234,14 +235,12 @@ void Task::rebind() {
 }
 
 Object* Task::getResourceImpl(const Path& path, Model* model) {
-    Object* found = Component::getResourceImpl(path, model);
+    Object* const found = Component::getResourceImpl(path, model);
     // Two tasks may be each other's contexts.
     if (found != nullptr || !m_paths || !m_paths->context || m_inBindContext)
         return found;
-    m_inBindContext = true;
-    found = m_paths->context->getResourceImpl(path, model);
-    m_inBindContext = false;
-    return found;
+    const FlagScope scope(m_inBindContext);
+    return m_paths->context->getResourceImpl(path, model);
 }
 
 void Task::executeDispatchTarget() {
