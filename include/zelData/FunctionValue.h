@@ -39,8 +39,9 @@ public:
     /// @throws what the function throws; std::runtime_error if the result changes an argument
     void parameterUpdateCallback(zel::Parameter* parameter);
 
-    /// Whether the object, a value or a scalar parameter, follows this value, directly or through functions.
-    [[nodiscard]] bool isFollowedBy(zel::Object* object) const;
+    /// Whether the object, a value or a scalar parameter, is the other value, or follows it: by bindings, and
+    /// as the result of functions with arguments that do.
+    [[nodiscard]] static bool follows(const zel::Object* object, const Value* other);
 
     [[nodiscard]] zel::UnresolvedTask* getProxy() const noexcept { return m_proxy.get(); }
     /// Null until it has been found.

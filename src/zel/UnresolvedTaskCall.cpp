@@ -29,13 +29,8 @@ using zelData::shortenedExpression;
               String::format("'%s' is no call of a function: %s", shortenedExpression(text).c_str(), why));
 }
 
-constexpr std::string_view Blanks = " \t\n\v\f\r";
-
 String strip(std::string_view text) {
-    const size_t begin = text.find_first_not_of(Blanks);
-    if (begin == std::string_view::npos)
-        return {};
-    return std::string(text.substr(begin, text.find_last_not_of(Blanks) - begin + 1));
+    return std::string(zelData::stripped(text));
 }
 
 bool isPath(std::string_view text) {
@@ -100,7 +95,7 @@ void UnresolvedTask::splitParameters(const String& text, Vector<String>& parts) 
     bool closed = false;
     for (size_t i = 0; i < whole.size(); ++i) {
         const char c = whole[i];
-        if (closed && Blanks.find(c) == std::string_view::npos)
+        if (closed && !zelData::stripped(whole.substr(i, 1)).empty())
             refuse(text, "there is something behind the last bracket");
         if (c == '(') {
             if (++depth > MaxNesting)
@@ -166,7 +161,7 @@ void UnresolvedTask::bindArguments() {
             argument.value->rebind();
         else if (argument.text.front() == '@')
             if (Object* object = getAutoScopedResource(Path(argument.text))) {
-                if (m_function != nullptr && m_function->isFollowedBy(object)) {
+                if (m_function != nullptr && zelData::FunctionValue::follows(object, m_function)) {
                     m_isCircular = m_failed = true;
                     ZEL_THROW(std::runtime_error,
                               m_function->getName().str() + ": The function depends on its own result");

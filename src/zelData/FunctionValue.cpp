@@ -100,25 +100,26 @@ void FunctionValue::parameterUpdateCallback(zel::Parameter*) {
     compute();
 }
 
-bool FunctionValue::isFollowedBy(zel::Object* object) const {
-    zel::HashSet<const zel::Object*> seen;
-    zel::Vector<zel::Object*> open;
+bool FunctionValue::follows(const zel::Object* object, const Value* other) {
+    zel::HashSet<const FunctionValue*> seen;
+    zel::Vector<const zel::Object*> open;
     open.push_back(object);
     while (!open.empty()) {
-        zel::Object* next = open.back();
+        const zel::Object* next = open.back();
         open.pop_back();
         if (const auto* parameter = dynamic_cast<const zel::ScalarParameter*>(next))
             next = parameter->getValue();
-        auto* value = dynamic_cast<Value*>(next);
-        if (value == nullptr || seen.contains(value))
-            continue;
-        if (value == this)
-            return true;
-        seen.insert(value);
-        open.push_back(value->getBinding());
-        if (const auto* function = dynamic_cast<const FunctionValue*>(value))
-            for (const auto& parameter : function->m_proxy->getProxyParameters())
-                open.push_back(parameter->getBinding());
+        for (const auto* value = dynamic_cast<const Value*>(next); value != nullptr;
+             value = value->getBinding()) {
+            if (value == other)
+                return true;
+            const auto* function = dynamic_cast<const FunctionValue*>(value);
+            if (function == nullptr || seen.contains(function))
+                continue;
+            seen.insert(function);
+            for (const auto& argument : function->m_proxy->getProxyParameters())
+                open.push_back(argument->getBinding());
+        }
     }
     return false;
 }

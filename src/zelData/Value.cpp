@@ -367,13 +367,11 @@ Value* Value::clone() const {
 /// Fails, ahead of any change, if this value can not follow the other one.
 void Value::verifyBindable(const Value* other) const {
     // A circle must lead through the dependents.
-    if (other == this || !m_dependents.empty())
-        for (const Value* above = other; above != nullptr; above = above->m_binding.get())
-            if (above == this)
-                ZEL_THROW(std::runtime_error,
-                          zel::String::format("%s: Can not be bound to '%s', which depends on it",
-                                              getPath().c_str(),
-                                              other->getPath().c_str()));
+    if ((other == this || !m_dependents.empty()) && FunctionValue::follows(other, this))
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("%s: Can not be bound to '%s', which depends on it",
+                                      getPath().c_str(),
+                                      other->getPath().c_str()));
     if (other->isUntyped())
         return;
     if (isUntyped())

@@ -17,19 +17,13 @@
 
 namespace zelData {
 
-namespace {
-
-constexpr std::string_view Blanks = " \t\n\v\f\r";
-
-/// As pystring::strip, of a text that is too long to be copied at each level of parentheses.
-std::string_view strip(std::string_view text) {
-    const auto begin = text.find_first_not_of(Blanks);
+std::string_view stripped(std::string_view text) {
+    constexpr std::string_view blanks = " \t\n\v\f\r";
+    const auto begin = text.find_first_not_of(blanks);
     if (begin == std::string_view::npos)
         return {};
-    return text.substr(begin, text.find_last_not_of(Blanks) - begin + 1);
+    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
-
-} // namespace
 
 bool isLiteral(std::string_view text) {
     constexpr std::array<std::string_view, 6> words{
@@ -77,7 +71,7 @@ void Value::setExpression(const zel::String& expression) {
     static const zel::Name stringName("String");
     if (m_format && m_storage == nullptr && !m_binding)
         allocate();
-    std::string_view text = strip(expression);
+    std::string_view text = stripped(expression);
     // Each turn enters one pair of parentheses.
     while (!text.empty()) {
         if (isLiteral(text)) {
@@ -103,7 +97,7 @@ void Value::setExpression(const zel::String& expression) {
             return;
         }
         const Format* named = open != std::string_view::npos && text.back() == ')'
-                                  ? findFormat(strip(text.substr(0, open)))
+                                  ? findFormat(stripped(text.substr(0, open)))
                                   : nullptr;
         if (named == nullptr) {
             setFunction(text);
@@ -111,7 +105,7 @@ void Value::setExpression(const zel::String& expression) {
         }
         if (isUntyped())
             takeFormat(named);
-        text = strip(text.substr(open + 1, text.size() - open - 2));
+        text = stripped(text.substr(open + 1, text.size() - open - 2));
         if (text.empty())
             set(named->getDefaultValue());
     }

@@ -10,6 +10,9 @@ namespace zelData {
 /// are.
 [[nodiscard]] bool isLiteral(std::string_view text);
 
+/// As pystring::strip, of a text that is too long to be copied at each level of parentheses.
+[[nodiscard]] std::string_view stripped(std::string_view text);
+
 /// The text as it stands in messages: cut after 200 characters.
 [[nodiscard]] zel::String shortenedExpression(std::string_view text);
 

@@ -5,6 +5,8 @@
 #include <zel/Component.h>
 #include <zel/Name.h>
 #include <zel/ScalarParameter.h>
+#include <zel/SerialTask.h>
+#include <zel/TaskPlugin.h>
 #include <zel/UnresolvedParameter.h>
 #include <zel/UnresolvedTask.h>
 #include <zel/Vec.h>
@@ -232,6 +234,60 @@ TEST_F(FunctionValueTest, FunctionsOfEachOtherAreRefused) {
     Value* const a = add("a", "Real", "1");
     add("b", "Real", "Math.Add(@a, 1)");
     EXPECT_THAT(whatOf([&] { a->setExpression("Math.Add(@b, 1)"); }),
+                HasSubstr("The function depends on its own result"));
+}
+
+TEST_F(FunctionValueTest, AnArgumentCanNotFollowTheResult) {
+    Value* const a = add("a", "Real", "1");
+    Value* const b = add("b", "Real", "Math.Add(@a, 1)");
+    Value* const c = add("c", "Real", "@b");
+    for (Value* other : {b, c})
+        EXPECT_THAT(
+            whatOf([&] { a->bind(other); }),
+            HasSubstr("a: Can not be bound to 'top." + other->getName().str() + "', which depends on it"));
+    EXPECT_EQ(a->getBinding(), nullptr);
+}
+
+TEST_F(FunctionValueTest, AFunctionThatIsNotFoundIsRefusedAsItsOwnArgumentToo) {
+    Value* const value = add("v", "Real", "1");
+    EXPECT_THAT(whatOf([&] { value->setExpression("Nothing.At(@v, 1)"); }),
+                HasSubstr("The function depends on its own result"));
+}
+
+TEST_F(FunctionValueTest, AFunctionInAnotherOneIsRefusedAsItsOwnArgumentToo) {
+    Value* const value = add("v", "Real", "1");
+    EXPECT_THAT(whatOf([&] { value->setExpression("Math.Add(Math.Mul(@v, 2), 1)"); }),
+                HasSubstr("The function depends on its own result"));
+}
+
+namespace {
+
+/// Changes its own argument when it is computed.
+struct Feedback : zel::SerialTask {
+    Feedback(const zel::Name& name, zel::Device* device)
+        : SerialTask(name, device)
+        , argument(new zel::ScalarParameter("arg0", zelData::getFormat("Real:64bit")))
+        , result(new zel::ScalarParameter(
+              "result", zelData::getFormat("Real:64bit"), zelData::AccessMode::WRITE)) {
+        addParameter(argument);
+        addParameter(result);
+    }
+    void run() override {
+        const double next = *static_cast<const double*>(argument->getValue()->getData()) + 1;
+        argument->getValue()->getRootBinding()->set(&next);
+    }
+    zel::ScalarParameter* argument;
+    zel::ScalarParameter* result;
+};
+
+zel::TaskPlugin s_feedbackPlugin("Tested.Feedback", zel::Device::Type::Cpu);
+const zel::TaskPluginImplementationT<Feedback> s_feedback(s_feedbackPlugin, "Feedback");
+
+} // namespace
+
+TEST_F(FunctionValueTest, AFunctionThatChangesItsArgumentIsRefused) {
+    add("a", 1.0);
+    EXPECT_THAT(whatOf([&] { add("v", "Real:64bit", "Tested.Feedback(@a)"); }),
                 HasSubstr("The function depends on its own result"));
 }
 
