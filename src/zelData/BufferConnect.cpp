@@ -1,6 +1,12 @@
+#include "zel/PluginLibrary.h"
+
+#include <zel/TaskManager.h>
 #include <zel/Verify.h>
 #include <zelData/Buffer.h>
 #include <zelData/EntityStorage.h>
+
+#include <mutex>
+#include <string>
 
 // How a buffer becomes a column of a storage, and a free buffer again.
 
@@ -43,10 +49,29 @@ void Buffer::disconnect() {
     makeValues(m_numElements, m_capacity);
 }
 
+namespace {
+
+/// Whether expressions can multiply, and can name the storage.
+bool canBeExpressed(const zel::Name& storageName) {
+    if (storageName.str().find_first_of(".,()@") != std::string::npos)
+        return false;
+    const std::lock_guard lock(zel::TaskManager::getMutex());
+    return zel::hasPlugin(zel::Path("Math.Mul"));
+}
+
+} // namespace
+
 /// Keeps an own value at the storage's number, multiplied by the element array size.
 void Buffer::followStorage(ValueT<uint64>* own, ValueT<uint64>* storage) {
-    own->setExpression(zel::String::format(
-        "Math.Mul(@%s.%s, @elementArraySize)", m_storage->getName().c_str(), storage->getName().c_str()));
+    if (canBeExpressed(m_storage->getName())) {
+        own->setExpression(zel::String::format(
+            "Math.Mul(@%s.%s, @elementArraySize)", m_storage->getName().c_str(), storage->getName().c_str()));
+        return;
+    }
+    // The size of a column is right without the library of functions as well.
+    const auto update = [this, own, storage](Value*) { own->set(storage->get() * getElementArraySize()); };
+    m_connections.push_back({storage, storage->updateEvent.connect(update)});
+    update(storage);
 }
 
 } // namespace zelData

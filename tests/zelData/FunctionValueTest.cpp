@@ -12,12 +12,16 @@
 #include <zel/Vec.h>
 #include <zel/ref_ptr.h>
 #include <zelData/Buffer.h>
+#include <zelData/EntityModel.h>
 #include <zelData/EntityStorage.h>
 #include <zelData/Format.h>
 #include <zelData/FunctionValue.h>
+#include <zelData/ScalarAttribute.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 #include <zelData/ValueT.h>
+#include <zelIO/Environment.h>
+#include <zelIO/FilePathContainer.h>
 
 #include <cmath>
 #include <limits>
@@ -345,6 +349,28 @@ TEST_F(FunctionValueTest, NestingHasALimit) {
     for (const size_t depth : {65U, 10000U})
         EXPECT_THAT(whatOf([&] { value->setExpression(nested(depth)); }),
                     HasSubstr("brackets are nested more than 64 deep"));
+}
+
+TEST_F(FunctionValueTest, ColumnsOfSeveralElementsNeedNoFunctions) {
+    const ref_ptr<zelData::EntityModel> model(new zelData::EntityModel("Grid"));
+    model->setBaseEntity(zelData::EntityModel::getRootModel());
+    const ref_ptr<ValueT<zel::uint64>> three(new ValueT<zel::uint64>("numElements", 3));
+    model->addAttribute(
+        new zelData::ScalarAttribute("corners", zelData::getFormat("Real"), nullptr, three.get()));
+    const auto expectFollows = [&model](const char* name) {
+        const ref_ptr<zelData::EntityStorage> cells(new zelData::EntityStorage(model.get(), name));
+        const zelData::Buffer* corners = cells->getBuffer("corners");
+        cells->createInstances(100);
+        EXPECT_EQ(corners->getNumElementsValue()->get(), 300U) << name;
+        EXPECT_EQ(corners->getCapacityValue()->get(), 3 * cells->getCapacityValue()->get()) << name;
+    };
+    for (const char* name : {"a.b", "a(b)", "a, b", "@"}) // not to be named in an expression
+        expectFollows(name);
+    for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
+        zelIO::Environment::instance()->getFilePath(type).clear();
+    LogCapture log(zel::Notify::Warning);
+    expectFollows("cells"); // there is no library to multiply with
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(FunctionValueTest, ColumnsOfSeveralElementsFollowTheirStorage) {
