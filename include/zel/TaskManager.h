@@ -24,7 +24,7 @@ class TaskPlugin;
 ///
 /// The path "Bodies.Kick" is the library "libBodies.Kick.so" and the files "Bodies/Kick.zelKernel" and
 /// "Bodies/Kick.zelTask", looked for as model files are.
-/// @threads any thread, one at a time: everything runs under one mutex
+/// @threads any thread, one at a time: everything runs under the mutex of the type system
 class ZEL_CORE_API TaskManager : public Singleton {
 public:
     [[nodiscard]] static TaskManager* instance();
@@ -57,7 +57,9 @@ public:
 
     /// The plug-ins that are loaded, by their paths.
     [[nodiscard]] static HashTable<String, TaskPlugin*>& pluginTable();
-    /// Guards the loading of plug-ins and the list of retained tasks. Recursive: a task may make others.
+    /// Guards the loading of plug-ins and the list of retained tasks. It is the mutex of the type system, and
+    /// recursive: a task may make others. The constructors of tasks run under it, and may not wait for work
+    /// of other threads that looks types or models up.
     [[nodiscard]] static std::recursive_mutex& getMutex();
 
 private:

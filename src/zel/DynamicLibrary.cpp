@@ -1,5 +1,6 @@
 #include <zel/DynamicLibrary.h>
 #include <zel/Log.h>
+#include <zel/Model.h>
 #include <zel/SingletonManager.h>
 #include <zel/Verify.h>
 #include <zelIO/FilePathContainer.h>
@@ -8,11 +9,18 @@
 #include <dlfcn.h>
 
 #include <exception>
+#include <mutex>
 #include <string>
 
 namespace zel {
 
 namespace {
+
+/// Taken ahead of the dynamic linker's own lock. Under that one the static objects of libraries register
+/// formats and models, and models load libraries.
+class LinkerLock {
+    std::lock_guard<std::recursive_mutex> m_lock{getTypeSystemMutex()};
+};
 
 const char* lastError() {
     const char* error = dlerror();
@@ -27,7 +35,7 @@ DynamicLibrary::DynamicLibrary(const String& path, void* handle) : m_path(path),
 }
 
 DynamicLibrary::~DynamicLibrary() {
-    if (m_handle != nullptr && dlclose(m_handle) != 0)
+    if (m_handle != nullptr && !ClosePlugin(m_handle))
         ZEL_LOG_WARNING("Could not close library '" << m_path << "': " << lastError());
 }
 
@@ -49,6 +57,7 @@ DynamicLibrary* DynamicLibrary::loadLibrary(const String& name, const zelIO::Fil
 }
 
 void* DynamicLibrary::getLibraryHandle(const String& path) {
+    const LinkerLock lock;
     // Unresolved symbols show at once, and plug-ins do not see each other's symbols.
     return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
 }
@@ -122,6 +131,7 @@ void* MapPluginSymbol(void* handle, const String& name) {
 }
 
 bool ClosePlugin(void* handle) {
+    const LinkerLock lock;
     return dlclose(handle) == 0;
 }
 

@@ -325,8 +325,9 @@ HashTable<String, TaskPlugin*>& TaskManager::pluginTable() {
 }
 
 std::recursive_mutex& TaskManager::getMutex() {
-    static auto& s_mutex = *new std::recursive_mutex;
-    return s_mutex;
+    // Loading a model resolves functions, and making a task loads models: with two mutexes, each road would
+    // take them in the other's order.
+    return getTypeSystemMutex();
 }
 
 } // namespace zel
