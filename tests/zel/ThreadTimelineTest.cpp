@@ -74,7 +74,7 @@ TEST_F(ThreadTimelineTest, TurnsJobsIntoEntities) {
     auto& data = static_cast<ThreadTimelineEntryData&>(*view);
     EXPECT_EQ(data.taskId[0], task->getId());
     EXPECT_EQ(data.description[0], "work");
-    EXPECT_EQ(data.costEstimate[0], task->getJob()->getPriority());
+    EXPECT_EQ(data.costEstimate[0], SerialTask::priorityFor(0)); // no run before it was timed
     EXPECT_EQ(data.poolSize[0], 0U);
     EXPECT_EQ(data.jobType[0], 3);
     EXPECT_EQ(data.jobPtr[0], reinterpret_cast<zel::uint64>(task->getJob()));
