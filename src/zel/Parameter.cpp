@@ -241,7 +241,12 @@ void Parameter::configure(TiXmlElement* element) {
     Object::configure(element);
     if (element->Attribute("required") != nullptr)
         m_required = parseAttribute<bool>(element, "required");
-    if (const char* path = element->Attribute("bind"))
+    // In another component, or task, what is bound to has the parameter's name unless told otherwise.
+    const char* const path = element->Attribute("bind");
+    const Path place = Path(element->Attribute("source")) + Path(element->Attribute("task"));
+    if (!place.empty())
+        bind(place + (path == nullptr ? Path(getName()) : Path(path)));
+    else if (path != nullptr)
         bind(Path(path));
 }
 

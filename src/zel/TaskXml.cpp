@@ -71,8 +71,11 @@ void Task::configure(TiXmlElement* element, bool children) {
     if (element->Attribute("wait") != nullptr)
         ZEL_XML_ERROR(element, "Old syntax, use depends instead");
     if (const char* name = element->Attribute("name"))
-        if (getName() != Name(name))
+        if (getName() != Name(name)) {
+            if (getContext() != nullptr)
+                ZEL_XML_ERROR(element, String::format("The task '%s' can not be renamed", getPath().c_str()));
             setName(name);
+        }
     if (const char* enable = element->Attribute("enable"))
         configureEnable(String(enable));
     if (const char* path = element->Attribute("dispatch"))
@@ -144,13 +147,6 @@ void Task::configureBinding(TiXmlElement* child) {
                           String::format("Parameter '%s' is not of type '%s'", instance.c_str(), type));
     }
     parameter->configure(child);
-    const char* source = child->Attribute("source");
-    const char* task = child->Attribute("task");
-    if (source == nullptr && task == nullptr)
-        return;
-    // What is bound to lies in another task, or in a component, and has the parameter's name by default.
-    const char* name = child->Attribute("bind");
-    parameter->bind(Path(source) + Path(task) + (name == nullptr ? instance : Path(name)));
 }
 
 } // namespace zel

@@ -18,8 +18,8 @@ class MemoryDevice : public zel::Device {
 public:
     static constexpr auto DeviceType = static_cast<zel::Device::Type>(77);
 
-    explicit MemoryDevice(ByteOrder byteOrder = NativeByteOrder)
-        : Device("memory", DeviceType, "Memory", byteOrder) {}
+    explicit MemoryDevice(ByteOrder byteOrder = NativeByteOrder, Type type = DeviceType)
+        : Device("memory", type, "Memory", byteOrder) {}
 
     zelData::Buffer* createBuffer(const zelData::Format* format) override {
         auto* buffer = new zelData::Buffer(format);

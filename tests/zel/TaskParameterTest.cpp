@@ -234,6 +234,13 @@ TEST_F(TaskParameterTest, BindsByXml) {
     top->addObject(m_task.get());
     EXPECT_EQ(a->getBinding(), value.get());
     EXPECT_EQ(b->getBinding(), value.get());
+    const ref_ptr<SerialTask> other(new SerialTask("other"));
+    Parameter* const elsewhere = real("a");
+    other->addParameter(elsewhere);
+    inner->addObject(other.get());
+    configure("<Value instance='a' source='inner' task='other'/><Value instance='b' task='t' bind='a'/>");
+    EXPECT_EQ(a->getBinding(), elsewhere);
+    EXPECT_EQ(b->getBinding(), a);
     EXPECT_THAT(zelTest::whatOf([&] { configure("<Value instance='a' type='String'/>"); }),
                 HasSubstr("XML error: Parameter 'a' is not of type 'String'"));
     EXPECT_THAT(zelTest::whatOf([&] { configure("<Value instance='z' bind='x'/>"); }),

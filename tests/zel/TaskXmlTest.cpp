@@ -165,6 +165,9 @@ TEST_F(TaskXmlTest, RefusesBadElements) {
     EXPECT_THAT(failure("<TaskGroup name='g'><Object instance='x'/></TaskGroup>"),
                 HasSubstr("XML error: Could not find instance 'x'"));
     EXPECT_THAT(failure("<TaskGroup name='g' sequential='maybe'/>"), HasSubstr("XML error: "));
+    EXPECT_THAT(
+        failure("<TaskGroup name='g'><TestNoting name='a'/><TestNoting instance='a' name='b'/></TaskGroup>"),
+        HasSubstr("XML error: The task 'g.a' can not be renamed"));
 }
 
 TEST_F(TaskXmlTest, LoadsOnlyTasksAsTasks) {
@@ -417,6 +420,10 @@ TEST_F(TaskStatisticsTest, ReportsItsTimes) {
         auto* overhead = dynamic_cast<zel::StatisticsDataT<double>*>(
             zel::Statistics::instance()->getData("outer", "Overhead"));
         EXPECT_EQ(overhead->getCount(), 2);
+        auto* computeCost = dynamic_cast<zel::StatisticsDataT<double>*>(
+            zel::Statistics::instance()->getData("inner", "ComputeCost"));
+        ASSERT_NE(computeCost, nullptr);
+        EXPECT_EQ(computeCost->getCount(), 0); // no run adds to it
         EXPECT_EQ(zel::Statistics::instance()->getData(static_cast<void*>(outer.get()), "inner.WallTime"),
                   wall);
     }

@@ -172,6 +172,14 @@ TEST_F(UnresolvedParameterTest, LoadsTypePathAndValue) {
     EXPECT_EQ(pointer->getTarget()->getName(), zel::Name("b"));
 }
 
+TEST_F(UnresolvedParameterTest, PathBeginsAtTheSourceAndTheTask) {
+    EXPECT_EQ(load("<Value instance='a' source='part'/>")->getBindPath(), zel::Path("part.a"));
+    EXPECT_EQ(load("<Value instance='a' task='step' bind='b'/>")->getBindPath(), zel::Path("step.b"));
+    EXPECT_EQ(load("<Value instance='a' source='part' task='step'/>")->getBindPath(),
+              zel::Path("part.step.a"));
+    EXPECT_TRUE(load("<Value instance='a'/>")->getBindPath().empty());
+}
+
 TEST_F(UnresolvedParameterTest, DeclaredTypeConvertsTheValue) {
     auto* value = put(new ValueT<double>("v", 2.5));
     const auto parameter = load("<Value instance='a' type='Real:32bit' bind='v'/>");

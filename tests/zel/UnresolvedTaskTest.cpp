@@ -174,6 +174,23 @@ TEST_F(UnresolvedTaskTest, ImplementationTakesThePlaceInTheTree) {
     EXPECT_THAT(log.texts(), IsEmpty());
 }
 
+TEST_F(UnresolvedTaskTest, ParametersBindInAnotherComponentAndToAnotherTask) {
+    const NotePlugin plugin;
+    directory.write("Components/zel/Part.zelComponent",
+                    "<Component name='Part'><Value name='x' type='Real' value='3'/></Component>");
+    Component* const frame =
+        load("<Component name='part' source='Part'/>"
+             "<Task name='a' source='Tested.Note'><Value instance='x' source='part'/></Task>"
+             "<Task name='b' source='Tested.Note'><Value instance='x' task='a'/></Task>"
+             "<Task name='c' source='Tested.Note'><Value instance='x' source='part' bind='x'/></Task>");
+    for (const char* name : {"a", "b", "c"}) {
+        ASSERT_NE(dynamic_cast<Note*>(find(frame, name)), nullptr) << name;
+        find(frame, name)->execute();
+    }
+    EXPECT_THAT(s_runs, ElementsAre("a 3", "b 3", "c 3"));
+    EXPECT_THAT(log.texts(), IsEmpty());
+}
+
 TEST_F(UnresolvedTaskTest, LiteralsTakeTheTypeOfTheImplementation) {
     const NotePlugin plugin;
     Component* const frame =
@@ -361,14 +378,35 @@ TEST_F(UnresolvedTaskTest, TriesAreThoseTold) {
     EXPECT_THAT(all.text(), HasSubstr("Proxy 'proxy' realized as Task: Tested.Written\n"));
 }
 
-TEST_F(UnresolvedTaskTest, DeviceThatNobodyKnowsIsSwappedForTheCpu) {
-    struct Nowhere : zelTest::MemoryDevice {
-        Nowhere() = default;
-    };
-    const NotePlugin plugin;
+TEST_F(UnresolvedTaskTest, FromTheCpuThereIsNoOtherDeviceToGoTo) {
     const ref_ptr<UnresolvedTask> task(new UnresolvedTask(Name(), nullptr, "Tested.Note", "note"));
     task->swapDevice();
-    EXPECT_EQ(task->getDevice(), zel::CpuDevice::instance()); // there is no other kind
+    EXPECT_EQ(task->getDevice(), zel::CpuDevice::instance());
+}
+
+TEST_F(UnresolvedTaskTest, TaskForTheCpuAloneIsFoundFromADeviceOfNoKindAfterTheSwap) {
+    const NotePlugin plugin;
+    const ref_ptr<zelTest::MemoryDevice> device(
+        new zelTest::MemoryDevice(Device::NativeByteOrder, static_cast<Device::Type>(0xFFFFFFFFU)));
+    const ref_ptr<UnresolvedTask> task(new UnresolvedTask(Name(), device.get(), "Tested.Note", "note"));
+    task->performLoadAttempts();
+    EXPECT_EQ(task->getInstance(), nullptr);
+    EXPECT_TRUE(task->instantiateProxy());
+    EXPECT_EQ(task->getDevice(), zel::CpuDevice::instance());
+    ASSERT_NE(dynamic_cast<Note*>(task->getInstance()), nullptr);
+    EXPECT_EQ(task->getInstance()->getDevice(), zel::CpuDevice::instance());
+}
+
+TEST_F(UnresolvedTaskTest, TaskOfAnotherDeviceIsFoundThere) {
+    TaskPlugin plugin("Tested.Elsewhere", zelTest::MemoryDevice::DeviceType);
+    const TaskPluginImplementationT<Other> implementation(plugin, "Other");
+    const ref_ptr<zelTest::MemoryDevice> device(new zelTest::MemoryDevice);
+    const ref_ptr<UnresolvedTask> there(
+        new UnresolvedTask(Name(), device.get(), "Tested.Elsewhere", "there"));
+    EXPECT_TRUE(there->instantiateProxy());
+    EXPECT_EQ(there->getInstance()->getDevice(), device.get());
+    const ref_ptr<UnresolvedTask> here(new UnresolvedTask(Name(), nullptr, "Tested.Elsewhere", "here"));
+    EXPECT_FALSE(here->instantiateProxy());
 }
 
 TEST_F(UnresolvedTaskDeathTest, DeviceOfAnUnknownTypeEndsTheProcess) {
