@@ -42,7 +42,9 @@ public:
     /// As enqueue.
     [[noreturn]] static void wait(bool blocking);
 
-    /// For the one thread that dispatches a kernel.
+    /// Memory for the jobs of kernels, offered to those that take their jobs one by one; the kernels of the
+    /// library take theirs in one piece, and keep them. Without a lock: for one thread at a time, the one
+    /// that dispatches.
     [[nodiscard]] MemoryPool<RangeJob>& getJobPool() noexcept { return m_jobPool; }
 
     [[nodiscard]] static Model* ClassModel();

@@ -218,7 +218,8 @@ private:
     bool m_empty = false;
 };
 
-/// The node of a task: three times, in milliseconds.
+/// The node of a task: three times, in milliseconds. Each run of the task adds to the wall time and to the
+/// overhead. The compute cost is for whoever measures one: Task::getComputeCost has that of the last run.
 class ZEL_CORE_API TaskTimingReportHandle : public Statistics::ProviderHandle {
 public:
     explicit TaskTimingReportHandle(void* provider, const char* name = nullptr);

@@ -1,3 +1,5 @@
+#include "zel/TaskDisableHelper.h"
+
 #include <zel/ParallelTask.h>
 #include <zel/SerialTask.h>
 #include <zel/TaskGroup.h>
@@ -458,6 +460,19 @@ TEST_F(TaskEnableTest, PassesWhatIsInADisabledGroup) {
     std::string order = run(outer.get());
     std::sort(order.begin(), order.end());
     EXPECT_EQ(order, "ab");
+}
+
+TEST_F(TaskGroupDeathTest, DisabledGroupKnowsItsSubtasks) {
+    class OpenGroup : public TaskGroup {
+    public:
+        using TaskGroup::TaskGroup;
+        void forget(Task* subtask) { getDisableHelper()->removeSubtask(subtask, true); }
+    };
+    const ref_ptr<OpenGroup> group(new OpenGroup("g"));
+    const ref_ptr<SerialTask> stranger(noting("s"));
+    group->setEnable(false);
+    EXPECT_DEATH(group->forget(stranger.get()),
+                 "zelVerify failed: `m_oldPreChildren.findAndErase\\(subtask->getPreJob\\(\\)\\)'");
 }
 
 TEST_F(TaskEnableTest, LetsSubtasksComeAndGoWhileTheGroupIsDisabled) {
