@@ -31,7 +31,8 @@ private:
 
     ref_ptr<zelData::Buffer> m_target;
     uint64 m_oldSize = 0;      // in elements, ahead of the run
-    VectorPOD<char> m_scratch; // of sorting, kept from run to run
+    VectorPOD<char> m_scratch; // of sorting, kept from run to run, as the next
+    VectorPOD<unsigned> m_order;
 };
 
 } // namespace zel

@@ -2,6 +2,7 @@
 
 #include <zel/Export.h>
 #include <zel/GlobalResult.h>
+#include <zelData/SpareBlocks.h>
 
 namespace zelData {
 class EntityStorage;
@@ -40,6 +41,7 @@ private:
 
     zelData::EntityStorage* m_storage;
     Vector<EntityDataParameter*> m_targets; // owned by the task
+    zelData::SpareBlocks m_spares;          // of sorting, kept from run to run
 };
 
 } // namespace zel

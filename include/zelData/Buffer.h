@@ -26,6 +26,7 @@ class BufferProxyAllocator;
 class EntityStorage;
 class Format;
 class ShareHandle;
+class SpareBlocks;
 class Type;
 
 /// A column: a resizable array of elements of one format, on a device. Its number of elements and its
@@ -274,10 +275,12 @@ public:
 
     // Memory that kernels and permutations prepare at the side. Blocks are those of the buffer's allocator.
 
+    /// @param spares  where to look for the memory first; null for nowhere
     /// @return raw memory for `capacity` elements; null for none. Goes to swapBackBuffer or releaseBackBuffer
-    [[nodiscard]] void* allocateBackBuffer();
+    [[nodiscard]] void* allocateBackBuffer(SpareBlocks* spares = nullptr);
     /// Releases the present memory, whose elements are destroyed already, and takes the other.
-    void swapBackBuffer(void* pointer);
+    /// @param spares  gets the memory in place of its release; null for nobody
+    void swapBackBuffer(void* pointer, SpareBlocks* spares = nullptr);
     /// Releases raw memory of allocateBackBuffer that was not taken.
     void releaseBackBuffer(void* pointer);
     /// Gives the buffer new memory with n initialised elements and signals the reallocation. A storage's

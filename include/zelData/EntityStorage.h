@@ -23,6 +23,7 @@ namespace zelData {
 
 class Buffer;
 class EntityData;
+class SpareBlocks;
 class Value;
 template <typename T>
 class ValueT;
@@ -186,7 +187,9 @@ public:
     /// Brings the instances into another order: new element i is old element permutation[i]. Handles stay
     /// valid.
     /// @param permutation  of the length size(), which is verified
-    void reorder(const Array<zel::uint32>& permutation);
+    /// @param spares  where columns take their new memory and leave the old one, for a caller that reorders
+    ///                again and again; null for the heap
+    void reorder(const Array<zel::uint32>& permutation, SpareBlocks* spares = nullptr);
     void reorder(const zel::VectorPOD<zel::uint32>& permutation);
     /// The steps of reorder, for callers that spread them over jobs: preparePermutation; reorderAttributes
     /// over disjoint ranges, in parallel; commitPermutation.
@@ -351,12 +354,12 @@ private:
     void moveToEnd(zel::uint64 index, zel::uint64 last);
     void exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept;
     void verifyNoPermutation() const;
-    [[nodiscard]] void* prepareColumn(Buffer* buffer);
+    [[nodiscard]] void* prepareColumn(Buffer* buffer, SpareBlocks* spares = nullptr);
     void permuteColumn(const Buffer* buffer,
                        void* backBuffer,
                        const zel::IndexRange& range,
                        const Array<zel::uint32>& permutation) const;
-    static void commitColumn(Buffer* buffer, void* backBuffer);
+    static void commitColumn(Buffer* buffer, void* backBuffer, SpareBlocks* spares = nullptr);
     void commitOrder(const Array<zel::uint32>& permutation);
     void permuteSlots(const Array<zel::uint32>& permutation);
     template <typename Visit>

@@ -64,18 +64,17 @@ void GlobalResultBuffer::sortResult(const zelData::Array<unsigned>& permutation)
     const uint64 size = m_target->getElementSize();
     if (!m_target->hasPlainElements() || count != 1) {
         // In place: elements that own something are exchanged along the cycles of the permutation.
-        VectorPOD<unsigned> source(permutation.size());
-        std::copy(permutation.begin(), permutation.end(), source.begin());
-        for (unsigned i = 0; i < source.size(); ++i) {
+        m_order.assign(permutation.begin(), permutation.end());
+        for (unsigned i = 0; i < m_order.size(); ++i) {
             unsigned target = i;
-            while (source[target] != i) {
-                const unsigned next = std::exchange(source[target], target);
+            while (m_order[target] != i) {
+                const unsigned next = std::exchange(m_order[target], target);
                 for (uint64 k = 0; k < count; ++k)
                     format->swapElements(m_target->getElement(target * count + k),
                                          m_target->getElement(next * count + k));
                 target = next;
             }
-            source[target] = target;
+            m_order[target] = target;
         }
         return;
     }

@@ -87,7 +87,7 @@ void GlobalResultStorage::handleOverflow(size_t newCapacity) {
 }
 
 void GlobalResultStorage::sortResult(const zelData::Array<unsigned>& permutation) {
-    m_storage->reorder(permutation);
+    m_storage->reorder(permutation, &m_spares);
 }
 
 } // namespace zel

@@ -10,6 +10,7 @@
 #include <zelData/Format.h>
 #include <zelData/GenericFormat.h>
 #include <zelData/ShareHandle.h>
+#include <zelData/SpareBlocks.h>
 #include <zelData/Type.h>
 
 #include <unistd.h>
@@ -324,12 +325,16 @@ void Buffer::signalReallocation() {
     reallocationEvent.fire(this);
 }
 
-void* Buffer::allocateBackBuffer() {
-    return allocateMemory(getRoom());
+void* Buffer::allocateBackBuffer(SpareBlocks* spares) {
+    void* const spare = spares == nullptr ? nullptr : spares->take(getRoom() * m_elementSize);
+    return spare == nullptr ? allocateMemory(getRoom()) : spare;
 }
 
-void Buffer::swapBackBuffer(void* pointer) {
-    releaseMemory(m_ptr, m_allocated);
+void Buffer::swapBackBuffer(void* pointer, SpareBlocks* spares) {
+    if (spares == nullptr)
+        releaseMemory(m_ptr, m_allocated);
+    else
+        spares->give(m_ptr, m_allocated * m_elementSize);
     setMemory(pointer, getRoom());
     m_memoryOnResize = false;
     mirrorInContainer();

@@ -2,6 +2,7 @@
 
 #include <zel/Verify.h>
 #include <zelData/Format.h>
+#include <zelData/SpareBlocks.h>
 
 #include <algorithm>
 #include <cstring>
@@ -96,7 +97,7 @@ void EntityStorage::swapInstanceIds(zel::uint32 id1, zel::uint32 id2) {
 
 // Permutation
 
-void EntityStorage::reorder(const Array<zel::uint32>& permutation) {
+void EntityStorage::reorder(const Array<zel::uint32>& permutation, SpareBlocks* spares) {
     zelVerifyAs(permutation.size() == m_size, "permutation.size() == m_size");
     if (m_size == 0)
         return;
@@ -105,10 +106,12 @@ void EntityStorage::reorder(const Array<zel::uint32>& permutation) {
     for (zel::size_t i = 0; i < m_buffers.size(); ++i) {
         if (!m_buffers[i])
             continue;
-        void* target = prepareColumn(m_buffers[i].get());
+        void* target = prepareColumn(m_buffers[i].get(), spares);
         permuteColumn(m_buffers[i].get(), target, zel::IndexRange(0, m_size), permutation);
-        commitColumn(m_buffers[i].get(), target);
+        commitColumn(m_buffers[i].get(), target, spares);
     }
+    if (spares != nullptr)
+        spares->trim();
     commitOrder(permutation);
 }
 
@@ -147,8 +150,8 @@ void EntityStorage::commitPermutation(const Array<zel::uint32>& permutation) {
 }
 
 /// @return raw memory for the column in its new order
-void* EntityStorage::prepareColumn(Buffer* buffer) {
-    void* target = buffer->allocateBackBuffer();
+void* EntityStorage::prepareColumn(Buffer* buffer, SpareBlocks* spares) {
+    void* target = buffer->allocateBackBuffer(spares);
     // The free ids lie behind the instances.
     if (buffer == m_instanceBuffer && m_capacity > m_size)
         std::memcpy(static_cast<EntityPtr*>(target) + m_size,
@@ -177,9 +180,9 @@ void EntityStorage::permuteColumn(const Buffer* buffer,
     }
 }
 
-void EntityStorage::commitColumn(Buffer* buffer, void* backBuffer) {
+void EntityStorage::commitColumn(Buffer* buffer, void* backBuffer, SpareBlocks* spares) {
     buffer->getFormat()->destroyElements(buffer->getPtr(), buffer->size());
-    buffer->swapBackBuffer(backBuffer);
+    buffer->swapBackBuffer(backBuffer, spares);
     buffer->commit();
 }
 

@@ -176,23 +176,32 @@ TEST(GlobalResultAllocationTest, RunWithoutOverflowAllocatesNothing) {
         const ref_ptr<zelData::EntityModel> model(new zelData::EntityModel("Track"));
         model->setBaseEntity(zelData::EntityModel::getRootModel());
         model->addAttribute(new zelData::ScalarAttribute("number", buffer->getFormat()));
+        model->addAttribute(new zelData::ScalarAttribute("weight", zelData::getFormat("Real:32bit")));
+        model->addAttribute(new zelData::ScalarAttribute("place", zelData::getFormat("Vec3:64bit")));
         const ref_ptr<zelData::EntityStorage> storage(new zelData::EntityStorage(model.get(), "tracks"));
         const zelData::Buffer* column = storage->getBuffer(zel::Name("number"));
-        const ref_ptr<zel::EntityDataParameter> parameter(
-            new zel::EntityDataParameter("p", model.get(), zelData::AccessMode::WRITE));
-        parameter->bind(storage.get());
-        parameter->setGlobalResultMode(zel::GlobalResult::TRUNCATE);
-        EXPECT_EQ(allocationsOfAppending(
-                      parameter.get(),
-                      [&](unsigned) {
-                          auto transaction = parameter->getGlobalResult()->allocateResult(data.size());
-                          std::copy(data.begin(),
-                                    data.end(),
-                                    static_cast<zel::uint64*>(transaction.getElements(column)));
-                          parameter->getGlobalResult()->reportCompletedTransaction(&transaction);
-                      }),
-                  0U);
-        EXPECT_EQ(storage->size(), 2000U);
+        for (const bool sorted : {false, true}) {
+            const ref_ptr<zel::EntityDataParameter> parameter(
+                new zel::EntityDataParameter("p", model.get(), zelData::AccessMode::WRITE));
+            parameter->bind(storage.get());
+            parameter->setGlobalResultMode(zel::GlobalResult::TRUNCATE);
+            EXPECT_EQ(allocationsOfAppending(
+                          parameter.get(),
+                          [&](unsigned job) {
+                              zel::GlobalResult* const result = parameter->getGlobalResult();
+                              auto transaction = result->allocateResult(data.size());
+                              std::fill_n(static_cast<zel::uint64*>(transaction.getElements(column)),
+                                          data.size(),
+                                          job);
+                              if (sorted)
+                                  result->setSortIndex(transaction, 19 - job);
+                              result->reportCompletedTransaction(&transaction);
+                          }),
+                      0U)
+                << sorted;
+            ASSERT_EQ(storage->size(), 2000U);
+            EXPECT_EQ(column->data<zel::uint64>()[0] > column->data<zel::uint64>()[1999], sorted);
+        }
     }
     zelCore::shutdown();
 }

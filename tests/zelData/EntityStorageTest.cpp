@@ -6,10 +6,14 @@
 #include <zelData/EntityRange.h>
 #include <zelData/Format.h>
 #include <zelData/ScalarAttribute.h>
+#include <zelData/SpareBlocks.h>
 #include <zelData/Type.h>
 #include <zelData/ValueT.h>
 
+#include <algorithm>
+#include <string>
 #include <utility>
+#include <vector>
 
 using testing::HasSubstr;
 using zel::Name;
@@ -550,6 +554,30 @@ TEST_F(EntityStorageTest, PermutesInSteps) {
     for (int i = 0; i < 6; ++i)
         EXPECT_EQ(masses()[i], 5 - i);
     EXPECT_EQ(storage->getIndex(0), 5U);
+}
+
+TEST_F(EntityStorageTest, ReordersAgainInTheMemoryThatTheLastTimeLeft) {
+    zelData::SpareBlocks spares;
+    std::vector<double> expected;
+    for (int round = 0; round < 3; ++round) { // the storage grows in between
+        for (int i = 0; i < 5 + 20 * round; ++i) {
+            expected.push_back(static_cast<double>(expected.size()));
+            static_cast<void>(create(static_cast<int>(expected.back())));
+        }
+        for (int repeat = 0; repeat < 3; ++repeat) {
+            zel::VectorPOD<uint32> permutation(expected.size());
+            for (size_t i = 0; i < permutation.size(); ++i)
+                permutation[i] = static_cast<uint32>((i + 3) % permutation.size());
+            storage->reorder(Array<uint32>(permutation), &spares);
+            std::rotate(expected.begin(), expected.begin() + 3, expected.end());
+            for (size_t i = 0; i < expected.size(); ++i) {
+                EXPECT_EQ(masses()[i], expected[i]);
+                EXPECT_EQ(titles()[i], std::to_string(static_cast<int>(expected[i])));
+            }
+            EXPECT_GT(spares.size(), 0U);
+            storage->verifyConsistency();
+        }
+    }
 }
 
 TEST_F(EntityStorageTest, AnEmptyStorageIsInOrder) {
