@@ -154,6 +154,8 @@ private:
 
     void updateTimeStep();
     void slaveTick();
+    /// Whether the other clock is this one or a master above it.
+    [[nodiscard]] bool follows(const Clock* clock) const noexcept;
     void collectFrame();
     void runFrame();
     void dispatchEvents();

@@ -308,7 +308,7 @@ private:
         return doubled == 0 ? 1 : doubled;
     }
 
-    /// @param Refuses  whether to throw rather than to grow a table that is nearly empty
+    /// @tparam Refuses  whether to throw rather than to grow a table that is nearly empty
     template <bool Refuses>
     const_iterator insertInto(Key&& key, uint32 hash) {
         for (;;) {

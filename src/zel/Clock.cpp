@@ -3,6 +3,7 @@
 #include "FlagScope.h"
 
 #include <zel/Clock.h>
+#include <zel/Exception.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/TaskGroup.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <initializer_list>
+#include <stdexcept>
 #include <utility>
 
 namespace zel {
@@ -252,10 +254,16 @@ bool Clock::removeFrameJob(Job* job) {
 
 // Slaves
 
+bool Clock::follows(const Clock* clock) const noexcept {
+    for (const Clock* above = this; above != nullptr; above = above->m_master)
+        if (above == clock)
+            return true;
+    return false;
+}
+
 void Clock::addSlave(Clock* clock) {
     zelVerify(clock);
-    for (const Clock* above = this; above != nullptr; above = above->m_master)
-        zelVerifyN(above != clock, "%s: A clock can not be its own master", clock->getPath().c_str());
+    zelVerifyN(!follows(clock), "%s: A clock can not be its own master", clock->getPath().c_str());
     if (clock->m_master == this)
         return;
     if (clock->m_master != nullptr)
@@ -298,8 +306,14 @@ void Clock::rebind() {
     if (m_masterPath.empty())
         return;
     auto* master = dynamic_cast<Clock*>(getAutoScopedResource(m_masterPath, ClassModel()));
-    if (master != nullptr && master != m_master)
-        master->addSlave(this);
+    if (master == nullptr || master == m_master)
+        return;
+    if (master->follows(this))
+        ZEL_THROW(std::runtime_error,
+                  String::format("%s: The clock can not tick with '%s', which ticks with it",
+                                 getPath().c_str(),
+                                 master->getPath().c_str()));
+    master->addSlave(this);
 }
 
 } // namespace zel

@@ -1,4 +1,4 @@
-#include "ParameterXml.h"
+#include "ParameterEntity.h"
 
 #include <zel/ArrayParameter.h>
 #include <zel/EntityDataParameter.h>
@@ -121,17 +121,8 @@ void EntityDataParameter::_bind(Object* object) {
                "%s: Can not bind an entity parameter to '%s', which is no storage",
                getPath().c_str(),
                object->getPath().c_str());
-    if (storage != nullptr) {
-        const zelData::EntityModel* const model = storage->getEntityModel();
-        zelVerifyNAs(
-            model != nullptr && model->is(m_entityModel.get()),
-            "m_storage->getEntityModel()->is(m_entityModel)",
-            "%s: Can not bind entity parameter of type '%s' to storage '%s' which has entity type '%s'",
-            getPath().c_str(),
-            m_entityModel->getPath().c_str(),
-            storage->getPath().c_str(),
-            model == nullptr ? "" : model->getPath().c_str());
-    }
+    if (storage != nullptr)
+        verifyParameterEntity(*this, m_entityModel.get(), storage);
     m_storage = storage;
     m_dataSet = storage == nullptr ? nullptr : storage->getData();
     zelVerifyAs(storage == nullptr || m_dataSet, "m_dataSet");

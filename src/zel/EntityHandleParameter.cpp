@@ -1,4 +1,4 @@
-#include "ParameterXml.h"
+#include "ParameterEntity.h"
 #include "zelData/EntityXml.h"
 
 #include <zel/EntityHandleParameter.h>
@@ -56,6 +56,19 @@ zelData::EntityModel* loadParameterEntity(TiXmlElement* element) {
     return model;
 }
 
+void verifyParameterEntity(const Parameter& parameter,
+                           const zelData::EntityModel* entityModel,
+                           const zelData::EntityStorage* storage) {
+    const zelData::EntityModel* const model = storage->getEntityModel();
+    zelVerifyNAs(model != nullptr && model->is(entityModel),
+                 "m_storage->getEntityModel()->is(m_entityModel)",
+                 "%s: Can not bind entity parameter of type '%s' to storage '%s' which has entity type '%s'",
+                 parameter.getPath().c_str(),
+                 entityModel->getPath().c_str(),
+                 storage->getPath().c_str(),
+                 model == nullptr ? "" : model->getPath().c_str());
+}
+
 EntityHandleParameter::EntityHandleParameter(const Name& name,
                                              Model* model,
                                              MetaType metaType,
@@ -88,17 +101,8 @@ bool EntityHandleParameter::isValid() const {
 
 void EntityHandleParameter::verifyEntity() const {
     uint32 index = 0;
-    const zelData::EntityStorage* const storage = locate(index);
-    if (storage == nullptr)
-        return;
-    const zelData::EntityModel* const model = storage->getEntityModel();
-    zelVerifyNAs(model != nullptr && model->is(m_entityModel.get()),
-                 "m_storage->getEntityModel()->is(m_entityModel)",
-                 "%s: Can not bind entity parameter of type '%s' to storage '%s' which has entity type '%s'",
-                 getPath().c_str(),
-                 m_entityModel->getPath().c_str(),
-                 storage->getPath().c_str(),
-                 model == nullptr ? "" : model->getPath().c_str());
+    if (const zelData::EntityStorage* const storage = locate(index))
+        verifyParameterEntity(*this, m_entityModel.get(), storage);
 }
 
 void EntityHandleParameter::follow(zelData::Value* value) {

@@ -1,6 +1,6 @@
+#include "GraphWalk.h"
 #include "TaskDisableHelper.h"
 
-#include <zel/HashSet.h>
 #include <zel/ParallelTask.h>
 #include <zel/Timer.h>
 
@@ -62,21 +62,11 @@ void ParallelTask::removeAllJobs() {
 
 float ParallelTask::measureComputeCost() {
     uint64 cycles = 0;
-    HashSet<const Job*> seen; // a job may be reached in many ways
-    seen.insert(&m_postJob);
-    VectorPOD<const Job*> open;
-    open.push_back(&m_dispatchJob);
-    while (!open.empty()) {
-        const Job* job = open.back();
-        open.pop_back();
-        cycles += job->getCycles();
-        for (const Job* dependent : job->getDependents()) {
-            if (!seen.contains(dependent)) {
-                seen.insert(dependent);
-                open.push_back(dependent);
-            }
-        }
-    }
+    walkGraph<const Job>(&m_dispatchJob, [this, &cycles](const Job* job) {
+        if (job != &m_postJob)
+            cycles += job->getCycles();
+        return job == &m_postJob ? nullptr : &job->getDependents();
+    });
     return static_cast<float>(Timer::toMilliseconds(cycles));
 }
 

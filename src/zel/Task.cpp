@@ -1,7 +1,6 @@
 #include "TaskDisableHelper.h"
 #include "TaskPaths.h"
 
-#include <zel/HashSet.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/Statistics.h>

@@ -1,10 +1,13 @@
 #include "FlagScope.h"
+#include "GraphWalk.h"
 #include "TaskPaths.h"
 
-#include <zel/HashSet.h>
+#include <zel/Exception.h>
 #include <zel/Task.h>
 #include <zel/TaskGroup.h>
 #include <zel/Verify.h>
+
+#include <stdexcept>
 
 // Which tasks wait for which.
 
@@ -24,45 +27,24 @@ bool Task::removeDependency(Task* task) {
 }
 
 bool Task::hasDependency(Task* task) const {
-    // Each task is looked at once: the number of paths may be exponential in the number of tasks.
-    HashSet<const Task*> seen;
-    Vector<const Task*> open;
-    open.push_back(this);
-    while (!open.empty()) {
-        const Task* next = open.back();
-        open.pop_back();
-        for (const Task* parent : next->m_parents) {
-            if (parent == task)
-                return true;
-            if (!seen.contains(parent)) {
-                seen.insert(parent);
-                open.push_back(parent);
-            }
-        }
-    }
-    return false;
+    bool found = false;
+    walkGraph(this, [&found, task](const Task* next) {
+        found = found || next->m_parents.contains(task);
+        return found ? nullptr : &next->m_parents;
+    });
+    return found;
 }
 
 bool Task::reaches(Task* parent) {
     // Over the jobs, so that a way through a group counts. From the child on: a graph is mostly built from
     // its beginning to its end, and then there is little behind the child.
-    const Job* goal = parent->getPostJob();
-    HashSet<const Job*> seen;
-    VectorPOD<const Job*> open;
-    open.push_back(getPreJob());
-    while (!open.empty()) {
-        const Job* job = open.back();
-        open.pop_back();
-        if (job == goal)
-            return true;
-        for (const Job* dependent : job->getDependents()) {
-            if (!seen.contains(dependent)) {
-                seen.insert(dependent);
-                open.push_back(dependent);
-            }
-        }
-    }
-    return false;
+    const Job* const goal = parent->getPostJob();
+    bool found = false;
+    walkGraph<const Job>(getPreJob(), [&found, goal](const Job* job) {
+        found = found || job == goal;
+        return found ? nullptr : &job->getDependents();
+    });
+    return found;
 }
 
 void Task::addConnection(Task* parent, Task* child) {
@@ -85,23 +67,12 @@ namespace {
 /// it is enabled.
 template <typename Neighbours, typename Connect>
 void forEachEnabled(Task* task, const Neighbours& neighbours, const Connect& connect) {
-    HashSet<Task*> seen;
-    Vector<Task*> open;
-    open.push_back(task);
-    while (!open.empty()) {
-        Task* next = open.back();
-        open.pop_back();
-        if (next->isEnabled()) {
-            connect(next);
-            continue;
-        }
-        for (Task* neighbour : neighbours(next)) {
-            if (!seen.contains(neighbour)) {
-                seen.insert(neighbour);
-                open.push_back(neighbour);
-            }
-        }
-    }
+    walkGraph(task, [&](Task* next) -> const Vector<Task*>* {
+        if (!next->isEnabled())
+            return &neighbours(next);
+        connect(next);
+        return nullptr;
+    });
 }
 
 const Vector<Task*>& parentsOf(Task* task) {
@@ -263,9 +234,16 @@ void Task::Trigger::join(Clock* clock) {
         return;
     if (m_clock)
         m_clock->removeFrameTask(&m_task);
+    m_clock = nullptr;
+    if (clock == nullptr)
+        return;
+    if (m_task.getGroup() != nullptr)
+        ZEL_THROW(std::runtime_error,
+                  String::format("%s: A task of a group can not run in the frames of the clock '%s'",
+                                 m_task.getPath().c_str(),
+                                 clock->getPath().c_str()));
+    clock->addFrameTask(&m_task);
     m_clock = clock;
-    if (clock != nullptr)
-        clock->addFrameTask(&m_task);
 }
 
 void Task::Trigger::follow(zelData::Value* value) {

@@ -5,6 +5,7 @@
 #include <tinyxml.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace zel {
 
@@ -37,20 +38,26 @@ void TaskGroup::addConfiguredObject(Object* object) {
 }
 
 void TaskGroup::configureChildren(TiXmlElement* element) {
-    // First all subtasks, so that those told later can be named earlier.
-    Vector<TiXmlElement*> dependencies;
+    // First all subtasks, so that those told later can be named earlier. By name: what stands for another
+    // task may give its place to it meanwhile.
+    Vector<std::pair<TiXmlElement*, Name>> dependencies;
     for (TiXmlElement* child = element->FirstChildElement(); child != nullptr;
          child = child->NextSiblingElement()) {
         if (child->ValueStr() == "dependency") {
-            dependencies.push_back(child);
+            dependencies.push_back({child, Name()});
             continue;
         }
         auto* subtask = dynamic_cast<Task*>(configureChildElement(child));
         if (subtask != nullptr && child->Attribute("depends") != nullptr)
-            dependencies.push_back(child);
+            dependencies.push_back({child, subtask->getName()});
     }
-    for (TiXmlElement* child : dependencies)
-        configureDependency(child);
+    for (const auto& [child, name] : dependencies) {
+        if (child->ValueStr() == "dependency")
+            configureDependency(child);
+        else if (auto* subtask = dynamic_cast<Task*>(findObject(name, Task::ClassModel())))
+            if (const Path missing = subtask->resolveDependencies(this); !missing.empty())
+                ZEL_XML_ERROR(child, String::format("Could not locate subtask '%s'", missing.c_str()));
+    }
 }
 
 void TaskGroup::configureDependency(TiXmlElement* element) {
@@ -58,13 +65,6 @@ void TaskGroup::configureDependency(TiXmlElement* element) {
         return dynamic_cast<Task*>(
             getResource(Path(parseAttribute<String>(element, attribute)), Task::ClassModel()));
     };
-    if (element->ValueStr() != "dependency") {
-        auto* subtask =
-            static_cast<Task*>(findObject(parseAttribute<Name>(element, "name"), Task::ClassModel()));
-        if (const Path missing = subtask->resolveDependencies(this); !missing.empty())
-            ZEL_XML_ERROR(element, String::format("Could not locate subtask '%s'", missing.c_str()));
-        return;
-    }
     Task* parent = find("parent");
     if (parent == nullptr)
         ZEL_XML_ERROR(

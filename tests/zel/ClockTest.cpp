@@ -493,6 +493,19 @@ TEST_F(ClockSlaveTest, FindsItsMasterByPath) {
     EXPECT_EQ(slave->getMaster(), master.get());
 }
 
+TEST_F(ClockSlaveTest, DoesNotTickWithAClockThatTicksWithIt) {
+    const ref_ptr<Component> top(new Component("top"));
+    const ref_ptr<Clock> first(new Clock("first", 10));
+    const ref_ptr<Clock> second(new Clock("second", 10));
+    top->addObject(first.get());
+    top->addObject(second.get());
+    first->bind("second");
+    EXPECT_EQ(zelTest::whatOf([&] { second->bind("first"); }),
+              "top.second: The clock can not tick with 'top.first', which ticks with it");
+    EXPECT_EQ(first->getMaster(), second.get());
+    EXPECT_EQ(second->getMaster(), nullptr);
+}
+
 TEST_F(ClockDeathTest, RefusesWhatMakesNoSense) {
     const ref_ptr<Clock> clock(new Clock("c", 10));
     const ref_ptr<Clock> slave(new Clock("s", 10));

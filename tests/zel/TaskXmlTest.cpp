@@ -287,6 +287,18 @@ TEST_F(TaskPathTest, RunsInTheFramesOfAClockThatATriggerNames) {
     EXPECT_EQ(runs, 3);
 }
 
+TEST_F(TaskPathTest, TaskOfAGroupIsInNoFrameOfItsOwn) {
+    const ref_ptr<Component> component(new Component("top"));
+    component->addObject(new zel::Clock("clock", 10));
+    auto* task = new SerialTask("t");
+    const ref_ptr<TaskGroup> owner(new TaskGroup("g"));
+    owner->addSubtask(task);
+    component->addObject(owner.get());
+    task->addTriggerPath("clock");
+    EXPECT_EQ(whatOf([&] { task->rebind(); }),
+              "top.g.t: A task of a group can not run in the frames of the clock 'top.clock'");
+}
+
 TEST_F(TaskPathTest, GivesItsTriggersToTheTaskThatReplacesIt) {
     const ref_ptr<Component> component(new Component("top"));
     const ref_ptr<zel::Clock> clock(new zel::Clock("clock", 10));

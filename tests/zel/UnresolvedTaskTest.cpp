@@ -428,6 +428,15 @@ TEST_F(UnresolvedTaskTest, ElementsWithoutSourceArePlaceholders) {
     dummy->execute();
 }
 
+TEST_F(UnresolvedTaskTest, PlaceholdersAndTasksWithoutANameMayDependOnOthers) {
+    const NotePlugin plugin;
+    Component* const frame = load("<TaskGroup name='group'><Task name='later' depends='first'/>"
+                                  "<Task source='Tested.Note' depends='first'/>"
+                                  "<Task name='first' source='Tested.Note'/></TaskGroup>");
+    find(frame, "group")->execute();
+    EXPECT_THAT(s_runs, ElementsAre("first 0", "Note 0"));
+}
+
 TEST_F(UnresolvedTaskTest, BadElementsAreRefusedWithTheRow) {
     const auto what = [](const char* text) {
         TiXmlDocument document;
