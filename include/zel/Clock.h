@@ -143,6 +143,15 @@ protected:
 private:
     class FrameWrapper;
 
+    /// A place in the list of a frame, or in that of the free slots. The lists lie together, away from the
+    /// events: thousands of those do not fit the cache.
+    struct Slot {
+        Event* event;
+        uint32 next;
+        uint32 previous;
+    };
+    static constexpr uint32 NoSlot = 0xFFFFFFFFU;
+
     class ZEL_CORE_API TickJob : public Job {
     public:
         TickJob(Clock& clock, const char* name) : Job(name), m_owner(clock) {}
@@ -159,6 +168,11 @@ private:
     void collectFrame();
     void runFrame();
     void dispatchEvents();
+    /// Takes the list of the present frame off the schedule.
+    void collectDue();
+    void link(Event* event);
+    void unlink(const Event* event);
+    void clearSchedule();
     /// Takes the event off the schedule and off the list.
     void forget(Event* event);
     [[nodiscard]] Vector<ref_ptr<Event>> holdEvents() const;
@@ -170,9 +184,11 @@ private:
     zelData::Val<double> m_timeModulation;
     zelData::Val<double> m_timeStep;
     zelData::Val<uint64> m_frame;
-    HashTable<uint64, Event*> m_schedule; // head of the list of each frame
-    Event* m_due = nullptr;               // what is left of the frame's list during dispatch
-    Vector<Event*> m_events;              // child objects; each knows its place
+    HashTable<uint64, uint32> m_schedule; // the slot at the head of the list of each frame
+    VectorPOD<Slot> m_slots;
+    uint32 m_freeSlot = NoSlot; // head of the list of those not in use
+    VectorPOD<Event*> m_due;    // the list of the frame during dispatch; null where one went
+    Vector<Event*> m_events;    // child objects; each knows its place
     Vector<observer_ptr<Task>> m_frameTasks;
     VectorPOD<Job*> m_frameJobs;
     ref_ptr<FrameWrapper> m_frameWrapper;
@@ -233,31 +249,35 @@ public:
     /// An event that leaves its clock's component leaves the clock.
     void setContext(Object* context) override;
 
-    /// What happens.
-    EventT<Callback> callbacks;
-
 private:
     friend class Clock;
 
-    enum class State { Idle, Scheduled, Due };
+    enum class State : uint8 { Idle, Scheduled, Due };
 
     Event(const Name& name, double interval, double startDelay);
     void valueCallback(zelData::Value* value);
     [[nodiscard]] double timeFrom(uint64 frame, double timeStep) const;
 
+    // What a dispatch reads, side by side.
+    uint32 m_slot = 0; // while scheduled; the place in the list of the frame while due
+    State m_state = State::Idle;
+    bool m_presentlyEnabled = true;
+    size_t m_index = InvalidIndex;
+    Clock* m_clock = nullptr;
+
+public:
+    /// What happens.
+    EventT<Callback> callbacks;
+
+private:
+    uint64 m_dispatchFrame = 0;
+    double m_residual = 0;
+    double m_presentInterval = 0;
+
     zelData::Val<double> m_startDelay;
     zelData::Val<double> m_interval;
     zelData::Val<bool> m_repeating;
     zelData::Val<bool> m_enabled;
-    // What a dispatch reads, side by side.
-    Event* m_next = nullptr; // in the same frame
-    double m_presentInterval = 0;
-    bool m_presentlyEnabled = true;
-    size_t m_index = InvalidIndex;
-    Clock* m_clock = nullptr;
-    uint64 m_dispatchFrame = 0;
-    double m_residual = 0;
-    State m_state = State::Idle;
 };
 
 } // namespace zel

@@ -75,6 +75,14 @@ public:
         return nullptr;
     }
 
+    /// Lets the processor fetch what a firing will read, for callers with thousands of events to fire: first
+    /// the list, and, once that is there, the callback.
+    void prefetchList() const noexcept { __builtin_prefetch(m_list.get()); }
+    void prefetchCallback() const noexcept {
+        if (m_list && !m_list->entries.empty())
+            __builtin_prefetch(m_list->entries.front().get());
+    }
+
     /// Calls the active callbacks by index. An exception from a callback ends the walk and leaves the list
     /// usable.
     template <typename... Arguments>

@@ -130,8 +130,8 @@ void Clock::setFrame(size_t frame) {
 void Clock::reset() {
     m_time.set(0);
     m_frame.set(0);
-    m_schedule.clear();
-    m_due = nullptr;
+    clearSchedule();
+    m_due.clear();
     for (Event* event : m_events)
         event->m_state = Event::State::Idle;
     // A callback of an event may change the list.

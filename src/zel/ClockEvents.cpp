@@ -60,28 +60,46 @@ void Clock::schedule(Event* event, double delay) {
     event->m_residual = delay - static_cast<double>(frames) * timeStep;
     event->m_dispatchFrame = m_frame.get() + frames;
     event->m_state = Event::State::Scheduled;
+    link(event);
+}
+
+/// Puts the event at the head of the list of its frame.
+void Clock::link(Event* event) {
+    if (m_freeSlot == NoSlot) {
+        m_freeSlot = static_cast<uint32>(m_slots.size());
+        m_slots.push_back(Slot{nullptr, NoSlot, NoSlot});
+    }
+    event->m_slot = m_freeSlot;
+    Slot& slot = m_slots[event->m_slot];
+    m_freeSlot = slot.next;
+    slot = Slot{event, NoSlot, NoSlot};
     const auto position = m_schedule.find(event->m_dispatchFrame);
     if (position == m_schedule.end()) {
-        event->m_next = nullptr;
-        m_schedule.insert(event->m_dispatchFrame, event);
-    } else {
-        event->m_next = std::exchange(position->value, event);
+        m_schedule.insert(event->m_dispatchFrame, event->m_slot);
+        return;
     }
+    slot.next = std::exchange(position->value, event->m_slot);
+    m_slots[slot.next].previous = event->m_slot;
 }
 
-namespace {
-
-/// Takes the event out of a list.
-template <typename Event>
-void takeOut(Event*& head, Event* event, Event* Event::*next) {
-    Event** link = &head;
-    while (*link != event)
-        link = &((*link)->*next);
-    *link = event->*next;
-    event->*next = nullptr;
+void Clock::unlink(const Event* event) {
+    Slot& slot = m_slots[event->m_slot];
+    if (slot.next != NoSlot)
+        m_slots[slot.next].previous = slot.previous;
+    if (slot.previous != NoSlot)
+        m_slots[slot.previous].next = slot.next;
+    else if (slot.next != NoSlot)
+        m_schedule.find(event->m_dispatchFrame)->value = slot.next;
+    else
+        m_schedule.erase(event->m_dispatchFrame);
+    slot.next = std::exchange(m_freeSlot, event->m_slot);
 }
 
-} // namespace
+void Clock::clearSchedule() {
+    m_schedule.clear();
+    m_slots.clear();
+    m_freeSlot = NoSlot;
+}
 
 void Clock::unschedule(Event* event) {
     if (event->m_clock != this)
@@ -90,15 +108,11 @@ void Clock::unschedule(Event* event) {
     case Event::State::Idle:
         break;
     case Event::State::Due:
-        takeOut(m_due, event, &Event::m_next);
+        m_due[event->m_slot] = nullptr;
         break;
-    case Event::State::Scheduled: {
-        const auto position = m_schedule.find(event->m_dispatchFrame);
-        takeOut(position->value, event, &Event::m_next);
-        if (position->value == nullptr)
-            m_schedule.erase(event->m_dispatchFrame);
+    case Event::State::Scheduled:
+        unlink(event);
         break;
-    }
     }
 }
 
@@ -111,7 +125,7 @@ void Clock::rebuild(double oldTimeStep) {
 }
 
 void Clock::scheduleAnew(double oldTimeStep, uint64 oldFrame) {
-    m_schedule.clear();
+    clearSchedule();
     for (Event* event : m_events) {
         // What is due in this frame, and not dispatched yet, stays due.
         if (event->m_state != Event::State::Scheduled)
@@ -121,19 +135,35 @@ void Clock::scheduleAnew(double oldTimeStep, uint64 oldFrame) {
     }
 }
 
-void Clock::dispatchEvents() {
+void Clock::collectDue() {
     const auto position = m_schedule.find(m_frame.get());
     if (position == m_schedule.end())
         return;
-    m_due = position->value;
+    const uint32 head = position->value;
     m_schedule.erase(m_frame.get());
-    for (Event* event = m_due; event != nullptr; event = event->m_next)
+    uint32 last = NoSlot;
+    for (uint32 i = head; i != NoSlot; i = m_slots[i].next) {
+        last = i;
+        Event* const event = m_slots[i].event;
         event->m_state = Event::State::Due;
-    while (m_due != nullptr) {
-        const ref_ptr<Event> event(m_due);
-        m_due = std::exchange(event->m_next, nullptr);
+        event->m_slot = static_cast<uint32>(m_due.size());
+        m_due.push_back(event);
+        __builtin_prefetch(static_cast<const Referenced*>(event));
+        event->callbacks.prefetchList();
+    }
+    m_slots[last].next = std::exchange(m_freeSlot, head);
+}
+
+void Clock::dispatchEvents() {
+    collectDue();
+    // The callbacks may remove any event and empty the list. If one throws, the rest stays due.
+    for (size_t i = 0; i < m_due.size(); ++i) {
+        if (i + 2 < m_due.size() && m_due[i + 2] != nullptr)
+            m_due[i + 2]->callbacks.prefetchCallback();
+        if (m_due[i] == nullptr)
+            continue;
+        const ref_ptr<Event> event(std::exchange(m_due[i], nullptr));
         event->m_state = Event::State::Idle;
-        __builtin_prefetch(m_due); // thousands of events do not fit the cache
         if (event->m_presentlyEnabled)
             event->callbacks.fire();
         // The callbacks may have removed the event, or scheduled it themselves.
@@ -144,6 +174,7 @@ void Clock::dispatchEvents() {
         else
             schedule(event.get());
     }
+    m_due.clear();
 }
 
 // Events
@@ -158,11 +189,11 @@ Clock::Event::Event(const Name& name) : Event(name, -1, 0) {}
 Clock::Event::Event(const Name& name, double interval, double startDelay)
     : Component(name, Component::ClassModel())
     , callbacks(Name("Callbacks"), this)
+    , m_presentInterval(interval)
     , m_startDelay("startDelay", startDelay)
     , m_interval("interval", interval)
     , m_repeating("repeating", interval >= 0)
-    , m_enabled("enabled", true)
-    , m_presentInterval(interval) {
+    , m_enabled("enabled", true) {
     for (zelData::Value* value :
          std::initializer_list<zelData::Value*>{&m_startDelay, &m_interval, &m_repeating, &m_enabled}) {
         Component::addObject(value);

@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -286,6 +287,46 @@ TEST_F(ClockEventTest, DoesNotReadWhetherAnEventRepeats) {
     clock->addEvent(event);
     tick(clock.get(), 3);
     EXPECT_EQ(m_frames, (std::vector<size_t>{1, 2}));
+}
+
+TEST_F(ClockEventTest, GoesOnWithTheFrameAfterACallbackThatThrows) {
+    const ref_ptr<Clock> clock(new Clock("clock", 10));
+    std::vector<std::string> fired;
+    // The newest event of a frame comes first.
+    const ref_ptr<Clock::Event> last(new Clock::Event([&] { fired.emplace_back("last"); }, 0.1, 0));
+    const ref_ptr<Clock::Event> gone(new Clock::Event([&] { fired.emplace_back("gone"); }, 0.1, 0));
+    clock->addEvent(last.get());
+    clock->addEvent(gone.get());
+    clock->addEvent(new Clock::Event(
+        [&] {
+            fired.emplace_back("throws");
+            throw std::runtime_error("no");
+        },
+        0.1,
+        0));
+    tick(clock.get(), 1);
+    EXPECT_THROW(clock->tick(false), std::runtime_error);
+    clock->removeEvent(gone.get());
+    clock->tick(false);
+    EXPECT_EQ(fired, (std::vector<std::string>{"throws", "last"}));
+    EXPECT_EQ(clock->getFrame(), 2U);
+}
+
+TEST_F(ClockEventTest, TakesAnyEventOfAFrameOffTheSchedule) {
+    const ref_ptr<Clock> clock(new Clock("clock", 10));
+    std::vector<int> fired;
+    std::vector<ref_ptr<Clock::Event>> events;
+    for (int i = 0; i < 6; ++i) {
+        events.emplace_back(new Clock::Event([&fired, i] { fired.push_back(i); }, 1, 0.2));
+        clock->addEvent(events.back().get());
+    }
+    for (const size_t i : {5U, 2U, 0U}) // first, middle and last of the frame
+        clock->unschedule(events[i].get());
+    clock->schedule(events[2].get(), 0.2); // in a place that has been in use
+    tick(clock.get(), 3);
+    EXPECT_EQ(fired, (std::vector<int>{2, 4, 3, 1}));
+    EXPECT_FALSE(events[5]->isScheduled());
+    EXPECT_TRUE(events[4]->isScheduled());
 }
 
 TEST_F(ClockEventTest, PassesOverADisabledEvent) {
