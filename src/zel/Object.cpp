@@ -2,6 +2,7 @@
 
 #include <zel/Component.h>
 #include <zel/Exception.h>
+#include <zel/HashTable.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/Object.h>
@@ -17,6 +18,7 @@
 #include <exception>
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 namespace zel {
 
@@ -50,26 +52,33 @@ LoadScope::~LoadScope() {
         Object::setEnableRebind(true);
 }
 
-/// The listeners of one object.
+/// The listeners of one object, each with its turn. Thousands may listen to one object: only the one event
+/// that there is brings them into order.
 class Object::EventDispatch {
 public:
     void add(EventListener* listener) {
-        if (!m_listeners.contains(listener))
-            m_listeners.push_back(listener);
+        if (!has(listener))
+            m_turns.insert(listener, m_nextTurn++);
     }
-    void remove(EventListener* listener) { m_listeners.findAndErase(listener); }
-    [[nodiscard]] bool has(const EventListener* listener) const { return m_listeners.contains(listener); }
+    void remove(EventListener* listener) { m_turns.erase(listener); }
+    [[nodiscard]] bool has(const EventListener* listener) const {
+        return m_turns.contains(const_cast<EventListener*>(listener)); // NOLINT: only looked up
+    }
 
     /// A listener may remove itself or others while it is called.
     void triggerDestroyEvent(Object* object) {
-        const Vector<EventListener*> listeners(m_listeners);
-        for (EventListener* listener : listeners)
+        Vector<std::pair<uint64, EventListener*>> listeners;
+        for (const auto& entry : m_turns)
+            listeners.push_back({entry.value, entry.key});
+        std::sort(listeners.begin(), listeners.end());
+        for (const auto& [turn, listener] : listeners)
             if (has(listener))
                 listener->destroyCallback(object);
     }
 
 private:
-    Vector<EventListener*> m_listeners;
+    HashTable<EventListener*, uint64> m_turns;
+    uint64 m_nextTurn = 0;
 };
 
 void Object::EventListener::destroyCallback(Object*) {}

@@ -132,6 +132,32 @@ TEST(ObjectTest, ListenersMayLeaveDuringTheDestroyEvent) {
     EXPECT_TRUE(second.names.empty());
 }
 
+TEST(ObjectTest, CallsListenersInTheOrderInWhichTheyCame) {
+    struct Noting : Object::EventListener {
+        void destroyCallback(Object*) override { order->push_back(this); }
+        std::vector<const Noting*>* order = nullptr;
+    };
+    std::vector<const Noting*> order;
+    std::vector<Noting> listeners(100);
+    std::vector<const Noting*> expected;
+    {
+        const ref_ptr<Object> object(new Object("o"));
+        for (size_t i = listeners.size(); i-- > 0;) { // against that of the addresses
+            listeners[i].order = &order;
+            object->addListener(&listeners[i]);
+        }
+        for (size_t i = listeners.size(); i-- > 0;)
+            if (i % 3 != 0)
+                expected.push_back(&listeners[i]);
+        for (size_t i = 0; i < listeners.size(); i += 3)
+            object->removeListener(&listeners[i]);
+        object->addListener(&listeners[30]); // comes anew
+        expected.push_back(&listeners[30]);
+        object->addListener(&listeners[98]); // is there already
+    }
+    EXPECT_EQ(order, expected);
+}
+
 TEST(ObjectTest, EmptyPathIsTheObjectIfItsModelFits) {
     const ref_ptr<Object> object(new Object("o", Object::ClassModel()));
     EXPECT_EQ(object->getResource(Path()), object.get());
