@@ -168,7 +168,8 @@ public:
     /// The value at the end of the chain of bindings; this one if it is not bound.
     [[nodiscard]] Value* getRootBinding();
     [[nodiscard]] const zel::Path& getBindPath() const noexcept { return m_bindPath; }
-    [[nodiscard]] const zel::Vector<Value*>& getDependents() const noexcept { return m_dependents; }
+    /// The values that are bound to this one, in the order in which they were.
+    [[nodiscard]] zel::Vector<Value*> getDependents() const;
 
     /// Gives a value without a format its format, and all that follow it and have none. A second format is a
     /// failed verification; null is ignored.
@@ -263,6 +264,7 @@ private:
     void verifyDependents(const Format* format) const;
     void joinBinding(Value* binding);
     void leaveBinding();
+    void removeDependent(const Value* dependent);
     void updateAudible();
     void dropDependents();
     [[nodiscard]] bool writeText(zel::String& text) const;
@@ -273,7 +275,9 @@ private:
 
     zel::Path m_bindPath;
     zel::ref_ptr<Value> m_binding;
-    zel::Vector<Value*> m_dependents; // not owned; each one's binding is this value
+    // Not owned; each one's binding is this value. Null where one has left, at less than half the places, so
+    // that it is empty when nobody is there.
+    zel::Vector<Value*> m_dependents;
     void* m_storage = nullptr;
     zel::ref_ptr<const Format> m_format;
     zel::uint32 m_ownsStorage = 0xFFFFFFFFU; // 0 once it has allocated its own element
@@ -284,6 +288,8 @@ private:
     // dependent that is audible.
     bool m_audible = false;                  // as counted by the binding
     zel::uint32 m_numAudible = 0;            // dependents
+    zel::uint32 m_numLeft = 0;               // null places among the dependents
+    zel::uint32 m_place = 0;                 // among the dependents of the binding
     zel::uint32 m_numWalks = 0;              // levels of updates under way that stand on this value
     TransformFunction m_transform = nullptr; // from the binding's format; null if it is the same
 };

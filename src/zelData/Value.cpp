@@ -153,10 +153,13 @@ void Value::forceInvalidateDefaultFormatValue() {
 void Value::dropDependents() {
     const zel::Vector<Value*> dependents(m_dependents);
     m_dependents.averagedClear();
+    m_numLeft = 0;
     m_numAudible = 0;
     updateAudible();
     Walk::dependentsCleared(this);
     for (Value* dependent : dependents) {
+        if (dependent == nullptr)
+            continue;
         // This value may have no owner left but them, and is not to be deleted by them.
         static_cast<void>(dependent->m_binding.release_nodelete());
         if (dependent->m_transform == nullptr)
@@ -200,7 +203,7 @@ void Value::setStorage(void* storage) {
         const Value* value = pending.back();
         pending.pop_back();
         for (Value* dependent : value->m_dependents) {
-            if (dependent->m_format != value->m_format)
+            if (dependent == nullptr || dependent->m_format != value->m_format)
                 continue;
             dependent->m_storage = storage;
             if (!dependent->m_dependents.empty())
@@ -246,6 +249,8 @@ void Value::verifyDependents(const Format* format) const {
         const Value* value = pending.back();
         pending.pop_back();
         for (const Value* dependent : value->m_dependents) {
+            if (dependent == nullptr)
+                continue;
             if (dependent->isUntyped())
                 pending.push_back(dependent);
             else if (dependent->m_format != format &&
@@ -273,6 +278,8 @@ void Value::takeFormat(const Format* format) {
         value->deallocate(); // of an auto-typed value
         value->m_format = format;
         for (Value* dependent : value->m_dependents) {
+            if (dependent == nullptr)
+                continue;
             if (dependent->isUntyped())
                 pending.push_back(dependent);
             else if (dependent->m_format != format) {
@@ -383,11 +390,37 @@ void Value::verifyBindable(const Value* other) const {
 void Value::joinBinding(Value* binding) {
     updateAudible(); // while no binding counts this value
     m_binding = binding;
+    m_place = static_cast<zel::uint32>(binding->m_dependents.size());
     binding->m_dependents.push_back(this);
     if (m_audible) {
         ++binding->m_numAudible;
         binding->updateAudible();
     }
+}
+
+/// Leaves the place empty, and closes up when half of all are: nobody looks through thousands for one.
+void Value::removeDependent(const Value* dependent) {
+    m_dependents[dependent->m_place] = nullptr;
+    if (++m_numLeft < (m_dependents.size() + 1) / 2)
+        return;
+    Walk::dependentsClosingUp(this);
+    zel::uint32 place = 0;
+    for (Value* present : m_dependents) {
+        if (present == nullptr)
+            continue;
+        present->m_place = place;
+        m_dependents[place++] = present;
+    }
+    m_dependents.resize(place);
+    m_numLeft = 0;
+}
+
+zel::Vector<Value*> Value::getDependents() const {
+    zel::Vector<Value*> dependents;
+    for (Value* dependent : m_dependents)
+        if (dependent != nullptr)
+            dependents.push_back(dependent);
+    return dependents;
 }
 
 /// Takes this value off the one it follows, and leaves it without the other's element.
@@ -397,9 +430,7 @@ void Value::leaveBinding() {
     Value* const binding = m_binding.get();
     binding->reference();
     m_binding = nullptr;
-    Value** const position = binding->m_dependents.find(this);
-    Walk::dependentRemoved(binding, static_cast<zel::size_t>(position - binding->m_dependents.begin()));
-    binding->m_dependents.erase(position);
+    binding->removeDependent(this);
     if (m_transform == nullptr)
         setStorage(nullptr);
     if (m_audible) {

@@ -3,6 +3,7 @@
 #include <zel/Integers.h>
 #include <zelData/Value.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -32,7 +33,7 @@ public:
                 continue;
             }
             Value* const dependent = level.value->m_dependents[level.next++];
-            if (!dependent->m_audible)
+            if (dependent == nullptr || !dependent->m_audible)
                 continue;
             if (dependent->m_transform != nullptr)
                 convert(level.value, dependent);
@@ -49,14 +50,16 @@ public:
         if (value->m_numWalks != 0)
             forEachLevel(value, [](Level& level) { level.next = level.end = 0; });
     }
-    /// Called ahead of the removal: the later dependents move down by one.
-    static void dependentRemoved(const Value* value, zel::size_t index) noexcept {
+    /// Called ahead of it: the places that are empty go.
+    static void dependentsClosingUp(const Value* value) noexcept {
         if (value->m_numWalks != 0)
-            forEachLevel(value, [index](Level& level) {
-                if (index < level.next)
-                    --level.next;
-                if (index < level.end)
-                    --level.end;
+            forEachLevel(value, [value](Level& level) {
+                Value* const* const begin = value->m_dependents.begin();
+                const auto present = [begin](zel::uint32 end) {
+                    return end - static_cast<zel::uint32>(std::count(begin, begin + end, nullptr));
+                };
+                level.next = present(level.next);
+                level.end = present(level.end);
             });
     }
 

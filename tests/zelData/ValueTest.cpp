@@ -488,6 +488,43 @@ TEST(ValueTest, DependentsMayGoDuringAnUpdate) {
     EXPECT_EQ(values[3]->get(), 1.0);
 }
 
+TEST(ValueTest, ManyDependentsMayGoAndComeDuringAnUpdate) {
+    const ref_ptr<Real> root = real("root");
+    std::vector<ref_ptr<Real>> values;
+    std::vector<size_t> updated;
+    for (size_t i = 0; i < 20; ++i) {
+        values.push_back(real("v"));
+        values[i]->bind(root.get());
+        values[i]->updateEvent.connect([&updated, i](Value*) { updated.push_back(i); });
+    }
+    for (size_t i = 1; i < 5; ++i)
+        values[i]->unbind(true); // leaves empty places
+    const zel::uint64 leaving = values[7]->updateEvent.connect([&](Value*) {
+        for (const size_t i : {0U, 5U, 6U, 9U, 10U, 12U, 13U, 17U, 18U})
+            values[i]->unbind(true);
+        values[0]->bind(root.get()); // is told at once
+    });
+    root->set(1);
+    EXPECT_THAT(updated, ElementsAre(0, 5, 6, 7, 0, 8, 11, 14, 15, 16, 19));
+    EXPECT_THAT(root->getDependents(),
+                ElementsAre(values[7].get(),
+                            values[8].get(),
+                            values[11].get(),
+                            values[14].get(),
+                            values[15].get(),
+                            values[16].get(),
+                            values[19].get(),
+                            values[0].get()));
+    values[7]->updateEvent.disconnect(leaving);
+    updated.clear();
+    root->set(2);
+    EXPECT_THAT(updated, ElementsAre(7, 8, 11, 14, 15, 16, 19, 0));
+    for (const ref_ptr<Real>& value : values)
+        value->unbind(true);
+    EXPECT_TRUE(root->getDependents().empty());
+    EXPECT_TRUE(root->isUnobserved());
+}
+
 TEST(ValueTest, CallbacksMayDestroyEverything) {
     ref_ptr<Real> root = real("root");
     ref_ptr<Real> middle = real("middle");
