@@ -102,8 +102,8 @@ void bindAll(benchmark::State& state) {
 BENCHMARK(bindAll)
     ->Name("BM_ParameterBind/zel")
     ->Arg(1'000)
-    ->Arg(3'000)
     ->Arg(10'000)
+    ->Arg(100'000)
     ->Unit(benchmark::kMicrosecond)
     ->Complexity(benchmark::oN);
 
@@ -120,8 +120,8 @@ void rebindAll(benchmark::State& state) {
 BENCHMARK(rebindAll)
     ->Name("BM_ParameterRebind/zel")
     ->Arg(1'000)
-    ->Arg(3'000)
     ->Arg(10'000)
+    ->Arg(100'000)
     ->Unit(benchmark::kMicrosecond)
     ->Complexity(benchmark::oN);
 
@@ -140,8 +140,8 @@ void unbindAll(benchmark::State& state) {
 BENCHMARK(unbindAll)
     ->Name("BM_ParameterUnbind/zel")
     ->Arg(1'000)
-    ->Arg(3'000)
     ->Arg(10'000)
+    ->Arg(100'000)
     ->Unit(benchmark::kMicrosecond)
     ->Complexity(benchmark::oN);
 
