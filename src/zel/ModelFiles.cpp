@@ -1,3 +1,4 @@
+#include "KnownAttributes.h"
 #include "ModelCleanup.h"
 
 #include <zel/Exception.h>
@@ -150,6 +151,7 @@ void Model::loadModelFile(const String& file) {
         ZEL_LOG_WARNING(error.what());
         return;
     }
+    warnOfUnknownAttributes(*document);
     try {
         const Path path = getPath(file).base();
         Namespace* space = getOrCreateNamespace(path);

@@ -1,3 +1,4 @@
+#include "KnownAttributes.h"
 #include "PluginLibrary.h"
 #include "XmlDocument.h"
 
@@ -66,6 +67,8 @@ public:
                                          file.c_str(),
                                          static_cast<int>(error.row),
                                          error.reason.c_str()));
+        else
+            warnOfUnknownAttributes(*m_document);
         return m_document != nullptr;
     }
     [[nodiscard]] bool exists() const noexcept { return m_document != nullptr; }

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Compares the tables of docs/model-files.md with what the loaders read: model_tags.py SOURCE_DIRECTORY
 
-Fails for a tag or an attribute that stands in only one of the two, and for a source that reads attributes and is in
-no group below.
+Fails for a tag or an attribute that stands in only one of the two, for a source that reads attributes and is in no
+group below, and where the list behind the warnings of misspelt attributes tells otherwise than the page.
 """
 import pathlib
 import re
@@ -70,9 +70,20 @@ ANYWHERE = {"instance"}
 # Tags without attributes of their own.
 BARE_TAGS = {"description"}
 # They read other files than models, or are the helpers that the loaders read with.
-OTHER_SOURCES = {"src/zel/ModelFiles.cpp", "src/zel/XmlLoader.cpp", "src/zelData/EntityXml.cpp", "src/zelData/TypeMap.cpp"}
+OTHER_SOURCES = {"src/zel/KnownAttributes.cpp", "src/zel/ModelFiles.cpp", "src/zel/XmlLoader.cpp", "src/zelData/EntityXml.cpp", "src/zelData/TypeMap.cpp"}
 # `type` may be written as `value` where getFormat reads the element; nobody should.
 UNTOLD = {"src/zelData/TypeRegistry.cpp": {"value"}}
+
+# The list behind the warnings. What binds a parameter in a task may have all of the parameter's attributes; a task with
+# a source takes those of a kernel, and a clock is a task.
+KNOWN = "src/zel/KnownAttributes.cpp"
+BINDING_TAGS = {"Value", "Buffer", "Pointer", "Storage", "HashTable", "EntityPtr", "EntityInstance"}
+BINDING_ATTRIBUTES = set("name type format mode value bind source task required localSize".split())
+CHILD_ONLY = {
+    **dict.fromkeys(("Task", "Init"), {"bind", "task", "value", "type"}),
+    **dict.fromkeys(("Kernel", "Kernel.Scalar", "SolveKernel"), {"type", "required", "bind"}),
+}
+NOT_IN_TABLE = {"Parameter", "EntityPtr", "EntityInstance"}
 
 ATTRIBUTE = re.compile(r'(?:->|\.)Attribute\((?:std::string\()?"([^"]+)"|parseAttribute<[^>]*>\([^,()]+, "([^"]+)"')
 TAG = re.compile(r'XmlLoaderRegistrator\s+\w+\(\s*"([^"]+)"|\bLoader\("([^"]+)"|addAlias\("([^"]+)"|\b(?:tag|ValueStr\(\)) == "([^"]+)"')
@@ -106,6 +117,33 @@ def read_attributes(text):
     return {first or second for first, second in ATTRIBUTE.findall(text)}
 
 
+def known_attributes(text):
+    """The list of the library: the attributes of each tag."""
+    lists = {name: "".join(re.findall(r'"([^"]*)"', value))
+             for name, value in re.findall(r"constexpr std::string_view (\w+) =([^;]*);", text)}
+    entries = re.search(r"KnownTags\[\] = \{(.*?)\n\};", text, re.S).group(1)
+    return {tag: set((lists[name] if name else "".join(re.findall(r'"([^"]*)"', literal))).split())
+            for tag, name, literal in re.findall(r'\{"([^"]+)",\s*(?:(\w+)|((?:"[^"]*"\s*)+))\}', entries)}
+
+
+def compare_known(told, known):
+    for tag in sorted(set(told) - BARE_TAGS - {"Argument"} - set(known)):
+        yield f"the tag '{tag}' is not in {KNOWN}"
+    for tag in sorted(set(known) - NOT_IN_TABLE - set(told)):
+        yield f"the tag '{tag}' is in {KNOWN} and not in the table"
+    for tag in sorted(set(known) & set(told)):
+        wanted = told[tag] - CHILD_ONLY.get(tag, set()) - ANYWHERE
+        for attribute in sorted(wanted - known[tag]):
+            yield f"'{attribute}' of '{tag}' is in the table and not in {KNOWN}"
+        allowed = wanted | (BINDING_ATTRIBUTES if tag in BINDING_TAGS else set())
+        if tag in CHILD_ONLY:
+            allowed |= told["Kernel"] | told["Task"]
+        if tag in ("Clock", "TaskGroup"):
+            allowed |= told["Task"]
+        for attribute in sorted(known[tag] - allowed):
+            yield f"'{attribute}' of '{tag}' is in {KNOWN} and not in the table"
+
+
 def main(directory):
     root = pathlib.Path(directory)
     told = table(root / "docs/model-files.md")
@@ -136,6 +174,7 @@ def main(directory):
         problems.append(f"the tag '{tag}' is in the table, and nothing loads it")
     for tag in sorted(told.keys() - BARE_TAGS - {tag for tags, _ in GROUPS for tag in tags}):
         problems.append(f"the tag '{tag}' is in no group")
+    problems += compare_known(told, known_attributes(sources[KNOWN]))
     sys.exit("\n".join(problems) or 0)
 
 
