@@ -284,6 +284,7 @@ private:
 
     void init();
     void handTriggersTo(Task* task);
+    void noteMissingPaths() const;
     void enableCallback();
     /// Brings the state of the jobs to what the switches say.
     void updatePassed();

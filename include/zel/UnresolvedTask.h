@@ -20,6 +20,7 @@ class Value;
 namespace zel {
 
 class Parameter;
+class TaskPluginImplementation;
 class UnresolvedParameter;
 
 /// Stands in the task graph for a task that a model file names by a path, until an implementation is found:
@@ -101,6 +102,9 @@ public:
     [[nodiscard]] bool hasFailed() const noexcept { return m_failed; }
     /// Warns that there is no implementation, with the state of the parameters.
     void report() const;
+    /// Warns, once, why there is none: where it was looked for, or what the implementations take. Names the
+    /// file and the row of the element.
+    void explainFailure();
 
     /// Looks for an implementation on the device, and then on the other kind of device, and binds it.
     /// @return whether there is one
@@ -142,6 +146,9 @@ private:
     void collectParameters();
     void bindInstanceParameter(size_t index);
     [[nodiscard]] bool fits(const Task& task) const;
+    [[nodiscard]] std::string describePlace() const;
+    [[nodiscard]] std::string explainMisfit(TaskPluginImplementation& implementation) const;
+    void warnOfUnbound() const;
 
     Path m_proxyPath;
     Path m_implementationName;
@@ -161,6 +168,8 @@ private:
     bool m_binding = false; // its own parameters, just now
     bool m_failed = false;
     bool m_injected = false;
+    bool m_explained = false;
+    String m_place; // file and row of the element, for messages; empty without one
 };
 
 /// What an element of the tag "Task" without a source becomes: a task that does nothing.

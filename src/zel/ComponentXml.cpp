@@ -1,4 +1,5 @@
 #include "LoadScope.h"
+#include "SearchPlaces.h"
 
 #include <zel/Component.h>
 #include <zel/ComponentManager.h>
@@ -13,6 +14,7 @@
 
 #include <tinyxml.h>
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -54,6 +56,19 @@ Component* instantiate(Model* model, const Name& name, Device* device) {
         return nullptr;
     component->setModel(model);
     return component.release_nodelete();
+}
+
+/// Warns where a model file was looked for, or what is the matter with the one that is there.
+void explainMissing(const Path& path) {
+    String file;
+    Path remainder;
+    if (Model::getDiskPath(path, file, remainder, "zelComponent")) {
+        ZEL_LOG_WARNING("The file '" << file << "' gives no component '" << path.back() << "'");
+        return;
+    }
+    file = path.str();
+    std::replace(file.begin(), file.end(), Path::Separator, '/');
+    ZEL_LOG_WARNING("Looked for '" << file << ".zelComponent'" << describeSearchPlaces());
 }
 
 /// The element of the document that describes the model.
@@ -123,6 +138,7 @@ Component* Component::load(const Path& path, const Name& name, Device* device) {
     Model* model = Model::getModel(path.base(), path.back());
     if (model == nullptr) {
         ZEL_LOG_WARNING("Unable to find plugin for resource: '" << path << "'");
+        explainMissing(path);
         return nullptr;
     }
     ref_ptr<Component> component(instantiate(model, name, device));

@@ -3,6 +3,7 @@
 #include "TaskPaths.h"
 
 #include <zel/Exception.h>
+#include <zel/Log.h>
 #include <zel/Task.h>
 #include <zel/TaskGroup.h>
 #include <zel/Verify.h>
@@ -150,6 +151,16 @@ void Task::handTriggersTo(Task* task) {
 
 // By path
 
+namespace {
+
+/// It may come later, so this is no warning.
+void noteMissing(const Task& task, const char* attribute, const Path& path) {
+    ZEL_LOG_INFO("Task '" << task.getPath() << "': there is nothing yet under the path '" << path
+                          << "' of its " << attribute);
+}
+
+} // namespace
+
 Task::Paths& Task::paths() {
     if (!m_paths)
         m_paths = std::make_unique<Paths>();
@@ -201,8 +212,23 @@ void Task::rebind() {
                 dynamic_cast<Task*>(getAutoScopedResource(m_paths->dispatch, ClassModel()));
     }
     // Outside of a tree there is nothing yet, or any more, that paths could lead to.
-    if (getContext() != nullptr && getEnableRebind() && !isDetaching())
-        verifyParameters();
+    if (getContext() == nullptr || !getEnableRebind() || isDetaching())
+        return;
+    if (m_paths)
+        noteMissingPaths();
+    verifyParameters();
+}
+
+void Task::noteMissingPaths() const {
+    for (const Path& path : m_paths->dependencies)
+        noteMissing(*this, "dependency", path);
+    for (const std::unique_ptr<Trigger>& trigger : m_paths->triggers)
+        if (!trigger->isFound())
+            noteMissing(*this, "trigger", trigger->getPath());
+    if (!m_paths->dispatch.empty() && !m_paths->dispatchTarget)
+        noteMissing(*this, "dispatch", m_paths->dispatch);
+    if (!m_paths->bindContext.empty() && !m_paths->context)
+        noteMissing(*this, "bindContext", m_paths->bindContext);
 }
 
 Object* Task::getResourceImpl(const Path& path, Model* model) {

@@ -30,6 +30,8 @@ public:
     }
     [[nodiscard]] const Path& getPath() const noexcept { return m_path; }
     [[nodiscard]] bool executes() const noexcept { return m_execute; }
+    /// Whether the path leads to a value or a clock.
+    [[nodiscard]] bool isFound() const noexcept { return m_value || m_clock; }
 
 private:
     void follow(zelData::Value* value);

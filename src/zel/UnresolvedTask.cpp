@@ -12,11 +12,11 @@
 #include <tinyxml.h>
 
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
-// The life of an unresolved task in the graph. See UnresolvedTaskResolve.cpp for the search.
+// The life of an unresolved task in the graph. See UnresolvedTaskResolve.cpp for the search, and
+// UnresolvedTaskReport.cpp for what is said when it was in vain.
 
 namespace zel {
 
@@ -86,35 +86,12 @@ void UnresolvedTask::setContext(Object* context) {
 
 void UnresolvedTask::run() {
     const bool found = instantiateProxy();
-    if (found)
+    if (found) {
         m_instance->execute();
-    else
-        report();
-}
-
-void UnresolvedTask::report() const {
-    std::ostringstream text;
-    text << "Unresolved task found in task graph! "
-         << "No implementation has been found for requested task '" << m_implementationName << "'\n"
-         << "The following is a list of the parameters found in the unresolved task, along with its current "
-            "state:";
-    for (size_t i = 0; i < m_proxyParameters.size(); ++i) {
-        const UnresolvedParameter& parameter = *m_proxyParameters[i];
-        const String path =
-            i < m_arguments.size() ? m_arguments[i].text : String(parameter.getBindPath().str());
-        text << "\n  parameter instance '" << parameter.getName();
-        if (parameter.getMetaType() == Parameter::MetaType::Unresolved) {
-            text << "' (autoBind: " << path << ") is not resolved";
-            continue;
-        }
-        text << "' is" << (parameter.isValid() ? "" : " NOT") << " valid, autoBinds to " << path
-             << ", bound to ";
-        if (const Object* target = parameter.getTarget())
-            text << target->getPath();
-        else
-            text << "nullptr";
+        return;
     }
-    ZEL_LOG_WARNING(text.str());
+    report();
+    explainFailure();
 }
 
 void UnresolvedTask::rebind() {
@@ -131,8 +108,8 @@ void UnresolvedTask::rebind() {
         return;
     if (m_instance)
         injectInstance(this);
-    else if (isReady() && !m_failed)
-        static_cast<void>(instantiateProxy());
+    else if (isReady() && !m_failed && !instantiateProxy())
+        explainFailure();
 }
 
 void UnresolvedTask::valueUpdateCallback(Parameter* parameter) {

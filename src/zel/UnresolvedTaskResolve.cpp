@@ -185,6 +185,7 @@ void UnresolvedTask::configureInstance() {
             kernel->configureDispatch(element);
         m_instance->Task::configure(element, true);
     }
+    warnOfUnbound();
     // Edges of the job graph are left alone while it runs: the next rebind puts the instance in place.
     if (!m_isCall && getContext() != nullptr && !isRunning())
         injectInstance(this);

@@ -79,6 +79,8 @@ void UnresolvedTask::configureSource(TiXmlElement* element) {
 /// Keeps what concerns the implementation itself: everything but where it comes from, and the parameters.
 void UnresolvedTask::keepDescription(const TiXmlElement* element) {
     const TiXmlDocument* const document = element->GetDocument();
+    m_place =
+        String::format("file '%s', row %d", document == nullptr ? "" : document->Value(), element->Row());
     m_description = std::make_unique<TiXmlDocument>(document == nullptr ? "" : document->Value());
     TiXmlElement* const copy = m_description->LinkEndChild(element->Clone())->ToElement();
     for (const char* attribute : {"name", "source", "instance", "device"})

@@ -49,8 +49,10 @@ void FunctionValue::rebind() {
     m_proxy->rebind();
     if (m_task || !m_proxy->isReady() || m_proxy->hasFailed())
         return;
-    if (!m_proxy->instantiateProxy())
+    if (!m_proxy->instantiateProxy()) {
         m_proxy->report();
+        m_proxy->explainFailure();
+    }
 }
 
 void FunctionValue::injectFunctionInstance(zel::UnresolvedTask* proxy) {
