@@ -73,7 +73,7 @@ double number(std::string_view text, const zel::String& file, size_t line) {
     double value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
-        refuse(file, line, "'" + std::string(text) + "' is no number");
+        refuse(file, line, std::string("'").append(text) + "' is no number");
     return value;
 }
 

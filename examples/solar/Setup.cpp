@@ -32,7 +32,7 @@ public:
         const zel::String file =
             zelIO::Environment::instance()->getFilePath(zelIO::Environment::ResourcePath).find(m_table.get());
         if (file.empty())
-            throw std::runtime_error("could not find '" + m_table.get() + "' through ZEL_FILE_PATH\n");
+            throw std::runtime_error("could not find '" + m_table.get() + "' through ZEL_FILE_PATH");
         const zel::Vector<Body> table = readBodies(file);
         makeBodies(*m_bodies->getStorage(), table);
         makeParticles(*m_particles->getStorage(), *m_bodies->getStorage(), table[0]);
@@ -68,7 +68,7 @@ private:
                        const Body& centre) const {
         if (m_numParticles.get() > MaximumParticles)
             throw std::runtime_error(zel::String::format(
-                "%lu particles are too many: at most %lu\n", m_numParticles.get(), MaximumParticles));
+                "%lu particles are too many: at most %lu", m_numParticles.get(), MaximumParticles));
         storage.clear();
         storage.createInstances(m_numParticles.get());
         const auto positions = column<Vec3d>(storage, "position", "Vec3:64bit");

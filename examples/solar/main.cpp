@@ -55,7 +55,8 @@ Number parse(std::string_view option, std::string_view text) {
     Number value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size())
-        throw std::invalid_argument(std::string(option) + ": '" + std::string(text) + "' is no number");
+        throw std::invalid_argument(std::string(option) + ": '" + std::string(text) + "' is no " +
+                                    (std::is_unsigned_v<Number> ? "whole number from 0 on" : "number"));
     if constexpr (std::is_floating_point_v<Number>)
         if (!(value > 0 && std::isfinite(value)))
             throw std::invalid_argument(std::string(option) + " must be above 0");
@@ -100,7 +101,7 @@ zel::ref_ptr<zel::Component> loadModel(const std::string& model) {
                                                ? zel::Component::load(zel::Path(model), nullptr)
                                                : zel::Component::loadFile(model, nullptr));
     if (!component)
-        throw std::runtime_error("there is no model '" + model + "'\n");
+        throw std::runtime_error("there is no model '" + model + "'");
     return component;
 }
 
@@ -109,7 +110,7 @@ template <typename T>
 T& find(zel::Component* model, const char* name, const char* tag) {
     auto* object = dynamic_cast<T*>(model->findObject(name));
     if (object == nullptr)
-        throw std::runtime_error(std::string("the model has no ") + tag + " named '" + name + "'\n");
+        throw std::runtime_error(std::string("the model has no ") + tag + " named '" + name + "'");
     return *object;
 }
 
@@ -157,7 +158,7 @@ void run(zel::Clock& clock, double duration, bool realTime) {
 
 void simulate(const Options& options) {
     if (!zel::Logger::instance()->openLogfile(options.log, false, true))
-        throw std::runtime_error("could not open the log '" + options.log + "'\n");
+        throw std::runtime_error("could not open the log '" + options.log + "'");
     for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
         for (const char* directory : {SOLAR_DIRECTORY, SOLAR_PLUGIN_DIRECTORY})
             zelIO::Environment::instance()->getFilePath(type).pushbackPath(directory);
