@@ -64,6 +64,12 @@ cmake -S "$work/plugin" -B "$work/plugin-build" -G Ninja -DCMAKE_PREFIX_PATH="$p
 cmake --build "$work/plugin-build" >"$work/log" || { cat "$work/log"; exit 1; }
 ZEL_PLUGIN_PATH="$prefix/share/zelCore" "$work/plugin-build/plugin" | grep '1000 plants are 0.181 m high'
 
+# The model of the tutorial, by the commands of the page.
+python3 "$source/tests/docs/extract.py" --files "$work/tutorial" "$source/docs/tutorial.md"
+ln -s "$prefix" "$work/zel-installed"
+(cd "$work/tutorial" && HOME=$work CXX=$compiler bash -e commands.sh) >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+[ "$(tail -n 1 "$work/log")" = 'After 1 s: 995.046 m' ] || { cat "$work/log"; exit 1; }
+
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 "$compiler" -std=c++20 "$work/hello/main.cpp" $(pkg-config --cflags --libs zelCore) -Wl,-rpath,"$libdir" \
