@@ -133,9 +133,43 @@ def bad_tables_are_refused_with_their_line(program):
         assert result.returncode == 1 and message in result.stderr, (message, result.stderr)
 
 
+def slips_in_a_model_are_told_with_their_row(program):
+    for old, new, place, messages in (
+            ('<TaskGroup name="step" sequential="true" trigger', '<TaskGroup name="step" sequential="true" tigger',
+             '<TaskGroup name="step"', ["Nothing reads the attribute 'tigger' of 'TaskGroup'"]),
+            ('source="solar.Drift"', 'source="solar.Drifft"', '<Task name="bodiesDrift"',
+             ["has no implementation 'solar.Drifft'\nLooked for 'libsolar.Drifft.so'"]),
+            ('<Storage instance="sources" bind="bodies"/>', '<Storage instance="source" bind="bodies"/>',
+             '<Task name="bodiesForces"', ["'sources' (ENTITY_DATA) of type EntityInstance, format default: is not given", "and no 'source', which is given"])):
+        result = load_model(program, [(old, new)], "--days", "0.01")
+        content = EXAMPLE.read_text()
+        row = content[:content.index(place)].count("\n") + 1
+        for message in [*messages, os.path.abspath("Components/mine/Mine.zelComponent") + f"', row {row}"]:
+            assert message in result.stderr, (message, result.stderr)
+        assert result.returncode == 0, result.stderr  # the run goes on without what is missing
+
+
+def dependency_loops_end_the_run(program):
+    result = load_model(program, [('    </TaskGroup>\n</Component>',
+                                   '<dependency parent="forces" child="drift"/>    </TaskGroup>\n</Component>')])
+    assert result.returncode not in (0, 1, 2), result.returncode
+    assert "Detected dependency loop between step.forces and step.drift" in result.stderr, result.stderr
+
+
+def files_that_can_not_be_opened_end_the_run(program):
+    result = run(program, "--log", "/proc/none/solar.log")
+    assert result.returncode == 1 and "could not open the log '/proc/none/solar.log'" in result.stderr, result.stderr
+    result = run(program, "--model", "mine.None", environment={"ZEL_PLUGIN_PATH": "/none"})
+    assert result.returncode == 1, result.returncode
+    for message in ("Looked for 'mine/None.zelComponent'", "\n  /none (no such directory)\n", "there is no model 'mine.None'"):
+        assert message in result.stderr, (message, result.stderr)
+
+
 def bad_options_show_the_usage(program):
     for arguments, message in ((["--days", "x"], "--days: 'x' is no number"),
                                (["--days", "-1"], "--days must be above 0"),
+                               (["--step", "0"], "--step must be above 0"),
+                               (["--particles", "-5"], "--particles: '-5' is no whole number from 0 on"),
                                (["--nonsense", "1"], "unknown option --nonsense"),
                                (["--days"], "--days needs a value")):
         result = run(program, *arguments)
