@@ -3,6 +3,7 @@
 #include <zel/ParallelTask.h>
 #include <zel/RangeJob.h>
 #include <zel/SerialTask.h>
+#include <zel/TaskGroup.h>
 #include <zel/Thread.h>
 #include <zel/WaitJob.h>
 #include <zel/ref_ptr.h>
@@ -10,15 +11,18 @@
 
 #include <atomic>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using zel::ParallelTask;
 using zel::ref_ptr;
 using zel::SerialTask;
 using zel::Task;
+using zel::TaskGroup;
 using zel::Thread;
 
 namespace {
@@ -242,6 +246,50 @@ TEST_F(TaskDeathTest, ExecutingATaskFromItsOwnRunIsRefused) {
             task->execute();
         },
         "zelVerify failed: `!s_activeTasks.contains\\(task\\)'");
+}
+
+namespace {
+
+/// A task whose first run has a job aside that belongs to no task and runs before its last part.
+ref_ptr<TaskGroup> withJobAside(const char* name, const zel::Callback& work) {
+    const ref_ptr<TaskGroup> group(new TaskGroup(name, true));
+    const auto job = std::make_shared<zel::Job>(work);
+    job->setPriority(std::numeric_limits<zel::uint32>::max());
+    group->addSubtask(new SerialTask("first", [job, spawned = false]() mutable {
+        if (!std::exchange(spawned, true))
+            Thread::getCurrentThread()->spawn(job.get());
+    }));
+    group->addSubtask(new SerialTask("last", [] {}));
+    return group;
+}
+
+} // namespace
+
+TEST_F(TaskDeathTest, JobThatEndsTheTaskBelowItIsFound) {
+    EXPECT_DEATH(
+        {
+            zel::setNumThreads(1);
+            withJobAside("t", [] { Thread::getCurrentThread()->blockingDoWork(); })->execute();
+        },
+        "zelVerify failed: `frameIndex == m_numFrames-1', Frame stack error in task t");
+}
+
+TEST_F(TaskDeathTest, JobThatExchangesTheTasksBelowItIsFound) {
+    EXPECT_DEATH(
+        {
+            zel::setNumThreads(1);
+            ref_ptr<TaskGroup> inner;
+            ref_ptr<TaskGroup> outer;
+            inner = withJobAside("inner", [&] {
+                Thread::getCurrentThread()->blockingDoWork();
+                Thread::getCurrentThread()->blockingDoWork();
+                Thread::addTask(inner.get());
+                Thread::addTask(outer.get());
+            });
+            outer = withJobAside("outer", [&] { inner->execute(); });
+            outer->execute();
+        },
+        "inner: Frame stack inconsistency in thread 0");
 }
 
 TEST_F(TaskDeathTest, AddingATaskWithoutAThreadIsRefused) {
