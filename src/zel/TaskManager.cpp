@@ -138,10 +138,7 @@ void configure(Task& task, TiXmlElement* element, const Path& path) {
                           String::format("No parameter with name '%s' in implementation '%s'",
                                          parameterName.c_str(),
                                          path.c_str()));
-        if (const char* required = child->Attribute("required"))
-            parameter->setRequired(String(required) == "true" || parseAttribute<bool>(child, "required"));
-        if (const char* bind = child->Attribute("bind"))
-            parameter->bind(Path(bind));
+        parameter->Parameter::configure(child); // not that of its class: what it is, the implementation says
     }
 }
 
