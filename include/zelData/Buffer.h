@@ -250,7 +250,10 @@ public:
     /// @param value  of this buffer's format; null goes back to the format's
     void setDefaultValue(Value* value);
     /// Called with the buffer and a range of raw elements that it is to construct; empty for none.
-    void setElementInitializer(ElementCallback initializer) { m_elementInitializer = std::move(initializer); }
+    void setElementInitializer(ElementCallback initializer) {
+        m_elementInitializer = std::move(initializer);
+        m_defaultInitializer = false;
+    }
     /// Called with the buffer and a range of elements that it is to destroy; empty for none.
     void setElementDestructor(ElementCallback destructor) {
         m_elementDestructor = std::move(destructor);

@@ -116,6 +116,7 @@ Buffer* Buffer::makeClone(uint64 n) const {
     clone->m_elementInitializer = m_elementInitializer;
     clone->m_elementDestructor = m_elementDestructor;
     clone->m_defaultInitializer = m_defaultInitializer;
+    clone->m_defaultDestructor = m_defaultDestructor;
     clone->setOriginalBuffer(const_cast<Buffer*>(this)); // NOLINT: a link for others to follow
     clone->reserve(n);
     clone->resize(n, !m_plain || !m_defaultInitializer);
