@@ -12,7 +12,7 @@ namespace zel {
 
 /// Writes the thread logs out (Thread::flushLogs) and calls the C library's abort().
 /// @threads any thread
-[[noreturn]] ZEL_CORE_API void abort();
+[[noreturn, gnu::cold]] ZEL_CORE_API void abort();
 
 /// Formats `format` followed by `userFormat` with the remaining arguments, as vasprintf does.
 /// A failed allocation is itself a failed verification.
@@ -21,17 +21,18 @@ namespace zel {
 
 /// Prints `text` and a line end on the standard error stream and calls zel::abort().
 /// @threads any thread
-[[noreturn]] ZEL_CORE_API void abortWith(const std::string& text);
+[[noreturn, gnu::cold]] ZEL_CORE_API void abortWith(const std::string& text);
 
 /// What a failed zelVerify does.
-[[noreturn]] ZEL_CORE_API void verifyFailed(const char* file, unsigned line, const char* expression);
+[[noreturn, gnu::cold]] ZEL_CORE_API void
+verifyFailed(const char* file, unsigned line, const char* expression);
 
 /// What a failed zelVerifyN does.
 [[noreturn, gnu::format(printf, 4, 5)]] ZEL_CORE_API void
 verifyFailed(const char* file, unsigned line, const char* expression, const char* format, ...);
 
 /// What zelAbort does without a message.
-[[noreturn]] ZEL_CORE_API void abortAt(const char* file, unsigned line);
+[[noreturn, gnu::cold]] ZEL_CORE_API void abortAt(const char* file, unsigned line);
 
 /// What zelAbort does with a message.
 [[noreturn, gnu::format(printf, 3, 4)]] ZEL_CORE_API void

@@ -23,12 +23,12 @@ void Thread::addTask(Task* task) {
     frame.done.store(false, std::memory_order_relaxed); // published with the depth
     thread->m_numFrames.store(numFrames + 1, std::memory_order_release);
 
-    const bool first = s_activeTasks.empty();
-    zelVerify(!s_activeTasks.contains(task));
+    const size_t numActive = s_activeTasks.size();
     s_activeTasks.insert(task);
+    zelVerifyAs(s_activeTasks.size() > numActive, "!s_activeTasks.contains(task)");
     task->m_completes = true;
     thread->spawn(task->getPreJob());
-    if (first && dynamic_cast<ParallelTask*>(task) != nullptr)
+    if (numActive == 0 && !s_sleepingThreads.empty() && dynamic_cast<ParallelTask*>(task) != nullptr)
         for (Thread* sleeper : s_sleepingThreads)
             sleeper->activate();
 }

@@ -9,6 +9,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
 #include <typeinfo>
 
@@ -53,8 +54,14 @@ std::exception_ptr& Thread::s_unhandledException = *new std::exception_ptr;
 
 namespace {
 
+/// Of equal jobs the one at the lower address goes first: a kernel's jobs lie in an array in the order of
+/// their ranges, and so walk through memory forwards.
 struct LowerPriority {
-    bool operator()(const Job* a, const Job* b) const noexcept { return a->getPriority() < b->getPriority(); }
+    bool operator()(const Job* a, const Job* b) const noexcept {
+        if (a->getPriority() != b->getPriority())
+            return a->getPriority() < b->getPriority();
+        return std::less<>()(b, a);
+    }
 };
 
 // The times after which a thief gives the processor away between attempts, and gives up, in milliseconds.
