@@ -86,9 +86,10 @@ TEST_F(EntityStoragePlainTest, DestroysAsAStorageThatIsWatched) {
         EXPECT_EQ(one->size(), other->size());
         EXPECT_EQ(one->getLogicalSize(), other->getLogicalSize());
         EXPECT_EQ(one->getRevision(), other->getRevision()) << one->getName().str();
-        if (one != m_storage->getInstanceBuffer())
-            EXPECT_EQ(std::memcmp(one->getPtr(), other->getPtr(), one->size() * one->getElementSize()), 0)
-                << one->getName().str();
+        if (one == m_storage->getInstanceBuffer())
+            continue;
+        EXPECT_EQ(std::memcmp(one->getPtr(), other->getPtr(), one->size() * one->getElementSize()), 0)
+            << one->getName().str();
     }
     EXPECT_EQ(m_storage->getIdToIndexBuffer()->getRevision(), watched->getIdToIndexBuffer()->getRevision());
     watched->getSizeValue()->updateEvent.disconnect(id);
