@@ -28,14 +28,14 @@ namespace zel {
 verifyFailed(const char* file, unsigned line, const char* expression);
 
 /// What a failed zelVerifyN does.
-[[noreturn, gnu::format(printf, 4, 5)]] ZEL_CORE_API void
+[[noreturn, gnu::cold, gnu::format(printf, 4, 5)]] ZEL_CORE_API void
 verifyFailed(const char* file, unsigned line, const char* expression, const char* format, ...);
 
 /// What zelAbort does without a message.
 [[noreturn, gnu::cold]] ZEL_CORE_API void abortAt(const char* file, unsigned line);
 
 /// What zelAbort does with a message.
-[[noreturn, gnu::format(printf, 3, 4)]] ZEL_CORE_API void
+[[noreturn, gnu::cold, gnu::format(printf, 3, 4)]] ZEL_CORE_API void
 abortAt(const char* file, unsigned line, const char* format, ...);
 
 } // namespace zel
