@@ -171,7 +171,7 @@ public:
     /// Makes this task start after another one has finished, whenever both belong to one run. A loop, also
     /// one through groups, ends the process: "Detected dependency loop between %s and %s".
     void addDependency(Task* task);
-    /// The same for a task that is looked up at the next rebind, and at each one until it is there.
+    /// The same for a task that is looked up at each rebind until it is there. An empty path is ignored.
     void addDependency(const Path& path);
     /// Executes this task at each update of the value that the path names; or, if it names a clock, makes it
     /// one of the clock's frame tasks. Looked up at the next rebind.

@@ -168,7 +168,8 @@ Task::Paths& Task::paths() {
 }
 
 void Task::addDependency(const Path& path) {
-    paths().dependencies.push_back(path);
+    if (!path.empty())
+        paths().dependencies.push_back(path);
 }
 
 void Task::addTriggerPath(const Path& path) {

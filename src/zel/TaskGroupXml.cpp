@@ -62,8 +62,9 @@ void TaskGroup::configureChildren(TiXmlElement* element) {
 
 void TaskGroup::configureDependency(TiXmlElement* element) {
     const auto find = [&](const char* attribute) {
-        return dynamic_cast<Task*>(
-            getResource(Path(parseAttribute<String>(element, attribute)), Task::ClassModel()));
+        const Path path(parseAttribute<String>(element, attribute));
+        // An empty path would lead to the group itself.
+        return path.empty() ? nullptr : dynamic_cast<Task*>(getResource(path, Task::ClassModel()));
     };
     Task* parent = find("parent");
     if (parent == nullptr)

@@ -143,6 +143,13 @@ TEST_F(TaskXmlTest, ExecutesWhatDispatchNames) {
     EXPECT_EQ(order(), "a");
 }
 
+TEST_F(TaskXmlTest, AnEmptyDependencyIsNone) {
+    const ref_ptr<TaskGroup> group(new TaskGroup("g"));
+    configure(group.get(), "<TaskGroup name='g'><TestNoting name='a' depends=''/></TaskGroup>");
+    group->execute();
+    EXPECT_EQ(order(), "a");
+}
+
 TEST_F(TaskXmlTest, RefusesBadElements) {
     EXPECT_THAT(failure("<TaskGroup/>"), HasSubstr("XML error: Must specify a name for the task!"));
     EXPECT_THAT(failure("<TaskGroup name='g' wait='x'/>"),
@@ -157,6 +164,9 @@ TEST_F(TaskXmlTest, RefusesBadElements) {
     EXPECT_THAT(
         failure("<TaskGroup name='g'><TestNoting name='a'/><dependency parent='a' child='x'/></TaskGroup>"),
         HasSubstr("XML error: Could not find dependency child node 'x'"));
+    EXPECT_THAT(
+        failure("<TaskGroup name='g'><TestNoting name='a'/><dependency parent='' child='a'/></TaskGroup>"),
+        HasSubstr("XML error: Could not find dependency parent node ''"));
     EXPECT_THAT(failure("<TaskGroup name='g'><TestNoting name='a'/><dependency parent='a'/></TaskGroup>"),
                 HasSubstr("XML error: "));
     for (const char* tag : {"Value", "Pointer", "Buffer", "Storage", "HashTable"})
