@@ -109,8 +109,10 @@ bool FunctionValue::follows(const zel::Object* object, const Value* other) {
     while (!open.empty()) {
         const zel::Object* next = open.back();
         open.pop_back();
-        if (const auto* parameter = dynamic_cast<const zel::ScalarParameter*>(next))
-            next = parameter->getValue();
+        while (const auto* parameter = dynamic_cast<const zel::Parameter*>(next)) {
+            const auto* const scalar = dynamic_cast<const zel::ScalarParameter*>(parameter);
+            next = scalar == nullptr ? parameter->getBinding() : scalar->getValue();
+        }
         for (const auto* value = dynamic_cast<const Value*>(next); value != nullptr;
              value = value->getBinding()) {
             if (value == other)

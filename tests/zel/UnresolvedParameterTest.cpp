@@ -210,3 +210,14 @@ TEST_F(UnresolvedParameterDeathTest, MisfitsEndTheProcess) {
     EXPECT_DEATH(text->bind(static_cast<Object*>(value)),
                  "top.task.t: Can not bind parameter of type String to value of type Real \\(path: top.v\\)");
 }
+
+TEST_F(UnresolvedParameterTest, CanNotFollowAFunctionOfItself) {
+    EXPECT_THAT(zelTest::whatOf([&] { load("<Value instance='w' value='Math.Add(@w, 1)'/>"); }),
+                HasSubstr("The function depends on its own result"));
+}
+
+TEST_F(UnresolvedParameterTest, CanNotFollowAFunctionOfOneThatFollowsIt) {
+    const auto x = load("<Value instance='x' value='Math.Add(@w, 1)'/>");
+    EXPECT_THAT(zelTest::whatOf([&] { load("<Value instance='w' value='Math.Add(@x, 1)'/>"); }),
+                HasSubstr("The function depends on its own result"));
+}
