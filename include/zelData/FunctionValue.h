@@ -39,8 +39,8 @@ public:
     /// @throws what the function throws; std::runtime_error if the result changes an argument
     void parameterUpdateCallback(zel::Parameter* parameter);
 
-    /// Whether the object, a value or a scalar parameter, is the other value, or follows it: by bindings, and
-    /// as the result of functions with arguments that do.
+    /// Whether the object, a value or a parameter that is bound to one, is the other value, or follows it: by
+    /// bindings, and as the result of functions with arguments that do.
     [[nodiscard]] static bool follows(const zel::Object* object, const Value* other);
 
     [[nodiscard]] zel::UnresolvedTask* getProxy() const noexcept { return m_proxy.get(); }
