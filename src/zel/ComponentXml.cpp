@@ -14,7 +14,6 @@
 
 #include <tinyxml.h>
 
-#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -66,9 +65,7 @@ void explainMissing(const Path& path) {
         ZEL_LOG_WARNING("The file '" << file << "' gives no component '" << path.back() << "'");
         return;
     }
-    file = path.str();
-    std::replace(file.begin(), file.end(), Path::Separator, '/');
-    ZEL_LOG_WARNING("Looked for '" << file << ".zelComponent'" << describeSearchPlaces());
+    ZEL_LOG_WARNING("Looked for '" << toFileName(path) << ".zelComponent'" << describeSearchPlaces());
 }
 
 /// The element of the document that describes the model.

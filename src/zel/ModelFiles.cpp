@@ -1,5 +1,6 @@
 #include "KnownAttributes.h"
 #include "ModelCleanup.h"
+#include "SearchPlaces.h"
 
 #include <zel/Exception.h>
 #include <zel/HashSet.h>
@@ -128,9 +129,7 @@ bool Model::getDiskPath(const Path& path, String& result, Path& remainder, const
         return false;
     remainder = Path();
     for (Path prefix = path; !prefix.empty(); prefix = prefix.base()) {
-        String relative = prefix.str();
-        std::replace(relative.begin(), relative.end(), Path::Separator, '/');
-        result = findInSearchPaths(relative + "." + category);
+        result = findInSearchPaths(toFileName(prefix) + "." + category);
         if (!result.empty())
             return true;
         remainder = Path(prefix.back()) + remainder;

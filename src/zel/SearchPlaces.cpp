@@ -5,7 +5,15 @@
 #include <zelIO/FilePathContainer.h>
 #include <zelIO/FileSystem.h>
 
+#include <algorithm>
+
 namespace zel {
+
+String toFileName(const Path& path) {
+    String name(path.str());
+    std::replace(name.begin(), name.end(), Path::Separator, '/');
+    return name;
+}
 
 String describeSearchPlaces() {
     String text = ", also below 'Components/zel' and 'Components', in the directories of ZEL_PLUGIN_PATH and "

@@ -102,8 +102,7 @@ void UnresolvedTask::explainFailure() {
             break;
     }
     if (!found) {
-        String file(m_implementationName.str());
-        std::replace(file.begin(), file.end(), Path::Separator, '/');
+        const String file = toFileName(m_implementationName);
         text << "\nLooked for '" << TaskManager::getPluginPath(m_implementationName) << "', '" << file
              << ".zelKernel' and '" << file << ".zelTask'";
         if (!m_proxyPath.empty())
