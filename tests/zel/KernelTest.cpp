@@ -19,6 +19,7 @@
 
 #include <tinyxml.h>
 
+#include <algorithm>
 #include <atomic>
 #include <limits>
 #include <stdexcept>
@@ -81,6 +82,16 @@ TiXmlElement element(const std::string& text) {
 }
 
 } // namespace
+
+TEST_F(KernelTest, OneThreadRunsTheRangesInTheirOrder) {
+    std::vector<size_t> begins;
+    const auto task =
+        kernel([&begins](const RangeJob& range) { begins.push_back(range.getRange().begin()); });
+    dispatch(*task, 100'000, 1);
+    EXPECT_EQ(begins.size(), task->getJobs().size());
+    EXPECT_GT(begins.size(), 10U);
+    EXPECT_TRUE(std::is_sorted(begins.begin(), begins.end()));
+}
 
 TEST_F(KernelTest, IsATaskOnTheCpuWithTheDefaultsTold) {
     const auto task = kernel();
