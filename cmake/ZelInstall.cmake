@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 set(ZEL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zelCore)
 set(ZEL_INSTALL_DATADIR ${CMAKE_INSTALL_DATADIR}/zelCore)
 
-install(TARGETS zelCore EXPORT zelCoreTargets
+install(TARGETS zelCorePackage EXPORT zelCoreTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
 # The sources of plug-ins stay at home, those of the entities' classes are used by programs.
@@ -21,5 +21,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfigVersio
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfigVersion.cmake
         DESTINATION ${ZEL_INSTALL_CMAKEDIR})
 
+# The package may be moved as a whole: its prefix is counted from where the .pc file lies.
+file(RELATIVE_PATH ZEL_PREFIX_FROM_PC ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zelCore.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelCore.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelCore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -5,14 +5,19 @@ script/bootstrap
 
 jobs="${ZEL_JOBS:-$(nproc)}"
 
+# Configures a preset where that has not been done: configure_preset NAME
+configure_preset() {
+    [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >"/tmp/zel-configure-$1.$$.log" 2>&1 || {
+        cat "/tmp/zel-configure-$1.$$.log"
+        return 1
+    }
+    rm -f "/tmp/zel-configure-$1.$$.log"
+}
+
 # Configures and builds a preset: build_preset NAME [TARGET...]
 build_preset() {
     local preset=$1
     shift
-    [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >"/tmp/zel-configure-$preset.$$.log" 2>&1 || {
-        cat "/tmp/zel-configure-$preset.$$.log"
-        return 1
-    }
-    rm -f "/tmp/zel-configure-$preset.$$.log"
+    configure_preset "$preset"
     cmake --build --preset "$preset" -j "$jobs" ${1:+--target "$@"}
 }

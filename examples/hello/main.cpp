@@ -11,7 +11,7 @@ int main() {
     zelCore::init();
     int result = 0;
     try {
-        // The root comes from Components/zel/Root.zelComponent, which is found through ZEL_PLUGIN_PATH.
+        // The root comes from Components/zel/Root.zelComponent, which lies with the library.
         zel::Component* root = zel::root();
         root->addObject(new zel::Component("greeting", zel::Component::ClassModel()));
         std::cout << zelCore::zelGetLibraryName() << ' ' << zelCore::zelGetVersion(true) << '\n';

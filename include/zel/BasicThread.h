@@ -2,11 +2,11 @@
 
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/LockRank.h>
 
 #include <pthread.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 namespace zel {
@@ -68,8 +68,8 @@ private:
     }
 
     std::thread m_thread;
-    std::atomic<State> m_state{State::NotStarted}; // written by the owner and the new thread
-    std::mutex m_startMutex;                       // held by start() until m_thread is set
+    std::atomic<State> m_state{State::NotStarted};   // written by the owner and the new thread
+    RankedMutex<LockRank::ThreadStart> m_startMutex; // held by start() until m_thread is set
 };
 
 } // namespace zel

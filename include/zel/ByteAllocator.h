@@ -27,6 +27,14 @@ public:
         return standaloneAllocateBytes(size, alignment);
     }
 
+    /// The same for a caller that can do without.
+    /// @return null also where there is no such memory
+    [[nodiscard]] static void* tryAllocateBytes(size_t size, size_t alignment = DefaultAlignment);
+    /// Lets one call of tryAllocateBytes find no memory, to see what a program does then: the next one for 0,
+    /// and so on. Goes back to NoFailure with that call. A debug switch as those above.
+    static constexpr uint64 NoFailure = ~uint64{0};
+    static uint64 triesUntilFailure;
+
     /// Releases a block of allocateBytes; null is ignored. The size is used for the debug fill alone.
     void deallocateBytes(void* pointer, size_t size);
 

@@ -25,7 +25,9 @@ namespace zel {
 /// A clock may follow another one, its master: it then ticks by an event of the master's, and its frame's
 /// tasks run with the master's.
 ///
-/// Callbacks may add, remove and change any event, and any setting of the clock.
+/// Callbacks may add, remove and change any event, and any setting of the clock, and may let go of the clock,
+/// which then stays until its tick has ended. After one that throws, the events keep their turns: the next
+/// tick goes on with what is left of the frame.
 /// @threads one thread ticks and changes a clock; the tasks run on the threads of the pool
 /// @cost tick: the tasks, and the events that are due, however many are scheduled; nothing is allocated once
 ///     the tables have grown
@@ -70,20 +72,26 @@ public:
     /// Sets time and frame to zero; each event waits for its start delay anew.
     void reset();
 
+    // The child values take what these take, and refuse what they refuse, with the same warning: a value goes
+    // back to what it was. One that is bound to another keeps its binding, and the clock goes on with the
+    // last number that was good.
+
     void setTime(double time);
     /// Every scheduled event keeps its distance.
     void setFrame(size_t frame);
-    /// @param frequency  above 0; anything else is refused with a warning
+    /// @param frequency  finite and above 0; anything else is refused with a warning
     void setFrequency(double frequency);
-    /// Sets the frequency that makes this step. A step not above 0 is refused with a warning.
+    /// Sets the frequency that makes this step.
+    /// @param timeStep  finite and above 0; anything else is refused with a warning
     void setTimeStep(double timeStep);
+    /// @param modulation  finite and above 0; anything else is refused with a warning
     void setTimeModulation(double modulation);
 
     [[nodiscard]] double getTime() const { return m_time.get(); }
     [[nodiscard]] size_t getFrame() const { return m_frame.get(); }
-    [[nodiscard]] double getFrequency() const { return m_frequency.get(); }
-    [[nodiscard]] double getTimeStep() const { return m_timeStep.get(); }
-    [[nodiscard]] double getTimeModulation() const { return m_timeModulation.get(); }
+    [[nodiscard]] double getFrequency() const noexcept { return m_presentFrequency; }
+    [[nodiscard]] double getTimeStep() const noexcept { return m_presentTimeStep; }
+    [[nodiscard]] double getTimeModulation() const noexcept { return m_presentModulation; }
     /// Modulation over frequency.
     [[nodiscard]] double calculateTimestep() const;
 
@@ -95,7 +103,8 @@ public:
     bool removeEvent(Event* event);
     /// Schedules the event one interval after its last dispatch.
     void schedule(Event* event);
-    /// @param delay  in seconds; less than a step is one frame
+    /// @param delay  in seconds; less than a step is one frame. What is not a number is refused with a
+    /// warning
     void schedule(Event* event, double delay);
     /// Takes the event off the schedule; it stays with the clock.
     void unschedule(Event* event);
@@ -117,7 +126,8 @@ public:
     bool removeFrameJob(Job* job);
 
     /// Lets the other clock tick with this one, at its own frequency. Its tasks join those of this clock's
-    /// next frame.
+    /// next frame. One that is faster than this clock ticks once a frame and falls behind, of which a warning
+    /// tells, now and when the timing of one of the two changes.
     void addSlave(Clock* clock);
     /// @return whether it was a slave of this clock
     bool removeSlave(Clock* clock);
@@ -138,6 +148,16 @@ public:
     EventT<Callback1<Clock*>> postTick;
 
 protected:
+    /// Holds a clock while it is at work: a callback may take the last reference to it. One that nobody
+    /// counts is its owner's.
+    class Keep {
+    public:
+        explicit Keep(Clock& clock) : m_clock(clock.referenceCount() > 0 ? &clock : nullptr) {}
+
+    private:
+        ref_ptr<Clock> m_clock;
+    };
+
     void configureChildren(TiXmlElement* element) override;
 
 private:
@@ -161,13 +181,21 @@ private:
         Clock& m_owner;
     };
 
+    void followFrequency();
+    void followModulation();
+    void followTimeStep();
+    void followFrame();
     void updateTimeStep();
+    /// Warns of a master that ticks less often.
+    void warnOfSlowMaster() const;
     void slaveTick();
     /// Whether the other clock is this one or a master above it.
     [[nodiscard]] bool follows(const Clock* clock) const noexcept;
     void collectFrame();
     void runFrame();
     void dispatchEvents();
+    /// What becomes of an event that was due, after its callbacks.
+    void finishDispatch(Event* event);
     /// Takes the list of the present frame off the schedule.
     void collectDue();
     void link(Event* event);
@@ -184,6 +212,11 @@ private:
     zelData::Val<double> m_timeModulation;
     zelData::Val<double> m_timeStep;
     zelData::Val<uint64> m_frame;
+    // What the values held when they were last good, which the clock goes by.
+    double m_presentFrequency;
+    double m_presentModulation = 1;
+    double m_presentTimeStep;
+    uint64 m_presentFrame = 0;
     HashTable<uint64, uint32> m_schedule; // the slot at the head of the list of each frame
     VectorPOD<Slot> m_slots;
     uint32 m_freeSlot = NoSlot; // head of the list of those not in use
@@ -221,13 +254,16 @@ public:
     virtual void stop();
     virtual void reset();
 
+    // What is not a number is refused, with a warning, also by the child values. What is infinite waits for
+    // ever.
+
     /// Schedules the event anew.
     void setStartDelay(double delay);
     void setInterval(double interval);
     void setRepeating(bool repeating);
     void setEnable(bool enable);
-    [[nodiscard]] double getStartDelay() const { return m_startDelay.get(); }
-    [[nodiscard]] double getInterval() const { return m_interval.get(); }
+    [[nodiscard]] double getStartDelay() const noexcept { return m_presentStartDelay; }
+    [[nodiscard]] double getInterval() const noexcept { return m_presentInterval; }
     [[nodiscard]] bool isRepeating() const { return m_repeating.get(); }
     [[nodiscard]] bool isEnabled() const { return m_enabled.get(); }
 
@@ -273,6 +309,7 @@ private:
     uint64 m_dispatchFrame = 0;
     double m_residual = 0;
     double m_presentInterval = 0;
+    double m_presentStartDelay = 0;
 
     zelData::Val<double> m_startDelay;
     zelData::Val<double> m_interval;

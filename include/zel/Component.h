@@ -19,11 +19,15 @@ class ComponentVisitor;
 /// may be empty, and those chain as well.
 ///
 /// Adding and removing fires events here and in each component above. While rebinding is enabled, both look
-/// up anew what the changed objects refer to.
+/// up anew what the changed objects refer to. Callbacks may change the tree in any way, and let go of the
+/// objects that are being added and of the component itself. An event that they have made untrue is not told
+/// further up. An exception from a callback or a rebind comes out of the change, which stands.
 /// @threads owner thread; tasks of other threads may read while the tree is not changed
 /// @cost addObject and findObject O(1) in the number of children; removeObject O(children)
 class ZEL_CORE_API Component : public Object {
 public:
+    using TreeEvent = EventT<Callback2<Component*, Object*>>;
+
     explicit Component(const Name& name = Name(), Model* model = nullptr, Device* device = nullptr);
     ~Component() override;
 
@@ -48,6 +52,8 @@ public:
     /// Lets the index-th child of the name go.
     /// @return whether there was one
     bool removeObject(const Name& name, size_t index);
+    /// Lets all children go, the last one first. Each goes, also where a callback throws; the first exception
+    /// comes out at the end. What callbacks add meanwhile stays.
     void removeAllObjects();
 
     /// @param model  the class that the child must be of; null for any. Children without a model fit only
@@ -60,7 +66,8 @@ public:
     /// Appends the children of the class, all for a null model.
     void getObjects(Vector<Object*>& objects, Model* model = nullptr) const;
 
-    /// Calls the callback on this component and everything below, parents first.
+    /// Calls the callback on this component and everything below, parents first. Children that callbacks add
+    /// to a component under way are not visited, those that they remove neither.
     void traverse(const Callback1<Object*>& callback);
     /// Lets the visitor visit the children; not this component itself.
     void traverse(ComponentVisitor* visitor);
@@ -91,9 +98,9 @@ public:
     void configure(Model* model);
 
     /// Fires when an object enters this component or any below; the component is the object's parent.
-    EventT<Callback2<Component*, Object*>> addObjectEvent;
+    TreeEvent addObjectEvent;
     /// Fires when an object leaves; it is still alive.
-    EventT<Callback2<Component*, Object*>> removeObjectEvent;
+    TreeEvent removeObjectEvent;
 
 protected:
     /// Whether the rebind under way on this thread is that of a subtree that has left its component: paths
@@ -101,6 +108,8 @@ protected:
     [[nodiscard]] static bool isDetaching() noexcept;
 
 private:
+    friend class Object; // renames
+
     /// The children of one name, linked through Object::m_nextSibling.
     struct Chain {
         Object* head = nullptr;
@@ -110,8 +119,11 @@ private:
     [[nodiscard]] Chain* findChain(const Name& name) const;
     void link(Object* object);
     void unlink(Object* object);
-    void trigger(EventT<Callback2<Component*, Object*>> Component::*event, Object* object);
-    void detach(const ref_ptr<Object>& object);
+    void rename(Object* object, const Name& name);
+    [[nodiscard]] bool liesWithin(const Object* object) const;
+    void trigger(TreeEvent Component::*event, Object* object);
+    void removeAt(size_t index);
+    void detach(Object* object);
     void configureChild(TiXmlElement* child);
 
     Device* m_device = nullptr; // counted

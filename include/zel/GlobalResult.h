@@ -3,6 +3,7 @@
 #include <zel/Export.h>
 #include <zel/Integers.h>
 #include <zel/InvalidIndex.h>
+#include <zel/LockRank.h>
 #include <zel/Object.h>
 #include <zel/Path.h>
 #include <zel/Range.h>
@@ -13,7 +14,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 namespace zel {
 
@@ -168,7 +168,7 @@ private:
     alignas(64) std::atomic<uint32> m_numTransactions{0};
     std::atomic<uint32> m_numCompletedTransactions{0};
     uint64 m_numOverflows = 0; // guarded by m_mutex while the task runs
-    mutable std::mutex m_mutex;
+    mutable RankedMutex<LockRank::GlobalResult> m_mutex;
     double m_capacityEstimate = 0;
     Vector<IndexRange> m_sortingTable; // each job writes its own entry
     std::atomic<bool> m_isSorted{false};

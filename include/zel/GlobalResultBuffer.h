@@ -25,6 +25,9 @@ public:
     void sortResult(const zelData::Array<unsigned>& permutation) override;
 
     [[nodiscard]] zelData::Buffer* getTarget() const noexcept { return m_target.get(); }
+    /// The size of the buffer ahead of the run, in units of its element array size: from prepare on it has
+    /// room for what is expected.
+    [[nodiscard]] uint64 getOldNumEntries() const { return m_oldSize / arraySize(); }
 
 private:
     [[nodiscard]] uint64 arraySize() const;

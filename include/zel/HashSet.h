@@ -80,7 +80,7 @@ public:
     /// No key lies at a probe number of this or above.
     static constexpr uint64 ProbeLimit = 11;
     /// A table with fewer than one key in so many slots does not grow for want of a place.
-    static constexpr uint64 SparseLoad = 256;
+    static constexpr uint64 SparseLoad = 64;
 
     /// A position in the table: a slot index. Dereferencing gives the key of a filled slot.
     class const_iterator {
@@ -159,8 +159,9 @@ public:
 
     /// Inserts the key, or overwrites the equal key that is there already.
     /// @return the key's position
-    /// @throws std::length_error if too many keys have the same or neighbouring hashes: no size could part
-    /// them
+    /// @throws std::runtime_error if too many keys have the same or neighbouring hashes, so that no table of
+    /// a sensible
+    ///     size could part them; the set stays as it is
     const_iterator insert(Key key) {
         const uint32 hash = Hash()(key);
         return insertHashed(std::move(key), hash);
@@ -227,7 +228,11 @@ public:
     }
 
     /// Moves all keys to a fresh table of nextPrime(capacity or 1) slots; deleted slots vanish.
+    /// @throws std::runtime_error, as insert, and for more slots than memory can be addressed
     [[gnu::noinline]] void rebuild(uint64 capacity) {
+        if (capacity > MaxCapacity)
+            throw std::runtime_error("HashSet: memory has no room for " + std::to_string(capacity) +
+                                     " slots");
         // No key is moved before it is certain that there is a place for all.
         verifyPlaces(nextPrime(capacity == 0 ? uint64{1} : capacity));
         moveTo(capacity);
@@ -235,6 +240,8 @@ public:
 
 private:
     static constexpr uint64 NoSlot = ~uint64{0};
+    /// Slots for 47 bits of addresses.
+    static constexpr uint64 MaxCapacity = (uint64{1} << 47) / sizeof(Slot);
     /// How many slots ahead a rebuild fetches the places of the keys.
     static constexpr uint64 PrefetchDistance = 32;
 
@@ -341,6 +348,7 @@ private:
             }
             const auto doubled = static_cast<uint64>(2.0 * static_cast<double>(m_capacity));
             if constexpr (Refuses) {
+                verifyNotSameHash(hash);
                 verifyNotSparse(m_capacity);
                 rebuild(doubled);
             } else {
@@ -397,11 +405,26 @@ private:
         return true;
     }
 
+    /// Keys of one hash have the same places in a table of any size: to grow would not help.
+    void verifyNotSameHash(uint32 hash) const {
+        if (m_capacity <= (ProbeLimit - 1) * (ProbeLimit - 1))
+            return; // the places may coincide
+        const uint64 home = m_modulo(hash);
+        for (uint64 p = 0; p < ProbeLimit; ++p)
+            if (hashOf(m_table[probe(home, p)]) != hash)
+                return;
+        throw std::runtime_error("HashSet: more than " + std::to_string(ProbeLimit) +
+                                 " keys have the same hash, and no table has a place for the next");
+    }
+
     /// Where hashes are spread, a table this empty has a place for any key. Where they are not, as those of
     /// texts made for the purpose, it would grow until memory runs out.
     void verifyNotSparse(uint64 capacity) const {
         if (m_size < capacity / SparseLoad)
-            throw std::length_error("HashSet: too many keys with neighbouring hashes");
+            throw std::runtime_error(
+                "HashSet: no place for a key among " + std::to_string(m_size) + " in " +
+                std::to_string(capacity) +
+                " slots, since the hashes of too many are the same or next to each other");
     }
 
     void allocate(uint64 capacity) {

@@ -26,7 +26,8 @@ protected:
     ~CallbackRecord() = default;
 
     void unlink(CallbackRecord*& first) noexcept;
-    static void trigger(const CallbackRecord* first);
+    /// Hands each function to `call`; records may end meanwhile.
+    static void trigger(const CallbackRecord* first, void (*call)(void (*function)()));
 
 private:
     void (*m_function)();
@@ -51,7 +52,8 @@ class ZEL_CORE_API ShutdownCallback : private detail::CallbackRecord {
 public:
     explicit ShutdownCallback(void (*function)()) noexcept;
     ~ShutdownCallback();
-    /// Calls all functions, newest registration first.
+    /// Calls all functions, newest registration first. What one throws is told on std::cerr, and the next one
+    /// is called.
     static void triggerShutdown();
 };
 

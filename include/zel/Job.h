@@ -115,6 +115,15 @@ protected:
     /// @return the tick at which the work was done
     uint64 executeAt(uint64 startTick, VectorPOD<Job*>& localJobs, Thread* thread);
 
+    /// Appends each dependent that may run now.
+    void resolveDependents(VectorPOD<Job*>& localJobs);
+
+    // One side of an edge alone, for the time of a run that the job at the other side is no part of.
+
+    /// @return whether there was such an edge
+    bool suspendDependent(const Job* job);
+    void resumeDependent(Job* job) { m_dependents.push_back(job); }
+
     Callback m_spawnCallback;
     const char* m_name;
     VectorPOD<Job*> m_dependents;

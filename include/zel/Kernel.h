@@ -7,6 +7,8 @@
 
 namespace zel {
 
+class GlobalResultBuffer;
+
 /// A task over a range of work items, such as the entities of a storage, which its dispatch cuts into jobs.
 ///
 /// Four values say how: children of the kernel that model files may set and bind,
@@ -33,7 +35,7 @@ public:
     /// Reads the four attributes alone.
     /// @throws std::runtime_error with file and row
     void configureDispatch(TiXmlElement* element);
-    /// As Task::rebind; the number of work items is looked for anew in the next run.
+    /// As Task::rebind; also forgets where the number of work items is.
     void rebind() override;
     void parameterAddedCallback(Parameter* parameter) override;
     void parameterRemovedCallback(Parameter* parameter) override;
@@ -52,7 +54,8 @@ public:
     [[nodiscard]] size_t getCostPerElement() const { return m_costPerElement.get(); }
 
     /// Takes the number of work items from the first parameter that is an array or a storage; without such a
-    /// parameter it is a value of the kernel's own, which setNumWorkItems sets.
+    /// parameter it is a value of the kernel's own, which setNumWorkItems sets. Done by each run, ahead of
+    /// its dispatch.
     void locateNumWorkItemsValue();
     /// Null until it has been located.
     [[nodiscard]] zelData::ValueT<uint64>* getNumWorkItemsValue() const noexcept {
@@ -68,16 +71,20 @@ public:
     [[nodiscard]] static Task* load(TiXmlElement* element, Device* device);
 
 protected:
-    /// The number of items of this run, located if need be.
+    /// The number of items of this run. A result that the run makes counts as it was ahead of the run.
     [[nodiscard]] size_t countWorkItems();
 
 private:
+    /// The result of the run that takes the place of the buffer; null if the buffer is none.
+    [[nodiscard]] const GlobalResultBuffer* findResult(const zelData::Buffer* buffer) const;
+
     ref_ptr<zelData::ValueT<uint64>> m_numWorkItems;
     zelData::Val<uint64> m_numJobsPerThread;
     zelData::Val<uint64> m_minJobSize;
     zelData::Val<uint64> m_maxJobSize;
     zelData::Val<uint64> m_costPerElement;
     ref_ptr<zelData::ValueT<uint64>> m_ownNumWorkItems; // made on demand
+    const zelData::Buffer* m_itemBuffer = nullptr;      // whose size it is; for the dispatch alone
 };
 
 } // namespace zel

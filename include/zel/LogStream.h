@@ -29,9 +29,10 @@ public:
     ~LogStream() override;
 
     /// Opens a file for writing and closes an open one; a missing directory is made.
+    /// @param append  whether what is written follows what the file holds; otherwise it begins anew
     /// @return false, with the stream's failbit set, if the file cannot be opened
-    bool open(const std::string& name);
-    /// Failing to write the rest of the file sets the failbit.
+    bool open(const std::string& name, bool append = false);
+    /// Finishes the pending line, if any. Failing to write the rest of the file sets the failbit.
     void close();
     /// Finishes the pending line, if any, and flushes the file.
     void flush();

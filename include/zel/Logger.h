@@ -30,7 +30,9 @@ public:
     ~Logger() override;
 
     /// Opens a log file and writes the header: time, version, build and hardware.
-    /// @param overwrite     replace an old file of that name; otherwise "-0001" and so on is added to the
+    /// @param overwrite     replace an old file of that name, unless this process wrote it, which then goes
+    /// on behind
+    ///     what it holds; otherwise "-0001" and so on is added to the
     /// name's
     ///     stem, the first number without a file, and 9999 is overwritten
     /// @param closeAndOpen  whether an open log file is closed; otherwise nothing is done if there is one
@@ -39,11 +41,19 @@ public:
     [[nodiscard]] std::string getLogFilename() const;
     void setLogNotifyLevel(Notify::NotifyLevel level);
 
+    /// Makes the logger of a new session, with what the environment says. One that a message made while the
+    /// last session went down, when it kept what the program had set, reads it again.
+    static void beginSession();
+
 private:
     Logger();
+    void readEnvironment();
     void openLogFromEnvironment();
 
+    bool m_keepsSettings; // made while a session went down
+
     static Logger* s_instance;
+    static bool s_sessionOver;
 };
 
 } // namespace zel

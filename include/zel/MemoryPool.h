@@ -2,8 +2,9 @@
 
 #include <zel/BatchAllocator.h>
 #include <zel/Export.h>
+#include <zel/HashSet.h>
 #include <zel/Integers.h>
-#include <zel/Vector.h>
+#include <zel/Verify.h>
 
 #include <algorithm>
 #include <memory>
@@ -54,16 +55,27 @@ public:
         return element;
     }
 
-    /// @param element  of this pool; null is ignored
+    /// @param element  of this pool, and alive; null is ignored. Builds without NDEBUG verify that it is none
+    /// of
+    ///     those that were given back last.
     void deallocate(T* element) {
         if (element == nullptr)
             return;
+        if (m_destroyed != nullptr) {
+            destroyOnce(element);
+            return;
+        }
+        if constexpr (LooksForTwice)
+            zelVerifyN(!isFree(element),
+                       "MemoryPool: the element %p was given back twice",
+                       static_cast<const void*>(element));
         std::destroy_at(element);
         putBack(element);
         --m_numElements;
     }
 
-    /// Destroys all elements that live. The pool then has one chunk that would have held all places.
+    /// Destroys all elements that live; their destructors may give other elements back. The pool then has one
+    /// chunk that would have held all places.
     void clear() {
         if (m_numElements != 0)
             destroyElements();
@@ -77,6 +89,12 @@ public:
     [[nodiscard]] const BatchAllocator& getAllocator() const noexcept { return m_allocator; }
 
 private:
+#ifdef NDEBUG
+    static constexpr bool LooksForTwice = false;
+#else
+    static constexpr bool LooksForTwice = true;
+#endif
+
     /// Lies in the place of a freed element.
     struct FreePlace {
         FreePlace* next;
@@ -93,23 +111,42 @@ private:
         return place;
     }
 
-    void putBack(void* place) noexcept { m_free = ::new (place) FreePlace{m_free}; }
+    void putBack(void* place) noexcept {
+        m_free = ::new (place) FreePlace{m_free};
+    }
 
-    /// Every place of a chunk up to its cursor holds an element, but for those on the free list.
+    /// Whether the element is among the places that were freed last; all of them would take too long.
+    [[nodiscard]] bool isFree(const void* element) const noexcept {
+        const FreePlace* place = m_free;
+        for (int i = 0; i < 256 && place != nullptr && place != element; ++i)
+            place = place->next;
+        return place != nullptr && place == element;
+    }
+
+    /// Every place of a chunk up to its cursor holds an element, but for those on the free list. A destructor
+    /// may give back elements whose turn has been or is still to come.
     void destroyElements() {
-        Vector<const void*> freed;
+        HashSet<const void*> destroyed;
         for (const FreePlace* place = m_free; place != nullptr; place = place->next)
-            freed.push_back(place);
-        std::sort(freed.begin(), freed.end());
+            destroyed.insert(place);
+        m_destroyed = &destroyed;
         for (const auto* chunk = m_allocator.getNewestChunk(); chunk != nullptr; chunk = chunk->older)
             for (char* place = chunk->begin; place != chunk->cursor; place += Stride)
-                if (!std::binary_search(freed.begin(), freed.end(), static_cast<const void*>(place)))
-                    std::destroy_at(std::launder(reinterpret_cast<T*>(place)));
+                destroyOnce(std::launder(reinterpret_cast<T*>(place)));
+        m_destroyed = nullptr;
+    }
+
+    void destroyOnce(T* element) {
+        if (m_destroyed->contains(element))
+            return;
+        m_destroyed->insert(element);
+        std::destroy_at(element);
     }
 
     BatchAllocator m_allocator;
     FreePlace* m_free = nullptr;
     size_t m_numElements = 0;
+    HashSet<const void*>* m_destroyed = nullptr; // while all are cleared: the places without an element
 };
 
 } // namespace zel

@@ -3,16 +3,18 @@
 #include <zel/Callback.h>
 #include <zel/Component.h>
 #include <zel/Export.h>
+#include <zel/LockRank.h>
 #include <zel/Path.h>
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
+#include <zelIO/Environment.h>
 
 #include <atomic>
-#include <mutex>
 
 namespace zel {
 
 class Namespace;
+struct ModelFile;
 
 /// The description of a class or data type at run time. Models form a tree of namespaces, and link to the
 /// model that they inherit from, their source. A model is built into the library (a class model) or comes
@@ -47,7 +49,12 @@ public:
     void setImplementationName(const Name& name) { m_implementationName = name; }
     /// The file that the model came from; empty for class models.
     [[nodiscard]] const String& getSourcePath() const noexcept { return m_sourcePath; }
-    void setSourcePath(const String& path) { m_sourcePath = path; }
+    /// The row of that file in which the model's element begins; 0 if that is not known.
+    [[nodiscard]] int getSourceRow() const noexcept { return m_sourceRow; }
+    void setSourcePath(const String& path, int row = 0) {
+        m_sourcePath = path;
+        m_sourceRow = row;
+    }
 
     /// The names of the namespaces and the model, joined by ":".
     [[nodiscard]] String fullName() const;
@@ -74,24 +81,30 @@ public:
     /// The same by the full path.
     [[nodiscard]] static Model* getModel(const String& path);
     [[nodiscard]] static Model* getModel(const char* path);
-    /// The model that a top-level element of a model file describes; Component::ClassModel() for other
-    /// elements.
+    /// The model that an element describes: of a top-level element of a model file the one that was made from
+    /// it, of an element with a source that of the source, of others Component::ClassModel().
     [[nodiscard]] static Model* getModel(TiXmlElement* element);
 
     using Object::getModel;
 
     /// Loads a model file and gives the model of the file's name; null, with a warning, on failure.
+    /// @throws std::runtime_error with file and row for bad content, also if another file has made a model of
+    /// that path
     [[nodiscard]] static Model* getModelFromFile(const String& file);
 
-    /// The model path of a file below a "Components" directory: "A.B" for
-    /// ".../Components/zel/A/B.zelComponent". Empty, with a warning, if the name has no extension or no such
-    /// directory.
-    [[nodiscard]] static Path getPath(const String& file);
+    /// The model path of a file: "A.B" for ".../Components/zel/A/B.zelComponent", and for "A/B.zelComponent"
+    /// in a search directory of the type. Links are not followed: the place counts, not what lies there.
+    /// Empty, with a warning, if the name has no extension or the file lies in no such place.
+    [[nodiscard]] static Path getPath(const String& file,
+                                      zelIO::Environment::Type type = zelIO::Environment::PluginPath);
     /// The namespace in which the models of the element's document live: the file's path without its last
-    /// part. Empty for a document that lies below no "Components" directory.
-    [[nodiscard]] static Path getPath(TiXmlElement* element);
+    /// part. Empty for a document that lies in no such place.
+    [[nodiscard]] static Path getPath(TiXmlElement* element,
+                                      zelIO::Environment::Type type = zelIO::Environment::PluginPath);
     /// The path of a model of that namespace.
-    [[nodiscard]] static Path getPath(TiXmlElement* element, const Name& name);
+    [[nodiscard]] static Path getPath(TiXmlElement* element,
+                                      const Name& name,
+                                      zelIO::Environment::Type type = zelIO::Environment::PluginPath);
     using Component::getPath;
 
     /// The namespace of a path; null if it does not exist.
@@ -101,6 +114,7 @@ public:
     /// Makes the missing namespaces of a path.
     static Namespace* getOrCreateNamespace(const Path& path);
     /// Finds a model that an element names: first in the namespace of its document, then by the full path.
+    /// The files beside the document come ahead of those of the search paths.
     [[nodiscard]] static Model* findSource(TiXmlElement* element, const String& source);
     /// Splits "a.b.Name" or "a:b:Name" into namespace and name.
     static void parsePathString(const String& text, Path& path, Name& name);
@@ -111,8 +125,17 @@ public:
     /// @param category   the file extension, such as "zelComponent"
     [[nodiscard]] static bool
     getDiskPath(const Path& path, String& result, Path& remainder, const String& category);
-    /// The folder above "Components" of the element's document; empty if there is none.
-    [[nodiscard]] static String getFileSystemRoot(TiXmlElement* element);
+    /// The same, where the folder of the element's document comes ahead of the search paths.
+    [[nodiscard]] static bool getDiskPath(const Path& path,
+                                          String& result,
+                                          Path& remainder,
+                                          TiXmlElement* element,
+                                          zelIO::Environment::Type type,
+                                          const String& category);
+    /// The folder in which the models of the element's document are looked for: the one above "Components",
+    /// or the search directory of the type. Empty, with a warning, if the document lies in no such place.
+    [[nodiscard]] static String
+    getFileSystemRoot(TiXmlElement* element, zelIO::Environment::Type type = zelIO::Environment::PluginPath);
 
     /// Ends the life of the model: runs the cleanup that a generated class has left here, once.
     void tagShutdown();
@@ -128,9 +151,9 @@ private:
     enum class CoreClass : uint32 { Object, Component, Model, Namespace };
     static Model* classModel(CoreClass coreClass);
     static void makeTree();
-    static Model* internal_getModel(const Path& path, const Name& name);
+    static Model* internal_getModel(const Path& path, const Name& name, TiXmlElement* element = nullptr);
     static Model* findInTree(const Path& path, const Name& name);
-    static void loadModelFile(const String& file);
+    static void loadModelFile(const ModelFile& file);
     static void registerModel(Model* model, Namespace* space);
     using SlotTable = HashTable<Model*, std::atomic<Model*>*>;
     static SlotTable& getReverseBuiltinModelTable();
@@ -138,6 +161,7 @@ private:
     ref_ptr<Model> m_source;
     Name m_implementationName;
     String m_sourcePath;
+    int m_sourceRow = 0;
     Callback m_shutdownCleanup;
 };
 
@@ -167,11 +191,11 @@ private:
 };
 
 /// Guards the type registry and the model tree; recursive.
-[[nodiscard]] ZEL_CORE_API std::recursive_mutex& getTypeSystemMutex();
+[[nodiscard]] ZEL_CORE_API TypeSystemMutex& getTypeSystemMutex();
 
 } // namespace zel
 
 namespace zelData::detail {
 /// The same mutex.
-[[nodiscard]] ZEL_CORE_API std::recursive_mutex& getTypeSystemMutex();
+[[nodiscard]] ZEL_CORE_API zel::TypeSystemMutex& getTypeSystemMutex();
 } // namespace zelData::detail

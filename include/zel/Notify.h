@@ -3,6 +3,7 @@
 #include <zel/Export.h>
 #include <zel/HashTable.h>
 #include <zel/Integers.h>
+#include <zel/LockRank.h>
 #include <zel/LogStream.h>
 #include <zel/Referenced.h>
 #include <zel/Singleton.h>
@@ -11,7 +12,6 @@
 
 #include <atomic>
 #include <iosfwd>
-#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -175,7 +175,8 @@ public:
     [[nodiscard]] NotifyLevel getOutputMode();
 
     /// Opens the log file, with the time in front of each line.
-    bool openLog(const std::string& name);
+    /// @param append  whether the lines follow what the file holds; otherwise it begins anew
+    bool openLog(const std::string& name, bool append = false);
     void setLogNotifyLevel(NotifyLevel level);
 
     // The two switches behave the same.
@@ -208,6 +209,14 @@ public:
     void info(const std::string& file, int line, const std::string& function, const std::string& text);
     void warning(const std::string& file, int line, const std::string& function, const std::string& text);
     void error(const std::string& file, int line, const std::string& function, const std::string& text);
+    void send(NotifyLevel level,
+              const std::string& file,
+              int line,
+              const std::string& function,
+              const std::string& text);
+
+    /// Ends what the last session left behind; see Logger::beginSession.
+    static void forgetLastSession();
 
     /// The calling thread's state, or the one that all unregistered threads share.
     [[nodiscard]] static ThreadData& getThreadData();
@@ -215,11 +224,6 @@ public:
 private:
     explicit Notify(std::ostream& outStream);
 
-    void send(NotifyLevel level,
-              const std::string& file,
-              int line,
-              const std::string& function,
-              const std::string& text);
     void distribute(const std::string& text, int level);
     void flushLog();
 
@@ -234,10 +238,21 @@ private:
     std::atomic<bool> m_throwOnError{true};
     std::atomic<bool> m_breakOnError{false};
     std::ostream* m_outStream;
-    std::mutex m_mutex;       // held during a whole flush
-    bool m_logFailed = false; // guarded by m_mutex; the loss of the log file is told once
+    RankedMutex<LockRank::Notify> m_mutex; // held during a whole flush
+    bool m_logFailed = false;              // guarded by m_mutex; the loss of the log file is told once
+
+    /// What a program had set when its session ended. A message of a later service's shutdown makes a fresh
+    /// Notify, which goes on with it.
+    struct Settings {
+        bool throwOnError;
+        bool breakOnError;
+        NotifyLevel logLevel;
+        std::string logFile; // empty if none was open
+    };
+    void takeUp(const Settings& settings);
 
     static Notify* s_instance;
+    static Settings* s_kept; // null while a session runs; never freed otherwise
 };
 
 // A tag may end an ordinary stream expression; the stream it stands in is the calling thread's.

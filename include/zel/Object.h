@@ -70,7 +70,8 @@ public:
     [[nodiscard]] static Model* ClassModel();
 
     [[nodiscard]] const Name& getName() const noexcept { return m_name; }
-    /// Refused, as a failed verification, once the object has a context.
+    /// Refused, as a failed verification, once the object has a context. A child without a context becomes
+    /// the last of its new name.
     void setName(const Name& name);
     [[nodiscard]] Model* getModel() const noexcept { return m_model; }
     void setModel(Model* model);
@@ -145,6 +146,9 @@ private:
     Object* m_context = nullptr;
     Object* m_nextSibling = nullptr;
     EventDispatch* m_eventDispatch = nullptr; // made for the first listener
+    // The component that owns the object and chains it, which need not be the context; null outside of any.
+    Component* m_holder = nullptr;
+    Object* m_previousSibling = nullptr;
 };
 
 } // namespace zel

@@ -2,6 +2,7 @@
 
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/LockRank.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -27,7 +28,7 @@ public:
 private:
     uint64 m_numReaders = 0; // guarded by m_mutex
     bool m_writer = false;   // guarded by m_mutex
-    std::mutex m_mutex;
+    RankedMutex<LockRank::ReaderWriter> m_mutex;
     std::condition_variable m_condition;
 };
 

@@ -2,10 +2,10 @@
 
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/LockRank.h>
 #include <zel/Vector.h>
 
 #include <atomic>
-#include <mutex>
 
 namespace zel {
 
@@ -46,17 +46,19 @@ public:
     /// Removes the first entry of the observer; the later ones keep their order. Absence is no error.
     void removeObserver(Observer* observer) const;
 
-    /// Takes ownership; the old handler is deleted. Null means direct deletion.
+    /// Takes ownership; the old handler is deleted, so no other thread may be letting go of an object
+    /// meanwhile. Null means direct deletion.
     static void setDeleteHandler(DeleteHandler* handler);
     [[nodiscard]] static DeleteHandler* getDeleteHandler();
-    /// Hands this object to the installed delete handler.
+    /// Hands this object to the installed delete handler; without one it is deleted at once.
     void deleteUsingDeleteHandler() const;
 
 private:
-    void dispose() const;
+    void dispose() const noexcept;
+    [[nodiscard]] bool isNotifying() const;
 
     mutable Vector<Observer*>* m_observers = nullptr; // guarded by m_observerMutex, null until first used
-    mutable std::mutex m_observerMutex;
+    mutable RankedMutex<LockRank::Observers> m_observerMutex;
     mutable std::atomic<int32> m_refCount{0};
 };
 
@@ -64,7 +66,8 @@ private:
 class ZEL_CORE_API DeleteHandler {
 public:
     virtual ~DeleteHandler() = default;
-    /// Deletes the object at once; null is ignored. A handler of one's own may defer.
+    /// Deletes the object at once; null is ignored. A handler of one's own may defer, and must not throw:
+    /// where the last owner lets go, that ends the process.
     virtual void requestDelete(const Referenced* object);
 };
 

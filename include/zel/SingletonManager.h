@@ -2,11 +2,10 @@
 
 #include <zel/Export.h>
 #include <zel/HashSet.h>
+#include <zel/LockRank.h>
 #include <zel/Referenced.h>
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
-
-#include <mutex>
 
 namespace zel {
 
@@ -60,7 +59,7 @@ private:
     bool m_modified = false;    // the lists changed since this was cleared; tells the shutdown loop
     bool m_shutdown = false;
     HashSet<ref_ptr<DynamicLibrary>> m_libraries;
-    std::mutex m_mutex; // guards registration
+    RankedMutex<LockRank::Singletons> m_mutex; // guards registration
 };
 
 } // namespace zel

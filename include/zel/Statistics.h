@@ -5,6 +5,7 @@
 #include <zel/Integers.h>
 #include <zel/Path.h>
 #include <zel/Referenced.h>
+#include <zel/ServicePointer.h>
 #include <zel/Singleton.h>
 #include <zel/StatisticsData.h>
 #include <zel/String.h>
@@ -41,8 +42,6 @@ public:
 
     [[nodiscard]] static Statistics* instance();
     [[nodiscard]] static bool hasInstance() noexcept;
-    /// Makes the instance unless there is one.
-    static void createInstance();
 
     void shutdown() override;
     [[nodiscard]] std::string getClassName() const override;
@@ -65,22 +64,24 @@ public:
     }
     /// The same with the three timers of a task.
     TaskTimingReportHandle* registerTaskTimerProvider(void* provider, const char* name, void* parent);
-    /// Takes a provider and its data off the tree. If it has children, a node without a name stays for them.
+    /// Takes a provider and its data off the tree. One with children stays for them, below the root, with its
+    /// data and without a name.
     void unregisterDataProvider(void* provider);
     /// Moves a provider, with all below it, under another parent.
     void setContext(void* provider, void* newParent);
 
     /// The data of the index-th provider of the name, in the order of registration; null without one.
+    /// Stays readable for whoever holds it, also when its provider goes.
     /// @pre index is below the number of such providers; not checked
-    [[nodiscard]] AbstractData*
+    [[nodiscard]] ref_ptr<AbstractData>
     getData(const char* providerName, const char* dataName, size_t index = 0) const;
-    [[nodiscard]] AbstractData*
+    [[nodiscard]] ref_ptr<AbstractData>
     getData(const String& providerName, const String& dataName, size_t index = 0) const {
         return getData(providerName.c_str(), dataName.c_str(), index);
     }
     /// Walks down from the provider by the names of children; the last part names the data.
     /// @return null, with a warning if a provider is missing
-    [[nodiscard]] AbstractData* getData(void* provider, const Path& path) const;
+    [[nodiscard]] ref_ptr<AbstractData> getData(void* provider, const Path& path) const;
     /// Zeros for data that does not exist.
     [[nodiscard]] TimingInfo
     getTimingInfo(const String& provider, const String& data, size_t index = 0) const;
@@ -98,7 +99,7 @@ public:
     [[nodiscard]] String printed(bool includeEmpty);
 
     /// The mutex of the type system, which is taken ahead of the one here.
-    [[nodiscard]] static std::recursive_mutex& getTypeSystemMutex();
+    [[nodiscard]] static TypeSystemMutex& getTypeSystemMutex();
 
 protected:
     Statistics();
@@ -127,9 +128,9 @@ private:
     template <typename Handle>
     Handle* enter(void* provider, const char* name, void* parent);
 
-    static std::atomic<Statistics*> s_instance;
+    static ServicePointer<Statistics> s_instance;
 
-    mutable std::mutex m_mutex;
+    mutable RankedMutex<LockRank::Statistics> m_mutex;
     HashTable<const char*, NameBinding> m_names;
     HashTable<void*, ref_ptr<ProviderHandle>> m_providers;
     ProviderHandle* m_root = nullptr;
@@ -170,7 +171,7 @@ public:
     /// that is there.
     void addData(AbstractData* data);
     /// Null if there is none.
-    [[nodiscard]] AbstractData* getData(const char* name) const;
+    [[nodiscard]] ref_ptr<AbstractData> getData(const char* name) const;
 
     /// Appends a node that has no parent.
     void addChild(ProviderHandle* child);
@@ -205,7 +206,7 @@ private:
         insertData(data);
         return data;
     }
-    [[nodiscard]] static std::unique_lock<std::mutex> lockTree();
+    [[nodiscard]] static std::unique_lock<RankedMutex<LockRank::Statistics>> lockTree();
     [[nodiscard]] AbstractData* findData(const char* name) const;
     [[nodiscard]] Vector<const AbstractData*> sortedData(bool timing) const;
     [[nodiscard]] bool hasData(bool timing) const;

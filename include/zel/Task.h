@@ -51,8 +51,8 @@ public:
     /// Blocks until the task has finished once more; see WaitJob. For threads that do not execute tasks
     /// themselves.
     virtual void wait();
-    /// Lets the task's own jobs run on one thread only; null for any.
-    virtual void setTargetThread(Thread* thread) = 0;
+    /// Lets the task's own jobs run on one thread only; null for any. By default the first and the last job.
+    virtual void setTargetThread(Thread* thread);
     /// The job that others spawn to start the task.
     [[nodiscard]] virtual Job* getPreJob() = 0;
     /// The job that finishes the task; may be the same.
@@ -100,7 +100,10 @@ public:
     /// Runs the task and returns when it is complete. The caller works meanwhile; a thread that is not
     /// registered is so for the duration. A second caller waits for the first; a call from within the same
     /// run ends the process.
-    /// @throws what a job threw on this thread; the system is then to be shut down
+    /// Several jobs may execute one task, one after the other; but a job of the task's own, or one that such
+    /// a job waits for, ends the process if it does.
+    /// @throws what a job threw on this thread; the system is then to be shut down. std::runtime_error if the
+    ///     task has jobs for each thread and the main thread executes none: see Thread::MainThreadHold
     void execute();
     [[nodiscard]] bool isRunning() const noexcept {
         // Acquire: pairs with the release in endCallback, so that who sees the end sees what was done.
@@ -249,6 +252,7 @@ public:
 
 protected:
     class DisableHelper;
+    class RunRoot;
 
     /// Sets the work of one of the task's own jobs, now or as soon as the task is enabled.
     void setJobCallback(Job& job, Callback callback);
@@ -276,9 +280,11 @@ protected:
     static void releaseJob(Job& job);
 
 private:
-    friend class TaskGroup; // m_groupPassed
-    friend class Thread;    // m_completes
+    friend class TaskGroup;  // m_groupPassed, the counts
+    friend class Thread;     // m_completes
+    friend class ThreadTask; // countThreadTasks
 
+    class SoleRoot;
     class Trigger;
     struct Paths;
 
@@ -303,10 +309,19 @@ private:
     /// @return the first path that leads nowhere yet; empty if there is none
     Path resolveDependencies(Component* from);
     [[nodiscard]] bool reaches(Task* parent);
+    /// Whether an edge between the two leads out of a group, or lies outside of all.
+    [[nodiscard]] static bool isOuterEdge(const Task* a, const Task* b) noexcept {
+        return a->m_group == nullptr || a->m_group != b->m_group;
+    }
+    // Add to a number of this task and of the groups around it.
+    void countOuterEdges(int64 number) noexcept;
+    void countThreadTasks(int64 number) noexcept;
+    [[nodiscard]] bool runsIn(const Task* run) const noexcept;
 
     /// Waits until no other thread executes the task.
     /// @return false if the calling thread executes it already
     [[nodiscard]] bool claim(Thread* thread);
+    void executeOn(Thread* thread);
 
     zelData::Val<bool> m_enable;
     std::atomic<bool> m_running{false};        // written by the thread of the first and the last job
@@ -330,6 +345,10 @@ private:
     Vector<Task*> m_parents;
     Vector<Task*> m_children;
     TaskGroup* m_group = nullptr;
+    int64 m_numThreadTasks = 0; // this task and below it: those with a job for each thread
+    int64 m_numOuterEdges = 0;  // of this task and of what is below it; see isOuterEdge
+    // The run that begins with this task; see RunRoot. Relaxed: other runs only compare it with their own.
+    std::atomic<Task*> m_run{nullptr};
     std::unique_ptr<DisableHelper> m_disableHelper;
     ref_ptr<TaskTimingReportHandle> m_timingHandle; // null if there were no statistics at first
     std::unique_ptr<Paths> m_paths;                 // made for the first path: most tasks have none

@@ -96,6 +96,7 @@ private:
     using Task::endCallback;
     void endCallback();
     void registerSubtask(Task* subtask, size_t index);
+    void verifyNoLoop(Task* subtask);
     /// Takes the subtask off the list and out of the job graph.
     void leave(Task* subtask);
     void replaceSubtask(Task* subtask, Task* with);

@@ -2,14 +2,13 @@
 
 #include <zel/Export.h>
 #include <zel/HashTable.h>
+#include <zel/LockRank.h>
 #include <zel/ParameterTable.h>
 #include <zel/Path.h>
 #include <zel/Singleton.h>
 #include <zel/String.h>
 #include <zel/Vector.h>
 #include <zel/Xml.h>
-
-#include <mutex>
 
 namespace zel {
 
@@ -60,7 +59,7 @@ public:
     /// Guards the loading of plug-ins and the list of retained tasks. It is the mutex of the type system, and
     /// recursive: a task may make others. The constructors of tasks run under it, and may not wait for work
     /// of other threads that looks types or models up.
-    [[nodiscard]] static std::recursive_mutex& getMutex();
+    [[nodiscard]] static TypeSystemMutex& getMutex();
 
 private:
     TaskManager();

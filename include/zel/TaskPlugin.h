@@ -39,7 +39,8 @@ public:
     /// Makes the models of all implementations known.
     void registerModels();
 
-    /// Makes the first implementation that fits the bindings by name.
+    /// Makes the first implementation that fits the bindings by name. One that throws when it is made does
+    /// not fit, and is told of in a warning.
     /// @param bindings  see Task::matchParameters
     /// @param name      of the task; empty for that of the implementation
     /// @param implementationName  the only implementation that is wanted; empty for any

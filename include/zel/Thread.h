@@ -8,6 +8,7 @@
 #include <zel/InvalidIndex.h>
 #include <zel/Job.h>
 #include <zel/LocalTimelineEntry.h>
+#include <zel/LockRank.h>
 #include <zel/Notify.h>
 #include <zel/SpinMutex.h>
 #include <zel/ThreadLocalAllocator.h>
@@ -23,6 +24,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -86,6 +88,21 @@ public:
     /// Whether lines of the thread log are printed at once, which they are by default, or kept for flushLogs.
     static std::atomic<bool> immediateLogging;
 
+    /// Keeps the main thread at work while the hold exists, for a run that has jobs for each thread of the
+    /// pool: the main thread does not leave the task that it executes before. On the main thread itself it
+    /// does nothing.
+    class ZEL_CORE_API MainThreadHold {
+    public:
+        /// @throws std::runtime_error  if the main thread executes no task: it would never get to its job
+        MainThreadHold();
+        MainThreadHold(const MainThreadHold&) = delete;
+        MainThreadHold& operator=(const MainThreadHold&) = delete;
+        ~MainThreadHold();
+
+    private:
+        Thread* m_thread = nullptr;
+    };
+
     /// @param id  below ZEL_MAX_NUM_THREADS, or InvalidIndex for a thread outside the pool
     explicit Thread(uint32 id = InvalidIndex);
     /// Stops a worker. The queues must be empty, unless the system was forced to shut down.
@@ -145,6 +162,10 @@ public:
     static void addTask(Task* task);
     /// Ends what addTask began. Called by the task when its last job runs.
     static void taskCompleted(Task* task);
+    /// Tells this thread that a task which it executes is complete, as taskCompleted does, and calls it back
+    /// to work. A task that it does not execute ends the process.
+    /// @threads any thread
+    void completeFrame(Task* task);
     /// Works, or sleeps when there is nothing to do, until the task that was added last is complete.
     void blockingDoWork();
 
@@ -167,6 +188,9 @@ public:
     void sleep();
     /// Deals the queue out to this thread and those that sleep, and wakes them.
     void wakeupThreads();
+    /// If the queue is empty, puts there what others have handed to this thread, or one job of another
+    /// thread. Gives up after 100 microseconds.
+    void stealWork();
 
     // Life of a worker
 
@@ -187,7 +211,7 @@ public:
     /// This thread's message state.
     [[nodiscard]] Notify::ThreadData* getNotifyData() const noexcept { return m_notifyData.get(); }
     /// A random identity from the thread's own generator.
-    [[nodiscard]] Uuid generateUuid() { return m_uuidGenerator.generate(m_uuidRandom); }
+    [[nodiscard]] Uuid generateUuid();
 
     /// Time spent on scheduling, from being activated to being awake, and asleep. Read by the thread itself.
     [[nodiscard]] const Timer& getOverheadTimer() const noexcept { return m_overheadTimer; }
@@ -227,7 +251,8 @@ public:
     static void resetStartTick();
     /// Ends the frame, and turns the notes of each thread into entities "ThreadTimelineEntry" in that
     /// thread's default storage, in place of those of the frame before.
-    /// @threads outside of tasks, or from a task that runs alone
+    /// @throws std::runtime_error  as MainThreadHold
+    /// @threads outside of tasks, or from a task that runs alone; the main thread, or within a task of its
     static void exportAllTimelines();
     /// Whether jobs are being noted.
     [[nodiscard]] static bool isTimelineOn() noexcept {
@@ -258,12 +283,41 @@ private:
         std::atomic<bool> done{false}; // set by the thread that completes the task
     };
 
+    /// The jobs of a thread by priority, and those of equal priority in the order in which they came: a
+    /// kernel's ranges walk through memory forwards, and a job that had to be put back, since its tag is not
+    /// ready, lets its equals go ahead.
+    class JobQueue {
+    public:
+        [[nodiscard]] bool empty() const noexcept { return m_heap.empty(); }
+        [[nodiscard]] size_t size() const noexcept { return m_heap.size(); }
+        void push(Job* job);
+        /// Takes the best job out.
+        [[nodiscard]] Job* pop();
+        void clear() noexcept { m_heap = VectorPOD<Entry>(); }
+
+    private:
+        struct Entry {
+            Job* job;
+            uint32 priority;
+            uint32 number; // of the push, counted round
+        };
+
+        static bool isWorse(const Entry& a, const Entry& b) noexcept {
+            if (a.priority != b.priority)
+                return a.priority < b.priority;
+            return static_cast<int32>(a.number - b.number) > 0;
+        }
+
+        VectorPOD<Entry> m_heap;
+        uint32 m_numPushed = 0;
+    };
+
     /// The spin lock of a queue, and beside it whether the queue holds anything, for those who look without
     /// locking. A thief that kept trying the lock of an empty queue would keep taking its cache line from the
     /// owner.
     class QueueLock {
     public:
-        explicit QueueLock(const VectorPOD<Job*>& queue) noexcept : m_queue(queue) {}
+        explicit QueueLock(const JobQueue& queue) noexcept : m_queue(queue) {}
         void lock() noexcept { m_mutex.lock(); }
         /// For thieves: an empty queue is not worth it.
         [[nodiscard]] bool try_lock() noexcept { return hasJobs() && m_mutex.try_lock(); }
@@ -277,10 +331,12 @@ private:
         [[nodiscard]] bool hasJobs() const noexcept { return m_hasJobs.load(std::memory_order_seq_cst); }
 
     private:
-        const VectorPOD<Job*>& m_queue;
+        const JobQueue& m_queue;
         alignas(CacheLine) std::atomic<bool> m_hasJobs{false}; // written under the lock
-        alignas(CacheLine) SpinMutex m_mutex;
+        alignas(CacheLine) RankedMutex<LockRank::SharedJobs, SpinMutex> m_mutex;
     };
+
+    using ActiveTasksMutex = RankedMutex<LockRank::ActiveTasks>;
 
     /// Something to wait for, which is remembered if it comes first.
     class Signal {
@@ -290,13 +346,14 @@ private:
         void reset();
 
     private:
-        std::mutex m_mutex;
+        RankedMutex<LockRank::Sleep> m_mutex;
         std::condition_variable m_condition;
         bool m_flag = false; // guarded by m_mutex
     };
 
     class MainThreadSingleton;
     class Activity;
+    class AwaitScope;
     enum class Taken { Job, NotReady, Nothing };
 
     void initialize();
@@ -304,17 +361,25 @@ private:
     Taken takeJob(Job*& job, size_t& remaining);
     Taken takeReadyJob(Job*& job, size_t& remaining);
     Job* queueLocalJobs(size_t& remaining);
-    void stealWork();
+    void stealIntoQueue();
     void takePushedJobs(uint32 count);
     [[nodiscard]] Thread* chooseVictim(uint32 numThreads, uint32& last);
     [[nodiscard]] bool topFrameDone() const noexcept;
     [[nodiscard]] bool othersHaveJobs() const noexcept;
-    void pushSharedJob(Job* job);
-    Job* popSharedJob();
+    void dealOut();
+    void dealOutForOutsiders();
     void takeLocalJobs();
     void leaveTask();
     void handJobsOver();
-    void completeFrame(Task* task);
+    void markFrameDone(Task* task);
+    void finishEarlierRun(Task* task);
+    /// Whether a job on this thread's stack is part of the task's present run.
+    [[nodiscard]] bool worksFor(Task* task) const;
+    /// For a task that goes while it is active, after an exception.
+    static void forgetTask(Task* task);
+    void stayWhileHeld();
+    /// For a thread that waits for something else than a frame.
+    void workOrYield();
     void verifyLastFrame(const Task* task) const;
     void gatherLogEntries(Vector<LogEntry>& entries);
     /// @return whether there is an entry that endSleepEntry is to end
@@ -330,7 +395,7 @@ private:
         s_threads[index].store(thread, std::memory_order_release);
     }
     static void performPendingChange();
-    static void changeNumThreads(std::unique_lock<std::mutex>& sharedLock);
+    static void changeNumThreads(std::unique_lock<ActiveTasksMutex>& sharedLock);
     static void waitUntilInactive();
     static void endChange();
     static void resizePool(uint32 oldCount, uint32 newCount);
@@ -343,6 +408,9 @@ private:
     double m_theftPause = 0;                          // before the next attempt to steal, in milliseconds
     Frame m_frames[ZEL_THREAD_FRAME_STACK_MAX_DEPTH]; // tasks guarded by s_sharedMutex
     std::atomic<uint64> m_numFrames{0};               // written by the owner, read by completing threads
+    Frame* m_awaited = nullptr;     // the frame that the work loop is to work for; null for none
+    Frame m_neverDone;              // awaited by who waits for something else
+    Activity* m_activity = nullptr; // the innermost work loop
     uint64 m_workDepth = 0;
     std::atomic<int32> m_activationCount{0}; // shared: above 0, the thread should be in its work loop
     Signal m_startSignal;
@@ -350,44 +418,48 @@ private:
     Thread* m_nextInRing = nullptr; // guarded by s_sharedMutex
     // What thieves, the owner and the givers of jobs write lies on different cache lines; the locks above
     // all.
-    alignas(CacheLine) VectorPOD<Job*> m_sharedJobs; // a heap by priority; guarded by m_sharedLock
+    alignas(CacheLine) JobQueue m_sharedJobs;        // guarded by m_sharedLock
     alignas(CacheLine) VectorPOD<Job*> m_localJobs;  // scratch; of a sleeping thread guarded by s_sharedMutex
     alignas(CacheLine) VectorPOD<Job*> m_pushedJobs; // guarded by m_pushedLock
+    VectorPOD<Job*> m_keptJobs;                      // scratch of dealOut; guarded by m_sharedLock
     std::atomic<uint32> m_numPushed{0}; // shared: length of m_pushedJobs, readable without the lock
     std::atomic<uint32> m_running{0};   // shared: set by the thread, cleared by who stops it
     QueueLock m_sharedLock{m_sharedJobs};
-    alignas(CacheLine) SpinMutex m_pushedLock;
+    alignas(CacheLine) RankedMutex<LockRank::PushedJobs, SpinMutex> m_pushedLock;
     // Written before the thread is known, but for a discarded main thread.
     alignas(CacheLine) std::atomic<uint32> m_id;
     Timer m_overheadTimer;
     Timer m_activationTimer; // guarded by m_timerLock: started by the activating thread
     Timer m_idleTimer;
-    mutable SpinMutex m_timerLock;
+    mutable RankedMutex<LockRank::ThreadRecords, SpinMutex> m_timerLock;
     bool m_sleeping = false; // guarded by s_sharedMutex
     uint32 m_savedFloatingPointControl = 0;
     bool m_floatingPointControlSaved = false;
-    std::mt19937 m_uuidRandom;
+    std::unique_ptr<std::mt19937> m_uuidRandom; // made for the first identity: a seed is dear
     HashTable<zelData::EntityModel*, ref_ptr<zelData::EntityStorage>> m_defaultStorages;
     UuidGenerator m_uuidGenerator;
     ThreadLocalAllocator::Arena m_arena;
     ref_ptr<LogChunk> m_logChunk; // newest first; guarded by m_logLock
-    SpinMutex m_logLock;
+    RankedMutex<LockRank::ThreadRecords, SpinMutex> m_logLock;
     Vector<LocalTimelineEntry> m_timelineEntries; // guarded by m_timelineLock
-    SpinMutex m_timelineLock;
+    RankedMutex<LockRank::ThreadRecords, SpinMutex> m_timelineLock;
     size_t m_queueLength = 0; // when the present job was taken
 
     // The system. Objects with destructors are never destroyed: threads may run on while the process exits.
     static std::atomic<Thread*> s_threads[ZEL_MAX_NUM_THREADS];
     static std::atomic<Thread*> s_mainThread;
     static std::atomic<uint32> s_highestId;
-    static std::atomic<int32> s_numActiveThreads;    // threads inside the outermost work loop
-    static std::mutex s_sharedMutex;                 // before any spin lock
-    static HashSet<Task*>& s_activeTasks;            // guarded by s_sharedMutex
-    static Vector<Thread*>& s_sleepingThreads;       // guarded by s_sharedMutex
-    static bool s_changing;                          // guarded by s_sharedMutex: the pool is being resized
-    static std::condition_variable& s_changed;       // with s_sharedMutex: s_changing was cleared
+    static std::atomic<int32> s_numActiveThreads; // threads inside the outermost work loop
+    static ActiveTasksMutex s_sharedMutex;        // before any spin lock
+    static HashSet<Task*>& s_activeTasks;         // guarded by s_sharedMutex
+    static Vector<Thread*>& s_sleepingThreads;    // guarded by s_sharedMutex
+    static std::atomic<size_t> s_numSleeping;     // their number, readable without the lock
+    static bool s_changing;                       // guarded by s_sharedMutex: the pool is being resized
+    static bool s_taskLost;                    // guarded by s_sharedMutex: a task went before it was complete
+    static std::condition_variable& s_changed; // with s_sharedMutex: s_changing was cleared
     static std::exception_ptr& s_unhandledException; // guarded by s_sharedMutex
-    static std::mutex s_mutex;                       // guards s_promotedThreads
+    static std::atomic<uint64> s_numHolds;           // of the main thread; written under s_sharedMutex
+    static RankedMutex<LockRank::RegisteredThreads> s_mutex; // guards s_promotedThreads; after s_sharedMutex
     static HashTable<Thread*, uint32>* s_promotedThreads;
     static std::atomic<int64> s_numThreadsPromise; // -1 for none
     static std::atomic<bool> s_shutdown;           // workers stay out of the work loop

@@ -169,7 +169,8 @@ private:
     bool m_failed = false;
     bool m_injected = false;
     bool m_explained = false;
-    String m_place; // file and row of the element, for messages; empty without one
+    String m_place;   // file and row of the element, for messages; empty without one
+    String m_failure; // what the last search has thrown
 };
 
 /// What an element of the tag "Task" without a source becomes: a task that does nothing.

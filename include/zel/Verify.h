@@ -6,7 +6,8 @@
 
 /// @file
 /// Verifications end the process when an invariant is broken. They are active in every build, write one line
-/// to the standard error stream and abort; they never go through the log.
+/// to the standard error stream and abort; they never go through the log. They allocate nothing, so that they
+/// work where memory is at its end; texts above 64 KiB are cut.
 
 namespace zel {
 

@@ -2,6 +2,7 @@
 
 #include <zel/Export.h>
 #include <zel/Job.h>
+#include <zel/LockRank.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -33,12 +34,12 @@ private:
     friend class Job;
 
     void release();
-    /// Runs the wait jobs of a job that has just finished on the calling thread.
-    static void runWaiters(Job& job, Thread* thread);
+    /// Resolves the dependents of a job that has just finished on the calling thread, and runs its wait jobs.
+    static void finish(Job& job, VectorPOD<Job*>& localJobs, Thread* thread);
 
     Job* m_target;
     WaitJob* m_nextWaiter = nullptr; // guarded by the lock of all waiter lists
-    std::mutex m_mutex;
+    RankedMutex<LockRank::Sleep> m_mutex;
     std::condition_variable m_condition;
     bool m_released = false; // guarded by m_mutex
 };

@@ -33,6 +33,10 @@ class Type;
 /// capacity are values of the tree, "numElements" and "capacity": whoever writes them, directly or by a
 /// binding, resizes the buffer.
 ///
+/// A change of size that fails, for want of memory or because an initializer throws, leaves the elements, the
+/// size and the value as they were; a value that is bound goes on showing what it is bound to. Who listens
+/// hears of what has been done: what a listener throws is passed on, and the change stays.
+///
 /// Owned through ref_ptr. A buffer that is connected to a storage follows the storage's size and capacity,
 /// and leaves both alone itself.
 /// @threads owner thread; kernels may write distinct elements in parallel while the size stays as it is
@@ -159,11 +163,11 @@ public:
     void resizeCallback(Value* numElements, bool initializeElements);
     /// The same in fewer steps where nothing more is to do than to count, and to copy a default value: for a
     /// storage, which does it for each column of each instance.
-    /// @param numElements  the content of `value`
-    void resizeColumn(Value* value, zel::uint64 numElements, bool initializeElements) {
+    /// @param numElements  of the storage
+    void resizeColumn(zel::uint64 numElements, bool initializeElements) {
         const zel::uint64 old = m_numElements;
         if (!isSimpleColumn() || numElements > old + 1 || numElements > m_capacity) {
-            resizeCallback(value, initializeElements);
+            resizeEntries(numElements, initializeElements);
             return;
         }
         m_numElements = numElements;
@@ -172,20 +176,29 @@ public:
         if (initializeElements && numElements > old && m_elementInitializer)
             copyPlain(getElement(old), m_defaultValue->getData());
     }
+    /// The capacity of a column for that many instances. All or nothing, as each change.
+    void reserveColumn(zel::uint64 numInstances);
+    /// Takes back a change of a column, for a storage in which another column has failed: drops the elements
+    /// above `numElements`, and gives back the number `capacity`; the memory stays.
+    void restoreColumn(zel::uint64 numElements, zel::uint64 capacity, bool destroyElements) noexcept;
+    /// Makes the memory for that many elements that keyFrameReserve has left out.
+    void provideMemory(zel::uint64 numElements);
     /// Moves one element of a connected buffer to another place, with all that belong to its entry.
     void moveColumnElement(zel::uint64 target, zel::uint64 source) {
-        if (m_plain && !m_elementArraySize)
+        if (m_plain && m_elementsPerEntry == 1)
             copyPlain(getElement(target), getElement(source));
         else
             moveEntry(target, source);
     }
 
     /// The number of elements of each logical entry; 1 without a value for it.
-    [[nodiscard]] zel::uint64 getElementArraySize() const;
+    [[nodiscard]] zel::uint64 getElementArraySize() const noexcept { return m_elementsPerEntry; }
     /// Null unless one was set.
     [[nodiscard]] Value* getElementArraySizeValue() const noexcept { return m_elementArraySize.get(); }
-    /// Copies the value into the buffer's own "elementArraySize", which is made on demand. Takes effect at
-    /// the next change of size or capacity.
+    /// Copies the value into the buffer's own "elementArraySize", which is made on demand. Whoever writes
+    /// that value resizes the buffer at the end: the number of entries stays.
+    /// @throws std::runtime_error for a column that has instances, or that the storage drives by its own
+    ///     values; the number stays as it was
     void setElementArraySize(const Value* value);
 
     // Elements
@@ -249,12 +262,13 @@ public:
     [[nodiscard]] Value* getDefaultValue() const noexcept { return m_defaultValue.get(); }
     /// @param value  of this buffer's format; null goes back to the format's
     void setDefaultValue(Value* value);
-    /// Called with the buffer and a range of raw elements that it is to construct; empty for none.
+    /// Called with the buffer and a range of raw elements that it is to construct; empty for none. One that
+    /// throws leaves no constructed element behind.
     void setElementInitializer(ElementCallback initializer) {
         m_elementInitializer = std::move(initializer);
         m_defaultInitializer = false;
     }
-    /// Called with the buffer and a range of elements that it is to destroy; empty for none.
+    /// Called with the buffer and a range of elements that it is to destroy; empty for none. Throws nothing.
     void setElementDestructor(ElementCallback destructor) {
         m_elementDestructor = std::move(destructor);
         m_defaultDestructor = false;
@@ -281,6 +295,9 @@ public:
     /// @param spares  where to look for the memory first; null for nowhere
     /// @return raw memory for `capacity` elements; null for none. Goes to swapBackBuffer or releaseBackBuffer
     [[nodiscard]] void* allocateBackBuffer(SpareBlocks* spares = nullptr);
+    /// Of such a block, and of the present memory, in bytes.
+    [[nodiscard]] zel::uint64 getBackBufferSize() const noexcept { return getRoom() * m_elementSize; }
+    [[nodiscard]] zel::uint64 getMemorySize() const noexcept { return m_allocated * m_elementSize; }
     /// Releases the present memory, whose elements are destroyed already, and takes the other.
     /// @param spares  gets the memory in place of its release; null for nobody
     void swapBackBuffer(void* pointer, SpareBlocks* spares = nullptr);
@@ -307,7 +324,8 @@ public:
     [[nodiscard]] EntityStorage* getStorage() const noexcept { return m_storage; }
     [[nodiscard]] Attribute* getAttribute() const noexcept { return m_attribute; }
     void setAttribute(Attribute* attribute) noexcept { m_attribute = attribute; }
-    /// A second buffer for what the elements of this one refer to. Becomes a child.
+    /// A second buffer for what the elements of this one refer to. Becomes a child. Arrays that show its
+    /// elements follow when they move.
     void setElementBuffer(Buffer* buffer);
     [[nodiscard]] Buffer* getElementBuffer() const noexcept { return m_elementBuffer.get(); }
     /// A buffer "globalOrder" of `UInt:32bit`, made on demand. Becomes a child.
@@ -344,7 +362,7 @@ private:
     /// Whether a change of size neither runs code of others nor looks at elements, but for default values.
     [[nodiscard]] bool isSimpleColumn() const noexcept {
         const bool plain = m_plain && m_defaultInitializer && m_defaultDestructor;
-        return (plain || (!m_elementInitializer && !m_elementDestructor)) && !m_elementArraySize &&
+        return (plain || (!m_elementInitializer && !m_elementDestructor)) && m_elementsPerEntry == 1 &&
                m_sharedContainer == nullptr && !m_memoryOnResize && m_eventDispatch.getListeners().empty();
     }
     /// Copies one plain element, in words: most have one to four.
@@ -368,17 +386,24 @@ private:
     [[nodiscard]] zel::uint64 getRoom() const noexcept {
         return m_capacity > m_numElements ? m_capacity : m_numElements;
     }
+    [[noreturn]] void throwTooMany(zel::uint64 n) const;
     [[nodiscard]] void* allocateMemory(zel::uint64 n);
-    void releaseMemory(void* pointer, zel::uint64 n);
+    void releaseMemory(void* pointer, zel::uint64 n) noexcept;
+    [[nodiscard]] void* makeElements(zel::uint64 room);
     void setMemory(void* pointer, zel::uint64 n);
     void runOn(const ElementCallback& callback, void* pointer, const Range& range);
+    void resizeEntries(zel::uint64 entries, bool initialize);
     void resizeElements(zel::uint64 n, bool initialize);
     void reserveElements(zel::uint64 capacity);
+    void elementArraySizeCallback();
+    void setElementsPerEntry(zel::uint64 n);
+    void rebaseArrays(const Buffer* from, Buffer* to);
     void makeValues(zel::uint64 numElements, zel::uint64 capacity);
     void disconnectCallbacks();
     void followStorage(ValueT<zel::uint64>* own, ValueT<zel::uint64>* storage);
     void mirrorInContainer();
     [[nodiscard]] Buffer* makeClone(zel::uint64 n) const;
+    void takeElementArraySize(const Buffer* other);
     void configureSize(TiXmlElement* element);
     void configureData(TiXmlElement* element);
 
@@ -408,8 +433,9 @@ private:
     ElementCallback m_elementDestructor;
 
     zel::uint64 m_elementSize;
-    zel::uint64 m_allocated = 0; // elements that the memory has room for, whatever the capacity says
-    bool m_plain;                // see hasPlainElements
+    zel::uint64 m_elementsPerEntry = 1; // what the value said when it last took effect
+    zel::uint64 m_allocated = 0;        // elements that the memory has room for, whatever the capacity says
+    bool m_plain;                       // see hasPlainElements
     bool m_defaultInitializer = true;
     bool m_defaultDestructor = true;
     bool m_isOwnOriginal = true;
@@ -421,6 +447,8 @@ private:
         zel::uint64 callbackId;
     };
     zel::Vector<Connection> m_connections;
+    zel::uint64 m_arraySizeCallbackId = 0;
+    zel::uint64 m_elementsCallbackId = 0; // at the element buffer, for arrays that show its elements
     zel::ref_ptr<ShareHandle> m_shareHandle;
 };
 

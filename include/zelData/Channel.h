@@ -43,6 +43,7 @@ public:
     [[nodiscard]] Buffer* getSource() const noexcept { return m_source.get(); }
 
 private:
+    void start(zel::uint64 sourceOffset, bool blocking);
     [[nodiscard]] bool isDirect() const;
     void transferDirectly(zel::uint64 sourceOffset, bool blocking);
     void makeStaging();

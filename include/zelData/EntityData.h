@@ -47,6 +47,8 @@ public:
     void unregisterArray(const Attribute* attribute);
     /// The array that is registered under the attribute, or null.
     [[nodiscard]] AbstractArray* getArray(const Attribute* attribute) const;
+    /// The number of elements of each instance in that array; 1 without one.
+    [[nodiscard]] zel::uint32 getArraySize(const Attribute* attribute) const;
     /// Lets the attribute's array show the elements of the buffer from now on, wherever they move.
     void bind(const Attribute* attribute, Buffer* buffer);
     /// Lets the view know of each change of the shared attribute's value.
@@ -83,6 +85,7 @@ private:
         zel::ref_ptr<Buffer> buffer;
         zel::uint64 callbackId = 0;
         zel::uint32 numElements = 1; // of each instance
+        const Attribute* attribute = nullptr;
     };
     struct SharedValue {
         const SharedAttribute* attribute;
@@ -94,6 +97,7 @@ private:
     static void disconnect(Column& column);
     void disconnectAll();
     void detach();
+    void release(const Buffer* buffer);
     void realloactionCallback(Buffer* buffer);
 
     zel::uint32 m_numElements = 0;

@@ -42,7 +42,7 @@ public:
     [[nodiscard]] EntityPtr copy(EntityStorage* storage) const;
     /// Gives this instance the content of the other one, whose model must be this one's or derive from it.
     void copyAttributes(const EntityPtr& other) const;
-    /// Destroys the instance and makes this handle null.
+    /// Destroys the instance and makes this handle null, which may not lie in a column of the storage itself.
     void destroy();
 
     /// Writes all attributes, one line each.

@@ -17,7 +17,12 @@
 #include <zelData/EntityRange.h>
 
 #include <iosfwd>
+#include <memory>
 #include <utility>
+
+namespace zel {
+class FirstException;
+} // namespace zel
 
 namespace zelData {
 
@@ -41,7 +46,12 @@ class ValueT;
 /// capacity, idToIndex[id in slot i] is i; verifyConsistency checks it.
 ///
 /// The size and the capacity are values in the tree, "numElements" and "capacity": whoever writes them
-/// resizes the storage.
+/// resizes the storage. A capacity below the present one is not taken.
+///
+/// A change that fails, for want of memory or because an initializer or a constructor throws, leaves size,
+/// capacity, ids and content as they were, but for room that has been made already; more than the machine or
+/// the ids can hold is a std::runtime_error that names the storage or the column. Listeners hear of what has
+/// been done: what one throws is passed on, and the change stays.
 /// @threads owner thread: the structure changes between task executions only. Kernels write elements in
 ///     parallel, and add instances by beginBatch and commitBatch.
 /// @cost creation and destruction of an instance: one move per column, and no allocation while it fits
@@ -140,7 +150,8 @@ public:
     /// Destroys an instance; the last one takes its place. Listeners are called ahead of the change.
     /// @pre the id is that of a live instance, which is verified
     void destroyInstance(zel::uint32 id);
-    /// Destroys the instances of a list, column by column. Handles may be repeated.
+    /// Destroys the instances of a list, column by column. Handles may be repeated. Handles of another
+    /// storage, null ones included, are a failed verification.
     /// @param triggerEvent  whether listeners are called
     void destroyInstances(const EntityPtr* instances, zel::uint64 n, bool triggerEvent = true);
     void destroyInstances(const EntityRange& range);
@@ -154,7 +165,8 @@ public:
 
     /// Opens a batch: until commitBatch, no event tells of new instances. Refused while one is open.
     void beginBatch();
-    /// Closes the batch with a size not below that at its beginning. Listeners learn of the new instances.
+    /// Closes the batch with a size not below that at its beginning. Listeners learn of the new instances. A
+    /// batch that cannot be brought to that size is closed without any.
     void commitBatch(zel::uint64 size);
     [[nodiscard]] bool isBatchOpen() const noexcept { return m_batchIndex != zel::InvalidIndex; }
 
@@ -186,13 +198,14 @@ public:
     void swapInstanceIds(zel::uint32 id1, zel::uint32 id2);
     /// Brings the instances into another order: new element i is old element permutation[i]. Handles stay
     /// valid.
-    /// @param permutation  of the length size(), which is verified
+    /// @param permutation  of the length size(), with each index once, which is verified
     /// @param spares  where columns take their new memory and leave the old one, for a caller that reorders
     ///                again and again; null for the heap
     void reorder(const Array<zel::uint32>& permutation, SpareBlocks* spares = nullptr);
     void reorder(const zel::VectorPOD<zel::uint32>& permutation);
     /// The steps of reorder, for callers that spread them over jobs: preparePermutation; reorderAttributes
-    /// over disjoint ranges, in parallel; commitPermutation.
+    /// over disjoint ranges, in parallel; commitPermutation. In between nothing may change the size, the
+    /// capacity or the order, which is verified.
     void preparePermutation();
     /// @param range  of the new indices
     void reorderAttributes(const zel::IndexRange& range, const Array<zel::uint32>& permutation);
@@ -203,7 +216,7 @@ public:
     /// Makes an instance in the other storage with the content of the one here.
     EntityPtr copyInstance(zel::uint32 id, EntityStorage* target);
     /// Gives the instance `targetId` of the other storage, whose model must be this one's or one that it
-    /// derives from, the content of the one here.
+    /// derives from, the content of the one here. Arrays get elements of their own.
     void copyInstance(zel::uint32 id, EntityStorage* target, zel::uint32 targetId);
     /// Moves an instance to another storage.
     /// @return its new handle
@@ -236,15 +249,15 @@ public:
 
     [[nodiscard]] EntityModel* getEntityModel() const noexcept { return m_entity.get(); }
     /// The column of an attribute, or null.
-    [[nodiscard]] Buffer* getBuffer(const Attribute* attribute) const noexcept {
-        const zel::uint32 id = attribute->getAttributeId();
-        return id < m_buffers.size() ? m_buffers[id].get() : nullptr;
-    }
+    [[nodiscard]] Buffer* getBuffer(const Attribute* attribute) const noexcept;
     /// The column of the attribute with the name, or a buffer that the storage has beside its columns; null
     /// if there is neither.
     [[nodiscard]] Buffer* getBuffer(const zel::Name& name) const;
     /// The first element of an attribute's column; null without one.
     [[nodiscard]] void* getElements(const Attribute* attribute) const noexcept;
+    /// The first element of the instance at an index; null without a column.
+    /// @pre the index is below the capacity; not checked
+    [[nodiscard]] void* getElement(const Attribute* attribute, zel::uint64 index) const noexcept;
     /// By attribute id; an entry may be null.
     [[nodiscard]] const zel::Vector<zel::ref_ptr<Buffer>>& getBuffers() const noexcept { return m_buffers; }
     [[nodiscard]] Buffer* getInstanceBuffer() const noexcept { return m_instanceBuffer.get(); }
@@ -264,7 +277,8 @@ public:
     }
 
     /// Makes a storage that has instances and handles of its own over the columns of this one: when one
-    /// changes its size or order, so does the other.
+    /// changes its size or order, so does the other, and what one takes away or gets the other one loses or
+    /// has as well. Its capacity is the default one, or the present size if that is more.
     /// @return a new storage without owner, which keeps this one alive
     [[nodiscard]] EntityStorage* createSharedStorage();
 
@@ -335,39 +349,81 @@ private:
     void enterModel();
     void createIdToIndexBuffer();
     void addAttribute(Attribute* attribute);
-    void createElementBuffer(Buffer* buffer, Attribute* attribute);
-    static void elementBufferReallocationCallback(Buffer* buffer, const Buffer* elementBuffer);
-    void connectReserveCallback();
+    static void createElementBuffer(Buffer* buffer, Attribute* attribute);
+    void forgetBuffer(const Buffer* buffer);
+    void provideIds(zel::uint64 n);
     void initializeInstances(zel::uint64 begin, zel::uint64 end);
     void refreshTables();
 
     void writeSize(zel::uint64 n);
     void resizeCallback(zel::uint64 n);
     void reserveCallback(zel::uint64 n);
-    void sharedResizeCallback(zel::uint64 n, bool initialize);
-    void sharedReserveCallback(zel::uint64 n);
+    [[noreturn]] void throwTooMany() const;
+    void changeSize(zel::uint64 n, bool initialize, bool insideCreate);
+    template <typename Tell>
+    void tellRange(zel::uint64 begin, zel::uint64 end, bool insideCreate, const Tell& tell);
+    void growColumns(zel::uint64 n, bool initialize);
+    void setSize(zel::uint64 n);
+    void changeCapacity(zel::uint64 n);
+    void setCapacity(zel::uint64 capacity);
+    void showSize(zel::uint64 n);
+    void showCapacity(zel::uint64 n);
+    void syncViews();
     void constructInstances(zel::uint64 begin, zel::uint64 end);
-    void growGlobalOrder(zel::uint64 oldSize);
+    void dropInstances(zel::uint64 begin, zel::uint64 end) noexcept;
+    void createAtEnd(zel::uint64 n);
+    void growGlobalOrder(zel::uint64 n);
+    void abandonBatch() noexcept;
+    void takeBack(const EntityPtr& instance) noexcept;
 
+    void verifyAlive(zel::uint32 id) const;
+    [[nodiscard]] bool isRelative(const EntityStorage* other) const noexcept;
+    void tellDestruction(zel::uint32 id);
+    template <typename IndexList>
+    void tellDestruction(const EntityPtr* instances, const IndexList& indices);
     template <typename IndexList>
     void destroyAt(IndexList& indices);
-    void moveToEnd(zel::uint64 index, zel::uint64 last);
+    void moveToEnd(zel::uint64 index, zel::uint64 last, zel::FirstException& failure);
     void exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept;
-    void verifyNoPermutation() const;
+    void verifyNoPermutation() const {
+        if (hasRelatives() || !m_permutationBuffers.empty())
+            verifyNoPermutationOfFamily();
+    }
+    void verifyNoPermutationOfFamily() const;
     [[nodiscard]] void* prepareColumn(Buffer* buffer, SpareBlocks* spares = nullptr);
     void permuteColumn(const Buffer* buffer,
                        void* backBuffer,
                        const zel::IndexRange& range,
                        const Array<zel::uint32>& permutation) const;
-    static void commitColumn(Buffer* buffer, void* backBuffer, SpareBlocks* spares = nullptr);
-    void commitOrder(const Array<zel::uint32>& permutation);
+    static void commitColumn(Buffer* buffer, void* backBuffer, SpareBlocks* spares);
+    void verifyPermutation(const Array<zel::uint32>& permutation, zel::VectorPOD<zel::uint64>& seen) const;
+    void getOrderedColumns(zel::VectorPOD<Buffer*>& columns);
+    [[nodiscard]] zel::VectorPOD<Buffer*> getOrderedColumns();
+    void releasePermutation() noexcept;
+    void provideBlocks(const zel::VectorPOD<Buffer*>& columns,
+                       zel::VectorPOD<zel::uint64>& sizes,
+                       SpareBlocks& spares) const;
+    void commitOrder(const Array<zel::uint32>& permutation,
+                     const zel::VectorPOD<Buffer*>& columns,
+                     const zel::VectorPOD<void*>& backBuffers,
+                     SpareBlocks* spares);
     void permuteSlots(const Array<zel::uint32>& permutation);
     template <typename Visit>
-    void forEachColumn(const Visit& visit) const;
+    void forEachOwnBuffer(const Visit& visit);
+    template <typename Visit>
+    void forEachColumn(const Visit& visit);
     template <typename Visit>
     void forEachRelative(const Visit& visit);
     [[nodiscard]] bool hasRelatives() const noexcept { return m_master || !m_sharedStorages.empty(); }
     [[nodiscard]] bool firesEvents() const noexcept { return m_enableEvents && m_useInstanceTable; }
+
+    /// Lists that a reorder needs, kept from one to the next.
+    struct OrderLists {
+        zel::VectorPOD<Buffer*> columns;
+        zel::VectorPOD<void*> backBuffers;
+        zel::VectorPOD<zel::uint64> sizes;
+        zel::VectorPOD<zel::uint64> seen;
+    };
 
     zel::ref_ptr<ValueT<zel::uint64>> m_sizeValue;
     zel::ref_ptr<ValueT<zel::uint64>> m_capacityValue;
@@ -383,7 +439,8 @@ private:
     zel::ref_ptr<Buffer> m_instanceBuffer;
     zel::ref_ptr<EntityData> m_data;
     zel::Vector<zel::ref_ptr<Attribute>> m_customAttributes;
-    zel::VectorPOD<void*> m_permutationBuffers; // by attribute id; empty unless a permutation is under way
+    std::unique_ptr<OrderLists> m_orderLists;   // null while a reorder has them
+    zel::VectorPOD<void*> m_permutationBuffers; // of getOrderedColumns; empty unless one is under way
     zel::ref_ptr<Buffer> m_globalOrderBuffer;
     zel::Vector<EntityStorage*> m_sharedStorages; // made by createSharedStorage; not owned
     zel::ref_ptr<Buffer> m_idToIndexBuffer;
@@ -393,6 +450,8 @@ private:
     zel::uint64 m_instanceCallbackId = 0;
     zel::uint64 m_idToIndexCallbackId = 0;
     EventDispatch m_eventDispatch;
+    bool m_sizeIsShown = false; // the update of the value that comes next asks for nothing
+    bool m_capacityIsShown = false;
     zel::uint64 m_batchIndex = zel::InvalidIndex;
     bool m_enableEvents = true;
     zel::ref_ptr<EntityStorage> m_master;  // of a shared storage

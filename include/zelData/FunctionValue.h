@@ -33,6 +33,10 @@ public:
     /// Looks the arguments up anew, and computes if all are there.
     void rebind() override;
 
+    /// As rebind, on behalf of a value that is to follow this one.
+    /// @throws std::runtime_error if an argument depends on the follower; what the function throws
+    void prepare(const Value* follower);
+
     /// Takes over the task that has been found for the function.
     void injectFunctionInstance(zel::UnresolvedTask* proxy);
     /// Computes the function anew and announces the result.
@@ -53,8 +57,10 @@ private:
         zel::uint64 id;
     };
 
+    void findTask();
     void compute();
     void leaveTask();
+    [[noreturn]] void refuseItself() const;
 
     zel::ref_ptr<zel::UnresolvedTask> m_proxy;
     zel::ref_ptr<zel::Task> m_task;

@@ -22,20 +22,21 @@
 
 namespace zelData {
 
-/// The element of an instance in an attribute's column.
+/// The element of an instance in an attribute's column; the first one of several.
 /// @pre T is the element of the column's format, and the instance lives; not checked
 /// @cost the look-up of the index, and of the column
 template <typename T>
 [[nodiscard]] T& getElement(const EntityPtr& instance, const Attribute* attribute) {
     const EntityStorage* storage = instance.getStorage();
     const Buffer* column = storage->getBuffers()[attribute->getAttributeId()].get();
-    return column->data<T>()[storage->getIndex(instance.getId())];
+    return column->data<T>()[storage->getIndex(instance.getId()) * column->getElementArraySize()];
 }
 
 /// The same by place, through the array that the view has for the attribute.
 template <typename T>
 [[nodiscard]] T& getElement(const EntityInstance& instance, const Attribute* attribute) {
-    return static_cast<T*>(instance.getData()->getArray(attribute)->ptr())[instance.getIndex()];
+    const AbstractArray* array = instance.getData()->getArray(attribute);
+    return static_cast<T*>(array->ptr())[instance.getIndex() * instance.getData()->getArraySize(attribute)];
 }
 
 /// The model of a class, loaded at the first call; an entity that cannot be loaded ends the process.

@@ -39,20 +39,20 @@ public:
     using value_type = T;
     using ScalarAttribute::ScalarAttribute;
 
-    /// The elements of a storage, by index.
+    /// The elements of a storage, by index; as many for each instance as the attribute says.
     /// @pre the storage holds the attribute in a format whose elements are T; not checked
     template <typename Storage>
     [[nodiscard]] T* getElements(Storage* storage) const {
         return static_cast<T*>(storage->getElements(this));
     }
-    /// The element of an instance.
+    /// The element of an instance; the first one of several.
     template <typename Handle>
     [[nodiscard]] const T& get(const Handle& instance) const {
-        return getElements(instance.getStorage())[instance.getIndex()];
+        return *static_cast<T*>(instance.getStorage()->getElement(this, instance.getIndex()));
     }
     template <typename Handle>
     void set(const Handle& instance, const T& value) const {
-        getElements(instance.getStorage())[instance.getIndex()] = value;
+        *static_cast<T*>(instance.getStorage()->getElement(this, instance.getIndex())) = value;
     }
 };
 

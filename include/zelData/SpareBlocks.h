@@ -18,6 +18,8 @@ public:
 
     /// @return a block of exactly that many bytes, which is the caller's now; null if there is none
     [[nodiscard]] void* take(zel::size_t size) noexcept;
+    /// Appends the size of each block that is there.
+    void getSizes(zel::VectorPOD<zel::size_t>& sizes) const;
     /// Keeps a block of zel::ByteAllocator; null is ignored.
     void give(void* block, zel::size_t size);
     /// Releases what nobody has given since the last call: sizes that are not in use any more.

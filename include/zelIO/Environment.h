@@ -1,6 +1,7 @@
 #pragma once
 
 #include <zel/Export.h>
+#include <zel/ServicePointer.h>
 #include <zel/Singleton.h>
 #include <zelIO/FilePathContainer.h>
 
@@ -9,8 +10,9 @@
 namespace zelIO {
 
 /// The directories in which the system looks for data files, plug-ins and component sources. They come from
-/// the source tree that the library was built from, if it is still there, and from ZEL_FILE_PATH,
-/// ZEL_PLUGIN_PATH and ZEL_COMPONENT_DEV_PATH, which are read when the service is created.
+/// the source tree that the library was built from, while it lies in its build tree; from ZEL_FILE_PATH,
+/// ZEL_PLUGIN_PATH and ZEL_COMPONENT_DEV_PATH, which are read when the service is created; and last, for an
+/// installed library, from share/zelCore beside it, wherever the package was put.
 /// @threads concurrent reads; changing a container needs an external lock
 class ZEL_CORE_API Environment : public zel::Singleton {
 public:
@@ -42,7 +44,7 @@ private:
 
     std::array<FilePathContainer, NumTypes> m_filePaths;
 
-    static Environment* s_instance;
+    static zel::ServicePointer<Environment> s_instance;
 };
 
 } // namespace zelIO

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <zel/Export.h>
+#include <zel/ServicePointer.h>
 #include <zel/Singleton.h>
 #include <zel/String.h>
 
@@ -30,7 +31,7 @@ public:
 private:
     ResourceManager();
 
-    static ResourceManager* s_instance;
+    static zel::ServicePointer<ResourceManager> s_instance;
 };
 
 } // namespace zelIO

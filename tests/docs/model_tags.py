@@ -10,21 +10,21 @@ import sys
 
 # The tags that a group of sources reads the attributes of.
 GROUPS = [
-    ({"Component", "Object"}, ["src/zel/ComponentXml.cpp", "src/zel/Object.cpp"]),
-    ({"Device"}, ["src/zel/Device.cpp"]),
-    ({"Value"}, ["src/zelData/ValueXml.cpp", "src/zelData/TypeRegistry.cpp"]),
-    ({"Buffer"}, ["src/zelData/BufferFile.cpp", "src/zelData/TypeRegistry.cpp"]),
-    ({"Entity.Storage"}, ["src/zelData/EntityStorageXml.cpp"]),
+    ({"Component", "Object"}, ["src/tree/ComponentXml.cpp", "src/tree/Object.cpp"]),
+    ({"Device"}, ["src/tree/Device.cpp"]),
+    ({"Value"}, ["src/data/ValueXml.cpp", "src/data/TypeRegistry.cpp"]),
+    ({"Buffer"}, ["src/data/BufferFile.cpp", "src/data/TypeRegistry.cpp"]),
+    ({"Entity.Storage"}, ["src/entities/EntityStorageXml.cpp"]),
     (
         {"Entity.Model", "Entity", "Shared.Buffer", "Shared.Storage"},
-        ["src/zelData/EntityModelXml.cpp", "src/zelData/TypeRegistry.cpp"],
+        ["src/entities/EntityModelXml.cpp", "src/data/TypeRegistry.cpp"],
     ),
     (
         {"Attribute", "Attribute.Scalar", "Attribute.Array", "Attribute.Vector", "Attribute.HashSet"},
-        ["src/zelData/ScalarAttribute.cpp", "src/zelData/TypeRegistry.cpp"],
+        ["src/entities/ScalarAttribute.cpp", "src/data/TypeRegistry.cpp"],
     ),
-    ({"Attribute.Pointer"}, ["src/zelData/PointerAttribute.cpp"]),
-    ({"Attribute.Shared"}, ["src/zelData/SharedAttribute.cpp", "src/zelData/TypeRegistry.cpp"]),
+    ({"Attribute.Pointer"}, ["src/entities/PointerAttribute.cpp"]),
+    ({"Attribute.Shared"}, ["src/entities/SharedAttribute.cpp", "src/data/TypeRegistry.cpp"]),
     (
         {
             "Parameter.Scalar",
@@ -36,47 +36,47 @@ GROUPS = [
             "Parameter.Unresolved",
         },
         [
-            "src/zel/Parameter.cpp",
-            "src/zel/ScalarParameter.cpp",
-            "src/zel/ArrayParameter.cpp",
-            "src/zel/EntityHandleParameter.cpp",
-            "src/zel/UnresolvedParameter.cpp",
-            "src/zelData/TypeRegistry.cpp",
+            "src/engine/Parameter.cpp",
+            "src/engine/ScalarParameter.cpp",
+            "src/engine/ArrayParameter.cpp",
+            "src/engine/EntityHandleParameter.cpp",
+            "src/engine/UnresolvedParameter.cpp",
+            "src/data/TypeRegistry.cpp",
         ],
     ),
-    ({"Parameter.HashTable"}, ["src/zel/HashTableComponent.cpp"]),
-    ({"Pointer"}, ["src/zel/Pointer.cpp"]),
-    ({"Clock", "Event"}, ["src/zel/ClockXml.cpp"]),
+    ({"Parameter.HashTable"}, ["src/engine/HashTableComponent.cpp"]),
+    ({"Pointer"}, ["src/engine/Pointer.cpp"]),
+    ({"Clock", "Event"}, ["src/engine/ClockXml.cpp"]),
     (
         {"Task", "TaskGroup", "Init", "dependency", "Argument", "Storage", "HashTable"},
         [
-            "src/zel/TaskXml.cpp",
-            "src/zel/TaskGroupXml.cpp",
-            "src/zel/UnresolvedTaskXml.cpp",
-            "src/zel/UnresolvedTaskResolve.cpp",
+            "src/engine/TaskXml.cpp",
+            "src/engine/TaskGroupXml.cpp",
+            "src/engine/UnresolvedTaskXml.cpp",
+            "src/engine/UnresolvedTaskResolve.cpp",
         ],
     ),
     (
         {"Kernel", "Kernel.Scalar", "SolveKernel"},
-        ["src/zel/Kernel.cpp", "src/zel/KernelXml.cpp", "src/zel/TaskManager.cpp"],
+        ["src/engine/Kernel.cpp", "src/engine/KernelXml.cpp", "src/engine/TaskManager.cpp"],
     ),
 ]
 # Read by the names of an object's own values.
-BY_NAME = {"src/zel/Kernel.cpp": {"numJobsPerThread", "minJobSize", "maxJobSize", "costPerElement"}}
+BY_NAME = {"src/engine/Kernel.cpp": {"numJobsPerThread", "minJobSize", "maxJobSize", "costPerElement"}}
 # The attributes of another group, which the source looks at in passing.
-ELSEWHERE = {"src/zel/TaskManager.cpp": {"implementation"}}
+ELSEWHERE = {"src/engine/TaskManager.cpp": {"implementation"}}
 # Read by the common door, of any element.
 ANYWHERE = {"instance"}
 # Tags without attributes of their own.
 BARE_TAGS = {"description"}
 # They read other files than models, or are the helpers that the loaders read with.
-OTHER_SOURCES = {"src/zel/KnownAttributes.cpp", "src/zel/ModelFiles.cpp", "src/zel/XmlLoader.cpp", "src/zelData/EntityXml.cpp", "src/zelData/TypeMap.cpp"}
+OTHER_SOURCES = {"src/tree/KnownAttributes.cpp", "src/tree/ModelFiles.cpp", "src/tree/XmlLoader.cpp", "src/entities/EntityXml.cpp", "src/entities/TypeMap.cpp"}
 # `type` may be written as `value` where getFormat reads the element; nobody should.
-UNTOLD = {"src/zelData/TypeRegistry.cpp": {"value"}}
+UNTOLD = {"src/data/TypeRegistry.cpp": {"value"}}
 
 # The list behind the warnings. What binds a parameter in a task may have all of the parameter's attributes; a task with
 # a source takes those of a kernel, and a clock is a task.
-KNOWN = "src/zel/KnownAttributes.cpp"
+KNOWN = "src/tree/KnownAttributes.cpp"
 BINDING_TAGS = {"Value", "Buffer", "Pointer", "Storage", "HashTable", "EntityPtr", "EntityInstance"}
 BINDING_ATTRIBUTES = set("name type format mode value bind source task required localSize".split())
 CHILD_ONLY = {

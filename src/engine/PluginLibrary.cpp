@@ -1,0 +1,110 @@
+#include "PluginLibrary.h"
+
+#include <zel/DynamicLibrary.h>
+#include <zel/HashSet.h>
+#include <zel/Log.h>
+#include <zel/Task.h>
+#include <zel/TaskManager.h>
+#include <zel/TaskPlugin.h>
+#include <zel/ref_ptr.h>
+#include <zelIO/Environment.h>
+
+#include <array>
+#include <exception>
+
+namespace zel {
+
+namespace {
+
+/// The places below a search directory in which the library of a path may lie, in order.
+const std::array<const char*, 3> Places{"Components/zel/", "", "Components/"};
+
+/// The libraries that have been opened; guarded by TaskManager's mutex.
+HashSet<String>& openedLibraries() {
+    static auto& libraries = *new HashSet<String>;
+    return libraries;
+}
+
+TaskPlugin* findPlugin(const Path& path) {
+    const auto position = TaskManager::pluginTable().find(path.str());
+    return position == TaskManager::pluginTable().end() ? nullptr : position->value;
+}
+
+} // namespace
+
+String findPluginLibrary(const Path& path) {
+    const auto* environment = zelIO::Environment::instance();
+    const String library = TaskManager::getPluginPath(path);
+    for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
+        for (const char* place : Places) {
+            String found = environment->getFilePath(type).find(place + library);
+            if (!found.empty())
+                return found;
+        }
+    return {};
+}
+
+bool hasPlugin(const Path& path) {
+    return findPlugin(path) != nullptr || !findPluginLibrary(path).empty();
+}
+
+TaskPlugin* loadPlugin(const Path& path) {
+    if (TaskPlugin* const plugin = findPlugin(path))
+        return plugin;
+    String file = findPluginLibrary(path);
+    if (file.empty())
+        file =
+            TaskManager::getPluginPath(path); // where the system looks for libraries, if it is there at all
+    if (!openedLibraries().contains(file)) {
+        void* const handle = OpenPlugin(file);
+        if (handle == nullptr) {
+            ZEL_LOG_WARNING("TaskManager::create(...): Could not load plugin '" << path
+                                                                                << "': " << GetPluginError());
+            return nullptr;
+        }
+        new DynamicLibrary(file,
+                           handle); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the manager owns it
+        openedLibraries().insert(file);
+    }
+    TaskPlugin* const plugin = findPlugin(path);
+    if (plugin == nullptr)
+        ZEL_LOG_WARNING("TaskManager::create(...): Library '" << file << "' holds no plug-in '" << path
+                                                              << "'");
+    return plugin;
+}
+
+bool isPluginLibraryOpen(const String& file) {
+    return openedLibraries().contains(file);
+}
+
+String whatIsThrown() {
+    if (!std::current_exception())
+        throw; // a cancelled thread unwinds
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (...) {
+        return "an exception of an unknown type";
+    }
+}
+
+ref_ptr<Task> createImplementation(TaskPluginImplementation& implementation,
+                                   const Name& name,
+                                   Device* device,
+                                   String& failure) {
+    try {
+        return ref_ptr<Task>(implementation.create(name, device));
+    } catch (...) {
+        failure = whatIsThrown();
+        if (failure.empty())
+            failure = "an exception without a text";
+        return nullptr;
+    }
+}
+
+void forgetPluginLibraries() {
+    openedLibraries().clear();
+}
+
+} // namespace zel

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <zel/Name.h>
+#include <zel/Path.h>
+#include <zel/String.h>
+#include <zel/ref_ptr.h>
+
+namespace zel {
+
+class Device;
+class Task;
+class TaskPlugin;
+class TaskPluginImplementation;
+
+/// The file of the library that holds the plug-in of a path: "libBodies.Kick.so" in one of the search paths.
+/// @return empty if there is none
+[[nodiscard]] String findPluginLibrary(const Path& path);
+
+/// The plug-in of a path, whose library is loaded if need be. Under TaskManager's mutex.
+/// @return null, with a warning, if there is none
+[[nodiscard]] TaskPlugin* loadPlugin(const Path& path);
+
+/// Whether the plug-in of a path is loaded, or its library is there.
+[[nodiscard]] bool hasPlugin(const Path& path);
+
+/// Whether the file has been opened as a library.
+[[nodiscard]] bool isPluginLibraryOpen(const String& file);
+
+/// What the exception that is being handled says. To be called from a handler of all exceptions.
+/// @throws what unwinds a thread that is cancelled, and is no exception
+[[nodiscard]] String whatIsThrown();
+
+/// Makes the implementation's task. It may throw whatever it likes: then there is none.
+/// @param failure  set to what it has thrown
+/// @return null if there is none
+[[nodiscard]] ref_ptr<Task> createImplementation(TaskPluginImplementation& implementation,
+                                                 const Name& name,
+                                                 Device* device,
+                                                 String& failure);
+
+/// Forgets which libraries have been opened, since they are being closed.
+void forgetPluginLibraries();
+
+} // namespace zel

@@ -1,0 +1,189 @@
+#include "ParameterMatch.h"
+#include "PluginLibrary.h"
+#include "tree/SearchPlaces.h"
+#include "tree/XmlDocument.h"
+
+#include <zel/Log.h>
+#include <zel/Model.h>
+#include <zel/TaskManager.h>
+#include <zel/TaskPlugin.h>
+#include <zel/UnresolvedParameter.h>
+#include <zel/UnresolvedTask.h>
+#include <zel/ref_ptr.h>
+#include <zelData/Format.h>
+#include <zelData/Type.h>
+#include <zelData/Value.h>
+
+#include <tinyxml.h>
+
+#include <algorithm>
+#include <mutex>
+#include <sstream>
+#include <string>
+
+// What an unresolved task says when it finds no implementation.
+
+namespace zel {
+
+namespace {
+
+std::string describe(const Parameter& parameter) {
+    const zelData::Format* const format = parameter.getFormat();
+    const zelData::Type* const type = format == nullptr ? parameter.getType() : format->getType();
+    std::ostringstream text;
+    text << "'" << parameter.getName() << "' (" << parameter.getMetaTypeName() << ")";
+    if (type != nullptr)
+        text << " of type " << type->getName();
+    if (format != nullptr)
+        text << ", format " << format->getName();
+    return text.str();
+}
+
+/// The category of the file that describes the task; null if there is none.
+const char* findDescription(const Path& path, String& file) {
+    Path remainder;
+    for (const char* const category : {"zelKernel", "zelTask"})
+        if (Model::getDiskPath(path, file, remainder, category))
+            return category;
+    return nullptr;
+}
+
+/// What is wrong with the file that describes the kernel; empty if there is none, or it can be read.
+std::string explainDescription(const Path& path) {
+    String file;
+    Path remainder;
+    XmlFileError error;
+    if (!Model::getDiskPath(path, file, remainder, "zelKernel") || parseXmlFile(file, error))
+        return {};
+    return "\nThe file '" + std::string(file) + "' can not be read: row " + std::to_string(error.row) + ": " +
+           error.reason;
+}
+
+} // namespace
+
+void UnresolvedTask::report() const {
+    std::ostringstream text;
+    text << "Unresolved task found in task graph! "
+         << "No implementation has been found for requested task '" << m_implementationName << "'\n"
+         << "The following is a list of the parameters found in the unresolved task, along with its current "
+            "state:";
+    for (size_t i = 0; i < m_proxyParameters.size(); ++i) {
+        const UnresolvedParameter& parameter = *m_proxyParameters[i];
+        const String path =
+            i < m_arguments.size() ? m_arguments[i].text : String(parameter.getBindPath().str());
+        text << "\n  parameter instance '" << parameter.getName();
+        if (parameter.getMetaType() == Parameter::MetaType::Unresolved) {
+            text << "' (autoBind: " << path << ") is not resolved";
+            continue;
+        }
+        text << "' is" << (parameter.isValid() ? "" : " NOT") << " valid, autoBinds to " << path
+             << ", bound to ";
+        if (const Object* target = parameter.getTarget())
+            text << target->getPath();
+        else
+            text << "nullptr";
+    }
+    ZEL_LOG_WARNING(text.str());
+}
+
+std::string UnresolvedTask::describePlace() const {
+    return "The task '" + getPath().str() + "'" + (m_place.empty() ? "" : " (" + m_place + ")");
+}
+
+void UnresolvedTask::explainFailure() {
+    if (m_explained)
+        return;
+    m_explained = true;
+    const std::lock_guard lock(TaskManager::getMutex());
+    std::ostringstream text;
+    bool found = false;
+    for (Path prefix = m_proxyPath;; prefix = prefix.base()) {
+        const Path path = prefix + m_implementationName;
+        String file;
+        const auto plugin = TaskManager::pluginTable().find(path.str());
+        if (const std::string fault = explainDescription(path); !fault.empty()) {
+            found = true; // nothing else is looked at
+            text << fault;
+        } else if (plugin != TaskManager::pluginTable().end()) {
+            found = true;
+            if (plugin->value->getDeviceType() != getDevice()->getType())
+                text << "\nThe plug-in '" << path << "' is for another kind of device";
+            for (size_t i = 0; i < plugin->value->getNumImplementations(); ++i)
+                text << explainMisfit(*plugin->value->getImplementation(i));
+        } else if (!(file = findPluginLibrary(path)).empty()) {
+            found = true;
+            text << "\nThe library '" << file << "' "
+                 << (isPluginLibraryOpen(file) ? "gives no plug-in '" + std::string(path.c_str()) + "'"
+                                               : std::string("can not be loaded"));
+        } else if (const char* const category = findDescription(path, file)) {
+            found = true;
+            text << "\nThe file '" << file << "' holds no "
+                 << (category == std::string("zelKernel") ? "kernel" : "task") << " '" << path.back()
+                 << "' that fits";
+        }
+        if (prefix.empty())
+            break;
+    }
+    if (!found) {
+        const String file = toFileName(m_implementationName);
+        text << "\nLooked for '" << TaskManager::getPluginPath(m_implementationName) << "', '" << file
+             << ".zelKernel' and '" << file << ".zelTask'";
+        if (!m_proxyPath.empty())
+            text << ", in the namespace '" << m_proxyPath << "' first";
+        text << describeSearchPlaces();
+    }
+    if (!m_failure.empty())
+        text << "\nThe search has ended with: " << m_failure;
+    ZEL_LOG_WARNING(describePlace() << " has no implementation '" << m_implementationName << "'"
+                                    << text.str());
+}
+
+std::string UnresolvedTask::explainMisfit(TaskPluginImplementation& implementation) const {
+    String failure;
+    const ref_ptr<Task> task(createImplementation(implementation, m_instanceName, getDevice(), failure));
+    std::ostringstream text;
+    text << "\nThe implementation '" << implementation.getName() << "' ";
+    if (!task) {
+        text << (failure.empty() ? "makes no task" : "has thrown while it was made: " + std::string(failure));
+        return text.str();
+    }
+    if (fits(*task)) {
+        text << "fits";
+        return text.str();
+    }
+    text << "takes:";
+    for (const ref_ptr<Parameter>& parameter : task->getParameters()) {
+        text << "\n  " << describe(*parameter);
+        const auto given =
+            std::find_if(m_proxyParameters.begin(), m_proxyParameters.end(), [&parameter](const auto& proxy) {
+                return proxy->getName() == parameter->getName();
+            });
+        if (given == m_proxyParameters.end())
+            text << (parameter->isRequired() ? ": is not given" : "");
+        else if ((*given)->getBinding() == nullptr && (*given)->getBindPath().empty())
+            text << ": is given nothing";
+        else if ((*given)->getBinding() == nullptr)
+            text << ": is given the path '" << (*given)->getBindPath() << "', where nothing is";
+        else if (!takes(*parameter, **given, task->getDevice()))
+            text << ": is given " << (*given)->getBinding()->getPath() << ", " << describe(**given);
+    }
+    for (const ref_ptr<UnresolvedParameter>& proxy : m_proxyParameters)
+        if (task->findParameter(proxy->getName()) == nullptr)
+            text << "\n  and no '" << proxy->getName() << "', which is given";
+    return text.str();
+}
+
+void UnresolvedTask::warnOfUnbound() const {
+    if (m_place.empty())
+        return; // the program knows what it leaves out
+    for (const ref_ptr<Parameter>& parameter : m_instance->getParameters())
+        if (parameter->isRequired() && parameter->isValid() &&
+            (parameter->getAccessMode() & zelData::AccessMode::READ) != 0 &&
+            parameter->getBinding() == nullptr && parameter->getBindPath().empty())
+            ZEL_LOG_WARNING(describePlace()
+                            << " gives nothing to the required parameter " << describe(*parameter)
+                            << ", which keeps what the implementation '" << m_implementationName
+                            << "' has set it to");
+}
+
+} // namespace zel
