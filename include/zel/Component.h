@@ -119,7 +119,7 @@ private:
     [[nodiscard]] Chain* findChain(const Name& name) const;
     void link(Object* object);
     void unlink(Object* object);
-    void rename(Object* object, const Name& name);
+    void rename(Object* object, Name name);
     [[nodiscard]] bool liesWithin(const Object* object) const;
     void trigger(TreeEvent Component::*event, Object* object);
     void removeAt(size_t index);

@@ -36,6 +36,7 @@ class MemoryPool : public AbstractMemoryPool {
 public:
     explicit MemoryPool(const BatchAllocator& allocator) : m_allocator(allocator) {}
     MemoryPool(const char* name, unsigned chunkSize) : m_allocator(name, chunkSize) {}
+    // NOLINTNEXTLINE(bugprone-exception-escape): where there is no memory to clear with, the process ends
     ~MemoryPool() override { clear(); }
 
     void deallocateVirtual(void* element) override { deallocate(static_cast<T*>(element)); }

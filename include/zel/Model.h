@@ -153,7 +153,7 @@ private:
     static void makeTree();
     static Model* internal_getModel(const Path& path, const Name& name, TiXmlElement* element = nullptr);
     static Model* findInTree(const Path& path, const Name& name);
-    static void loadModelFile(const ModelFile& file);
+    static void loadModelFile(const ModelFile& source);
     static void registerModel(Model* model, Namespace* space);
     using SlotTable = HashTable<Model*, std::atomic<Model*>*>;
     static SlotTable& getReverseBuiltinModelTable();

@@ -36,7 +36,8 @@ template <typename T>
 template <typename T>
 [[nodiscard]] T& getElement(const EntityInstance& instance, const Attribute* attribute) {
     const AbstractArray* array = instance.getData()->getArray(attribute);
-    return static_cast<T*>(array->ptr())[instance.getIndex() * instance.getData()->getArraySize(attribute)];
+    const size_t elementsEach = instance.getData()->getArraySize(attribute);
+    return static_cast<T*>(array->ptr())[instance.getIndex() * elementsEach];
 }
 
 /// The model of a class, loaded at the first call; an entity that cannot be loaded ends the process.

@@ -172,10 +172,9 @@ void Component::unlink(Object* object) {
         m_objectTable->erase(object->getName());
 }
 
-void Component::rename(Object* object, const Name& name) {
-    const Name given = name; // which may be the object's own
+void Component::rename(Object* object, Name name) {
     unlink(object);
-    object->m_name = given;
+    object->m_name = std::move(name);
     link(object);
 }
 

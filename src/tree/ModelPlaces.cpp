@@ -35,7 +35,7 @@ HashTable<String, ModelFile>& knownPlaces() { // guarded by s_placesMutex
 /// elsewhere.
 String cleanName(const String& file) {
     const String absolute = FileSystem::getAbsolutePath(file);
-    const String clean =
+    String clean =
         std::filesystem::path(static_cast<const std::string&>(absolute)).lexically_normal().string();
     if (!FileSystem::exists(absolute) || isSameFile(clean, absolute))
         return clean;
