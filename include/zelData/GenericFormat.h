@@ -7,12 +7,12 @@ namespace zelData {
 
 /// An opaque block of bytes: copied bitwise, constructed as zero. Its bytes have no order to reverse.
 ///
-/// At most 256 different sizes can be in use in a process, since each needs a copy function of its own; one
-/// more ends the process.
+/// At most 1,024 different sizes can be in use in a process, since each needs a copy function of its own.
 /// @threads concurrent reads, once the format is set up
 class ZEL_CORE_API GenericFormat : public Format {
 public:
     /// Named "SIZE bytes".
+    /// @throws std::runtime_error  if the size is one too many; so does the other constructor
     explicit GenericFormat(zel::uint64 size);
     GenericFormat(const zel::Name& name, zel::uint64 size);
     ~GenericFormat() override;

@@ -74,6 +74,7 @@ ZEL_CORE_API Type* getOrCreateType(const zel::String& name);
 /// @throws std::runtime_error with file and row
 [[nodiscard]] ZEL_CORE_API const Format* getFormat(zel::TiXmlElement* element, zel::Device* device);
 /// The opaque format of elements of so many bytes; one for each size.
+/// @throws std::runtime_error  for the 1,025th size of a process
 [[nodiscard]] ZEL_CORE_API Format* getGenericStructFormat(zel::uint64 size);
 
 /// Writes the name of each type on a line of the standard output stream, followed by a line for each of its

@@ -1,18 +1,19 @@
+#include <zel/Exception.h>
 #include <zel/String.h>
-#include <zel/Verify.h>
 #include <zelData/GenericFormat.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 
 namespace zelData {
 
 namespace {
 
-constexpr zel::size_t MaxSizes = 256;
+constexpr zel::size_t MaxSizes = 1024;
 
 /// The sizes in use. A transform function does not learn of which format its elements are, so each size has a
 /// copy function of its own. A size is written before the function that reads it is given out, and stays.
@@ -41,7 +42,10 @@ TransformFunction copyFunctionOf(zel::uint64 size) {
     while (i < s_numSizes && s_sizes[i] != size)
         ++i;
     if (i == s_numSizes) {
-        zelVerifyN(s_numSizes < MaxSizes, "More than %zu different sizes of generic formats", MaxSizes);
+        if (s_numSizes == MaxSizes)
+            ZEL_THROW(std::runtime_error,
+                      zel::String::format(
+                          "No generic format of %lu bytes: there are %zu of other sizes", size, MaxSizes));
         s_sizes[s_numSizes++] = size;
     }
     return CopyFunctions[i];

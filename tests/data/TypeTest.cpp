@@ -16,7 +16,9 @@
 #include <support/StreamCapture.h>
 #include <tinyxml.h>
 
+#include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -403,4 +405,21 @@ TEST(TypeStressTest, FormatsAreLookedUpWhileOthersAreAdded) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_NE(getFormat("GenericData:1001 bytes"), nullptr);
+}
+
+TEST(TypeDeathTest, TakesAThousandSizesOfOpaqueElementsAndRefusesTheNextWithAnException) {
+    const auto useAll = [] {
+        zel::uint64 size = 100'000;
+        try {
+            for (;; ++size)
+                static_cast<void>(zelData::getGenericStructFormat(size));
+        } catch (const std::runtime_error& error) {
+            std::cerr << (size - 100'000 > 1000 ? "enough: " : "too few: ") << error.what() << std::endl;
+        }
+        // Those that are there are given out as before.
+        std::exit(zelData::getGenericStructFormat(100'000)->getSize() == 100'000 ? 0 : 1);
+    };
+    EXPECT_EXIT(useAll(),
+                testing::ExitedWithCode(0),
+                "enough: No generic format of 1[0-9]+ bytes: there are 1024 of other sizes");
 }
