@@ -108,6 +108,7 @@ protected:
     [[nodiscard]] static bool isDetaching() noexcept;
 
 private:
+    friend class Device; // owns copies of buffers, which do not own it
     friend class Object; // renames
 
     /// The children of one name, linked through Object::m_nextSibling.
@@ -125,8 +126,10 @@ private:
     void removeAt(size_t index);
     void detach(Object* object);
     void configureChild(TiXmlElement* child);
+    void takeDevice(Device* device, bool counted);
 
-    Device* m_device = nullptr; // counted
+    Device* m_device = nullptr;
+    bool m_countsDevice = true;
     Vector<ref_ptr<Object>> m_objects;
     std::unique_ptr<HashTable<Name, Chain>>
         m_objectTable; // made for the first child: most components are leaves

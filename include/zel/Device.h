@@ -60,7 +60,7 @@ public:
     /// A new buffer without owner in the device's format for the type.
     [[nodiscard]] zelData::Buffer* createBuffer(const zelData::Type* type);
     /// This device's copy of a buffer; the buffer itself if it lives here. Made at the first call, without
-    /// the content, and kept until the original dies.
+    /// the content, and kept until the original or the device dies; it does not keep the device alive.
     [[nodiscard]] zelData::Buffer* getBuffer(zelData::Buffer* original);
 
     [[nodiscard]] static Model* ClassModel();
@@ -70,11 +70,14 @@ public:
     [[nodiscard]] static Device* load(TiXmlElement* element, Device* device);
 
 private:
+    static void detach(zelData::Buffer* copy, Device* device);
+
     Type m_type;
     String m_typeName;
     ByteOrder m_byteOrder;
     HashTable<const zelData::Type*, const zelData::Format*> m_typeFormats;
-    HashTable<Object*, ref_ptr<zelData::Buffer>> m_bufferTable; // by the original
+    // The copies, by the original. They do not own the device, as other buffers on it do.
+    HashTable<Object*, ref_ptr<zelData::Buffer>> m_bufferTable;
 };
 
 } // namespace zel

@@ -134,10 +134,14 @@ Component::~Component() {
 }
 
 void Component::setDevice(Device* device) {
-    if (device != nullptr)
+    takeDevice(device, true);
+}
+
+void Component::takeDevice(Device* device, bool counted) {
+    if (device != nullptr && counted)
         device->reference();
-    Device* old = std::exchange(m_device, device);
-    if (old != nullptr)
+    Device* const old = std::exchange(m_device, device);
+    if (std::exchange(m_countsDevice, counted) && old != nullptr)
         old->unreference();
 }
 

@@ -26,8 +26,17 @@ Device::Device(const Name& name, Type type, const String& typeName, ByteOrder by
     : Component(name, ClassModel()), m_type(type), m_typeName(typeName), m_byteOrder(byteOrder) {}
 
 Device::~Device() {
-    for (const auto& entry : m_bufferTable)
+    for (const auto& entry : m_bufferTable) {
         entry.key->removeListener(this);
+        detach(entry.value.get(), nullptr);
+    }
+}
+
+/// Lets a copy go its own way, as an owner of the device.
+void Device::detach(zelData::Buffer* copy, Device* device) {
+    copy->setOriginalBuffer(nullptr);
+    copy->setContext(nullptr);
+    copy->takeDevice(device, true);
 }
 
 void Device::setTypeFormat(const zelData::Type* type, const zelData::Format* format) {
@@ -67,6 +76,7 @@ zelData::Buffer* Device::getBuffer(zelData::Buffer* original) {
     copy->setName(original->getName());
     copy->setContext(original->getContext());
     copy->setOriginalBuffer(original);
+    copy->takeDevice(this, false); // the table owns the copy
     m_bufferTable.insert(original, copy);
     original->Object::addListener(this);
     return copy.get();
@@ -76,9 +86,8 @@ void Device::destroyCallback(Object* object) {
     const auto it = m_bufferTable.find(object);
     zelVerify(it != m_bufferTable.end());
     const ref_ptr<zelData::Buffer> copy(it->value);
-    copy->setOriginalBuffer(nullptr);
-    copy->setContext(nullptr);
     m_bufferTable.erase(it);
+    detach(copy.get(), this);
 }
 
 Device* Device::load(TiXmlElement* element, Device*) {

@@ -77,10 +77,34 @@ TEST(DeviceTest, MayGoAheadOfTheOriginals) {
     ref_ptr<Buffer> original(new Buffer(getFormat("Int")));
     {
         const ref_ptr<MemoryDevice> device(new MemoryDevice);
-        const ref_ptr<Buffer> copy(device->getBuffer(original.get()));
-        copy->setDevice(nullptr); // what keeps the device
+        static_cast<void>(device->getBuffer(original.get()));
     }
     original = nullptr;
+}
+
+TEST(DeviceTest, IsNotKeptByItsCopies) {
+    const ref_ptr<Buffer> original(new Buffer(getFormat("Int")));
+    ref_ptr<MemoryDevice> device(new MemoryDevice);
+    const zel::observer_ptr<MemoryDevice> watched(device.get());
+    const ref_ptr<Buffer> copy(device->getBuffer(original.get()));
+    EXPECT_EQ(copy->getDevice(), device.get());
+    device = nullptr;
+    EXPECT_EQ(watched.get(), nullptr);
+    EXPECT_EQ(copy->getDevice(), nullptr);
+    EXPECT_EQ(copy->getOriginalBuffer(), nullptr);
+}
+
+TEST(DeviceTest, IsKeptByACopyWhoseOriginalIsGone) {
+    ref_ptr<Buffer> original(new Buffer(getFormat("Int")));
+    ref_ptr<MemoryDevice> device(new MemoryDevice);
+    const zel::observer_ptr<MemoryDevice> watched(device.get());
+    ref_ptr<Buffer> copy(device->getBuffer(original.get()));
+    original = nullptr;
+    device = nullptr;
+    EXPECT_NE(watched.get(), nullptr);
+    EXPECT_EQ(copy->getDevice(), watched.get());
+    copy = nullptr;
+    EXPECT_EQ(watched.get(), nullptr);
 }
 
 TEST(DeviceTest, IsLoadedByItsType) {
