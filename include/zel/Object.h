@@ -136,6 +136,11 @@ public:
     /// Tracking of all objects is not compiled in: ends the process and says so.
     [[noreturn]] static void getActiveObjects();
 
+protected:
+    /// Tells the listeners that the object goes, and lets go of them. For classes whose listeners are to meet
+    /// the object while it is still whole; the destructor does it else.
+    void announceDestruction();
+
 private:
     friend class Component; // links siblings
     class EventDispatch;

@@ -23,8 +23,8 @@ class Task;
 /// and tells those who listen when it is bound, unbound, and when the content changes.
 ///
 /// Owned through ref_ptr; a task owns its parameters. Values, buffers and parameters that it is bound to live
-/// at least as long as the binding; of other objects the parameter learns when they go, and is unbound then.
-/// A pointer parameter keeps nothing alive.
+/// at least as long as the binding; of other objects, and of values that are members of those, the parameter
+/// learns when they go, and is unbound then. A pointer parameter keeps nothing alive.
 ///
 /// Two flags tell the task which parameters have work to do around a run: update() is called ahead of a run
 /// if needsUpdate(), and commit() after it if needsCommit(). Most parameters need neither.

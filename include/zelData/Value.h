@@ -228,6 +228,9 @@ public:
 
     /// Takes the value off the tree and off all that follow it, and stops an update of it that is under way.
     void forceRemove();
+    /// Whether the value is a member of another object, and lives as long as that one: references to it do
+    /// not keep it alive.
+    [[nodiscard]] bool isMember() const noexcept { return m_isMember; }
     /// Frees the content and forgets the format: for the default values of formats that are going away.
     void forceInvalidateDefaultFormatValue();
 
@@ -246,6 +249,10 @@ protected:
     void setBindPath(const zel::Path& path) { m_bindPath = path; }
     /// Fails unless the elements of the format are of this size and class.
     void verifyElement(zel::size_t size, const char* implementation) const;
+    /// For a value that is a member of another object, which counts as one that holds it.
+    void enterOwner() noexcept;
+    /// Ends what enterOwner began: those that listen to the value learn that it goes, and all lose it.
+    void leaveOwner();
 
 private:
     class Walk;
@@ -282,6 +289,7 @@ private:
     zel::ref_ptr<const Format> m_format;
     zel::uint32 m_ownsStorage = 0xFFFFFFFFU; // 0 once it has allocated its own element
     bool m_propagationAborted = false;
+    bool m_isMember = false;
     EventDispatch m_eventDispatch;
 
     // A value is audible if an update has something to do there: callbacks, listeners, a conversion, or a

@@ -33,12 +33,9 @@ public:
 template <typename T>
 class Val final : public ValueT<T> { // NOLINT(cppcoreguidelines-virtual-class-destructor): is virtual
 public:
-    explicit Val(const zel::Name& name = zel::Name()) : ValueT<T>(name) { this->reference(); }
-    Val(const zel::Name& name, const T& content) : ValueT<T>(name, content) { this->reference(); }
-    ~Val() override {
-        this->forceRemove();
-        this->unreference_nodelete();
-    }
+    explicit Val(const zel::Name& name = zel::Name()) : ValueT<T>(name) { this->enterOwner(); }
+    Val(const zel::Name& name, const T& content) : ValueT<T>(name, content) { this->enterOwner(); }
+    ~Val() override { this->leaveOwner(); }
 };
 
 } // namespace zelData

@@ -145,6 +145,17 @@ void Value::forceRemove() {
     m_propagationAborted = true;
 }
 
+void Value::enterOwner() noexcept {
+    reference();
+    m_isMember = true;
+}
+
+void Value::leaveOwner() {
+    announceDestruction(); // while their callbacks can still read the value
+    forceRemove();
+    unreference_nodelete();
+}
+
 void Value::forceInvalidateDefaultFormatValue() {
     deallocate();
     m_format = nullptr;

@@ -41,10 +41,12 @@ const Name& updateEventName() {
     return name;
 }
 
-/// Whether a binding keeps the object alive. Not components: those may have the task itself below them.
-bool isData(const Object* object) {
-    return dynamic_cast<const zelData::Value*>(object) != nullptr ||
-           dynamic_cast<const zelData::Buffer*>(object) != nullptr ||
+/// Whether a binding keeps the object alive. Not components: those may have the task itself below them. Nor
+/// members of other objects, which go with those.
+bool isKept(const Object* object) {
+    if (const auto* value = dynamic_cast<const zelData::Value*>(object))
+        return !value->isMember();
+    return dynamic_cast<const zelData::Buffer*>(object) != nullptr ||
            dynamic_cast<const Parameter*>(object) != nullptr;
 }
 
@@ -160,7 +162,7 @@ void Parameter::hold(Object* object) {
     m_binding = object;
     if (object == nullptr)
         return;
-    m_ownsBinding = m_metaType != MetaType::Pointer && isData(object);
+    m_ownsBinding = m_metaType != MetaType::Pointer && isKept(object);
     if (m_ownsBinding)
         object->reference();
     else
@@ -185,7 +187,7 @@ void Parameter::bind(Object* object) {
     verifyNoLoop(target);
     // A callback may let go of either.
     const ref_ptr<Object> keep(referenceCount() > 0 ? this : nullptr);
-    const ref_ptr<Object> keepTarget(target != nullptr && isData(target) ? target : nullptr);
+    const ref_ptr<Object> keepTarget(target != nullptr && isKept(target) ? target : nullptr);
     if (m_binding != nullptr)
         unbindEvent.fire(this);
     try {

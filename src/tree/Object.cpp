@@ -89,11 +89,15 @@ Object::Object(const Name& name, Model* model)
 }
 
 Object::~Object() {
-    if (m_eventDispatch != nullptr) {
-        m_eventDispatch->triggerDestroyEvent(this);
-        delete m_eventDispatch;
-    }
+    announceDestruction();
     setModel(nullptr);
+}
+
+void Object::announceDestruction() {
+    if (m_eventDispatch == nullptr)
+        return;
+    m_eventDispatch->triggerDestroyEvent(this);
+    delete std::exchange(m_eventDispatch, nullptr);
 }
 
 void Object::configure(TiXmlElement*) {}

@@ -2,7 +2,9 @@
 #include "support/ModelFiles.h"
 #include "support/WhatOf.h"
 
+#include <zel/Clock.h>
 #include <zel/Component.h>
+#include <zel/LambdaKernel.h>
 #include <zel/Name.h>
 #include <zel/ScalarParameter.h>
 #include <zel/SerialTask.h>
@@ -307,6 +309,54 @@ TEST_F(FunctionValueTest, AFollowerMayLetGoOfTheFunctionWhileItIsComputed) {
                 EXPECT_EQ(content<double>(value), 18);
             }
         }
+}
+
+TEST_F(FunctionValueTest, AnArgumentThatIsAMemberMayGoWithItsOwner) {
+    struct Owner : Component {
+        explicit Owner(double content) : Component("owner"), member("m", content) { addObject(&member); }
+        zelData::Val<double> member;
+    };
+    const LogCapture log(zel::Notify::Error);
+    top->addObject(new Owner(2));
+    Value* const value = add("v", "Real", "Math.Mul(@owner.m, 2)");
+    EXPECT_EQ(content<double>(value), 4);
+    const auto* const function = dynamic_cast<FunctionValue*>(value->getBinding());
+    ASSERT_NE(function, nullptr);
+    zel::Parameter* const argument = function->getProxy()->getProxyParameters().front().get();
+    double last = 0;
+    argument->unbindEvent.connect([&](zel::Parameter* unbound) {
+        last = content<double>(dynamic_cast<Value*>(unbound->getBinding()));
+    });
+    top->removeObject(top->findObject("owner"));
+    EXPECT_EQ(last, 2) << "the member is whole while they hear of its end";
+    EXPECT_EQ(argument->getBinding(), nullptr);
+    EXPECT_EQ(content<double>(value), 4) << "the last result stays";
+    top->addObject(new Owner(3));
+    value->rebind();
+    EXPECT_EQ(content<double>(value), 6);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(FunctionValueTest, FunctionsOfClocksEventsAndKernelsOutliveThem) {
+    struct Doubled {
+        const char* argument;
+        std::function<zel::Object*()> make;
+    };
+    const Doubled all[] = {
+        {"@owner.time", [] { return new zel::Clock("owner", 10); }},
+        {"@owner.interval", [] { return new zel::Clock::Event(zel::Name("owner")); }},
+        {"@owner.minJobSize", [] { return new zel::LambdaKernel("owner", [](const zel::RangeJob&) {}); }}};
+    for (const Doubled& each : all) {
+        SCOPED_TRACE(each.argument);
+        const LogCapture log(zel::Notify::Error);
+        top->addObject(each.make());
+        Value* const value = add("v", nullptr, std::string("Math.Add(") + each.argument + ", 1)");
+        EXPECT_NE(value->getData(), nullptr);
+        top->removeObject(top->findObject("owner"));
+        EXPECT_NE(value->getData(), nullptr);
+        top->removeObject(value);
+        EXPECT_EQ(log.text(), "");
+    }
 }
 
 TEST_F(FunctionValueTest, ALongChainOfFunctionsIsBuiltAndFollowed) {
