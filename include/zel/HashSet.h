@@ -233,6 +233,9 @@ public:
         if (capacity > MaxCapacity)
             throw std::runtime_error("HashSet: memory has no room for " + std::to_string(capacity) +
                                      " slots");
+        if constexpr (std::is_trivially_copyable_v<Key>)
+            if (copyTo(capacity))
+                return;
         // No key is moved before it is certain that there is a place for all.
         verifyPlaces(nextPrime(capacity == 0 ? uint64{1} : capacity));
         moveTo(capacity);
@@ -355,6 +358,31 @@ private:
                 moveTo(doubled);
             }
         }
+    }
+
+    /// As moveTo, unless the keys need more than the capacity: all then stays as it is.
+    /// @return whether they had places
+    [[nodiscard]] bool copyTo(uint64 capacity) {
+        HashSetImplementation fresh;
+        fresh.allocate(nextPrime(capacity == 0 ? uint64{1} : capacity));
+        if (m_size != 0 && m_size - 1 >= fresh.m_growthSize)
+            return false;
+        for (uint64 i = 0; i < m_capacity; ++i) {
+            if (i + PrefetchDistance < m_capacity)
+                fresh.prefetch(m_table[i + PrefetchDistance]);
+            if (m_table[i].state != SlotState::Filled)
+                continue;
+            const uint32 hash = hashOf(m_table[i]);
+            const uint64 home = fresh.m_modulo(hash);
+            uint64 p = 0;
+            while (p < ProbeLimit && fresh.m_table[fresh.probe(home, p)].state == SlotState::Filled)
+                ++p;
+            if (p == ProbeLimit)
+                return false;
+            fresh.place(fresh.probe(home, p), p, Key(m_table[i].key), hash);
+        }
+        swap(fresh);
+        return true;
     }
 
     /// Moves the keys into a table of their own of the capacity, or of more if they need more.

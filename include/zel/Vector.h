@@ -103,11 +103,19 @@ public:
     /// Constructs an element at the end; the arguments may refer to elements of this array.
     template <typename... Arguments>
     T& emplace_back(Arguments&&... arguments) {
-        if (m_size == m_capacity) [[unlikely]]
-            return growAndEmplace(std::forward<Arguments>(arguments)...);
-        T* place = std::construct_at(data() + m_size, std::forward<Arguments>(arguments)...);
-        ++m_size;
-        return *place;
+        if constexpr (FitsRegisters) {
+            // Made ahead of the growth, which then needs no address of it.
+            const T value(std::forward<Arguments>(arguments)...);
+            if (m_size == m_capacity) [[unlikely]]
+                reallocate(grownCapacity());
+            return *std::construct_at(data() + m_size++, value);
+        } else {
+            if (m_size == m_capacity) [[unlikely]]
+                return growAndEmplace(std::forward<Arguments>(arguments)...);
+            T* place = std::construct_at(data() + m_size, std::forward<Arguments>(arguments)...);
+            ++m_size;
+            return *place;
+        }
     }
 
     /// @pre not empty
@@ -233,6 +241,9 @@ public:
     }
 
 private:
+    static constexpr bool FitsRegisters =
+        std::is_trivially_copyable_v<T> && std::is_copy_constructible_v<T> && sizeof(T) <= 2 * sizeof(void*);
+
     /// Of storage that may be asked for.
     // NOLINTNEXTLINE(bugprone-sizeof-expression): elements may well be pointers
     static constexpr size_t bytes(size_t n) noexcept { return detail::byteCount(n, sizeof(T)); }
@@ -306,7 +317,12 @@ private:
         }
     }
 
-    void reallocate(size_t capacity) {
+    /// Twice the size, computed in single precision.
+    [[nodiscard]] size_t grownCapacity() const noexcept {
+        return std::max(static_cast<size_t>(2.0F * static_cast<float>(m_size)), MinimumCapacity);
+    }
+
+    [[gnu::noinline]] void reallocate(size_t capacity) {
         Storage fresh(m_allocator, capacity);
         relocate(fresh.data, data(), m_size);
         adopt(fresh);
@@ -338,8 +354,7 @@ private:
 
     template <typename... Arguments>
     [[gnu::noinline]] T& growAndEmplace(Arguments&&... arguments) {
-        const auto doubled = static_cast<size_t>(2.0F * static_cast<float>(m_size));
-        Storage fresh(m_allocator, std::max(doubled, MinimumCapacity));
+        Storage fresh(m_allocator, grownCapacity());
         T* place = std::construct_at(fresh.data + m_size, std::forward<Arguments>(arguments)...);
         try {
             relocate(fresh.data, data(), m_size);
