@@ -30,7 +30,15 @@ public:
     /// The same for a caller that can do without.
     /// @return null also where there is no such memory
     [[nodiscard]] static void* tryAllocateBytes(size_t size, size_t alignment = DefaultAlignment);
-    /// Lets one call of tryAllocateBytes find no memory, to see what a program does then: the next one for 0,
+    /// Gives a block another size and keeps its bytes, as far as there is room for them. Those of a large
+    /// block are not copied: its pages move.
+    /// @param pointer  a block of this alignment; null for a new one
+    /// @param oldSize  the block's size until now
+    /// @return the block that takes its place; null, with the old one as it was, where there is no such
+    /// memory
+    [[nodiscard]] static void*
+    tryReallocateBytes(void* pointer, size_t oldSize, size_t size, size_t alignment = DefaultAlignment);
+    /// Lets one call of the two above find no memory, to see what a program does then: the next one for 0,
     /// and so on. Goes back to NoFailure with that call. A debug switch as those above.
     static constexpr uint64 NoFailure = ~uint64{0};
     static uint64 triesUntilFailure;

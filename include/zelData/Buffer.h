@@ -390,6 +390,7 @@ private:
     [[nodiscard]] void* allocateMemory(zel::uint64 n);
     void releaseMemory(void* pointer, zel::uint64 n) noexcept;
     [[nodiscard]] void* makeElements(zel::uint64 room);
+    [[nodiscard]] bool movesAsBytes() const noexcept;
     void setMemory(void* pointer, zel::uint64 n);
     void runOn(const ElementCallback& callback, void* pointer, const Range& range);
     void resizeEntries(zel::uint64 entries, bool initialize);

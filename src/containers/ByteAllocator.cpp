@@ -1,8 +1,9 @@
+#include "LargeBlock.h"
+
 #include <zel/ByteAllocator.h>
 #include <zel/Verify.h>
 
-#include <sys/mman.h>
-
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,42 +22,38 @@ void fill(void* memory, size_t size, uint32 pattern) {
         bytes[i] = static_cast<unsigned char>(pattern >> (8 * (i % 4)));
 }
 
-/// From this size on a block is asked to lie in huge pages: a table or an array of many megabytes then costs
-/// a fraction of the page faults when it is filled, and of the address translations when it is read at
-/// random.
-constexpr size_t HugeBlock = size_t{4} << 20;
-constexpr uint64 PageSize = 4096;
+/// The malloc pointer lies in the eight bytes ahead of every block.
+void* mallocPointer(const void* block) {
+    void* pointer = nullptr;
+    std::memcpy(&pointer, static_cast<const char*>(block) - sizeof(void*), sizeof(void*));
+    return pointer;
+}
 
-void adviseHugePages(void* buf, size_t size) {
-    const auto begin = (reinterpret_cast<uint64>(buf) + PageSize - 1) & ~(PageSize - 1);
-    const auto end = (reinterpret_cast<uint64>(buf) + size) & ~(PageSize - 1);
-    // An advice: where the kernel does not take it, the pages are small, and nothing else differs.
-    static_cast<void>(madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE)); // NOLINT
+void setMallocPointer(void* block, void* pointer) {
+    std::memcpy(static_cast<char*>(block) - sizeof(void*), &pointer, sizeof(void*));
 }
 
 /// @return null where malloc has nothing
-void* allocate(size_t size, size_t alignment) {
-    if (size == 0)
-        return nullptr;
+void* allocateSmall(size_t size, size_t alignment) {
     size_t total = 0;
     void* buf = __builtin_add_overflow(size, alignment + 7, &total) ? nullptr : std::malloc(total);
     if (buf == nullptr)
         return nullptr;
-    if (size >= HugeBlock)
-        adviseHugePages(buf, total);
     const auto address = (reinterpret_cast<uint64>(buf) + alignment + 7) & ~(uint64{alignment} - 1);
     void* block = static_cast<char*>(buf) + (address - reinterpret_cast<uint64>(buf));
-    std::memcpy(static_cast<char*>(block) - sizeof(void*), &buf, sizeof(void*));
-    if (ByteAllocator::initMemoryFlag)
-        fill(block, size, ByteAllocator::allocatedMemoryPattern);
+    setMallocPointer(block, buf);
     return block;
 }
 
-/// The malloc pointer lies in the eight bytes ahead of every block.
-void* mallocPointer(void* block) {
-    void* pointer = nullptr;
-    std::memcpy(&pointer, static_cast<char*>(block) - sizeof(void*), sizeof(void*));
-    return pointer;
+/// @return null where there is no such memory
+void* allocate(size_t size, size_t alignment) {
+    if (size == 0)
+        return nullptr;
+    void* const block =
+        LargeBlock::isFor(size, alignment) ? LargeBlock::allocate(size) : allocateSmall(size, alignment);
+    if (block != nullptr && ByteAllocator::initMemoryFlag)
+        fill(block, size, ByteAllocator::allocatedMemoryPattern);
+    return block;
 }
 
 } // namespace
@@ -74,9 +71,30 @@ void* ByteAllocator::tryAllocateBytes(size_t size, size_t alignment) {
     return allocate(size, alignment);
 }
 
+void* ByteAllocator::tryReallocateBytes(void* pointer, size_t oldSize, size_t size, size_t alignment) {
+    if (pointer != nullptr && LargeBlock::is(mallocPointer(pointer)) && LargeBlock::isFor(size, alignment)) {
+        if (triesUntilFailure != NoFailure && triesUntilFailure-- == 0)
+            return nullptr;
+        void* const moved = LargeBlock::reallocate(pointer, size);
+        if (moved != nullptr && initMemoryFlag && size > oldSize)
+            fill(static_cast<char*>(moved) + oldSize, size - oldSize, allocatedMemoryPattern);
+        return moved;
+    }
+    void* const block = tryAllocateBytes(size, alignment);
+    if (block != nullptr && pointer != nullptr) {
+        std::memcpy(block, pointer, std::min(oldSize, size));
+        ByteAllocator().deallocateBytes(pointer, oldSize);
+    }
+    return block;
+}
+
 void ByteAllocator::standaloneDeallocateTypes(void* pointer) {
-    if (pointer != nullptr)
-        std::free(mallocPointer(pointer));
+    if (pointer == nullptr)
+        return;
+    if (void* const buf = mallocPointer(pointer); LargeBlock::is(buf))
+        LargeBlock::release(pointer);
+    else
+        std::free(buf);
 }
 
 void ByteAllocator::deallocateBytes(void* pointer, size_t size) {

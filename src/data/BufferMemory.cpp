@@ -45,6 +45,12 @@ void Buffer::setMemory(void* pointer, uint64 n) {
     ++m_ptrRevision;
 }
 
+/// Whether elements may lie elsewhere without anybody's doing.
+bool Buffer::movesAsBytes() const noexcept {
+    return m_plain && m_elementSize != 0 && (m_defaultInitializer || !m_elementInitializer) &&
+           (m_defaultDestructor || !m_elementDestructor);
+}
+
 /// Lets the callback work on other memory, which it finds in the buffer.
 void Buffer::runOn(const ElementCallback& callback, void* pointer, const Range& range) {
     if (!callback || range.empty() || pointer == nullptr)
@@ -78,6 +84,14 @@ void* Buffer::makeElements(uint64 room) {
 void Buffer::reallocate(uint64 capacity) {
     // The capacity may have been lowered below what there is.
     const uint64 room = std::max(capacity, m_numElements);
+    if (m_ptr != nullptr && movesAsBytes() && room != 0) {
+        void* const moved = zel::ByteAllocator::tryReallocateBytes(
+            m_ptr, m_allocated * m_elementSize, zel::detail::byteCount(room, m_elementSize), ALIGNMENT);
+        if (moved == nullptr)
+            throwTooMany(room);
+        setMemory(moved, room);
+        return;
+    }
     void* const fresh = makeElements(room);
     const Range live(0, m_numElements);
     const uint64 numMoved =

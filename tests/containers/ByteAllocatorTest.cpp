@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -86,6 +87,43 @@ TEST(ByteAllocatorTest, MemoryIsFilledBeforeItsRelease) {
     std::memcpy(memory + 8, &none, sizeof(none));
     ByteAllocator().deallocateBytes(memory + 16, 7);
     EXPECT_EQ(bytesOf(memory + 16, 8), (std::vector<int>{0x55, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55, 0}));
+}
+
+TEST(ByteAllocatorTest, ABlockKeepsItsBytesAndItsAlignmentInAnotherSize) {
+    for (const size_t alignment : {size_t{8}, size_t{64}, size_t{4096}}) {
+        SCOPED_TRACE(alignment);
+        void* block = nullptr;
+        size_t old = 0;
+        for (const size_t size : {1U, 100U, 99U, 5000U, 200'000U, 6'000'000U, 20'000'000U, 300'000U, 7U}) {
+            block = ByteAllocator::tryReallocateBytes(block, old, size, alignment);
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(reinterpret_cast<zel::uint64>(block) % alignment, 0U);
+            auto* const bytes = static_cast<unsigned char*>(block);
+            for (size_t i = 0; i < std::min(old, size); ++i)
+                ASSERT_EQ(bytes[i], static_cast<unsigned char>(i * 7 + i / 251)) << i << " of " << size;
+            for (size_t i = 0; i < size; ++i)
+                bytes[i] = static_cast<unsigned char>(i * 7 + i / 251);
+            old = size;
+        }
+        ByteAllocator::standaloneDeallocateTypes(block);
+    }
+}
+
+TEST(ByteAllocatorTest, ABlockStaysWhereThereIsNoMemoryForAnotherSize) {
+    void* const block = ByteAllocator::tryAllocateBytes(3, 16);
+    std::memcpy(block, "abc", 3);
+    volatile size_t huge = ~size_t{0};
+    EXPECT_EQ(ByteAllocator::tryReallocateBytes(block, 3, huge, 16), nullptr);
+    huge = size_t{1} << 60;
+    EXPECT_EQ(ByteAllocator::tryReallocateBytes(block, 3, huge, 16), nullptr);
+    ByteAllocator::triesUntilFailure = 0;
+    EXPECT_EQ(ByteAllocator::tryReallocateBytes(block, 3, 100, 16), nullptr);
+    EXPECT_EQ(std::memcmp(block, "abc", 3), 0);
+    ByteAllocator::initMemoryFlag = true;
+    ByteAllocator::allocatedMemoryPattern = 0xDEADBEEF;
+    auto* const filled = static_cast<unsigned char*>(ByteAllocator::tryReallocateBytes(block, 3, 8, 16));
+    EXPECT_EQ(bytesOf(filled, 8), (std::vector<int>{'a', 'b', 'c', 0xDE, 0xEF, 0xBE, 0xAD, 0xDE}));
+    ByteAllocator::standaloneDeallocateTypes(filled);
 }
 
 TEST(ByteAllocatorDeathTest, AFailedMallocIsFatal) {
