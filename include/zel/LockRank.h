@@ -10,8 +10,9 @@ namespace zel {
 
 /// The order in which a thread takes the long-lived locks of the library: while it holds one, it takes only
 /// locks that stand further down, or once more a recursive one that it holds. Every such lock stands here;
-/// builds with the CMake option ZEL_CHECK_LOCK_RANKS end with both names where a thread
-/// breaks the order.
+/// builds with the CMake option ZEL_CHECK_LOCK_RANKS, as those with sanitizers, end with
+/// both names where a thread breaks the order. With the environment variable ZEL_YIELD_AT_LOCKS each thread
+/// steps aside ahead of each lock there.
 enum class LockRank : unsigned char {
     TypeSystem,        ///< types, models, plug-ins, libraries; recursive
     ModelPlaces,       ///< the places of model files

@@ -1,8 +1,11 @@
 #include <zel/LockRank.h>
 #include <zel/Verify.h>
 
+#include <sched.h>
+
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <iterator>
 
 namespace zel {
@@ -41,6 +44,12 @@ bool maySeveralBeHeld(Iterator begin, Iterator end, const HeldLock& held, LockRa
            std::any_of(begin, end, [](const HeldLock& other) { return other.rank == LockRank::ActiveTasks; });
 }
 
+/// Whether each thread is to step aside ahead of each lock, so that others come in between more often.
+bool yieldsAtLocks() {
+    static const bool yields = std::getenv("ZEL_YIELD_AT_LOCKS") != nullptr; // NOLINT(concurrency-mt-unsafe)
+    return yields;
+}
+
 } // namespace
 
 void detail::enterLock(LockRank rank, const void* lock, bool waits) {
@@ -55,6 +64,8 @@ void detail::enterLock(LockRank rank, const void* lock, bool waits) {
                          nameOf(before),
                          nameOf(rank));
             }
+    if (waits && yieldsAtLocks())
+        sched_yield();
     zelVerify(t_held.size < t_held.locks.size());
     t_held.locks[t_held.size++] = {lock, rank};
 }
