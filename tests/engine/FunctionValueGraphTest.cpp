@@ -49,7 +49,7 @@ std::string textOf(const Sum& sum) {
     return "Math.Add(@" + nameOf(sum.left) + ", @" + nameOf(sum.right) + ")";
 }
 
-class FunctionGraphTest : public zelTest::ModelFiles, public testing::WithParamInterface<unsigned> {
+class FunctionValueGraphTest : public zelTest::ModelFiles, public testing::WithParamInterface<unsigned> {
 protected:
     void SetUp() override {
         ModelFiles::SetUp();
@@ -140,7 +140,7 @@ protected:
 
 } // namespace
 
-TEST_P(FunctionGraphTest, AgreesWithTheModel) {
+TEST_P(FunctionValueGraphTest, AgreesWithTheModel) {
     int refused = 0;
     for (int step = 0; step < 400; ++step) {
         SCOPED_TRACE("seed " + std::to_string(GetParam()) + ", step " + std::to_string(step));
@@ -198,7 +198,7 @@ TEST_P(FunctionGraphTest, AgreesWithTheModel) {
     EXPECT_GT(refused, 0);
 }
 
-TEST_P(FunctionGraphTest, SurvivesCallbacksThatChangeAnything) {
+TEST_P(FunctionValueGraphTest, SurvivesCallbacksThatChangeAnything) {
     std::array<std::function<void()>, NumValues> callbacks;
     std::array<bool, NumValues> gone{};
     const auto connect = [&](size_t i) {
@@ -295,4 +295,4 @@ TEST_P(FunctionGraphTest, SurvivesCallbacksThatChangeAnything) {
     EXPECT_GT(compared, 10);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, FunctionGraphTest, testing::Range(1U, 7U));
+INSTANTIATE_TEST_SUITE_P(Seeds, FunctionValueGraphTest, testing::Range(1U, 7U));
