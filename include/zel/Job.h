@@ -26,6 +26,9 @@ class WaitJob;
 ///     thread of the system
 class ZEL_CORE_API Job {
 public:
+    /// Of a job that any thread may as well run.
+    static constexpr uint16 NoHome = static_cast<uint16>(-1);
+
     explicit Job(const char* name = "");
     explicit Job(Callback callback, const char* name = "", uint32 priority = 0);
     Job(const Job& other);
@@ -70,8 +73,17 @@ public:
     void setPriority(uint32 priority) noexcept { m_priority = priority; }
     [[nodiscard]] uint32 getPriority() const noexcept { return m_priority; }
     /// The only thread that may run the job; null for any. The thread must be at work, or be a worker.
-    void setTargetThread(Thread* thread) noexcept { m_targetThread = thread; }
+    void setTargetThread(Thread* thread) noexcept {
+        m_targetThread = thread;
+        updateRestricted();
+    }
     [[nodiscard]] Thread* getTargetThread() const noexcept { return m_targetThread; }
+    /// The thread that gets the job first if several equal ones are to be had: one that takes the same piece
+    /// of the work in each run finds its data in its cache. Others take the job when they have nothing
+    /// better.
+    /// @param id  of a thread of the pool, or NoHome
+    void setHome(uint16 id) noexcept { m_home = id; }
+    [[nodiscard]] uint16 getHome() const noexcept { return m_home; }
     /// The task that the job works for; for reports. Keeps the task alive.
     void setTask(Task* task);
     [[nodiscard]] Task* getTask() const noexcept { return m_task.get(); }
@@ -84,7 +96,8 @@ public:
 
     /// The thread that runs the job, or ran it last.
     [[nodiscard]] Thread* getExecutingThread() const noexcept { return m_executingThread; }
-    /// Time-stamp counter at the start of the last run.
+    /// Time-stamp counter at the start of the last run. Of a run that followed at once on another job of the
+    /// thread it is the end of that one, unless profiling or the timeline is on.
     [[nodiscard]] uint64 getStartTick() const noexcept { return m_startTick; }
     /// Ticks that the last run took.
     [[nodiscard]] uint64 getCycles() const noexcept { return m_cycles; }
@@ -107,7 +120,7 @@ public:
     }
 
 protected:
-    friend class Task;
+    friend     friend class Task;
     friend class Thread;
     friend class WaitJob;
 
@@ -115,6 +128,8 @@ protected:
     /// @return the tick at which the work was done
     uint64 executeAt(uint64 startTick, VectorPOD<Job*>& localJobs, Thread* thread);
 
+    /// Tells those who wait for the job that it has run, and appends each dependent that may run now.
+    void finish(VectorPOD<Job*>& localJobs, Thread* thread);
     /// Appends each dependent that may run now.
     void resolveDependents(VectorPOD<Job*>& localJobs);
 
@@ -124,25 +139,36 @@ protected:
     bool suspendDependent(const Job* job);
     void resumeDependent(Job* job) { m_dependents.push_back(job); }
 
-    Callback m_spawnCallback;
-    const char* m_name;
+    void updateRestricted() noexcept {
+        m_restricted = m_targetThread != nullptr || m_syncTag.get() != nullptr;
+    }
+
+    // Ordered by when it is needed: what the queues and the dependencies touch, then what a run does, then
+    // the rest. The virtual table's pointer and the first group, and the second one, have the size of a cache
+    // line each.
+    std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
+    uint32 m_numDependencies = 0;
+    uint32 m_priority = 0;
+    bool m_timing = false;
+    bool m_restricted = false; // has a target or a tag
+    uint16 m_home = NoHome;
     VectorPOD<Job*> m_dependents;
-    VectorPOD<Job*> m_dependencies;
+    Thread* m_executingThread = nullptr;
+
     Callback m_callback;
+    std::atomic<WaitJob*> m_waiters{
+        nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
     uint64 m_startTick = 0;
     uint64 m_cycles = 0;
     uint64 m_lastCycles = 0; // of the run before the present one
-    bool m_timing = false;
-    uint32 m_numDependencies = 0;
-    std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
-    ref_ptr<Task> m_task;
+
     Thread* m_targetThread = nullptr;
-    Thread* m_executingThread = nullptr;
     ref_ptr<SyncTag> m_syncTag;
-    uint32 m_priority = 0;
+    const char* m_name;
+    ref_ptr<Task> m_task;
+    Callback m_spawnCallback;
+    VectorPOD<Job*> m_dependencies;
     int64 m_poolTag = -1;
-    std::atomic<WaitJob*> m_waiters{
-        nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
 };
 
 } // namespace zel

@@ -260,6 +260,9 @@ protected:
     [[nodiscard]] DisableHelper* getDisableHelper() const noexcept { return m_disableHelper.get(); }
     /// Executes the task that the attribute "dispatch" named, if there is one.
     void executeDispatchTarget();
+    /// Whether threads that sleep are called when a run of the task begins, and not only when there is work
+    /// for them.
+    void setParallel(bool parallel) noexcept { m_parallel = parallel; }
     /// Lets the task run with parameters that are required and not valid, which it reports itself.
     void setRunsUnverified(bool unverified) noexcept { m_runsUnverified = unverified; }
     /// Reads the child elements, by default with configureChildElement.
@@ -281,7 +284,7 @@ protected:
 
 private:
     friend class TaskGroup;  // m_groupPassed, the counts
-    friend class Thread;     // m_completes
+    friend class Thread;     // m_completes, m_parallel, m_activePlace
     friend class ThreadTask; // countThreadTasks
 
     class SoleRoot;
@@ -332,6 +335,8 @@ private:
     bool m_inBindContext = false;
     Thread* m_thread = nullptr; // while the task is active guarded by Thread::s_sharedMutex
     bool m_completes = false;   // this run was started by Thread::addTask, which wants to know of its end
+    bool m_parallel = false;    // threads that sleep are to join the run
+    size_t m_activePlace = 0;   // in Thread::s_activeTasks, by whose lock it is guarded
     Timer m_computeTimer;
     Timer m_wallTimer;
     float m_computeCost = 0;

@@ -2,7 +2,6 @@
 
 #include <zel/BasicThread.h>
 #include <zel/Export.h>
-#include <zel/HashSet.h>
 #include <zel/HashTable.h>
 #include <zel/Integers.h>
 #include <zel/InvalidIndex.h>
@@ -214,6 +213,8 @@ public:
     [[nodiscard]] Uuid generateUuid();
 
     /// Time spent on scheduling, from being activated to being awake, and asleep. Read by the thread itself.
+    /// While neither profiling nor the timeline is on, the first one counts only what is spent looking for
+    /// work.
     [[nodiscard]] const Timer& getOverheadTimer() const noexcept { return m_overheadTimer; }
     [[nodiscard]] Timer getActivationTimer() const noexcept {
         const std::lock_guard lock(m_timerLock);
@@ -285,31 +286,55 @@ private:
 
     /// The jobs of a thread by priority, and those of equal priority in the order in which they came: a
     /// kernel's ranges walk through memory forwards, and a job that had to be put back, since its tag is not
-    /// ready, lets its equals go ahead.
+    /// ready, lets its equals go ahead. Only jobs with homes leave out of that order.
+    ///
+    /// Mostly all jobs of a queue have the same priority. These stand in a row, where each comes and goes in
+    /// constant time; the others are in a heap. While the row has jobs, all that come with its priority join
+    /// it, so those of that priority in the heap are older.
     class JobQueue {
     public:
-        [[nodiscard]] bool empty() const noexcept { return m_heap.empty(); }
-        [[nodiscard]] size_t size() const noexcept { return m_heap.size(); }
+        [[nodiscard]] bool empty() const noexcept { return rowEmpty() && m_heap.empty(); }
+        [[nodiscard]] size_t size() const noexcept { return m_row.size() - m_first + m_heap.size(); }
         void push(Job* job);
-        /// Takes the best job out.
-        [[nodiscard]] Job* pop();
-        void clear() noexcept { m_heap = VectorPOD<Entry>(); }
+        /// Takes the best job out for the thread that owns the queue; among equal ones whose home is some
+        /// thread, one whose home that thread is.
+        [[nodiscard]] Job* pop(uint32 home);
+        /// The same for somebody else, who begins at the end that the owner comes to last.
+        [[nodiscard]] Job* popFor(uint32 home);
+        void clear() noexcept;
 
     private:
+        struct Place {
+            Job* job;
+            uint16 home;
+        };
         struct Entry {
             Job* job;
             uint32 priority;
             uint32 number; // of the push, counted round
         };
 
+        /// How far to look for a job with a home.
+        static constexpr size_t Reach = 256;
+
         static bool isWorse(const Entry& a, const Entry& b) noexcept {
             if (a.priority != b.priority)
                 return a.priority < b.priority;
             return static_cast<int32>(a.number - b.number) > 0;
         }
+        [[nodiscard]] bool rowEmpty() const noexcept { return m_first == m_row.size(); }
+        [[nodiscard]] bool rowIsBest() const noexcept {
+            return !rowEmpty() && (m_heap.empty() || m_rowPriority > m_heap.front().priority);
+        }
+        void grow();
+        [[nodiscard]] Job* popHeap();
+        [[nodiscard]] Job* takeOut(size_t index);
 
-        VectorPOD<Entry> m_heap;
+        VectorPOD<Place> m_row;
+        size_t m_first = 0; // of the row; those ahead of it are gone
+        uint32 m_rowPriority = 0;
         uint32 m_numPushed = 0;
+        VectorPOD<Entry> m_heap;
     };
 
     /// The spin lock of a queue, and beside it whether the queue holds anything, for those who look without
@@ -358,7 +383,7 @@ private:
 
     void initialize();
     void workLoop();
-    Taken takeJob(Job*& job, size_t& remaining);
+    Taken takeJob(Job*& job, size_t& remaining, Activity& activity);
     Taken takeReadyJob(Job*& job, size_t& remaining);
     Job* queueLocalJobs(size_t& remaining);
     void stealIntoQueue();
@@ -369,6 +394,17 @@ private:
     void dealOut();
     void dealOutForOutsiders();
     void takeLocalJobs();
+    /// Whether the task is among the active ones. The caller holds s_sharedMutex.
+    [[nodiscard]] static bool isActive(const Task* task);
+    /// @return whether it was among them
+    static bool eraseActive(const Task* task);
+    /// As addTask; the caller works at once, and may keep the task's first job in hand.
+    static void beginTask(Task* task, bool inHand);
+    /// Whether nothing keeps the job from running on this thread at once.
+    [[nodiscard]] bool runsHere(const Job* job) const noexcept {
+        return !job->m_restricted || (job->m_syncTag.get() == nullptr &&
+                                      (job->m_targetThread == nullptr || job->m_targetThread == this));
+    }
     void leaveTask();
     void handJobsOver();
     void markFrameDone(Task* task);
@@ -411,6 +447,8 @@ private:
     Frame* m_awaited = nullptr;     // the frame that the work loop is to work for; null for none
     Frame m_neverDone;              // awaited by who waits for something else
     Activity* m_activity = nullptr; // the innermost work loop
+    Job* m_inHand = nullptr;        // for the next work loop to begin with
+    bool m_calledItself = false;    // has completed a task of its own since the outermost loop began
     uint64 m_workDepth = 0;
     std::atomic<int32> m_activationCount{0}; // shared: above 0, the thread should be in its work loop
     Signal m_startSignal;
@@ -451,7 +489,7 @@ private:
     static std::atomic<uint32> s_highestId;
     static std::atomic<int32> s_numActiveThreads; // threads inside the outermost work loop
     static ActiveTasksMutex s_sharedMutex;        // before any spin lock
-    static HashSet<Task*>& s_activeTasks;         // guarded by s_sharedMutex
+    static Vector<Task*>& s_activeTasks;          // guarded by s_sharedMutex; each knows its place
     static Vector<Thread*>& s_sleepingThreads;    // guarded by s_sharedMutex
     static std::atomic<size_t> s_numSleeping;     // their number, readable without the lock
     static bool s_changing;                       // guarded by s_sharedMutex: the pool is being resized

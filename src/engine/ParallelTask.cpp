@@ -20,6 +20,7 @@ ParallelTask::ParallelTask(const Name& name, Device* device)
     m_preJob.addDependent(&m_dispatchJob);
     // Also without any jobs added; and it keeps the last job back while the dispatch adds some.
     m_dispatchJob.addDependent(&m_postJob);
+    setParallel(true);
 }
 
 ParallelTask::ParallelTask(const Name& name, Callback dispatch, Device* device) : ParallelTask(name, device) {

@@ -225,7 +225,7 @@ void Task::execute() {
 
 void Task::executeOn(Thread* thread) {
     m_thread = thread;
-    Thread::addTask(this);
+    Thread::beginTask(this, true);
     thread->blockingDoWork();
     thread->verifyLastFrame(this);
     m_thread = nullptr;
@@ -254,7 +254,8 @@ void Task::beginCallback() {
 }
 
 void Task::endCallback(float computeCost, float overhead) {
-    m_computeTimer.stop();
+    if (m_computeTimer.isRunning())
+        m_computeTimer.stop();
     if (!m_parameters.empty())
         writeParameters();
     postEvent.fire(this);

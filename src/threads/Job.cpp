@@ -8,7 +8,7 @@
 
 namespace zel {
 
-Job::Job(const char* name) : m_spawnCallback([this] { spawn(); }), m_name(name) {}
+Job::Job(const char* name) : m_name(name), m_spawnCallback([this] { spawn(); }) {}
 
 Job::Job(Callback callback, const char* name, uint32 priority) : Job(name) {
     m_callback = std::move(callback);
@@ -26,6 +26,8 @@ Job& Job::operator=(const Job& other) {
     m_task = other.m_task;
     m_targetThread = other.m_targetThread;
     m_syncTag = other.m_syncTag;
+    m_restricted = other.m_restricted;
+    m_home = other.m_home;
     m_priority = other.m_priority;
     return *this;
 }
@@ -67,12 +69,16 @@ uint64 Job::executeAt(uint64 startTick, VectorPOD<Job*>& localJobs, Thread* thre
     stopTiming(endTick);
     if (Thread::isTimelineOn())
         thread->reportTimelineJob(this);
+    finish(localJobs, thread);
+    return endTick;
+}
+
+void Job::finish(VectorPOD<Job*>& localJobs, Thread* thread) {
     // Acquire: pairs with the release in WaitJob's constructor.
     if (m_waiters.load(std::memory_order_acquire) != nullptr)
         WaitJob::finish(*this, localJobs, thread);
     else
         resolveDependents(localJobs);
-    return endTick;
 }
 
 void Job::resolveDependents(VectorPOD<Job*>& localJobs) {
@@ -131,6 +137,7 @@ void Job::setTask(Task* task) {
 
 void Job::setSyncTag(SyncTag* tag) {
     m_syncTag = tag;
+    updateRestricted();
 }
 
 } // namespace zel

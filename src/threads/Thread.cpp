@@ -102,7 +102,8 @@ Thread::~Thread() {
     if (m_logChunk)
         LogChunk::retain(m_logChunk.get());
     freeDefaultStorages();
-    zelVerify(forcedShutdown() || m_sharedJobs.empty());
+    zelVerifyAs(forcedShutdown() || (m_sharedJobs.empty() && m_inHand == nullptr),
+                "forcedShutdown() || m_sharedJobs.empty()");
     zelVerify(forcedShutdown() || m_pushedJobs.empty());
 }
 

@@ -1,4 +1,3 @@
-#include <zel/ParallelTask.h>
 #include <zel/Task.h>
 #include <zel/Thread.h>
 #include <zel/Verify.h>
@@ -16,7 +15,25 @@ constinit std::atomic<uint64> Thread::s_numHolds{0};
 constinit bool Thread::s_taskLost = false;
 const Callback1<Task*>& Thread::s_taskCompletionCallback = *new Callback1<Task*>(&Thread::taskCompleted);
 
+bool Thread::isActive(const Task* task) {
+    return task->m_activePlace < s_activeTasks.size() && s_activeTasks[task->m_activePlace] == task;
+}
+
+bool Thread::eraseActive(const Task* task) {
+    if (!isActive(task))
+        return false;
+    Task* const last = s_activeTasks.back();
+    last->m_activePlace = task->m_activePlace;
+    s_activeTasks[task->m_activePlace] = last;
+    s_activeTasks.pop_back();
+    return true;
+}
+
 void Thread::addTask(Task* task) {
+    beginTask(task, false);
+}
+
+void Thread::beginTask(Task* task, bool inHand) {
     std::unique_lock lock(s_sharedMutex);
     Thread* thread = task->getThread();
     zelVerify(thread);
@@ -34,18 +51,24 @@ void Thread::addTask(Task* task) {
     thread->m_numFrames.store(numFrames + 1, std::memory_order_release);
 
     const size_t numActive = s_activeTasks.size();
-    s_activeTasks.insert(task);
-    zelVerifyAs(s_activeTasks.size() > numActive, "!s_activeTasks.contains(task)");
+    zelVerifyAs(!isActive(task), "!s_activeTasks.contains(task)");
+    task->m_activePlace = numActive;
+    s_activeTasks.push_back(task);
     task->m_completes = true;
-    thread->spawn(task->getPreJob());
-    if (numActive == 0 && !s_sleepingThreads.empty() && dynamic_cast<ParallelTask*>(task) != nullptr)
+    Job* const first = task->getPreJob();
+    // A job that would be the only one of the queue needs none.
+    if (inHand && thread->m_inHand == nullptr && !thread->m_sharedLock.hasJobs() && thread->runsHere(first))
+        thread->m_inHand = first;
+    else
+        thread->spawn(first);
+    if (numActive == 0 && task->m_parallel)
         for (Thread* sleeper : s_sleepingThreads)
             sleeper->activate();
 }
 
 void Thread::taskCompleted(Task* task) {
     const std::lock_guard lock(s_sharedMutex);
-    s_activeTasks.erase(task);
+    static_cast<void>(eraseActive(task));
     if (s_changing && s_activeTasks.empty())
         s_shutdown.store(true, std::memory_order_seq_cst);
     if (Thread* thread = task->getThread(); thread != nullptr)
@@ -62,6 +85,12 @@ void Thread::markFrameDone(Task* task) {
     // that are complete, never the wrong one.
     for (uint64 i = m_numFrames.load(std::memory_order_acquire); i-- > 0;) {
         if (m_frames[i].task == task) {
+            if (this == getCurrentThread()) {
+                // Reads it itself, and is awake: the call is made up for at the end of the work loop.
+                m_frames[i].done.store(true, std::memory_order_relaxed);
+                m_calledItself = true;
+                return;
+            }
             // Sequentially consistent: pairs with topFrameDone; see the argument in ThreadWork.cpp.
             m_frames[i].done.store(true, std::memory_order_seq_cst);
             activate();
@@ -148,7 +177,7 @@ Thread::MainThreadHold::~MainThreadHold() {
 
 void Thread::forgetTask(Task* task) {
     const std::lock_guard lock(s_sharedMutex);
-    if (s_activeTasks.erase(task) != 0)
+    if (eraseActive(task))
         s_taskLost = true;
 }
 
@@ -193,6 +222,9 @@ void Thread::verifyLastFrame(const Task* task) const {
 }
 
 void Thread::handJobsOver() {
+    // What comes later is for the next task, or for who works here then.
+    if (!m_sharedLock.hasJobs() && m_numPushed.load(std::memory_order_seq_cst) == 0)
+        return;
     {
         const std::lock_guard lock(m_sharedLock);
         if (const uint32 count = m_numPushed.load(std::memory_order_seq_cst); count != 0)
@@ -214,7 +246,7 @@ void Thread::handJobsOver() {
         return;
     const std::lock_guard ownLock(m_sharedLock);
     for (uint32 i = 0; !m_sharedJobs.empty(); ++i) {
-        Job* job = m_sharedJobs.pop();
+        Job* job = m_sharedJobs.pop(Job::NoHome);
         Thread* target = job->m_targetThread;
         if (target == this)
             m_localJobs.push_back(job);

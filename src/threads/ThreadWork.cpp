@@ -29,10 +29,11 @@
 //    still to come through `sleep` or was never in it; what it looks at next, it looks at after the present
 //    call stored it, or the present call comes after the look and finds the count that the look left behind.
 //    That count is lowered in two places only. At the end of the work loop it is lowered by one, so a call
-//    during the loop leaves it above 0, and the thread does not sleep. In `sleep` it is set to 0, after the
-//    thread has been entered in the list of sleepers under s_sharedMutex, and *then* the pushed count is
-//    read: a job pushed with a call that fell before the 0 has its count stored before it, and the read sees
-//    it.
+//    during the loop leaves it above 0, and the thread does not sleep. (A thread that has completed a task of
+//    its own during the loop has called itself: one added and one taken off leave the count as it is.) In
+//    `sleep` it is set to 0, after the thread has been entered in the list of sleepers under s_sharedMutex,
+//    and *then* the pushed count is read: a job pushed with a call that fell before the 0 has its count
+//    stored before it, and the read sees it.
 // 3. The calls that could fall between a look and that 0 without a flag need a count above 0 there. A waiting
 //    thread goes to sleep only when it has read 0 after its last look at the frame; whoever raises it
 //    afterwards sets the flag. A worker may get there with a higher count while the system resizes its pool;
@@ -51,7 +52,7 @@ namespace zel {
 
 constinit std::atomic<int32> Thread::s_numActiveThreads{0};
 constinit Thread::ActiveTasksMutex Thread::s_sharedMutex;
-HashSet<Task*>& Thread::s_activeTasks = *new HashSet<Task*>;
+Vector<Task*>& Thread::s_activeTasks = *new Vector<Task*>;
 Vector<Thread*>& Thread::s_sleepingThreads = *new Vector<Thread*>;
 constinit std::atomic<size_t> Thread::s_numSleeping{0};
 std::exception_ptr& Thread::s_unhandledException = *new std::exception_ptr;
@@ -72,18 +73,6 @@ constexpr double LongestPause = 0.016;
 } // namespace
 
 // The queues
-
-void Thread::JobQueue::push(Job* job) {
-    m_heap.push_back(Entry{job, job->getPriority(), m_numPushed++});
-    std::push_heap(m_heap.begin(), m_heap.end(), isWorse);
-}
-
-Job* Thread::JobQueue::pop() {
-    std::pop_heap(m_heap.begin(), m_heap.end(), isWorse);
-    Job* job = m_heap.back().job;
-    m_heap.pop_back();
-    return job;
-}
 
 void Thread::spawn(Job* job) {
     Thread* target = job->m_targetThread;
@@ -119,7 +108,7 @@ void Thread::takePushedJobs(uint32 count) {
 /// One level of the work loop on a thread. Leaves it also when a job throws.
 class Thread::Activity {
 public:
-    explicit Activity(Thread& thread) : m_thread(thread) {
+    Activity(Thread& thread, uint64 tick) : m_thread(thread), m_tick(tick) {
         m_entered = m_thread.m_workDepth > 0 || enterOutermost();
         if (m_entered) {
             ++m_thread.m_workDepth;
@@ -132,13 +121,30 @@ public:
         if (m_entered)
             m_thread.m_activity = m_below;
         if (m_entered && --m_thread.m_workDepth == 0) {
-            m_thread.m_activationCount.fetch_sub(1, std::memory_order_seq_cst);
+            // A thread that has called itself, by completing a task of its own, adds one and takes one off.
+            if (!std::exchange(m_thread.m_calledItself, false))
+                m_thread.m_activationCount.fetch_sub(1, std::memory_order_seq_cst);
             s_numActiveThreads.fetch_sub(1, std::memory_order_seq_cst);
         }
-        m_thread.m_overheadTimer.stop();
+        if (m_tick == 0 || isWatched())
+            m_thread.m_overheadTimer.stop();
+        else
+            m_thread.m_overheadTimer.stop(m_tick);
     }
 
     [[nodiscard]] bool entered() const noexcept { return m_entered; }
+    /// Whether somebody looks at the times. To read the clock takes as long as an empty job does.
+    [[nodiscard]] static bool isWatched() noexcept {
+        return Task::getProfilingMode() != Task::ProfilingOff || isTimelineOn();
+    }
+    /// The present time. Where a job follows at once on the one before, or on the begin of the loop, that is
+    /// the time at which that was, unless somebody looks.
+    [[nodiscard]] uint64 getTick() const noexcept {
+        return m_tick == 0 || isWatched() ? Timer::now() : m_tick;
+    }
+    void setTick(uint64 tick) noexcept { m_tick = tick; }
+    /// Time has passed.
+    void forgetTick() noexcept { m_tick = 0; }
     void setJob(const Job* job) noexcept { m_job = job; }
     /// The job that the loop has called last, and that is at work if there is a loop above.
     [[nodiscard]] const Job* getJob() const noexcept { return m_job; }
@@ -162,6 +168,7 @@ private:
     }
 
     Thread& m_thread;
+    uint64 m_tick; // of the last look at the clock; 0 if some time has passed since
     const Job* m_job = nullptr;
     Activity* m_below = nullptr;
     bool m_entered = false;
@@ -198,8 +205,9 @@ bool Thread::worksFor(Task* task) const {
 }
 
 Thread::Taken Thread::takeReadyJob(Job*& job, size_t& remaining) {
-    Job* top = m_sharedJobs.pop();
-    if (SyncTag* tag = top->m_syncTag.get(); tag != nullptr && typeid(*tag) != typeid(CpuDevice::SyncTag)) {
+    Job* top = m_sharedJobs.pop(getId());
+    if (SyncTag* tag = top->m_restricted ? top->m_syncTag.get() : nullptr;
+        tag != nullptr && typeid(*tag) != typeid(CpuDevice::SyncTag)) {
         const int32 status = tag->getStatus();
         zelVerify(status != SyncTag::SYNC_TAG_ERROR);
         if (status == 0) {
@@ -212,10 +220,12 @@ Thread::Taken Thread::takeReadyJob(Job*& job, size_t& remaining) {
     return Taken::Job;
 }
 
-Thread::Taken Thread::takeJob(Job*& job, size_t& remaining) {
+Thread::Taken Thread::takeJob(Job*& job, size_t& remaining, Activity& activity) {
     const std::lock_guard lock(m_sharedLock);
-    if (m_sharedJobs.empty())
+    if (m_sharedJobs.empty()) {
+        activity.forgetTick();
         stealIntoQueue();
+    }
     if (m_sharedJobs.empty())
         return Taken::Nothing;
     const Taken taken = takeReadyJob(job, remaining);
@@ -227,6 +237,13 @@ Thread::Taken Thread::takeJob(Job*& job, size_t& remaining) {
 }
 
 Job* Thread::queueLocalJobs(size_t& remaining) {
+    if (m_localJobs.size() == 1 && !m_sharedLock.hasJobs() && runsHere(m_localJobs.back())) {
+        // What would go through the queue alone need not.
+        Job* const only = m_localJobs.back();
+        m_localJobs.clear();
+        remaining = 0;
+        return only;
+    }
     const std::lock_guard lock(m_sharedLock);
     for (Job* job : m_localJobs) {
         Thread* target = job->m_targetThread;
@@ -245,18 +262,21 @@ Job* Thread::queueLocalJobs(size_t& remaining) {
 void Thread::workLoop() {
     if (m_id.load(std::memory_order_relaxed) == DiscardedMainThread)
         throw std::runtime_error("This thread is a discarded main thread!");
-    m_overheadTimer.start();
-    m_activationCount.store(1, std::memory_order_seq_cst);
-    Activity activity(*this);
+    const uint64 entryTick = Timer::now();
+    m_overheadTimer.start(entryTick);
+    // Where it is 1 already there is nothing to set; who calls meanwhile adds to it.
+    if (m_activationCount.load(std::memory_order_seq_cst) != 1)
+        m_activationCount.store(1, std::memory_order_seq_cst);
+    Activity activity(*this, entryTick);
     if (!activity.entered())
         return;
 
-    Job* job = nullptr;
+    Job* job = std::exchange(m_inHand, nullptr);
     size_t remaining = 0; // length of the queue at the last pop
     m_theftPause = 0;
     while (!topFrameDone()) {
         if (job == nullptr) {
-            const Taken taken = takeJob(job, remaining);
+            const Taken taken = takeJob(job, remaining, activity);
             if (taken == Taken::Nothing)
                 break;
             if (taken == Taken::NotReady) {
@@ -264,10 +284,12 @@ void Thread::workLoop() {
                 // ready may lie below on the stack.
                 if (m_awaited == &m_neverDone)
                     break;
+                activity.forgetTick();
                 continue;
             }
         }
-        if (Thread* target = job->m_targetThread; target != nullptr && target != this) {
+        if (Thread* target = job->m_restricted ? job->m_targetThread : nullptr;
+            target != nullptr && target != this) {
             pushTargetJob(target, job, true);
             job = nullptr;
             continue;
@@ -276,10 +298,11 @@ void Thread::workLoop() {
         m_queueLength = remaining;
         zelVerify(m_localJobs.empty());
         activity.setJob(job);
-        const uint64 startTick = Timer::now();
+        const uint64 startTick = activity.getTick();
         m_overheadTimer.stop(startTick);
         const uint64 endTick = job->executeAt(startTick, m_localJobs, this);
         m_overheadTimer.start(endTick);
+        activity.setTick(endTick);
         if (Timer::toMilliseconds(endTick - startTick) < ShortJobTime)
             m_theftPause = std::clamp(2 * m_theftPause, FirstPause, LongestPause);
         else
@@ -295,8 +318,10 @@ void Thread::workLoop() {
             if (job == nullptr || remaining == 0)
                 continue;
         }
-        if (s_numSleeping.load(std::memory_order_seq_cst) != 0)
+        if (s_numSleeping.load(std::memory_order_seq_cst) != 0) {
             wakeupThreads();
+            activity.forgetTick();
+        }
     }
     if (job != nullptr) {
         // Not to be stranded on a thread that is leaving.
@@ -381,7 +406,7 @@ void Thread::stealIntoQueue() {
             const std::lock_guard lock(victim->m_sharedLock, std::adopt_lock);
             if (!victim->m_sharedJobs.empty()) {
                 zelVerify(m_sharedJobs.empty());
-                m_sharedJobs.push(victim->m_sharedJobs.pop());
+                m_sharedJobs.push(victim->m_sharedJobs.popFor(getId()));
                 return;
             }
         }
@@ -494,7 +519,7 @@ void Thread::dealOut() {
     if (numChosen == 0)
         return;
     for (Thread* cursor = m_nextInRing; !m_sharedJobs.empty(); cursor = cursor->m_nextInRing) {
-        Job* job = m_sharedJobs.pop();
+        Job* job = m_sharedJobs.pop(cursor->getId());
         // The owner's own scratch list is in use if somebody else deals.
         (job->m_targetThread == this || cursor == this ? m_keptJobs : cursor->m_localJobs).push_back(job);
     }

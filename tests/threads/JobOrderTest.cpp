@@ -60,6 +60,83 @@ TEST_F(JobOrderTest, EqualJobsLeaveInTheOrderInWhichTheyCame) {
     }
 }
 
+TEST_F(JobOrderTest, JobsLeaveByPriorityAndEqualOnesInTheOrderInWhichTheyCame) {
+    struct Spawner : Job {
+        std::vector<Job*> spawned;
+        std::vector<const Job*>* ran = nullptr;
+        void implementation() override {
+            ran->push_back(this);
+            for (Job* job : spawned)
+                job->spawn();
+        }
+    };
+    for (unsigned seed = 1; seed <= 200; ++seed) {
+        std::mt19937 random(seed);
+        const unsigned numPriorities = 1 + seed % 4;
+        std::vector<Spawner> jobs(300);
+        std::vector<const Job*> ran;
+        for (size_t i = 0; i < jobs.size(); ++i) {
+            jobs[i].ran = &ran;
+            jobs[i].setPriority(random() % 8 == 0 ? static_cast<zel::uint32>(random() % numPriorities) : 1);
+            // Some come from outside, the others from a job before them.
+            if (i >= 40)
+                jobs[random() % i].spawned.push_back(&jobs[i]);
+        }
+        for (size_t i = 0; i < 40; ++i)
+            jobs[i].spawn();
+        work();
+
+        std::vector<const Job*> expected;
+        std::vector<Spawner*> queue;
+        for (size_t i = 0; i < 40; ++i)
+            queue.push_back(&jobs[i]);
+        while (!queue.empty()) {
+            const auto best = std::max_element(queue.begin(), queue.end(), [](const Job* a, const Job* b) {
+                return a->getPriority() < b->getPriority();
+            }); // the first of the best
+            Spawner* const next = *best;
+            queue.erase(best);
+            expected.push_back(next);
+            for (Job* job : next->spawned)
+                queue.push_back(static_cast<Spawner*>(job));
+        }
+        ASSERT_EQ(ran, expected) << "seed " << seed;
+    }
+}
+
+TEST_F(JobOrderTest, AmongEqualJobsThreadsTakeThoseOfTheirOwnFirst) {
+    std::vector<int> ran;
+    std::vector<Job> jobs(6);
+    const zel::uint16 homes[] = {1, 0, Job::NoHome, 1, 0, 0};
+    for (int i = 0; i < 6; ++i) {
+        jobs[static_cast<size_t>(i)].setCallback([i, &ran] { ran.push_back(i); });
+        jobs[static_cast<size_t>(i)].setHome(homes[i]);
+        jobs[static_cast<size_t>(i)].setPriority(i == 3 ? 8 : 7);
+    }
+    for (Job& job : jobs)
+        job.spawn();
+    work();
+    // The best one first, whoever it is for; then our own, and in the end those of others.
+    EXPECT_EQ(ran, (std::vector<int>{3, 1, 4, 5, 0, 2}));
+}
+
+TEST_F(JobOrderTest, AJobOfOursThatIsNotReadyLetsThoseOfOthersGoAhead) {
+    const ref_ptr<Gate> gate(new Gate);
+    std::vector<int> ran;
+    Job ours([&ran] { ran.push_back(0); });
+    ours.setHome(0);
+    ours.setSyncTag(gate.get());
+    Job theirs([&] {
+        ran.push_back(1);
+        gate->open();
+    });
+    theirs.setHome(1);
+    theirs.spawn();
+    ours.spawn();
+    work();
+    EXPECT_EQ(ran, (std::vector<int>{1, 0}));
+}
+
 TEST_F(JobOrderTest, AJobThatIsNotReadyLetsItsEqualsGoAhead) {
     // Whichever of the two lies at the lower address, and whichever comes first.
     for (const size_t waiting : {0U, 1U}) {

@@ -244,7 +244,9 @@ TEST_F(ThreadTest, EachThreadMakesItsOwnUuids) {
 }
 
 TEST_F(ThreadTest, TimersAreReset) {
+    zel::Task::setProfilingMode(zel::Task::ProfilingWallTime);
     serial([] {})->execute();
+    zel::Task::setProfilingMode(zel::Task::ProfilingOff);
     Thread* thread = Thread::getCurrentThread();
     EXPECT_GT(thread->getOverheadTimer().getTicks(), 0U);
     thread->resetOverheadTime();
