@@ -18,6 +18,7 @@
 #include <zelData/AttributeContainer.h>
 
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -366,14 +367,31 @@ private:
     /// Something to wait for, which is remembered if it comes first.
     class Signal {
     public:
-        void release();
+        /// @param beforeWake  called first if a thread is waiting, which goes on afterwards
+        template <typename BeforeWake>
+        void release(const BeforeWake& beforeWake) {
+            const std::lock_guard lock(m_mutex);
+            if (m_flag)
+                return;
+            if (m_waiting)
+                beforeWake();
+            m_flag = true;
+            m_condition.notify_all();
+        }
         void wait();
-        void reset();
+        /// @param afterWake  called while nobody can release the signal
+        template <typename AfterWake>
+        void reset(const AfterWake& afterWake) {
+            const std::lock_guard lock(m_mutex);
+            afterWake();
+            m_flag = false;
+        }
 
     private:
         RankedMutex<LockRank::Sleep> m_mutex;
         std::condition_variable m_condition;
-        bool m_flag = false; // guarded by m_mutex
+        bool m_flag = false;    // guarded by m_mutex
+        bool m_waiting = false; // guarded by m_mutex
     };
 
     class MainThreadSingleton;
@@ -391,6 +409,8 @@ private:
     [[nodiscard]] Thread* chooseVictim(uint32 numThreads, uint32& last);
     [[nodiscard]] bool topFrameDone() const noexcept;
     [[nodiscard]] bool othersHaveJobs() const noexcept;
+    void leaveCallersProcessor() noexcept;
+    void returnToProcessors() noexcept;
     void dealOut();
     void dealOutForOutsiders();
     void takeLocalJobs();
@@ -453,6 +473,11 @@ private:
     std::atomic<int32> m_activationCount{0}; // shared: above 0, the thread should be in its work loop
     Signal m_startSignal;
     Signal m_sleepSignal;
+    // What a sleeping worker's processors were before it was called, and the one it was told to leave; -1 for
+    // none. Guarded by m_sleepSignal.
+    pthread_t m_handle{}; // set when the worker starts
+    cpu_set_t m_processors{};
+    int m_leftProcessor = -1;
     Thread* m_nextInRing = nullptr; // guarded by s_sharedMutex
     // What thieves, the owner and the givers of jobs write lies on different cache lines; the locks above
     // all.

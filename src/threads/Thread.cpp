@@ -37,22 +37,18 @@ Thread::FastRandom::FastRandom() {
     init(static_cast<uint32>(std::trunc(r / 2147483647.0 * 4294967290.0)) + 5);
 }
 
-void Thread::Signal::release() {
-    const std::lock_guard lock(m_mutex);
-    if (!m_flag) {
-        m_flag = true;
-        m_condition.notify_all();
-    }
-}
-
 void Thread::Signal::wait() {
+    /// Ends the wait also where the thread is cancelled.
+    struct Waiting {
+        explicit Waiting(bool& f) : flag(f) { flag = true; }
+        Waiting(const Waiting&) = delete;
+        Waiting& operator=(const Waiting&) = delete;
+        ~Waiting() { flag = false; }
+        bool& flag;
+    };
     const std::lock_guard lock(m_mutex);
+    const Waiting waiting(m_waiting);
     m_mutex.wait(m_condition, [this] { return m_flag; });
-}
-
-void Thread::Signal::reset() {
-    const std::lock_guard lock(m_mutex);
-    m_flag = false;
 }
 
 /// Frees the main thread when the services are torn down.
@@ -251,8 +247,9 @@ void Thread::initialize() {
     static_cast<void>(DenormalizationGuard::enable()); // for good: the thread ends with its state
     FloatingPointExceptions::apply();
     t_currentThread = this;
+    m_handle = pthread_self();
     m_running.store(1, std::memory_order_release);
-    m_startSignal.release();
+    m_startSignal.release([] {});
 }
 
 bool Thread::start() {
@@ -264,7 +261,7 @@ bool Thread::start() {
     if (!BasicThread::start())
         return false;
     m_startSignal.wait();
-    m_startSignal.reset();
+    m_startSignal.reset([] {});
     return true;
 }
 
@@ -277,7 +274,7 @@ void Thread::stop() {
                  static_cast<void*>(this),
                  static_cast<int32>(getId()));
     m_running.store(0, std::memory_order_release);
-    m_sleepSignal.release();
+    m_sleepSignal.release([] {});
     zelVerifyNAs(join(), "join()", "Thread join failed");
 }
 

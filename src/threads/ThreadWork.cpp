@@ -422,7 +422,7 @@ void Thread::activate() {
         const std::lock_guard lock(m_timerLock);
         m_activationTimer.start();
     }
-    m_sleepSignal.release();
+    m_sleepSignal.release([this] { leaveCallersProcessor(); });
 }
 
 bool Thread::othersHaveJobs() const noexcept {
@@ -456,7 +456,7 @@ void Thread::sleep() {
     m_idleTimer.start();
     if (m_numPushed.load(std::memory_order_seq_cst) == 0)
         m_sleepSignal.wait();
-    m_sleepSignal.reset();
+    m_sleepSignal.reset([this] { returnToProcessors(); });
     m_idleTimer.stop();
     {
         const std::lock_guard lock(m_timerLock);

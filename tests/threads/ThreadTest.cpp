@@ -8,11 +8,14 @@
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
+#include <pthread.h>
+#include <sched.h>
 #include <support/PoolThreads.h>
 #include <support/WhatOf.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <set>
@@ -140,6 +143,43 @@ TEST_F(ThreadTest, JobWithATargetRunsThere) {
             ASSERT_EQ(job.getExecutingThread(), target);
             task->removeAllJobs();
         }
+}
+
+TEST_F(ThreadTest, AWorkerThatIsWokenHasTheProcessorsThatItHad) {
+    zel::setNumThreads(2);
+    Thread* worker = nullptr;
+    for (Thread* thread : zelTest::onEachThread())
+        if (thread->getId() == 1)
+            worker = thread;
+    ASSERT_NE(worker, nullptr);
+    zel::uint64 processors = 0; // the first 64
+    zel::Job job([&processors] {
+        cpu_set_t set;
+        ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof(set), &set), 0);
+        processors = 0;
+        for (size_t i = 0; i < 64; ++i)
+            processors |= zel::uint64{CPU_ISSET(i, &set) ? 1U : 0U} << i;
+    });
+    job.setTargetThread(worker);
+    const ref_ptr<zel::ParallelTask> task(new zel::ParallelTask("look"));
+    task->addJob(&job);
+    task->execute();
+    // As it was, bound to one processor, and as before; set while the worker sleeps, or nearly so.
+    std::vector<zel::uint64> masks(1, processors);
+    for (size_t i = 0; i < 64 && masks.size() < 4; ++i)
+        if ((processors >> i) & 1)
+            masks.push_back(zel::uint64{1} << i);
+    masks.push_back(processors);
+    for (const zel::uint64 mask : masks) {
+        ASSERT_TRUE(worker->setThreadAffinity(mask));
+        for (int round = 0; round < 20; ++round) {
+            // Mostly long enough for the worker to fall asleep; the result does not depend on it.
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            task->execute();
+            ASSERT_EQ(processors, mask);
+        }
+    }
+    task->removeAllJobs();
 }
 
 TEST_F(ThreadTest, JobWaitsUntilItsTagIsReady) {
