@@ -11,6 +11,7 @@
 
 namespace zel {
 
+class ParallelTask;
 class SyncTag;
 class Task;
 class Thread;
@@ -120,7 +121,8 @@ public:
     }
 
 protected:
-    friend     friend class Task;
+    friend class ParallelTask;
+    friend class Task;
     friend class Thread;
     friend class WaitJob;
 

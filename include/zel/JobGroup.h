@@ -19,6 +19,9 @@ public:
     /// Runs and times each member in order.
     void implementation() override;
 
+protected:
+    static void runMember(Job& member);
+
 private:
     VectorPOD<Job*> m_members;
 };

@@ -3,8 +3,11 @@
 #include <zel/Callback.h>
 #include <zel/Export.h>
 #include <zel/Job.h>
+#include <zel/JobGroup.h>
 #include <zel/Task.h>
 #include <zel/Vector.h>
+
+#include <memory>
 
 namespace zel {
 
@@ -38,7 +41,35 @@ public:
     void removeAllJobs();
     [[nodiscard]] const VectorPOD<Job*>& getJobs() const noexcept { return m_jobs; }
 
+protected:
+    /// Makes room for so many rows, so that setNumRows allocates nothing.
+    void reserveRows(size_t numRows);
+    /// Lets the jobs that are there run in so many rows of neighbours, each one after the other on one thread
+    /// and without the queues; 0 lets each run by itself. The jobs must have no targets, no tags, and no
+    /// edges but those that addJob makes. Holds until the jobs are removed.
+    /// @param numRows  at most the number of jobs, and what was reserved
+    /// @threads from the dispatch
+    void setNumRows(size_t numRows);
+    [[nodiscard]] size_t getNumRows() const noexcept { return m_numRows; }
+    /// The ticks that a row, or a job that runs by itself, took in the quicker one of the last two runs.
+    [[nodiscard]] uint64 getTicks(size_t index) const noexcept;
+
 private:
+    /// A job for some neighbours among the jobs.
+    class ZEL_CORE_API Row final : public JobGroup {
+    public:
+        explicit Row(ParallelTask& task) : JobGroup(task.m_dispatchJob.getName()), m_owner(task) {}
+        void implementation() override;
+        void setRange(size_t begin, size_t end) noexcept {
+            m_begin = begin;
+            m_end = end;
+        }
+
+    private:
+        ParallelTask& m_owner;
+        size_t m_begin = 0;
+        size_t m_end = 0;
+    };
     class ZEL_CORE_API PreJob : public Job {
     public:
         explicit PreJob(ParallelTask& task) : Job("Pre"), m_owner(task) {}
@@ -68,12 +99,19 @@ private:
     void endCallback();
     /// The time that the jobs of this run took together, in milliseconds.
     [[nodiscard]] float measureComputeCost();
+    void connectJob(Job& job);
+    void disconnectJob(Job& job);
+    /// Takes the rows, or the jobs that run by themselves, out of the graph.
+    void disconnectJobs();
 
     Name m_jobName; // keeps the text of the dispatch job's name
     PreJob m_preJob;
     DispatchJob m_dispatchJob;
     PostJob m_postJob;
     VectorPOD<Job*> m_jobs;
+    Vector<std::unique_ptr<Row>> m_rows; // those at work and those for later
+    size_t m_numRows = 0;
+    size_t m_numJobsInRows = 0; // the first ones
     Callback m_dispatch;
 };
 

@@ -2,8 +2,10 @@
 #include "containers/GraphWalk.h"
 
 #include <zel/ParallelTask.h>
+#include <zel/Thread.h>
 #include <zel/Timer.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace zel {
@@ -40,25 +42,107 @@ void ParallelTask::setTargetThread(Thread* thread) {
     m_postJob.setTargetThread(thread);
 }
 
+void ParallelTask::connectJob(Job& job) {
+    m_dispatchJob.addDependent(&job);
+    if (DisableHelper* helper = getDisableHelper())
+        helper->addWork(&job);
+    else
+        job.addDependent(&m_postJob);
+}
+
+void ParallelTask::disconnectJob(Job& job) {
+    m_dispatchJob.removeDependent(&job);
+    if (DisableHelper* helper = getDisableHelper())
+        helper->removeWork(&job);
+    else
+        job.removeDependent(&m_postJob);
+}
+
 void ParallelTask::addJob(Job* job) {
     m_jobs.push_back(job);
-    m_dispatchJob.addDependent(job);
-    if (DisableHelper* helper = getDisableHelper())
-        helper->addWork(job);
-    else
-        job->addDependent(&m_postJob);
+    connectJob(*job);
+}
+
+void ParallelTask::disconnectJobs() {
+    // Newest first: edges are looked for from the back.
+    for (size_t i = m_jobs.size(); i-- > m_numJobsInRows;)
+        disconnectJob(*m_jobs[i]);
+    while (m_numRows > 0)
+        disconnectJob(*m_rows[--m_numRows]);
+    m_numJobsInRows = 0;
 }
 
 void ParallelTask::removeAllJobs() {
-    // Newest first: edges are looked for from the back.
-    for (size_t i = m_jobs.size(); i-- > 0;) {
-        m_dispatchJob.removeDependent(m_jobs[i]);
-        if (DisableHelper* helper = getDisableHelper())
-            helper->removeWork(m_jobs[i]);
-        else
-            m_jobs[i]->removeDependent(&m_postJob);
-    }
+    disconnectJobs();
     m_jobs.clear();
+}
+
+// Rows
+
+void ParallelTask::reserveRows(size_t numRows) {
+    m_rows.reserve(std::max(numRows, m_rows.size()));
+    while (m_rows.size() < numRows) {
+        m_rows.push_back(std::make_unique<Row>(*this));
+        // Its lists of edges have their room from here on.
+        Row& row = *m_rows.back();
+        m_dispatchJob.addDependent(&row);
+        row.addDependent(&m_postJob);
+        row.removeDependent(&m_postJob);
+        m_dispatchJob.removeDependent(&row);
+    }
+}
+
+void ParallelTask::setNumRows(size_t numRows) {
+    if (numRows == m_numRows && (numRows == 0 || m_numJobsInRows == m_jobs.size()))
+        return;
+    disconnectJobs();
+    const bool free = std::all_of(m_jobs.begin(), m_jobs.end(), [](const Job* job) {
+        return !job->m_restricted && job->m_numDependencies == 0 && job->m_dependents.empty();
+    });
+    if (numRows == 0 || !free) {
+        for (Job* job : m_jobs)
+            connectJob(*job);
+        return;
+    }
+    const size_t numJobs = m_jobs.size();
+    const size_t numThreads = getNumThreads();
+    for (size_t i = 0; i < numRows; ++i) {
+        Row& row = *m_rows[i];
+        const size_t begin = numJobs * i / numRows;
+        const size_t end = numJobs * (i + 1) / numRows;
+        row.setRange(begin, end);
+        row.m_cycles = row.m_lastCycles = 0;
+        uint32 priority = 0;
+        for (size_t k = begin; k < end; ++k)
+            priority = std::max(priority, m_jobs[k]->getPriority());
+        row.setPriority(priority);
+        row.setHome(static_cast<uint16>(i * numThreads / numRows));
+        connectJob(row);
+    }
+    m_numRows = numRows;
+    m_numJobsInRows = numJobs;
+}
+
+uint64 ParallelTask::getTicks(size_t index) const noexcept {
+    const Job& job = m_numRows != 0 ? *m_rows[index] : *m_jobs[index];
+    return job.m_lastCycles == 0 ? job.m_cycles : std::min(job.m_cycles, job.m_lastCycles);
+}
+
+void ParallelTask::Row::implementation() {
+    const bool watched = getProfilingMode() != ProfilingOff || Thread::isTimelineOn();
+    for (size_t i = m_begin; i < m_end; ++i) {
+        Job& job = *m_owner.m_jobs[i];
+        job.m_executingThread = m_executingThread;
+        if (watched)
+            runMember(job);
+        else
+            job.implementation();
+        // Acquire: pairs with the release in WaitJob's constructor.
+        if (job.m_waiters.load(std::memory_order_acquire) != nullptr) {
+            VectorPOD<Job*> dependents; // of which there are none
+            job.finish(dependents, m_executingThread);
+        }
+    }
 }
 
 float ParallelTask::measureComputeCost() {

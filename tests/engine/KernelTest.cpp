@@ -11,7 +11,9 @@
 #include <zel/Model.h>
 #include <zel/RangeJob.h>
 #include <zel/Thread.h>
+#include <zel/Timer.h>
 #include <zel/Vector.h>
+#include <zel/WaitJob.h>
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 #include <zelData/Buffer.h>
@@ -218,6 +220,104 @@ TEST_F(KernelTest, JobsStayWhileTheCutStays) {
     task->removeAllJobs();
     task->execute();
     expectSeamless(*task, 500);
+}
+
+TEST_F(KernelTest, JobsInRowsAreTheSameJobs) {
+    // The first run times the jobs, the later ones may put them into rows.
+    for (const size_t numThreads : {1U, 2U, 3U}) {
+        std::vector<std::atomic<int>> visits(50'000);
+        const auto task = kernel([&visits](const RangeJob& range) {
+            EXPECT_EQ(range.getExecutingThread(), zel::Thread::getCurrentThread());
+            for (size_t i = range.getRange().begin(); i != range.getRange().end(); ++i)
+                visits[i].fetch_add(1, std::memory_order_relaxed);
+        });
+        int runs = 0;
+        for (const size_t n : {50'000U, 50'000U, 50'000U, 40'000U, 50'000U, 1'000U, 1'000U, 50'000U}) {
+            dispatch(*task, n, numThreads);
+            ++runs;
+            ASSERT_EQ(task->getJobs().size(), task->getNumJobs());
+            expectSeamless(*task, n);
+        }
+        EXPECT_EQ(visits[0].load(), runs);
+        EXPECT_EQ(visits[999].load(), runs);
+        EXPECT_EQ(visits[39'999].load(), runs - 2);
+        EXPECT_EQ(visits[49'999].load(), runs - 3);
+
+        // Who looks at the times of the jobs gets those of the last run.
+        zel::Task::setProfilingMode(zel::Task::ProfilingFull);
+        task->execute();
+        task->execute();
+        zel::Task::setProfilingMode(zel::Task::ProfilingOff);
+        const zel::uint64 now = zel::Timer::now();
+        for (const zel::Job* each : task->getJobs())
+            EXPECT_LT(now - each->getStartTick(), now - task->getDispatchJob()->getStartTick());
+    }
+}
+
+TEST_F(KernelTest, ARangeThatIsSmallRunsOnTheCaller) {
+    zel::setNumThreads(2);
+    const zel::Thread* const caller = zel::Thread::getCurrentThread();
+    std::atomic<size_t> elsewhere{0};
+    const auto task = kernel([&](const RangeJob&) {
+        if (zel::Thread::getCurrentThread() != caller)
+            elsewhere.fetch_add(1);
+    });
+    task->setNumWorkItems(1000);
+    // From the second run on, unless the machine is busy.
+    size_t quiet = 0;
+    while (quiet < 100) {
+        elsewhere = 0;
+        task->execute();
+        quiet = elsewhere == 0 ? quiet + 1 : 0;
+    }
+    EXPECT_EQ(task->getNumJobs(), 8U);
+}
+
+TEST_F(KernelTest, WaitersForAJobInARowAreLetGo) {
+    const auto task = kernel();
+    dispatch(*task, 1000, 1);
+    task->execute();
+    zel::WaitJob waiter(task->getJobs()[3]);
+    task->execute();
+    waiter.wait();
+}
+
+TEST_F(KernelTest, EdgesAmongItsJobsHold) {
+    std::vector<size_t> begins;
+    const auto task =
+        kernel([&begins](const RangeJob& range) { begins.push_back(range.getRange().begin()); });
+    dispatch(*task, 1000, 1);
+    ASSERT_EQ(task->getJobs().size(), 4U);
+    task->getJobs()[3]->addDependent(task->getJobs()[0]);
+    for (int i = 0; i < 3; ++i) {
+        begins.clear();
+        task->execute();
+        EXPECT_EQ(begins, (std::vector<size_t>{256, 512, 768, 0}));
+    }
+    task->getJobs()[3]->removeDependent(task->getJobs()[0]);
+}
+
+TEST_F(KernelTest, JobsThatAreAddedToThoseOfTheCutRunAsWell) {
+    int runs = 0;
+    zel::Job extra([&runs] { ++runs; });
+    struct Own : LambdaKernel {
+        explicit Own(zel::Job& job) : LambdaKernel("own", [](const RangeJob&) {}), more(job) {
+            setDispatch([this] {
+                generateJobs();
+                addJob(&more);
+            });
+        }
+        zel::Job& more;
+    };
+    const ref_ptr<Own> task(new Own(extra));
+    task->setNumWorkItems(1000);
+    for (int i = 1; i <= 5; ++i) {
+        task->execute();
+        EXPECT_EQ(runs, i);
+        EXPECT_EQ(task->getJobs().size(), task->getNumJobs() + 1);
+    }
+    task->removeAllJobs();
+    EXPECT_TRUE(extra.getDependents().empty());
 }
 
 TEST_F(KernelTest, PreDispatchRunsAheadOfEachDispatch) {
