@@ -386,6 +386,12 @@ private:
             afterWake();
             m_flag = false;
         }
+        /// Calls while nobody can release the signal or go on from it.
+        template <typename Function>
+        void whileLocked(const Function& function) {
+            const std::lock_guard lock(m_mutex);
+            function();
+        }
 
     private:
         RankedMutex<LockRank::Sleep> m_mutex;
@@ -411,6 +417,7 @@ private:
     [[nodiscard]] bool othersHaveJobs() const noexcept;
     void leaveCallersProcessor() noexcept;
     void returnToProcessors() noexcept;
+    static void returnAllToProcessors();
     void dealOut();
     void dealOutForOutsiders();
     void takeLocalJobs();
@@ -512,12 +519,13 @@ private:
     static std::atomic<Thread*> s_threads[ZEL_MAX_NUM_THREADS];
     static std::atomic<Thread*> s_mainThread;
     static std::atomic<uint32> s_highestId;
-    static std::atomic<int32> s_numActiveThreads; // threads inside the outermost work loop
-    static ActiveTasksMutex s_sharedMutex;        // before any spin lock
-    static Vector<Task*>& s_activeTasks;          // guarded by s_sharedMutex; each knows its place
-    static Vector<Thread*>& s_sleepingThreads;    // guarded by s_sharedMutex
-    static std::atomic<size_t> s_numSleeping;     // their number, readable without the lock
-    static bool s_changing;                       // guarded by s_sharedMutex: the pool is being resized
+    static std::atomic<int32> s_numActiveThreads;     // threads inside the outermost work loop
+    static ActiveTasksMutex s_sharedMutex;            // before any spin lock
+    static Vector<Task*>& s_activeTasks;              // guarded by s_sharedMutex; each knows its place
+    static Vector<Thread*>& s_sleepingThreads;        // guarded by s_sharedMutex
+    static std::atomic<size_t> s_numSleeping;         // their number, readable without the lock
+    static std::atomic<uint32> s_numWithoutProcessor; // workers that have left one; see ThreadWake.cpp
+    static bool s_changing;                           // guarded by s_sharedMutex: the pool is being resized
     static bool s_taskLost;                    // guarded by s_sharedMutex: a task went before it was complete
     static std::condition_variable& s_changed; // with s_sharedMutex: s_changing was cleared
     static std::exception_ptr& s_unhandledException; // guarded by s_sharedMutex

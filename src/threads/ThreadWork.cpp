@@ -391,6 +391,9 @@ void Thread::stealIntoQueue() {
         if (elapsed > YieldTime) {
             if (elapsed > GiveUpTime && m_numPushed.load(std::memory_order_seq_cst) == 0)
                 return;
+            // This processor is free now.
+            if (s_numWithoutProcessor.load(std::memory_order_relaxed) != 0)
+                returnAllToProcessors();
             sched_yield();
         }
         if (const uint32 count = m_numPushed.load(std::memory_order_seq_cst); count != 0) {
