@@ -14,30 +14,68 @@
 #include <zelIO/Environment.h>
 #include <zelIO/FilePathContainer.h>
 
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 
 namespace {
 
-const char* const Usage = "usage: solar [options]\n"
-                          "  --model PATH    model to load, such as solar.Solar (the default), or a file\n"
-                          "  --days D        length of the run\n"
-                          "  --step S        length of a step in seconds\n"
-                          "  --particles N   number of test particles in the belt\n"
-                          "  --threads N     0 means one for each processor\n"
-                          "  --real-time     keep pace with the wall clock: ten hours a second\n"
-                          "  --statistics    print what the tasks took\n"
-                          "  --log FILE      name of the log, which is numbered (solar.log)\n";
+const char* const Usage =
+    "usage: solar [options]\n"
+    "  --model PATH    model to load, such as solar.Solar (the default), or a file\n"
+    "  --days D        length of the run\n"
+    "  --step S        length of a step in seconds\n"
+    "  --particles N   number of test particles in the belt\n"
+    "  --threads N     0 means one for each processor\n"
+    "  --real-time     keep pace with the wall clock: ten hours a second\n"
+    "  --statistics    print what the tasks took\n"
+    "  --log FILE      name of the log, which is numbered (solar.log)\n"
+    "  -h, --help      print this\n"
+    "Ctrl-C ends the run after the present step, with the summary; once more, at once.\n";
+
+/// Frames a second at least: a real-time clock takes no step that is longer than 1/30 s.
+constexpr double SlowestPace = 30;
+
+/// What a shell tells of a program that a signal has ended.
+constexpr int ExitBySignal = 128;
+
+/// The signal that asks for an end; 0 while there is none.
+volatile std::sig_atomic_t s_signal = 0;
+
+void askForEnd(int number) {
+    s_signal = number;
+}
+
+/// Once: a second signal ends the program as it would without us.
+void endOnSignals() {
+    struct sigaction action {};
+    action.sa_handler = &askForEnd;
+    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    for (const int number : {SIGINT, SIGTERM})
+        if (sigaction(number, &action, nullptr) != 0)
+            throw std::system_error(errno, std::generic_category(), "sigaction");
+}
+
+/// What has been printed must have arrived: a full disk, or a closed pipe, is a failure.
+void flushOutput() {
+    if (!std::cout.flush())
+        throw std::runtime_error("could not write to the standard output");
+}
 
 struct Options {
     std::string model = "solar.Solar";
@@ -48,6 +86,7 @@ struct Options {
     std::optional<zel::uint64> threads;
     bool realTime = false;
     bool statistics = false;
+    bool help = false;
 };
 
 template <typename Number>
@@ -64,17 +103,23 @@ Number parse(std::string_view option, std::string_view text) {
 }
 
 Options parseOptions(int argc, char** argv) {
+    constexpr std::array<std::string_view, 6> withValue{
+        "--model", "--log", "--days", "--step", "--particles", "--threads"};
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string_view option = argv[i];
-        if (option == "--help") {
-            std::cout << Usage;
-            std::exit(0);
+        if (option == "--help" || option == "-h") {
+            options.help = true;
+            continue;
         }
         if (option == "--real-time" || option == "--statistics") {
             (option == "--real-time" ? options.realTime : options.statistics) = true;
             continue;
         }
+        if (!option.starts_with('-'))
+            throw std::invalid_argument("'" + std::string(option) + "' belongs to no option");
+        if (std::find(withValue.begin(), withValue.end(), option) == withValue.end())
+            throw std::invalid_argument("unknown option " + std::string(option));
         if (++i == argc)
             throw std::invalid_argument(std::string(option) + " needs a value");
         const std::string_view value = argv[i];
@@ -88,10 +133,8 @@ Options parseOptions(int argc, char** argv) {
             options.step = parse<double>(option, value);
         else if (option == "--particles")
             options.particles = parse<zel::uint64>(option, value);
-        else if (option == "--threads")
-            options.threads = parse<zel::uint64>(option, value);
         else
-            throw std::invalid_argument("unknown option " + std::string(option));
+            options.threads = parse<zel::uint64>(option, value);
     }
     return options;
 }
@@ -125,13 +168,14 @@ T number(zel::Component* model, const char* name, const std::optional<T>& option
     return number->get();
 }
 
-/// Ticks through the whole run, with a line of progress if the terminal shows one.
+/// Ticks through the whole run, or until a signal comes, with a line of progress if the terminal shows one.
 /// @param realTime  whether to wait for each frame until its time has come
 void run(zel::Clock& clock, double duration, bool realTime) {
     const bool terminal = isatty(STDERR_FILENO) != 0;
     const double end = duration * SecondsPerDay;
-    const auto tick = [&clock, end, terminal] {
-        if (clock.getTime() >= end)
+    const auto isAtEnd = [&clock, end] { return clock.getTime() >= end || s_signal != 0; };
+    const auto tick = [&clock, &isAtEnd, end, terminal] {
+        if (isAtEnd())
             return;
         clock.tick();
         if (terminal && (clock.getFrame() % 512 == 0 || clock.getTime() >= end))
@@ -142,15 +186,21 @@ void run(zel::Clock& clock, double duration, bool realTime) {
     };
     if (realTime) {
         zel::RealTimeClock* pacemaker = zel::RealTimeClock::instance();
-        pacemaker->setFrequency(clock.getFrequency());
-        const auto frame = pacemaker->postTick.connect([&tick](zel::Clock*) { tick(); });
-        while (clock.getTime() < end) {
+        // A slow one steps in every n-th frame of the pacemaker.
+        const double frequency = clock.getFrequency();
+        const auto every = static_cast<zel::uint64>(std::max(1.0, std::ceil(SlowestPace / frequency)));
+        pacemaker->setFrequency(frequency * static_cast<double>(every));
+        const auto frame = pacemaker->postTick.connect([&tick, every](zel::Clock* paced) {
+            if (paced->getFrame() % every == 0)
+                tick();
+        });
+        while (!isAtEnd()) {
             pacemaker->tick();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         pacemaker->postTick.disconnect(frame);
     }
-    while (clock.getTime() < end)
+    while (!isAtEnd())
         tick();
     if (terminal)
         std::cerr << '\n';
@@ -190,6 +240,8 @@ void simulate(const Options& options) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
     clock.postTick.disconnect(observer);
 
+    if (s_signal != 0)
+        std::cout << "Interrupted on the way: this is how far the run has come.\n\n";
     std::cout << bodies.size() << " bodies and " << particles << " particles over "
               << clock.getTime() / SecondsPerDay << " days in " << clock.getFrame() << " steps\n\n";
     diagnostics.print(std::cout);
@@ -202,6 +254,7 @@ void simulate(const Options& options) {
                                      elapsed.count(),
                                      zel::getNumThreads(),
                                      zel::Logger::instance()->getLogFilename().c_str());
+    flushOutput();
     zel::root()->removeObject(model.get());
 }
 
@@ -218,7 +271,14 @@ int main(int argc, char** argv) {
     zelCore::init();
     int result = 0;
     try {
-        simulate(options);
+        if (options.help) {
+            std::cout << Usage;
+            flushOutput();
+        } else {
+            endOnSignals();
+            simulate(options);
+            result = s_signal == 0 ? 0 : ExitBySignal + s_signal;
+        }
     } catch (const std::exception& error) {
         std::cerr << "solar: " << error.what() << '\n';
         result = 1;

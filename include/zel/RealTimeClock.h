@@ -17,7 +17,8 @@ public:
     RealTimeClock(const Name& name, double frequency);
     ~RealTimeClock() override;
 
-    /// Makes at most what a thirtieth of a second asks for. Does nothing if less than a step has passed.
+    /// Makes at most what a thirtieth of a second asks for. Does nothing if less than a step has passed: a
+    /// clock whose time step is longer than a thirtieth never ticks, which is warned of.
     void tick();
     using Clock::tick;
     /// The next tick begins to count at zero.
@@ -32,10 +33,13 @@ public:
     [[nodiscard]] static size_t numSteps(double elapsed, double timeStep, double stepCost) noexcept;
 
 private:
+    void warnIfTooSlow();
+
     Timer m_elapsedTimer;
     Timer m_runTimer;
     double m_rest = 0;
     double m_stepCost = 0;
+    double m_toldTimeStep = 0; // that is too long
 };
 
 } // namespace zel

@@ -1,6 +1,7 @@
 #include "ClockSteps.h"
 
 #include <zel/InitCallback.h>
+#include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/RealTimeClock.h>
 #include <zel/ServicePointer.h>
@@ -49,6 +50,15 @@ size_t RealTimeClock::numSteps(double elapsed, double timeStep, double stepCost)
     return std::clamp<uint64>(wholeSteps(elapsed * 1.2, stepCost), 1, steps);
 }
 
+void RealTimeClock::warnIfTooSlow() {
+    if (getTimeStep() == m_toldTimeStep || numSteps(LongestElapsed, getTimeStep(), 0) != 0)
+        return;
+    m_toldTimeStep = getTimeStep();
+    ZEL_LOG_WARNING("The real-time clock '"
+                    << getPath() << "' never ticks: its time step of " << m_toldTimeStep
+                    << " s is longer than 1/30 s. Let a clock with that step be the slave of a faster one");
+}
+
 void RealTimeClock::tick() {
     const Keep keep(*this);
     double elapsed = 0;
@@ -59,8 +69,10 @@ void RealTimeClock::tick() {
     m_elapsedTimer.start();
     elapsed = std::min(elapsed, LongestElapsed);
     const size_t steps = numSteps(elapsed, getTimeStep(), m_stepCost);
-    if (steps == 0)
+    if (steps == 0) {
+        warnIfTooSlow();
         return;
+    }
     m_rest = elapsed - static_cast<double>(steps) * getTimeStep();
     m_elapsedTimer.reset();
     m_runTimer.reset();

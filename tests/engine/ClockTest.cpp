@@ -965,6 +965,20 @@ TEST_F(RealTimeClockTest, RunsNothingForLessThanAStep) {
     EXPECT_EQ(clock->getTime(), 0);
 }
 
+TEST_F(RealTimeClockTest, StepThatIsTooLongIsToldOnce) {
+    const ref_ptr<RealTimeClock> clock(new RealTimeClock("r", 29.9));
+    const zelTest::LogCapture log;
+    clock->tick();
+    clock->tick();
+    EXPECT_EQ(
+        log.text(),
+        "The real-time clock 'r' never ticks: its time step of 0.0334448 s is longer than 1/30 s. Let a "
+        "clock with that step be the slave of a faster one\n");
+    clock->setFrequency(30);
+    clock->tick();
+    EXPECT_EQ(log.texts().size(), 1U) << log.text();
+}
+
 TEST_F(RealTimeClockTest, StepsOnceTimeHasPassed) {
     const ref_ptr<RealTimeClock> clock(new RealTimeClock("r", 1e8)); // shorter than any tick
     clock->tick();

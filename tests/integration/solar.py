@@ -3,9 +3,11 @@
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 # The state after ten days with 100 particles. It may change only when the model of the example changes.
 GOLDEN_HASH = "0x195ed0d4f63345b7"
@@ -171,9 +173,54 @@ def bad_options_show_the_usage(program):
                                (["--step", "0"], "--step must be above 0"),
                                (["--particles", "-5"], "--particles: '-5' is no whole number from 0 on"),
                                (["--nonsense", "1"], "unknown option --nonsense"),
+                               (["--bogus"], "unknown option --bogus"),
+                               (["-x"], "unknown option -x"),
+                               (["word"], "'word' belongs to no option"),
                                (["--days"], "--days needs a value")):
         result = run(program, *arguments)
         assert result.returncode == 2 and message in result.stderr and "usage:" in result.stderr, result.stderr
+
+
+def help_is_no_failure(program):
+    for option in ("-h", "--help"):
+        result = run(program, option)
+        assert result.returncode == 0 and result.stdout.startswith("usage:") and not result.stderr, result
+
+
+def slow_steps_keep_pace_too(program):
+    # Ten frames a second: fewer than a real-time clock ticks by itself.
+    arguments = ("--days", "0.25", "--step", "3600", "--particles", "100")
+    output = output_of(program, *arguments, "--real-time")
+    assert "in 6 steps" in output, output
+    assert state_hash(output) == state_hash(output_of(program, *arguments))
+
+
+def full_disk_is_a_failure(program):
+    for arguments in (["--days", "0.1", "--particles", "0"], ["--help"]):
+        with open("/dev/full", "w") as full:
+            result = subprocess.run([program, "--log", "solar.log", *arguments], stdout=full, stderr=subprocess.PIPE, text=True, timeout=500)
+        assert result.returncode == 1, result
+        assert "could not write to the standard output" in result.stderr, result.stderr
+
+
+def interrupts_end_with_the_summary(program):
+    # A run of a million years: it ends by the signal alone. What is in the log says when it has begun.
+    for number in (signal.SIGINT, signal.SIGTERM):
+        with open("output", "w+") as output:
+            process = subprocess.Popen([program, "--log", "solar.log", "--days", "365000000", "--particles", "100"],
+                                       stdout=output, stderr=subprocess.PIPE, text=True)
+            while not any("Steps of" in path.read_text() for path in pathlib.Path().glob("solar-*.log")):
+                assert process.poll() is None, process.stderr.read()
+                time.sleep(0.01)
+            process.send_signal(number)
+            _, errors = process.communicate(timeout=500)
+            output.seek(0)
+            text = output.read()
+        assert process.returncode == 128 + number, (process.returncode, errors)
+        assert text.startswith("Interrupted on the way"), text
+        assert "State hash 0x" in text and "drift of energy" in text, text
+        for path in pathlib.Path().glob("solar-*.log"):
+            path.unlink()
 
 
 if __name__ == "__main__":
