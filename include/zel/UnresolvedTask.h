@@ -28,7 +28,8 @@ class UnresolvedParameter;
 /// place in the tree and in the graph as soon as there is one.
 ///
 /// It is looked for when the objects that the parameters name have been found, and, at the latest, in each
-/// run. A run without one warns of what is missing, and the graph goes on.
+/// run, if the parameters or the files have changed since the last search. A run without one warns of what is
+/// missing, and the graph goes on.
 /// @threads as Task
 class ZEL_CORE_API UnresolvedTask : public SerialTask {
 public:
@@ -100,10 +101,13 @@ public:
     [[nodiscard]] bool isReady() const;
     /// Whether the last search for an implementation was in vain, and nothing has changed since.
     [[nodiscard]] bool hasFailed() const noexcept { return m_failed; }
-    /// Warns that there is no implementation, with the state of the parameters.
-    void report() const;
-    /// Warns, once, why there is none: where it was looked for, or what the implementations take. Names the
-    /// file and the row of the element.
+    /// Warns that there is no implementation, with the state of the parameters. A report that has been given
+    /// already is only counted: once a second at most a line tells how many there have been.
+    void report();
+    /// The clock of the reports, for tests: a function that gives seconds. Null brings the usual one back.
+    static void setReportClock(double (*seconds)()) noexcept;
+    /// Warns, once after each search, why there is none: where it was looked for, or what the implementations
+    /// take. Names the file and the row of the element.
     void explainFailure();
 
     /// Looks for an implementation on the device, and then on the other kind of device, and binds it.
@@ -149,6 +153,8 @@ private:
     [[nodiscard]] std::string describePlace() const;
     [[nodiscard]] std::string explainMisfit(TaskPluginImplementation& implementation) const;
     void warnOfUnbound() const;
+    [[nodiscard]] std::string describeParameters() const;
+    [[nodiscard]] String describeSearch() const;
 
     Path m_proxyPath;
     Path m_implementationName;
@@ -169,8 +175,12 @@ private:
     bool m_failed = false;
     bool m_injected = false;
     bool m_explained = false;
-    String m_place;   // file and row of the element, for messages; empty without one
-    String m_failure; // what the last search has thrown
+    String m_place;    // file and row of the element, for messages; empty without one
+    String m_failure;  // what the last search has thrown
+    String m_searched; // what the last search in vain has found, see describeSearch()
+    String m_reported;
+    uint64 m_numUntold = 0; // reports since the last one that was told
+    double m_toldAt = 0;    // seconds of the reports' clock
 };
 
 /// What an element of the tag "Task" without a source becomes: a task that does nothing.

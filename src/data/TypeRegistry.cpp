@@ -1,6 +1,7 @@
 #include "TypeRegistry.h"
 
 #include "FormatLookup.h"
+#include "containers/NearName.h"
 
 #include <zel/Device.h>
 #include <zel/Exception.h>
@@ -58,6 +59,15 @@ Type* getTemplatedType(const zel::String& name) {
 
 bool isTemplated(const zel::String& name) {
     return name.find('<') != zel::String::npos;
+}
+
+/// For a message about a name that is in no table: the one that is beside it.
+template <typename Table>
+std::string hintOfName(const zel::String& name, const Table& table) {
+    zel::NearName near(name);
+    for (const auto& entry : table)
+        near.consider(entry.key.str());
+    return near.hint();
 }
 
 /// Where the name of a format begins behind that of its type. Within the brackets of a container the sign
@@ -166,14 +176,16 @@ const Format* getFormat(zel::TiXmlElement* element, zel::Device* device) {
 
     Type* type = isTemplated(typeName) && !namesContainer(typeName) ? nullptr : getType(typeName);
     if (type == nullptr)
-        ZEL_XML_ERROR(element, "No type named '" + typeName + "'");
+        ZEL_XML_ERROR(element, "No type named '" + typeName + "'" + hintOfName(typeName, getTypes()));
     if (colon == zel::String::npos && formatAttribute == nullptr) {
         const Format* const usual = type->getDefaultFormat();
         return device == nullptr ? usual : device->getTypeFormat(type);
     }
     const Format* format = type->getFormat(formatName);
     if (format == nullptr)
-        ZEL_XML_ERROR(element, "No format named '" + typeName + ":" + formatName + "'");
+        ZEL_XML_ERROR(element,
+                      "No format named '" + typeName + ":" + formatName + "'" +
+                          hintOfName(formatName, type->getFormats()));
     return format;
 }
 

@@ -1,4 +1,6 @@
+#include "ExpressionCheck.h"
 #include "ValueLiteral.h"
+#include "tree/PathNotes.h"
 
 #include <zel/Exception.h>
 #include <zel/XmlLoader.h>
@@ -34,15 +36,18 @@ Value* Value::load(TiXmlElement* element, zel::Device*) {
 
 void Value::configure(TiXmlElement* element) {
     Object::configure(element);
-    if (const char* path = element->Attribute("bind"))
+    if (const char* path = element->Attribute("bind")) {
         bind(zel::Path(path));
+        zel::notePath(*this, element, "bind", getBindPath());
+    }
     const std::string* const expression = element->Attribute(std::string("value"));
     if (expression == nullptr)
         return;
     if (element->Attribute("literal") == nullptr || !zel::parseAttribute<bool>(element, "literal")) {
-        setExpression(*expression);
+        setFromAttribute(*this, element, "value");
         return;
     }
+    checkExpression(element, "value", m_format.get());
     if (isUntyped())
         takeFormat(zelData::getFormat("String"));
     setText(*expression);

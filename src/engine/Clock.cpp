@@ -1,6 +1,7 @@
 #include "ClockFrame.h"
 #include "ClockSteps.h"
 #include "containers/FlagScope.h"
+#include "tree/PathNotes.h"
 
 #include <zel/Clock.h>
 #include <zel/Exception.h>
@@ -216,6 +217,7 @@ void Clock::tick(bool) {
     zelVerifyNAs(
         !m_isTicking, "!m_isTicking", "%s: A clock can not tick within its own tick", getPath().c_str());
     const FlagScope scope(m_isTicking);
+    warnOfLostPaths(*this);
     // The timeline is exported at the end by a job on each thread.
     std::optional<Thread::MainThreadHold> hold;
     if (!m_isSlaveTicking && m_isThreadTimelineResponsible && Thread::getEnableJobTimeline())

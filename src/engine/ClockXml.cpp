@@ -1,3 +1,5 @@
+#include "tree/PathNotes.h"
+
 #include <zel/Clock.h>
 #include <zel/Exception.h>
 #include <zel/XmlLoader.h>
@@ -20,6 +22,10 @@ Object* loadClock(TiXmlElement* element, Device* device) {
 
 const XmlLoaderRegistrator s_clockLoader("Clock", loadClock);
 
+Object* findClock(Object& object, const Path& path) {
+    return object.getAutoScopedResource(path, Clock::ClassModel());
+}
+
 double parsePositive(TiXmlElement* element, const char* name) {
     const auto number = parseAttribute<double>(element, name);
     if (!(number > 0))
@@ -41,8 +47,10 @@ Clock* Clock::load(TiXmlElement* element, Device* device) {
 
 void Clock::configure(TiXmlElement* element) {
     Task::configure(element, false);
-    if (const char* path = element->Attribute("synchronize"))
+    if (const char* path = element->Attribute("synchronize")) {
         bind(Path(path));
+        notePath(*this, element, "synchronize", Path(path), &findClock);
+    }
     if (element->Attribute("time") != nullptr)
         setTime(parseAttribute<double>(element, "time"));
     if (element->Attribute("frequency") != nullptr)

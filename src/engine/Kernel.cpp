@@ -1,3 +1,5 @@
+#include "data/ExpressionCheck.h"
+
 #include <zel/ArrayParameter.h>
 #include <zel/CpuDevice.h>
 #include <zel/EntityDataParameter.h>
@@ -61,8 +63,7 @@ void Kernel::configure(TiXmlElement* element) {
 
 void Kernel::configureDispatch(TiXmlElement* element) {
     for (Val<uint64>* value : {&m_numJobsPerThread, &m_minJobSize, &m_maxJobSize, &m_costPerElement})
-        if (const char* expression = element->Attribute(value->getName().c_str()))
-            value->setExpression(String(expression));
+        zelData::setFromAttribute(*value, element, value->getName().c_str());
     if (m_numJobsPerThread.getBinding() == nullptr && m_numJobsPerThread.get() == 0)
         ZEL_XML_ERROR(element, "numJobsPerThread must be at least 1");
 }

@@ -67,12 +67,14 @@ Task* Kernel::load(TiXmlElement* element, Device* device) {
     const std::lock_guard lock(TaskManager::getMutex());
     // The kernel of a path without a library would be looked for in this very element.
     ref_ptr<Task> task;
-    if (element->Attribute("dispatch") != nullptr || loadPlugin(path) != nullptr)
+    String failure;
+    if (element->Attribute("dispatch") != nullptr || loadPlugin(path, failure) != nullptr)
         task = CpuKernel::load(element, device);
     if (!task)
         ZEL_XML_ERROR(
             element,
-            String::format("Could not locate kernel binary (shared library) for kernel %s", path.c_str()));
+            String::format("Could not locate kernel binary (shared library) for kernel %s", path.c_str()) +
+                (failure.empty() ? "" : ": " + failure));
     return task.release_nodelete();
 }
 

@@ -1,3 +1,6 @@
+#include "containers/NearName.h"
+#include "tree/PathNotes.h"
+
 #include <zel/EntityDataParameter.h>
 #include <zel/EntityHandleParameter.h>
 #include <zel/Exception.h>
@@ -17,8 +20,11 @@
 #include <json/value.h>
 #include <tinyxml.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
 
 namespace zel {
 
@@ -250,6 +256,8 @@ void Parameter::configure(TiXmlElement* element) {
         bind(place + (path == nullptr ? Path(getName()) : Path(path)));
     else if (path != nullptr)
         bind(Path(path));
+    if (!place.empty() || path != nullptr)
+        notePath(*this, element, "bind", m_bindPath);
 }
 
 Name Parameter::loadName(TiXmlElement* element) {
@@ -260,7 +268,17 @@ Name Parameter::loadName(TiXmlElement* element) {
 
 uint32 Parameter::loadAccessMode(TiXmlElement* element) {
     const char* mode = element->Attribute("mode");
-    return mode == nullptr ? zelData::AccessMode::READ : zelData::getAccessMode(std::string(mode));
+    if (mode == nullptr)
+        return zelData::AccessMode::READ;
+    constexpr const char* modes[] = {"READ", "WRITE", "READ_WRITE"};
+    NearName near(mode);
+    for (const char* const known : modes)
+        near.consider(known);
+    if (std::find(std::begin(modes), std::end(modes), std::string_view(mode)) == std::end(modes))
+        ZEL_XML_ERROR(element,
+                      String::format("Unknown mode '%s'", mode) + near.hint() +
+                          ": it is READ, WRITE or READ_WRITE");
+    return zelData::getAccessMode(std::string(mode));
 }
 
 void Parameter::buildNavigationTree(Json::Value& json) const {

@@ -48,7 +48,7 @@ bool hasPlugin(const Path& path) {
     return findPlugin(path) != nullptr || !findPluginLibrary(path).empty();
 }
 
-TaskPlugin* loadPlugin(const Path& path) {
+TaskPlugin* loadPlugin(const Path& path, String& failure) {
     if (TaskPlugin* const plugin = findPlugin(path))
         return plugin;
     String file = findPluginLibrary(path);
@@ -58,8 +58,7 @@ TaskPlugin* loadPlugin(const Path& path) {
     if (!openedLibraries().contains(file)) {
         void* const handle = OpenPlugin(file);
         if (handle == nullptr) {
-            ZEL_LOG_WARNING("TaskManager::create(...): Could not load plugin '" << path
-                                                                                << "': " << GetPluginError());
+            failure = "Could not load plugin '" + path.str() + "': " + GetPluginError();
             return nullptr;
         }
         new DynamicLibrary(file,
@@ -68,8 +67,7 @@ TaskPlugin* loadPlugin(const Path& path) {
     }
     TaskPlugin* const plugin = findPlugin(path);
     if (plugin == nullptr)
-        ZEL_LOG_WARNING("TaskManager::create(...): Library '" << file << "' holds no plug-in '" << path
-                                                              << "'");
+        failure = "Library '" + file + "' holds no plug-in '" + path.str() + "'";
     return plugin;
 }
 
@@ -83,6 +81,11 @@ String whatIsThrown() {
     try {
         throw;
     } catch (const std::exception& error) {
+        try {
+            std::rethrow_if_nested(error);
+        } catch (...) {
+            return whatIsThrown(); // the innermost reason
+        }
         return error.what();
     } catch (...) {
         return "an exception of an unknown type";

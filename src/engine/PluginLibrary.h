@@ -17,8 +17,9 @@ class TaskPluginImplementation;
 [[nodiscard]] String findPluginLibrary(const Path& path);
 
 /// The plug-in of a path, whose library is loaded if need be. Under TaskManager's mutex.
-/// @return null, with a warning, if there is none
-[[nodiscard]] TaskPlugin* loadPlugin(const Path& path);
+/// @param failure  set to the reason if there is none
+/// @return null if there is none
+[[nodiscard]] TaskPlugin* loadPlugin(const Path& path, String& failure);
 
 /// Whether the plug-in of a path is loaded, or its library is there.
 [[nodiscard]] bool hasPlugin(const Path& path);

@@ -1,4 +1,5 @@
 #include "PointerPath.h"
+#include "tree/PathNotes.h"
 
 #include <zel/Exception.h>
 #include <zel/Model.h>
@@ -42,6 +43,7 @@ void Pointer::configure(TiXmlElement* element) {
     Object::configure(element); // NOLINT(bugprone-parent-virtual-call)
     if (const char* path = element->Attribute("bind"))
         bind(Path(path));
+    notePath(*this, element, "bind", getBindPath());
 }
 
 void Pointer::rebind() {

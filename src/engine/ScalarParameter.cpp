@@ -1,3 +1,6 @@
+#include "data/ExpressionCheck.h"
+#include "tree/PathNotes.h"
+
 #include <zel/Model.h>
 #include <zel/ScalarParameter.h>
 #include <zel/Verify.h>
@@ -116,8 +119,11 @@ void ScalarParameter::_bind(Object* object) {
 
 void ScalarParameter::configure(TiXmlElement* element) {
     Parameter::configure(element);
-    if (const std::string* expression = element->Attribute(std::string("value")))
+    if (const std::string* expression = element->Attribute(std::string("value"))) {
+        zelData::checkExpression(element, "value", getFormat());
         setExpression(*expression);
+        notePathsOf(*this, element, "value");
+    }
 }
 
 ScalarParameter* ScalarParameter::load(TiXmlElement* element, Device* device) {

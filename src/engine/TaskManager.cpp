@@ -68,7 +68,7 @@ public:
                                          static_cast<int>(error.row),
                                          error.reason.c_str()));
         else
-            warnOfUnknownAttributes(*m_document);
+            warnOfSlips(*m_document);
         return m_document != nullptr;
     }
     [[nodiscard]] bool exists() const noexcept { return m_document != nullptr; }
@@ -245,7 +245,10 @@ Task* createTask(Request request) {
     if (!kernels.open(request.path, "zelKernel"))
         return nullptr;
     // Also of a path that is described: its library may lie where the system looks for libraries alone.
-    TaskPlugin* const plugin = loadPlugin(request.path);
+    String failure;
+    TaskPlugin* const plugin = loadPlugin(request.path, failure);
+    if (plugin == nullptr)
+        ZEL_LOG_WARNING("TaskManager::create(...): " << failure);
     return plugin == nullptr ? createFromFiles(request, kernels)
                              : createFromPlugin(request, *plugin, kernels);
 }

@@ -1,4 +1,6 @@
 #include "TaskPaths.h"
+#include "tree/PathHint.h"
+#include "tree/PathNotes.h"
 
 #include <zel/Exception.h>
 #include <zel/Model.h>
@@ -34,6 +36,30 @@ public:
 };
 
 TaskType s_taskType;
+
+Object* findTask(Object& object, const Path& path) {
+    return object.getAutoScopedResource(path, Task::ClassModel());
+}
+
+Object* findValue(Object& object, const Path& path) {
+    return object.getAutoScopedResource(path, zelData::Value::ClassModel());
+}
+
+Object* findTrigger(Object& object, const Path& path) {
+    Object* const value = findValue(object, path);
+    return value == nullptr ? object.getAutoScopedResource(path, Clock::ClassModel()) : value;
+}
+
+/// Hands the path in an attribute on, and notes it.
+template <typename Take>
+void takePath(
+    Task& task, const TiXmlElement* element, const char* attribute, FindByPath find, const Take& take) {
+    const char* const path = element->Attribute(attribute);
+    if (path == nullptr)
+        return;
+    take(Path(path));
+    notePath(task, element, attribute, Path(path), find);
+}
 
 /// The tags that bind the parameters of a task.
 bool isBindingTag(const std::string& tag) {
@@ -76,18 +102,16 @@ void Task::configure(TiXmlElement* element, bool children) {
                 ZEL_XML_ERROR(element, String::format("The task '%s' can not be renamed", getPath().c_str()));
             setName(name);
         }
-    if (const char* enable = element->Attribute("enable"))
+    if (const char* enable = element->Attribute("enable")) {
         configureEnable(String(enable));
-    if (const char* path = element->Attribute("dispatch"))
-        paths().dispatch = Path(path);
-    if (const char* path = element->Attribute("trigger"))
-        addTriggerPath(Path(path));
-    if (const char* path = element->Attribute("resolve"))
-        addResolvePath(Path(path));
-    if (const char* path = element->Attribute("depends"))
-        addDependency(Path(path));
-    if (const char* path = element->Attribute("bindContext"))
-        paths().bindContext = Path(path);
+        notePath(m_enable, element, "enable", m_enable.getBindPath());
+    }
+    takePath(*this, element, "dispatch", &findTask, [this](const Path& path) { paths().dispatch = path; });
+    takePath(*this, element, "trigger", &findTrigger, [this](const Path& path) { addTriggerPath(path); });
+    takePath(*this, element, "resolve", &findValue, [this](const Path& path) { addResolvePath(path); });
+    takePath(*this, element, "depends", &findTask, [this](const Path& path) { addDependency(path); });
+    takePath(
+        *this, element, "bindContext", nullptr, [this](const Path& path) { paths().bindContext = path; });
     if (children)
         configureChildren(element);
 }
@@ -116,7 +140,9 @@ Object* Task::configureChildElement(TiXmlElement* child) {
     }
     Object* object = getResource(Path(instance));
     if (object == nullptr)
-        ZEL_XML_ERROR(child, String::format("Could not find instance '%s'", instance));
+        ZEL_XML_ERROR(child,
+                      String::format("Could not find instance '%s'", instance) +
+                          hintOfPath(this, Path(instance)));
     object->configure(child);
     return nullptr;
 }
@@ -137,7 +163,9 @@ void Task::configureBinding(TiXmlElement* child) {
             value->configure(child);
             return;
         }
-        ZEL_XML_ERROR(child, String::format("No parameter with name '%s'", instance.c_str()));
+        ZEL_XML_ERROR(child,
+                      String::format("No parameter with name '%s'", instance.c_str()) +
+                          hintOfPath(this, instance));
     }
     if (const char* type = child->Attribute("type")) {
         const String wanted(pystring::replace(type, "::", "."));

@@ -1,3 +1,6 @@
+#include "data/ExpressionCheck.h"
+#include "tree/PathNotes.h"
+
 #include <zel/ArrayParameter.h>
 #include <zel/Exception.h>
 #include <zel/Model.h>
@@ -216,7 +219,9 @@ void UnresolvedParameter::configure(TiXmlElement* element) {
         return;
     if (m_declaredKind != MetaType::Unresolved && m_declaredKind != MetaType::Scalar)
         ZEL_XML_ERROR(described, "Only a single datum can have a value");
+    zelData::checkExpression(described, "value", m_declaredFormat.get());
     setExpression(*expression);
+    notePathsOf(*this, described, "value");
 }
 
 UnresolvedParameter* UnresolvedParameter::load(TiXmlElement* element, Device*) {

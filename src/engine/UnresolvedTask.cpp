@@ -71,6 +71,7 @@ void UnresolvedTask::addProxyParameter(UnresolvedParameter* parameter) {
     for (auto* event : {&parameter->bindEvent, &parameter->unbindEvent})
         event->connect([this](Parameter* changed) {
             m_failed = false;
+            m_reported = String();
             valueUpdateCallback(changed);
         });
     parameter->updateEvent.connect([this](Parameter* changed) { valueUpdateCallback(changed); });
@@ -85,8 +86,8 @@ void UnresolvedTask::setContext(Object* context) {
 }
 
 void UnresolvedTask::run() {
-    const bool found = instantiateProxy();
-    if (found) {
+    const bool isWorthIt = m_instance || !m_failed || describeSearch() != m_searched;
+    if (isWorthIt && instantiateProxy()) {
         m_instance->execute();
         return;
     }

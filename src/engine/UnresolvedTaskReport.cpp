@@ -1,5 +1,7 @@
 #include "ParameterMatch.h"
 #include "PluginLibrary.h"
+#include "containers/NearName.h"
+#include "tree/PathHint.h"
 #include "tree/SearchPlaces.h"
 #include "tree/XmlDocument.h"
 
@@ -13,10 +15,14 @@
 #include <zelData/Format.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
+#include <zelIO/FileSystem.h>
 
+#include <sys/stat.h>
 #include <tinyxml.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -26,6 +32,13 @@
 namespace zel {
 
 namespace {
+
+double secondsOfMachine() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// A number that publishes nothing: set by tests while no task runs.
+constinit std::atomic<double (*)()> s_reportClock{&secondsOfMachine};
 
 std::string describe(const Parameter& parameter) {
     const zelData::Format* const format = parameter.getFormat();
@@ -37,6 +50,14 @@ std::string describe(const Parameter& parameter) {
     if (format != nullptr)
         text << ", format " << format->getName();
     return text.str();
+}
+
+/// For a message about a parameter that the task does not have: the one of a name beside it.
+std::string hintOfParameter(const Task& task, const UnresolvedParameter& given) {
+    NearName near(given.getName().str());
+    for (const ref_ptr<Parameter>& parameter : task.getParameters())
+        near.consider(parameter->getName().str());
+    return near.hint();
 }
 
 /// The category of the file that describes the task; null if there is none.
@@ -61,12 +82,8 @@ std::string explainDescription(const Path& path) {
 
 } // namespace
 
-void UnresolvedTask::report() const {
+std::string UnresolvedTask::describeParameters() const {
     std::ostringstream text;
-    text << "Unresolved task found in task graph! "
-         << "No implementation has been found for requested task '" << m_implementationName << "'\n"
-         << "The following is a list of the parameters found in the unresolved task, along with its current "
-            "state:";
     for (size_t i = 0; i < m_proxyParameters.size(); ++i) {
         const UnresolvedParameter& parameter = *m_proxyParameters[i];
         const String path =
@@ -83,7 +100,59 @@ void UnresolvedTask::report() const {
         else
             text << "nullptr";
     }
-    ZEL_LOG_WARNING(text.str());
+    return text.str();
+}
+
+void UnresolvedTask::report() {
+    const String text =
+        "Unresolved task found in task graph! No implementation has been found for requested task '" +
+        m_implementationName.str() +
+        "'\nThe following is a list of the parameters found in the unresolved task, along with its "
+        "current state:" +
+        describeParameters();
+    const double now = s_reportClock.load(std::memory_order_relaxed)();
+    if (text != m_reported) {
+        ZEL_LOG_WARNING(text);
+        m_reported = text;
+        m_numUntold = 0;
+        m_toldAt = now;
+        return;
+    }
+    ++m_numUntold;
+    if (now - m_toldAt < 1)
+        return;
+    ZEL_LOG_WARNING(describePlace() << " has run " << m_numUntold
+                                    << " more times without the implementation '" << m_implementationName
+                                    << "'");
+    m_numUntold = 0;
+    m_toldAt = now;
+}
+
+void UnresolvedTask::setReportClock(double (*seconds)()) noexcept {
+    s_reportClock.store(seconds == nullptr ? &secondsOfMachine : seconds, std::memory_order_relaxed);
+}
+
+/// All that a search depends on: the parameters, and what there is under the path in each namespace.
+String UnresolvedTask::describeSearch() const {
+    std::ostringstream text;
+    text << describeParameters();
+    for (const ref_ptr<UnresolvedParameter>& parameter : m_proxyParameters)
+        text << describe(*parameter);
+    for (Path prefix = m_proxyPath;; prefix = prefix.base()) {
+        const Path path = prefix + m_implementationName;
+        const auto plugin = TaskManager::pluginTable().find(path.str());
+        if (plugin != TaskManager::pluginTable().end())
+            text << '\n' << plugin->value << ' ' << plugin->value->getNumImplementations();
+        text << '\n' << findPluginLibrary(path);
+        String file;
+        struct ::stat data {};
+        if (findDescription(path, file) != nullptr && zelIO::FileSystem::stat(file, data))
+            text << '\n'
+                 << file << ' ' << data.st_size << ' ' << data.st_mtim.tv_sec << ' ' << data.st_mtim.tv_nsec;
+        if (prefix.empty())
+            break;
+    }
+    return text.str();
 }
 
 std::string UnresolvedTask::describePlace() const {
@@ -126,11 +195,17 @@ void UnresolvedTask::explainFailure() {
     }
     if (!found) {
         const String file = toFileName(m_implementationName);
-        text << "\nLooked for '" << TaskManager::getPluginPath(m_implementationName) << "', '" << file
-             << ".zelKernel' and '" << file << ".zelTask'";
-        if (!m_proxyPath.empty())
-            text << ", in the namespace '" << m_proxyPath << "' first";
-        text << describeSearchPlaces();
+        const Vector<String> extensions{"so", "zelKernel", "zelTask"};
+        const std::string hint = hintOfFile(m_implementationName, extensions, m_proxyPath);
+        if (const std::string form = explainForm(m_implementationName, extensions); !form.empty()) {
+            text << ": " << form << hint;
+        } else {
+            text << hint << "\nLooked for '" << TaskManager::getPluginPath(m_implementationName) << "', '"
+                 << file << ".zelKernel' and '" << file << ".zelTask'";
+            if (!m_proxyPath.empty())
+                text << ", in the namespace '" << m_proxyPath << "' first";
+            text << describeSearchPlaces();
+        }
     }
     if (!m_failure.empty())
         text << "\nThe search has ended with: " << m_failure;
@@ -163,13 +238,15 @@ std::string UnresolvedTask::explainMisfit(TaskPluginImplementation& implementati
         else if ((*given)->getBinding() == nullptr && (*given)->getBindPath().empty())
             text << ": is given nothing";
         else if ((*given)->getBinding() == nullptr)
-            text << ": is given the path '" << (*given)->getBindPath() << "', where nothing is";
+            text << ": is given the path '" << (*given)->getBindPath() << "', where nothing is"
+                 << hintOfPath(getContext(), (*given)->getBindPath());
         else if (!takes(*parameter, **given, task->getDevice()))
             text << ": is given " << (*given)->getBinding()->getPath() << ", " << describe(**given);
     }
     for (const ref_ptr<UnresolvedParameter>& proxy : m_proxyParameters)
         if (task->findParameter(proxy->getName()) == nullptr)
-            text << "\n  and no '" << proxy->getName() << "', which is given";
+            text << "\n  and no '" << proxy->getName() << "', which is given"
+                 << hintOfParameter(*task, *proxy);
     return text.str();
 }
 

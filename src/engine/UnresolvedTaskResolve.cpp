@@ -68,12 +68,14 @@ bool UnresolvedTask::instantiateProxy() {
     } catch (...) {
         // A bad file, or implementation, is no reason to end the run: what is missing is reported.
         m_failure = whatIsThrown();
-        ZEL_LOG_WARNING(m_failure);
         m_instance = nullptr;
     }
     m_failed = !m_instance;
-    if (m_failed)
+    if (m_failed) {
+        m_explained = false;
+        m_searched = describeSearch();
         return false;
+    }
     // It may let go of the function, and take the callback away.
     if (const auto callback = m_instanceCallback)
         callback(this);

@@ -1,4 +1,5 @@
 #include "VectorFormat.h"
+#include "tree/XmlPlace.h"
 
 #include <zel/Exception.h>
 #include <zel/Model.h>
@@ -78,7 +79,8 @@ zel::Model* VectorAttribute::ClassModel() {
     return zel::Model::createBuiltinModel("zelData.VectorAttribute", ScalarAttribute::ClassModel(), s_model);
 }
 
-HashSetAttribute* HashSetAttribute::load(zel::TiXmlElement*) {
+HashSetAttribute* HashSetAttribute::load(zel::TiXmlElement* element) {
+    zel::warnAt(element, "sets as attributes are not supported, and end the process");
     zelAbort("TODO: We want both bucket format and element attribute. Bucket size calculation? :/");
 }
 

@@ -1,4 +1,5 @@
 #include "EntityXml.h"
+#include "containers/NearName.h"
 #include "tree/ModelLoads.h"
 
 #include <zel/Exception.h>
@@ -182,8 +183,22 @@ void EntityModel::configureChild(zel::TiXmlElement* child) {
     } else if (tag == "Attribute.HashSet") {
         attribute = HashSetAttribute::load(child);
     } else {
-        ZEL_XML_ERROR(child, zel::String::format("Invalid attribute type '%s'", tag.c_str()));
+        zel::NearName near(tag);
+        for (const char* known : {"Attribute.Scalar",
+                                  "Attribute.Shared",
+                                  "Attribute.Pointer",
+                                  "Attribute.Array",
+                                  "Attribute.Vector",
+                                  "Shared.Buffer",
+                                  "Shared.Storage"})
+            near.consider(known);
+        ZEL_XML_ERROR(child, zel::String::format("Invalid attribute type '%s'", tag.c_str()) + near.hint());
     }
+    if (getAttribute(attribute->getName()) != nullptr)
+        ZEL_XML_ERROR(child,
+                      zel::String::format("%s: There is already an attribute registered with name '%s'",
+                                          getName().c_str(),
+                                          attribute->getName().c_str()));
     addAttribute(attribute.get());
 }
 

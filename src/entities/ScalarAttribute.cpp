@@ -1,4 +1,5 @@
 #include "EntityXml.h"
+#include "data/ExpressionCheck.h"
 
 #include <zel/Exception.h>
 #include <zel/Model.h>
@@ -53,9 +54,9 @@ ScalarAttribute* ScalarAttribute::load(zel::TiXmlElement* element) {
         ZEL_XML_ERROR(element, "Attribute syntax update, Use 'value' instead!");
 
     zel::ref_ptr<Value> defaultValue;
-    if (const char* expression = element->Attribute("value")) {
+    if (element->Attribute("value") != nullptr) {
         defaultValue = new Value("default", format);
-        defaultValue->setExpression(std::string(expression));
+        setFromAttribute(*defaultValue, element, "value");
     }
     const zel::ref_ptr<Value> numElements(new Value("numElements", getFormat("UInt")));
     if (element->Attribute("numElements") != nullptr)

@@ -1,3 +1,5 @@
+#include "data/ExpressionCheck.h"
+
 #include <zel/Exception.h>
 #include <zel/Model.h>
 #include <zel/Verify.h>
@@ -43,6 +45,7 @@ SharedAttribute* SharedAttribute::load(zel::TiXmlElement* element) {
     const Format* format = getFormat(element, nullptr);
     if (format == nullptr)
         ZEL_XML_ERROR(element, "The type of the attribute has no format of its own");
+    checkExpression(element, "value", format);
     const char* expression = element->Attribute("value");
     return new SharedAttribute(name, format, expression == nullptr ? "" : expression);
 }

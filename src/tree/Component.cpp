@@ -1,3 +1,5 @@
+#include "PathNotes.h"
+#include "Root.h"
 #include "data/ValueText.h"
 
 #include <zel/Component.h>
@@ -36,6 +38,9 @@ const Name& removeObjectEventName() {
 
 /// How many subtrees that have left their components are being rebound on this thread, one in another.
 constinit thread_local uint32 t_detachingDepth = 0;
+
+/// How many rebinds, and changes of trees that rebind, are under way on this thread, one in another.
+constinit thread_local uint32 t_rebindingDepth = 0;
 
 /// One level of such a depth.
 class DepthScope {
@@ -228,6 +233,7 @@ void Component::addObject(Object* object, bool assignContext) {
     trigger(&Component::addObjectEvent, object);
     if (!getEnableRebind())
         return;
+    const DepthScope rebinding(t_rebindingDepth);
     if (object->m_holder == this)
         object->rebind();
     rebind();
@@ -330,22 +336,29 @@ void Component::rebind() {
         return;
     }
     const Keep self(*this);
-    struct Depth {
-        explicit Depth(uint64& d) : depth(d) { depth = 1; }
-        Depth(const Depth&) = delete;
-        Depth& operator=(const Depth&) = delete;
-        ~Depth() { depth = 0; }
-        uint64& depth;
-    } guard(m_rebindDepth);
+    {
+        const DepthScope rebinding(t_rebindingDepth);
+        struct Depth {
+            explicit Depth(uint64& d) : depth(d) { depth = 1; }
+            Depth(const Depth&) = delete;
+            Depth& operator=(const Depth&) = delete;
+            ~Depth() { depth = 0; }
+            uint64& depth;
+        } guard(m_rebindDepth);
 
-    for (size_t i = 0; i < m_objects.size();) {
-        const ref_ptr<Object> object = m_objects[i];
-        const uint64 before = m_rebindDepth;
-        object->rebind();
-        // Also anew where the object, or one ahead of it, has been removed: the others have moved up.
-        const bool isInPlace = i < m_objects.size() && m_objects[i] == object;
-        i = m_rebindDepth == before && isInPlace ? i + 1 : 0;
+        for (size_t i = 0; i < m_objects.size();) {
+            const ref_ptr<Object> object = m_objects[i];
+            const uint64 before = m_rebindDepth;
+            object->rebind();
+            // Also anew where the object, or one ahead of it, has been removed: the others have moved up.
+            const bool isInPlace = i < m_objects.size() && m_objects[i] == object;
+            i = m_rebindDepth == before && isInPlace ? i + 1 : 0;
+        }
     }
+    // A tree that is still being put together is not looked at: what is missing may be added next.
+    if (t_rebindingDepth == 0 && t_detachingDepth == 0 && getEnableRebind() && findRoot() != nullptr &&
+        getRootContext() == findRoot())
+        warnOfLostPaths(*this);
 }
 
 Object* Component::getResourceImpl(const Path& path, Model* model) {

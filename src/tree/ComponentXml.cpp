@@ -1,6 +1,9 @@
+#include "KnownAttributes.h"
 #include "LoadScope.h"
 #include "ModelLoads.h"
+#include "PathHint.h"
 #include "SearchPlaces.h"
+#include "containers/NearName.h"
 
 #include <zel/Component.h>
 #include <zel/ComponentManager.h>
@@ -8,6 +11,7 @@
 #include <zel/Exception.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
+#include <zel/Namespace.h>
 #include <zel/Task.h>
 #include <zel/UnresolvedTask.h>
 #include <zel/XmlLoader.h>
@@ -15,6 +19,7 @@
 
 #include <tinyxml.h>
 
+#include <cctype>
 #include <cstring>
 #include <stdexcept>
 
@@ -58,15 +63,30 @@ Component* instantiate(Model* model, const Name& name, Device* device) {
     return component.release_nodelete();
 }
 
+const char* const Extension = "zelComponent";
+
+/// " (did you mean 'NAME'?)" with the model of the namespace whose name is beside the one given, or nothing.
+std::string hintOfModel(const Path& space, const Name& name) {
+    NearName near(name.str());
+    if (const Namespace* models = Model::getNamespace(space))
+        for (size_t i = 0; i < models->getNumObjects(); ++i)
+            if (dynamic_cast<const Model*>(models->getObject(i)) != nullptr)
+                near.consider(models->getObject(i)->getName().str());
+    return near.hint();
+}
+
 /// Warns where a model file was looked for, or what is the matter with the one that is there.
 void explainMissing(const Path& path) {
     String file;
     Path remainder;
     if (Model::getDiskPath(path, file, remainder, "zelComponent")) {
-        ZEL_LOG_WARNING("The file '" << file << "' gives no component '" << path.back() << "'");
+        ZEL_LOG_WARNING("The file '" << file << "' gives no component '" << path.back() << "'"
+                                     << hintOfModel(path.base(), path.back()));
         return;
     }
-    ZEL_LOG_WARNING("Looked for '" << toFileName(path) << ".zelComponent'" << describeSearchPlaces());
+    std::string reason = explainMissingFile(path, Extension);
+    reason.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(reason.front())));
+    ZEL_LOG_WARNING(reason);
 }
 
 /// The element of the document that describes the model.
@@ -88,11 +108,9 @@ TiXmlElement* findElement(TiXmlDocument& document, const Model* model) {
 /// Why the model that an element names as its source is not there.
 std::string explainSource(const TiXmlElement* element, const char* source) {
     const Path path(source);
-    if (path.str().find('/') != String::npos)
-        return "a path is written with '.' in place of '/'";
-    const String extension = ".zelComponent";
-    if (path.str().ends_with(extension))
-        return "a path is written without the extension '" + extension + "'";
+    const Path here = Model::getPath(const_cast<TiXmlElement*>(element)); // NOLINT: only looked at
+    if (!explainForm(path, {Extension}).empty())
+        return explainMissingFile(path, Extension, here);
     const TiXmlNode* top = element;
     while (top->Parent() != nullptr && top->Parent()->ToDocument() == nullptr)
         top = top->Parent();
@@ -109,11 +127,13 @@ std::string explainSource(const TiXmlElement* element, const char* source) {
     }
     String file;
     Path remainder;
-    const Path here = Model::getPath(const_cast<TiXmlElement*>(element)); // NOLINT: only looked at
+    if (const std::string hint = path.hasTail() ? std::string() : hintOfModel(here, path.back());
+        !hint.empty())
+        return "there is no such model" + hint;
     if (Model::getDiskPath(here + path, file, remainder, "zelComponent") ||
         Model::getDiskPath(path, file, remainder, "zelComponent"))
         return "the file '" + file + "' gives no such component, or is being read and leads back here";
-    return "looked for '" + toFileName(path) + ".zelComponent'" + describeSearchPlaces();
+    return explainMissingFile(path, Extension, here);
 }
 
 [[noreturn]] void throwNoSource(const TiXmlElement* element, const char* source, const std::string& reason) {
@@ -155,6 +175,15 @@ void runInitializer(Component& component, Task* initializer) {
     }
     task->execute();
     component.removeObject(task.get());
+}
+
+/// Warns of misspelt attributes of a component with a source, unless a class of the program's may read them.
+void warnOfUnreadAttributes(const TiXmlElement* element, const Model* model) {
+    for (; model != nullptr; model = model->getSource())
+        if (!model->getImplementationName().empty())
+            return;
+    if (element->Attribute("source") != nullptr)
+        warnOfUnknownAttributes(*element);
 }
 
 [[noreturn]] void throwLoop(const Model* model) {
@@ -235,6 +264,7 @@ Component* Component::load(TiXmlElement* element, Device* device) {
                           sourceName,
                           "its implementation '" + source->getImplementationName().str() + "' is not found");
         component->configure(source);
+        warnOfUnreadAttributes(element, source);
         // That of a nested element is its source's, which the component has.
         if (isTopLevel)
             component->setModel(Model::getModel(element));
@@ -265,6 +295,7 @@ void Component::configure(Model* model) {
                       String::format("Could not find matching model %s in file %s",
                                      model->fullPath().c_str(),
                                      model->getSourcePath().c_str()));
+    warnOfUnreadAttributes(element, model);
     if (const char* sourceName = element->Attribute("source")) {
         Model* source = Model::findSource(element, std::string(sourceName));
         if (source == nullptr)
@@ -301,7 +332,8 @@ void Component::configureChild(TiXmlElement* child) {
     if (const char* path = child->Attribute("instance")) {
         Object* instance = getResource(Path(path));
         if (instance == nullptr)
-            ZEL_XML_ERROR(child, String::format("Could not find instance '%s'", path));
+            ZEL_XML_ERROR(
+                child, String::format("Could not find instance '%s'", path) + hintOfPath(this, Path(path)));
         instance->configure(child);
         return;
     }

@@ -1,3 +1,5 @@
+#include "XmlPlace.h"
+
 #include <zel/CpuDevice.h>
 #include <zel/Device.h>
 #include <zel/Exception.h>
@@ -98,6 +100,7 @@ Device* Device::load(TiXmlElement* element, Device*) {
     if (text == "CPU")
         return new CpuDevice(element->Attribute("name") == nullptr ? Name("CpuDevice")
                                                                    : parseAttribute<Name>(element, "name"));
+    warnAt(element, "the device type '" + text + "' is unknown, which ends the process; there is 'CPU'");
     zelAbort("Unknown device type '%s'", type);
 }
 

@@ -1,13 +1,17 @@
 #include "KnownAttributes.h"
 
+#include "XmlPlace.h"
+#include "containers/NearName.h"
+
 #include <zel/HashSet.h>
-#include <zel/Log.h>
-#include <zel/String.h>
+#include <zel/HashTable.h>
+#include <zel/Model.h>
 
 #include <tinyxml.h>
 
 #include <algorithm>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -78,15 +82,37 @@ constexpr KnownTag KnownTags[] = {
     {"SolveKernel", KernelAttributes},
 };
 
-/// Whether the text is one of those that blanks separate.
-bool holds(std::string_view list, std::string_view text) {
+/// Calls `visit` with each of the words that blanks separate.
+template <typename Visit>
+void forEachWord(std::string_view list, const Visit& visit) {
     for (size_t begin = 0; begin <= list.size();) {
         const size_t end = std::min(list.find(' ', begin), list.size());
-        if (list.substr(begin, end - begin) == text)
-            return true;
+        visit(list.substr(begin, end - begin));
         begin = end + 1;
     }
-    return false;
+}
+
+/// Whether the text is one of those that blanks separate.
+bool holds(std::string_view list, std::string_view text) {
+    bool found = false;
+    forEachWord(list, [&found, text](std::string_view word) { found = found || word == text; });
+    return found;
+}
+
+/// The tags whose child elements nobody reads.
+constexpr std::string_view LeafTags =
+    "Object Device Value Attribute Attribute.Scalar Attribute.Array Attribute.Vector Attribute.HashSet "
+    "Attribute.Pointer Attribute.Shared Shared.Buffer Shared.Storage Parameter Parameter.Scalar "
+    "Parameter.Array "
+    "Parameter.Pointer Parameter.EntityPtr Parameter.EntityInstance Pointer EntityPtr EntityInstance "
+    "dependency";
+
+const KnownTag* findTag(const TiXmlElement& element) {
+    const auto* const known =
+        std::find_if(std::begin(KnownTags), std::end(KnownTags), [&element](const KnownTag& entry) {
+            return element.ValueStr() == entry.tag;
+        });
+    return known == std::end(KnownTags) ? nullptr : known;
 }
 
 /// Whether a class of the program's may stand behind the element, which may read what it likes.
@@ -95,55 +121,102 @@ bool mayBeOfTheProgram(const TiXmlElement& element) {
            (element.Attribute("source") != nullptr || element.Attribute("implementation") != nullptr);
 }
 
-class AttributeCheck : public TiXmlVisitor {
-public:
-    explicit AttributeCheck(const TiXmlDocument& document) : m_file(document.Value()) {}
+void checkAttribute(const TiXmlElement& element, const KnownTag& known, const TiXmlAttribute& attribute) {
+    const std::string_view name = attribute.Name();
+    // Names with a colon are those of XML itself, such as namespaces and schemas.
+    if (name == "instance" || name == "xmlns" || name.find(':') != std::string_view::npos ||
+        holds(known.attributes, name))
+        return;
+    NearName near(name);
+    forEachWord(known.attributes, [&near](std::string_view word) { near.consider(word); });
+    warnAt(&element,
+           "nothing reads the attribute '" + std::string(name) + "' of '" + element.ValueStr() + "'" +
+               near.hint() + ". It has: " + std::string(known.attributes) + " instance",
+           attribute.Row());
+}
 
-    bool VisitEnter(const TiXmlElement& element, const TiXmlAttribute* attribute) override {
-        const auto* const known =
-            std::find_if(std::begin(KnownTags), std::end(KnownTags), [&element](const KnownTag& entry) {
-                return element.ValueStr() == entry.tag;
-            });
-        if (known == std::end(KnownTags))
+void checkAttributes(const TiXmlElement& element, const KnownTag& known) {
+    for (const TiXmlAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
+         attribute = attribute->Next())
+        checkAttribute(element, known, *attribute);
+}
+
+class SlipCheck : public TiXmlVisitor {
+public:
+    bool VisitEnter(const TiXmlElement& element, const TiXmlAttribute*) override {
+        const KnownTag* const known = findTag(element);
+        if (known == nullptr)
             return false;
-        for (; attribute != nullptr && !mayBeOfTheProgram(element); attribute = attribute->Next())
-            check(*known, *attribute);
+        if (!mayBeOfTheProgram(element))
+            checkAttributes(element, *known);
+        checkName(element);
+        // One with an instance configures what has been made of another tag.
+        if (element.Attribute("instance") == nullptr && holds(LeafTags, known->tag))
+            checkChildren(element);
+        return true;
+    }
+
+    bool Visit(const TiXmlText& text) override {
+        const TiXmlElement* const element = text.Parent()->ToElement();
+        if (element != nullptr && !mayBeOfTheProgram(*element))
+            warnAt(element,
+                   "nothing reads the text '" + text.ValueStr().substr(0, 40) + "' in '" +
+                       element->ValueStr() + "'",
+                   text.Row());
         return true;
     }
 
 private:
-    void check(const KnownTag& known, const TiXmlAttribute& attribute) const {
-        const std::string_view name = attribute.Name();
-        // Names with a colon are those of XML itself, such as namespaces and schemas.
-        if (name == "instance" || name == "xmlns" || name.find(':') != std::string_view::npos ||
-            holds(known.attributes, name))
-            return;
-        ZEL_LOG_WARNING("Nothing reads the attribute '" << name << "' of '" << known.tag << "' in file '"
-                                                        << m_file << "', row " << attribute.Row()
-                                                        << ". It has: " << known.attributes << " instance");
+    static void checkName(const TiXmlElement& element) {
+        const char* const name = element.Attribute("name");
+        if (name != nullptr && std::string_view(name).find('.') != std::string_view::npos)
+            warnAt(&element,
+                   "no path finds an object of the name '" + std::string(name) +
+                       "': a dot in a path leads to a child");
     }
 
-    std::string m_file;
+    static void checkChildren(const TiXmlElement& element) {
+        for (const TiXmlElement* child = element.FirstChildElement(); child != nullptr;
+             child = child->NextSiblingElement())
+            if (child->ValueStr() != "description")
+                warnAt(child,
+                       "nothing reads the element '" + child->ValueStr() + "' inside of '" +
+                           element.ValueStr() + "'");
+    }
 };
 
-/// Guarded by the type-system mutex. Never destroyed: models may be loaded by the last static objects.
-HashSet<String>& toldFiles() {
-    static auto& files = *new HashSet<String>;
+/// The files that have been looked at, and the rows of the elements that were looked at later. Guarded by the
+/// type-system mutex. Never destroyed: models may be loaded by the last static objects.
+HashTable<String, HashSet<int>>& toldFiles() {
+    static auto& files = *new HashTable<String, HashSet<int>>;
     return files;
 }
 
 } // namespace
 
-void forgetUnknownAttributes(const String& file) {
+void forgetSlips(const String& file) {
     toldFiles().erase(file);
 }
 
-void warnOfUnknownAttributes(const TiXmlDocument& document) {
+void warnOfSlips(const TiXmlDocument& document) {
     if (toldFiles().contains(document.ValueStr()))
         return;
-    toldFiles().insert(document.ValueStr());
-    AttributeCheck check(document);
+    toldFiles().insert(document.ValueStr(), HashSet<int>());
+    SlipCheck check;
     document.Accept(&check);
+}
+
+void warnOfUnknownAttributes(const TiXmlElement& element) {
+    const std::lock_guard lock(getTypeSystemMutex());
+    const TiXmlDocument* const document = element.GetDocument();
+    const KnownTag* const known = findTag(element);
+    if (document == nullptr || known == nullptr)
+        return;
+    const auto rows = toldFiles().find(document->ValueStr());
+    if (rows == toldFiles().end() || rows->value.contains(element.Row()))
+        return;
+    rows->value.insert(element.Row());
+    checkAttributes(element, *known);
 }
 
 } // namespace zel

@@ -2,6 +2,8 @@
 #include "ModelCleanup.h"
 #include "ModelLoads.h"
 #include "ModelPlaces.h"
+#include "XmlDocument.h"
+#include "containers/NearName.h"
 
 #include <zel/Exception.h>
 #include <zel/HashSet.h>
@@ -157,22 +159,25 @@ void Model::loadModelFile(const ModelFile& source) {
     ModelLoads loads;
     readFiles().insert(file);
     ModelLoads::read(file);
-    std::unique_ptr<TiXmlDocument> document;
-    try {
-        document = openDocument(file);
-    } catch (const std::runtime_error& error) {
-        ZEL_LOG_WARNING(error.what());
+    XmlFileError error;
+    const auto document = parseXmlFile(file, error);
+    if (!document) {
+        ZEL_LOG_WARNING(describeXmlFileError(file, error));
         return;
     }
-    warnOfUnknownAttributes(*document);
+    warnOfSlips(*document);
     const Path path = source.path.base();
     Namespace* space = getOrCreateNamespace(path);
     for (TiXmlElement* element = document->FirstChildElement(); element != nullptr;
          element = element->NextSiblingElement()) {
         const auto* type = s_modelTypes().find(element->ValueStr());
         if (type == nullptr) {
+            NearName near(element->ValueStr());
+            for (const auto& known : s_modelTypes())
+                near.consider(known.key);
             ZEL_LOG_WARNING("Found model file '" << file << "' but no registered model type for tag '"
-                                                 << element->ValueStr() << "'");
+                                                 << element->ValueStr() << "'" << near.hint() << ", row "
+                                                 << element->Row());
             continue;
         }
         const ref_ptr<Model> model(type->value->load(element, path));

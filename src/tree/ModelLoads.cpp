@@ -73,7 +73,7 @@ void ModelLoads::takeBack(size_t count) noexcept {
         }
         if (!addition.file.empty()) {
             forgetModelFile(addition.file);
-            forgetUnknownAttributes(addition.file);
+            forgetSlips(addition.file);
         }
     }
     Object::setEnableRebind(rebinds);

@@ -1,4 +1,6 @@
 #include "LoadScope.h"
+#include "TagHint.h"
+#include "XmlPlace.h"
 
 #include <zel/Component.h>
 #include <zel/Exception.h>
@@ -18,6 +20,7 @@
 #include <exception>
 #include <iostream>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 namespace zel {
@@ -249,6 +252,46 @@ String Object::generateName(const String& text) {
     return result;
 }
 
+namespace {
+
+/// What a load throws for whatever has been thrown inside of it, which is nested in it.
+class LoadError : public std::runtime_error {
+public:
+    explicit LoadError(const TiXmlElement* element)
+        : runtime_error(
+              xmlErrorText(__FILE__, static_cast<unsigned>(__LINE__), element, "Caught exception")) {}
+};
+
+/// Whether the text of an exception tells file and row; the throw has been logged then.
+bool tellsPlace(const std::exception& exception) {
+    return std::string_view(exception.what()).find("] XML error: ") != std::string_view::npos;
+}
+
+[[noreturn]] void throwInnermost(const LoadError& error) {
+    dynamic_cast<const std::nested_exception&>(error).rethrow_nested();
+}
+
+/// Throws an error of the element with the exception that is being handled nested in it. Of an error of an
+/// element inside of it, what is nested there: the reason is told once and stays at hand, however deep it
+/// lies.
+[[noreturn]] void throwLoadError(const TiXmlElement* element) {
+    try {
+        throw;
+    } catch (const LoadError& inner) {
+        try {
+            throwInnermost(inner);
+        } catch (...) {
+            std::throw_with_nested(LoadError(element));
+        }
+    } catch (const std::exception& reason) {
+        if (!tellsPlace(reason))
+            warnAt(element, reason.what());
+        std::throw_with_nested(LoadError(element));
+    }
+}
+
+} // namespace
+
 Object* Object::load(TiXmlElement* element, Device* device) {
     const LoadScope scope;
     const String tag(element->ValueStr());
@@ -256,15 +299,13 @@ Object* Object::load(TiXmlElement* element, Device* device) {
         return new Object(parseAttribute<Name>(element, "name"));
     const auto& loadFunction = XmlLoaderRegistrator::getLoadFunction(tag);
     if (!loadFunction)
-        ZEL_XML_ERROR(element, "Unknown tag '" + tag + "'");
+        ZEL_XML_ERROR(element, "Unknown tag '" + tag + "'" + hintOfTag(tag));
     try {
         if (Object* object = loadFunction(element, device))
             return object;
         ZEL_XML_ERROR(element, "The load function of the tag '" + tag + "' has made no object");
-    } catch (const std::exception& inner) {
-        ZEL_LOG_WARNING(inner.what());
-        std::throw_with_nested(std::runtime_error(
-            xmlErrorText(__FILE__, static_cast<unsigned>(__LINE__), element, "Caught exception")));
+    } catch (const std::exception&) {
+        throwLoadError(element);
     }
 }
 

@@ -1,3 +1,5 @@
+#include "Root.h"
+
 #include "SearchPlaces.h"
 
 #include <zel/Component.h>
@@ -21,6 +23,10 @@ ZEL_SHUTDOWN_CALLBACK {
 }
 
 } // namespace
+
+const Component* findRoot() noexcept {
+    return systemRoot().get();
+}
 
 Component* root() {
     if (systemRoot())

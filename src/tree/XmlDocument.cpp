@@ -63,13 +63,16 @@ std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& er
     return nullptr;
 }
 
+std::string describeXmlFileError(const String& file, const XmlFileError& error) {
+    return "Could not open model file '" + file + "', error on row " + std::to_string(error.row) + ": " +
+           error.reason;
+}
+
 std::unique_ptr<TiXmlDocument> Object::openDocument(const String& file) {
     XmlFileError error;
     auto document = parseXmlFile(file, error);
     if (!document)
-        ZEL_THROW(std::runtime_error,
-                  "Could not open model file '" + file + "', error on row " + std::to_string(error.row) +
-                      ": " + error.reason);
+        ZEL_THROW(std::runtime_error, describeXmlFileError(file, error));
     return document;
 }
 

@@ -19,4 +19,7 @@ struct XmlFileError {
 /// @return null, with the reason in `error`, if that fails
 [[nodiscard]] std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& error);
 
+/// What is said of a model file that can not be read.
+[[nodiscard]] std::string describeXmlFileError(const String& file, const XmlFileError& error);
+
 } // namespace zel

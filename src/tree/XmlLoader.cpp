@@ -1,3 +1,6 @@
+#include "TagHint.h"
+#include "containers/NearName.h"
+
 #include <zel/Exception.h>
 #include <zel/HashTable.h>
 #include <zel/Verify.h>
@@ -66,6 +69,14 @@ const XmlLoaderRegistrator::LoadFunction& XmlLoaderRegistrator::getLoadFunction(
     static const LoadFunction none;
     const auto position = s_xmlLoaders().find(tag);
     return position == s_xmlLoaders().end() ? none : position->value;
+}
+
+std::string hintOfTag(const String& tag) {
+    NearName near(tag);
+    near.consider("Object"); // which no function loads
+    for (const auto& loader : s_xmlLoaders())
+        near.consider(loader.key);
+    return near.hint();
 }
 
 std::string

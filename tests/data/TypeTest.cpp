@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+using testing::AllOf;
 using testing::HasSubstr;
 using zelData::Format;
 using zelData::getFormat;
@@ -260,7 +261,8 @@ TEST(TypeTest, BadElementsAreXmlErrors) {
         errorOf("<a type='Real:32bit' format='64bit'/>"),
         HasSubstr(
             "XML error: Can not have both type:format declaration and separate format attribute. Error"));
-    EXPECT_THAT(errorOf("<a type='Rael'/>"), HasSubstr("XML error: No type named 'Rael'. Error"));
+    EXPECT_THAT(errorOf("<a type='Rael'/>"),
+                HasSubstr("XML error: No type named 'Rael' (did you mean 'Real'?). Error"));
     EXPECT_THAT(errorOf("<a type='Real:128bit'/>"),
                 HasSubstr("XML error: No format named 'Real:128bit'. Error"));
     EXPECT_THAT(errorOf("<a type='Real' format='128bit'/>"),
@@ -270,7 +272,8 @@ TEST(TypeTest, BadElementsAreXmlErrors) {
     for (const char* name :
          {"Array<Rael>", "Map<Real>", "Array<", "<", "Array<Map<Real>>", "Array<Vector<Real>>"})
         EXPECT_THAT(errorOf(("\n<a type=\"" + std::string(name) + "\"/>").c_str()),
-                    HasSubstr("XML error: No type named '" + std::string(name) + "'. Error at row 2"));
+                    AllOf(HasSubstr("XML error: No type named '" + std::string(name) + "'"),
+                          HasSubstr(". Error at row 2")));
     EXPECT_THAT(errorOf("<a type='Array&lt;Real>:List'/>"),
                 HasSubstr("XML error: No format named 'Array<Real>:List'. Error"));
 }

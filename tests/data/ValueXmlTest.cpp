@@ -223,8 +223,12 @@ TEST_F(ValueXmlMaliciousTest, AChainMayBeLong) {
 }
 
 TEST_F(ValueXmlDeathTest, ALiteralNeedsAType) {
-    EXPECT_DEATH(
+    EXPECT_THAT(
         failure("<Value name='v' value='1'/>"),
+        HasSubstr("'1' of the attribute 'value' needs a type, such as type=\"Real\". Error at row 2"));
+    const ref_ptr<Value> value(new Value("v", static_cast<const zelData::Format*>(nullptr)));
+    EXPECT_DEATH(
+        value->setExpression("1"),
         "zelVerify failed: `m_format', v: Can not have an implicitly typed literal for an auto-typed "
         "value\\. Expression is '1'");
 }

@@ -70,7 +70,7 @@ ANYWHERE = {"instance"}
 # Tags without attributes of their own.
 BARE_TAGS = {"description"}
 # They read other files than models, or are the helpers that the loaders read with.
-OTHER_SOURCES = {"src/tree/KnownAttributes.cpp", "src/tree/ModelFiles.cpp", "src/tree/XmlLoader.cpp", "src/entities/EntityXml.cpp", "src/entities/TypeMap.cpp"}
+OTHER_SOURCES = {"src/tree/KnownAttributes.cpp", "src/tree/ModelFiles.cpp", "src/tree/XmlLoader.cpp", "src/data/ExpressionCheck.cpp", "src/entities/EntityXml.cpp", "src/entities/TypeMap.cpp"}
 # `type` may be written as `value` where getFormat reads the element; nobody should.
 UNTOLD = {"src/data/TypeRegistry.cpp": {"value"}}
 
@@ -85,7 +85,7 @@ CHILD_ONLY = {
 }
 NOT_IN_TABLE = {"Parameter", "EntityPtr", "EntityInstance"}
 
-ATTRIBUTE = re.compile(r'(?:->|\.)Attribute\((?:std::string\()?"([^"]+)"|parseAttribute<[^>]*>\([^,()]+, "([^"]+)"')
+ATTRIBUTE = re.compile(r'(?:->|\.)Attribute\((?:std::string\()?"([^"]+)"|(?:parseAttribute<[^>]*>\(|takePath\(\s*\*this, )[^,()]+, "([^"]+)"')
 TAG = re.compile(r'XmlLoaderRegistrator\s+\w+\(\s*"([^"]+)"|\bLoader\("([^"]+)"|addAlias\("([^"]+)"|\b(?:tag|ValueStr\(\)) == "([^"]+)"')
 
 

@@ -352,6 +352,7 @@ TEST_F(ParameterTest, XmlRefusesABadBoolean) {
 
 TEST_F(ParameterDeathTest, UnknownAccessModeEndsTheProcess) {
     EXPECT_DEATH(ScalarParameter("p", nullptr, 7), "Unknown mode 7");
-    EXPECT_DEATH(static_cast<void>(failure<ScalarParameter>("<Parameter.Scalar name='p' mode='read'/>")),
-                 "Unknown mode 'read'");
+    EXPECT_THAT(
+        failure<ScalarParameter>("<Parameter.Scalar name='p' mode='read'/>"),
+        HasSubstr("Unknown mode 'read' (did you mean 'READ'?): it is READ, WRITE or READ_WRITE. Error at"));
 }

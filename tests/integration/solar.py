@@ -138,9 +138,9 @@ def bad_tables_are_refused_with_their_line(program):
 def slips_in_a_model_are_told_with_their_row(program):
     for old, new, place, messages in (
             ('<TaskGroup name="step" sequential="true" trigger', '<TaskGroup name="step" sequential="true" tigger',
-             '<TaskGroup name="step"', ["Nothing reads the attribute 'tigger' of 'TaskGroup'"]),
+             '<TaskGroup name="step"', ["nothing reads the attribute 'tigger' of 'TaskGroup' (did you mean 'trigger'?)"]),
             ('source="solar.Drift"', 'source="solar.Drifft"', '<Task name="bodiesDrift"',
-             ["has no implementation 'solar.Drifft'\nLooked for 'libsolar.Drifft.so'"]),
+             ["has no implementation 'solar.Drifft' (did you mean 'solar.Drift'?)\nLooked for 'libsolar.Drifft.so'"]),
             ('<Storage instance="sources" bind="bodies"/>', '<Storage instance="source" bind="bodies"/>',
              '<Task name="bodiesForces"', ["'sources' (ENTITY_DATA) of type EntityInstance, format default: is not given", "and no 'source', which is given"])):
         result = load_model(program, [(old, new)], "--days", "0.01")

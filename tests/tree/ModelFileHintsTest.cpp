@@ -4,6 +4,7 @@
 
 #include <zel/ArrayParameter.h>
 #include <zel/Component.h>
+#include <zel/ComponentManager.h>
 #include <zel/ScalarParameter.h>
 #include <zel/SerialTask.h>
 #include <zel/TaskPlugin.h>
@@ -37,6 +38,16 @@ public:
         offset->setRequired(false);
         addParameter(offset);
     }
+};
+
+/// For a class of the program's.
+class OwnPlugin : public zel::AbstractComponentPlugin {
+public:
+    OwnPlugin() : AbstractComponentPlugin("Lab.Own") {}
+    Component* create(const Name& name, Device* device) override {
+        return new Component(name, Component::ClassModel(), device);
+    }
+    zel::String getDescription() const override { return "for tests"; }
 };
 
 class ModelFileHintsTest : public zelTest::ModelFiles {
@@ -76,8 +87,9 @@ protected:
 TEST_F(ModelFileHintsTest, AttributesThatNothingReadsAreToldWithFileRowAndThoseThatThereAre) {
     load("<Clock name='a'/>\n<Clock name='b' freqency='10'/>");
     EXPECT_EQ(log.text(),
-              "Nothing reads the attribute 'freqency' of 'Clock' in file '" + file +
-                  "', row 3. It has: name frequency time timeModulation synchronize enable depends dispatch "
+              "In file '" + file +
+                  "', row 3: nothing reads the attribute 'freqency' of 'Clock' (did you mean 'frequency'?). "
+                  "It has: name frequency time timeModulation synchronize enable depends dispatch "
                   "trigger resolve bindContext wait instance\n");
 }
 
@@ -88,8 +100,8 @@ TEST_F(ModelFileHintsTest, AttributesOfNestedElementsAndOfEntitiesAreLookedAt) {
     load("<Component name='inner'><Entity.Storage name='atoms' entity='Lab.Atom' "
          "numElemnts='2'/></Component>");
     EXPECT_THAT(log.text(),
-                AllOf(HasSubstr("the attribute 'vlaue' of 'Attribute.Scalar' in file"),
-                      HasSubstr("the attribute 'numElemnts' of 'Entity.Storage' in file")));
+                AllOf(HasSubstr("row 2: nothing reads the attribute 'vlaue' of 'Attribute.Scalar'"),
+                      HasSubstr("row 2: nothing reads the attribute 'numElemnts' of 'Entity.Storage'")));
 }
 
 TEST_F(ModelFileHintsTest, AttributesAreToldOnce) {
@@ -101,8 +113,11 @@ TEST_F(ModelFileHintsTest, AttributesAreToldOnce) {
 }
 
 TEST_F(ModelFileHintsTest, AttributesOfXmlAndOfTheProgramAreLeftAlone) {
-    directory.write("Components/Lab/Base.zelComponent", "<Component name='Base'/>");
-    load("<Component name='a' source='Lab.Base' xmlns:lab='urn:lab' lab:note='x' own='1'/>");
+    const OwnPlugin plugin;
+    directory.write("Components/Lab/Base.zelComponent",
+                    "<Component name='Base' implementation='Lab.Own' own='1'/>");
+    load("<Component name='a' source='Lab.Base' xmlns:lab='urn:lab' lab:note='x' own='1'/>"
+         "<Object name='b' lab:note='x'/>");
     EXPECT_THAT(log.text(), IsEmpty());
 }
 
@@ -123,7 +138,8 @@ TEST_F(ModelFileHintsTest, FileWithAnotherModelIsNamed) {
     const std::string other =
         directory.write("Components/Lab/Frame.zelComponent", "<Component name='Frane'/>");
     EXPECT_EQ(Component::load("Lab.Frame", nullptr), nullptr);
-    EXPECT_THAT(log.text(), HasSubstr("The file '" + other + "' gives no component 'Frame'\n"));
+    EXPECT_THAT(log.text(),
+                HasSubstr("The file '" + other + "' gives no component 'Frame' (did you mean 'Frane'?)\n"));
 }
 
 TEST_F(ModelFileHintsTest, MissingImplementationTellsThePlaceAndWhereItWasLookedForOnce) {
@@ -159,11 +175,11 @@ TEST_F(ModelFileHintsTest, MisfitTellsWhatTheImplementationTakes) {
                     ": is not given\n"
                     "  'numbers' (Array) of type Real, format " +
                     real +
-                    ": is given the path 'dta', where nothing is\n"
+                    ": is given the path 'dta', where nothing is (did you mean 'data'?)\n"
                     "  'offset' (SCALAR) of type Real, format " +
                     real + ": is given Frame.text, 'offset' (SCALAR) of type String, format " + text +
                     "\n"
-                    "  and no 'fctor', which is given\n");
+                    "  and no 'fctor', which is given (did you mean 'factor'?)\n");
 }
 
 TEST_F(ModelFileHintsTest, ParameterWithoutAnythingIsTold) {

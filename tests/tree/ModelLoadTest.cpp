@@ -134,7 +134,7 @@ TEST_F(ModelLoadTest, FailedFileIsToldOfUnknownAttributesAgain) {
     failure("Half");
     const LogCapture second(zel::Notify::Warning);
     failure("Half");
-    EXPECT_THAT(second.text(), HasSubstr("Nothing reads the attribute 'color'"));
+    EXPECT_THAT(second.text(), HasSubstr("nothing reads the attribute 'color'"));
 }
 
 TEST_F(ModelLoadTest, LinkedFileLivesInTheNamespaceOfItsPlace) {

@@ -1,0 +1,10 @@
+#pragma once
+
+namespace zel {
+
+class Component;
+
+/// The system's root, if it has been loaded.
+[[nodiscard]] const Component* findRoot() noexcept;
+
+} // namespace zel

@@ -1,0 +1,19 @@
+#include "XmlPlace.h"
+
+#include <zel/Log.h>
+
+#include <tinyxml.h>
+
+namespace zel {
+
+String describePlace(const TiXmlElement* element, int row) {
+    const TiXmlDocument* const document = element->GetDocument();
+    return String::format(
+        "file '%s', row %d", document == nullptr ? "" : document->Value(), row == 0 ? element->Row() : row);
+}
+
+void warnAt(const TiXmlElement* element, const std::string& message, int row) {
+    ZEL_LOG_WARNING("In " << describePlace(element, row) << ": " << message);
+}
+
+} // namespace zel
