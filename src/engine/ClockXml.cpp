@@ -1,3 +1,4 @@
+#include "tree/PathHint.h"
 #include "tree/PathNotes.h"
 
 #include <zel/Clock.h>
@@ -83,7 +84,8 @@ void Clock::configureValue(TiXmlElement* child) {
         ZEL_XML_ERROR(child, "Can not add new values to a clock!");
     auto* value = dynamic_cast<zelData::Value*>(findObject(instance));
     if (value == nullptr)
-        ZEL_XML_ERROR(child, String::format("No value with name '%s'!", instance));
+        ZEL_XML_ERROR(child,
+                      String::format("No value with name '%s'!", instance) + hintOfPath(this, instance));
     value->configure(child);
 }
 

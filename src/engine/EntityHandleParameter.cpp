@@ -52,7 +52,9 @@ zelData::EntityModel* loadParameterEntity(TiXmlElement* element) {
         ZEL_XML_ERROR(element, "Parameter must have a type!");
     zelData::EntityModel* model = zelData::findEntity(element, type);
     if (model == nullptr)
-        ZEL_XML_ERROR(element, String::format("Unable to load entity '%s'", type));
+        ZEL_XML_ERROR(element,
+                      String::format("Unable to load entity '%s'", type) +
+                          zelData::explainMissingEntity(element, type));
     return model;
 }
 

@@ -1,3 +1,5 @@
+#include "tree/PathHint.h"
+
 #include <zel/Exception.h>
 #include <zel/TaskGroup.h>
 #include <zel/XmlLoader.h>
@@ -56,7 +58,9 @@ void TaskGroup::configureChildren(TiXmlElement* element) {
             configureDependency(child);
         else if (auto* subtask = dynamic_cast<Task*>(findObject(name, Task::ClassModel())))
             if (const Path missing = subtask->resolveDependencies(this); !missing.empty())
-                ZEL_XML_ERROR(child, String::format("Could not locate subtask '%s'", missing.c_str()));
+                ZEL_XML_ERROR(child,
+                              String::format("Could not locate subtask '%s'", missing.c_str()) +
+                                  hintOfPath(this, missing));
     }
 }
 
@@ -70,12 +74,14 @@ void TaskGroup::configureDependency(TiXmlElement* element) {
     if (parent == nullptr)
         ZEL_XML_ERROR(
             element,
-            String::format("Could not find dependency parent node '%s'", element->Attribute("parent")));
+            String::format("Could not find dependency parent node '%s'", element->Attribute("parent")) +
+                hintOfPath(this, element->Attribute("parent")));
     Task* child = find("child");
     if (child == nullptr)
         ZEL_XML_ERROR(
             element,
-            String::format("Could not find dependency child node '%s'", element->Attribute("child")));
+            String::format("Could not find dependency child node '%s'", element->Attribute("child")) +
+                hintOfPath(this, element->Attribute("child")));
     child->addDependency(parent);
 }
 

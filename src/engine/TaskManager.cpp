@@ -1,5 +1,6 @@
 #include "PluginLibrary.h"
 #include "tree/KnownAttributes.h"
+#include "tree/PathHint.h"
 #include "tree/XmlDocument.h"
 
 #include <zel/CpuDevice.h>
@@ -137,7 +138,8 @@ void configure(Task& task, TiXmlElement* element, const Path& path) {
             ZEL_XML_ERROR(child,
                           String::format("No parameter with name '%s' in implementation '%s'",
                                          parameterName.c_str(),
-                                         path.c_str()));
+                                         path.c_str()) +
+                              hintOfPath(&task, Path(parameterName)));
         parameter->Parameter::configure(child); // not that of its class: what it is, the implementation says
     }
 }

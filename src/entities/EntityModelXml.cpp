@@ -89,7 +89,9 @@ EntityModel* EntityModel::make(zel::TiXmlElement* element, const zel::Path& spac
     if (const char* source = element->Attribute("source")) {
         base = findEntity(element, source);
         if (base == nullptr)
-            ZEL_XML_ERROR(element, zel::String::format("Unable to load source entity '%s'", source));
+            ZEL_XML_ERROR(element,
+                          zel::String::format("Unable to load source entity '%s'", source) +
+                              explainMissingEntity(element, source));
     }
     const auto loader = s_entityLoaderTable().find((space + zel::Path(name)).str());
     zel::ref_ptr<EntityModel> model(loader == s_entityLoaderTable().end() ? new EntityModel(name)
@@ -105,7 +107,9 @@ EntityModel* EntityModel::load(zel::TiXmlElement* element, zel::Device*) {
     if (const char* instance = element->Attribute("instance")) {
         EntityModel* model = findEntity(element, instance);
         if (model == nullptr)
-            ZEL_XML_ERROR(element, zel::String::format("Unable to load entity '%s'", instance));
+            ZEL_XML_ERROR(element,
+                          zel::String::format("Unable to load entity '%s'", instance) +
+                              explainMissingEntity(element, instance));
         return model;
     }
     const zel::TiXmlDocument* document = element->GetDocument();

@@ -31,7 +31,9 @@ EntityStorage* EntityStorage::load(zel::TiXmlElement* element, zel::Device* devi
         ZEL_XML_ERROR(element, "Must specify an entity for the storage");
     EntityModel* model = findEntity(element, entity);
     if (model == nullptr)
-        ZEL_XML_ERROR(element, zel::String::format("Unable to load entity '%s'", entity));
+        ZEL_XML_ERROR(element,
+                      zel::String::format("Unable to load entity '%s'", entity) +
+                          explainMissingEntity(element, entity));
     // The columns name the storage from the beginning.
     const char* name = element->Attribute("name");
     zel::ref_ptr<EntityStorage> storage(name == nullptr

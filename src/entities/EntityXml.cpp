@@ -1,5 +1,7 @@
 #include "EntityXml.h"
 
+#include "tree/SearchPlaces.h"
+
 #include <zel/Exception.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
@@ -50,6 +52,17 @@ EntityModel* findEntity(zel::TiXmlElement* element, const zel::Path& path) {
         if (EntityModel* model = loadEntity(here + path))
             return model;
     return loadEntity(path);
+}
+
+std::string explainMissingEntity(zel::TiXmlElement* element, const zel::Path& path) {
+    const char* const extension = "zelEntity";
+    const zel::Path here = zel::Model::getPath(element);
+    zel::String file;
+    zel::Path remainder;
+    if ((!here.empty() && zel::Model::getDiskPath(here + path, file, remainder, extension)) ||
+        zel::Model::getDiskPath(path, file, remainder, extension))
+        return ": the file '" + file + "' gives no such entity" + zel::hintOfModel(path.base(), path.back());
+    return ": " + zel::explainMissingFile(path, extension, here);
 }
 
 } // namespace zelData

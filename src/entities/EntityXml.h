@@ -4,6 +4,8 @@
 #include <zel/Path.h>
 #include <zel/Xml.h>
 
+#include <string>
+
 namespace zelData {
 
 class EntityModel;
@@ -20,5 +22,9 @@ void checkCount(const zel::TiXmlElement* element, const char* name, zel::uint64 
 /// Finds an entity; whatever is wrong with its file is in the log.
 /// @return null, without a message, if there is none
 [[nodiscard]] EntityModel* loadEntity(const zel::Path& path);
+
+/// For a message about an entity that findEntity() does not find: ": " and where it was looked for, or which
+/// file does not give it; with the name beside it.
+[[nodiscard]] std::string explainMissingEntity(zel::TiXmlElement* element, const zel::Path& path);
 
 } // namespace zelData

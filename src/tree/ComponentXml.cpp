@@ -3,7 +3,6 @@
 #include "ModelLoads.h"
 #include "PathHint.h"
 #include "SearchPlaces.h"
-#include "containers/NearName.h"
 
 #include <zel/Component.h>
 #include <zel/ComponentManager.h>
@@ -11,11 +10,13 @@
 #include <zel/Exception.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
-#include <zel/Namespace.h>
 #include <zel/Task.h>
 #include <zel/UnresolvedTask.h>
 #include <zel/XmlLoader.h>
 #include <zel/ref_ptr.h>
+#include <zelIO/Environment.h>
+#include <zelIO/FilePathContainer.h>
+#include <zelIO/FileSystem.h>
 
 #include <tinyxml.h>
 
@@ -65,16 +66,6 @@ Component* instantiate(Model* model, const Name& name, Device* device) {
 
 const char* const Extension = "zelComponent";
 
-/// " (did you mean 'NAME'?)" with the model of the namespace whose name is beside the one given, or nothing.
-std::string hintOfModel(const Path& space, const Name& name) {
-    NearName near(name.str());
-    if (const Namespace* models = Model::getNamespace(space))
-        for (size_t i = 0; i < models->getNumObjects(); ++i)
-            if (dynamic_cast<const Model*>(models->getObject(i)) != nullptr)
-                near.consider(models->getObject(i)->getName().str());
-    return near.hint();
-}
-
 /// Warns where a model file was looked for, or what is the matter with the one that is there.
 void explainMissing(const Path& path) {
     String file;
@@ -103,6 +94,23 @@ TiXmlElement* findElement(TiXmlDocument& document, const Model* model) {
             return element;
     }
     return nullptr;
+}
+
+/// Why there is no class and no model file of the path that a model names as its implementation.
+std::string explainImplementation(const Path& path) {
+    const std::string what = "implementation '" + path.str() + "' is not found: ";
+    const Vector<String> extensions{Extension, "so"};
+    const std::string hint = hintOfFile(path, extensions);
+    if (const std::string form = explainForm(path, extensions); !form.empty())
+        return what + form + hint;
+    const String folder = path.hasTail() ? toFileName(path.base()) + "/" : String();
+    const String library = folder + "lib" + path.back().str() + zelIO::FileSystem::DLL_SUFFIX;
+    for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
+        if (const String file = zelIO::Environment::instance()->getFilePath(type).find(library);
+            !file.empty())
+            return what + "the library '" + file + "' can not be loaded, or gives no such class";
+    return what + "looked for the library '" + library + "' and for '" + toFileName(path) + "." + Extension +
+           "'" + hint + describeSearchPlaces();
 }
 
 /// Why the model that an element names as its source is not there.
@@ -204,6 +212,9 @@ Component* make(Model* model, const Name& name, Device* device, ModelLoads& load
     if (component) {
         component->configure(model);
         loads.keep();
+    } else {
+        ZEL_LOG_WARNING("In file '" << model->getSourcePath() << "', row " << model->getSourceRow()
+                                    << ": the " << explainImplementation(model->getImplementationName()));
     }
     return component.release_nodelete();
 }
@@ -260,9 +271,8 @@ Component* Component::load(TiXmlElement* element, Device* device) {
         const LoadingModel loading(source);
         component = instantiate(source, source->getName(), device);
         if (!component)
-            throwNoSource(element,
-                          sourceName,
-                          "its implementation '" + source->getImplementationName().str() + "' is not found");
+            throwNoSource(
+                element, sourceName, "its " + explainImplementation(source->getImplementationName()));
         component->configure(source);
         warnOfUnreadAttributes(element, source);
         // That of a nested element is its source's, which the component has.

@@ -4,6 +4,8 @@
 #include "containers/NearName.h"
 
 #include <zel/HashSet.h>
+#include <zel/Model.h>
+#include <zel/Namespace.h>
 #include <zelIO/Environment.h>
 #include <zelIO/FilePathContainer.h>
 #include <zelIO/FileSystem.h>
@@ -151,6 +153,15 @@ hintOfFile(const Path& path, const Vector<String>& extensions, const Path& space
     if (const std::string& found = inSpace.get();
         found.starts_with(space.str() + Path::Separator) && !space.empty())
         return NearName::hint(std::string_view(found).substr(space.str().size() + 1));
+    return near.hint();
+}
+
+std::string hintOfModel(const Path& space, const Name& name) {
+    NearName near(name.str());
+    if (const Namespace* models = Model::getNamespace(space))
+        for (size_t i = 0; i < models->getNumObjects(); ++i)
+            if (dynamic_cast<const Model*>(models->getObject(i)) != nullptr)
+                near.consider(models->getObject(i)->getName().str());
     return near.hint();
 }
 

@@ -340,7 +340,7 @@ TEST_F(ParameterTest, XmlOfEntityParametersWithoutATypeFails) {
         EXPECT_THAT(load(" name='p'"), HasSubstr("] XML error: Parameter must have a type!. Error at row 2"))
             << tag;
         EXPECT_THAT(load(" name='p' type='No.Such'"),
-                    HasSubstr("] XML error: Unable to load entity 'No.Such'. Error at row 2"))
+                    HasSubstr("] XML error: Unable to load entity 'No.Such': looked for 'No/Such.zelEntity', also below"))
             << tag;
     }
 }

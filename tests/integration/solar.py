@@ -113,7 +113,7 @@ def bad_models_are_refused(program):
             ('<Clock name="clock"', '<Clock name="watch"', "the model has no Clock named 'clock'"),
             ('name="particles" entity', 'name="others" entity', "the model has no Entity.Storage named 'particles'"),
             ('entity="solar.Body"', 'entity="solar.Particle"', "which has entity type"),
-            ('entity="solar.Body"', 'entity="solar.None"', "Unable to load entity 'solar.None'. Error at row"),
+            ('entity="solar.Body"', 'entity="solar.None"', "Unable to load entity 'solar.None': looked for 'solar/None.zelEntity'"),
             ("data/solar-bodies.csv", "none.csv", "could not find 'none.csv'"),
             ("</Component>", "", "error on row")):
         result = load_model(program, [(old, new)])
