@@ -175,6 +175,22 @@ std::string faultOf(Kind kind, const std::string& text, const std::string& writt
     return {};
 }
 
+/// Whether the text is at first sight a number of the scalar type, as nearly all are: decimal, and short
+/// enough for the smallest format of that size.
+bool isPlainScalar(const std::string& type, zel::uint64 size, std::string_view text) {
+    const bool isReal = type == "Real";
+    if (!isReal && type != "Int" && type != "UInt")
+        return false;
+    if (text.starts_with('-') && type != "UInt")
+        text.remove_prefix(1);
+    const zel::size_t limit = isReal ? 15 : size < 4 ? 2 : 9;
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    if (text.empty() || text.size() > limit || !isDigit(text.front()))
+        return false;
+    const auto* const behind = std::find_if_not(text.begin(), text.end(), isDigit);
+    return behind == text.end() || (isReal && *behind == '.' && std::all_of(behind + 1, text.end(), isDigit));
+}
+
 /// The element of a text, as a text.
 zel::String readBack(const Format* format, const Format* ascii, std::string_view text) {
     const zel::String source{std::string(text)};
@@ -205,7 +221,7 @@ void checkLiteral(const zel::TiXmlElement* element,
         return;
     }
     const Kind kind = kindOf(name);
-    if (kind == Kind::None || isWord(kind, text))
+    if (kind == Kind::None || isWord(kind, text) || isPlainScalar(name, format->getSize(), text))
         return;
     const zel::String written = readBack(format, ascii, text);
     const std::string fault = faultOf(kind, std::string(text), written);

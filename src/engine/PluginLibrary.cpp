@@ -1,5 +1,7 @@
 #include "PluginLibrary.h"
 
+#include "tree/ModelPlaces.h"
+
 #include <zel/DynamicLibrary.h>
 #include <zel/HashSet.h>
 #include <zel/Log.h>
@@ -7,17 +9,12 @@
 #include <zel/TaskManager.h>
 #include <zel/TaskPlugin.h>
 #include <zel/ref_ptr.h>
-#include <zelIO/Environment.h>
 
-#include <array>
 #include <exception>
 
 namespace zel {
 
 namespace {
-
-/// The places below a search directory in which the library of a path may lie, in order.
-const std::array<const char*, 3> Places{"Components/zel/", "", "Components/"};
 
 /// The libraries that have been opened; guarded by TaskManager's mutex.
 HashSet<String>& openedLibraries() {
@@ -33,15 +30,9 @@ TaskPlugin* findPlugin(const Path& path) {
 } // namespace
 
 String findPluginLibrary(const Path& path) {
-    const auto* environment = zelIO::Environment::instance();
-    const String library = TaskManager::getPluginPath(path);
-    for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
-        for (const char* place : Places) {
-            String found = environment->getFilePath(type).find(place + library);
-            if (!found.empty())
-                return found;
-        }
-    return {};
+    String file;
+    String root;
+    return findInSearchPaths(TaskManager::getPluginPath(path), file, root) ? file : String();
 }
 
 bool hasPlugin(const Path& path) {

@@ -52,19 +52,6 @@ bool findBelow(const String& directory, const char* place, const String& relativ
     return FileSystem::exists(file);
 }
 
-/// The file, and the search directory that it lies below.
-bool findInSearchPaths(const String& relative, String& file, String& root) {
-    const auto* environment = Environment::instance();
-    for (const auto type : {Environment::PluginPath, Environment::ResourcePath})
-        for (const char* place : Places)
-            for (const String& directory : environment->getFilePath(type).getFilePathList())
-                if (findBelow(directory, place, relative, file)) {
-                    root = directory;
-                    return true;
-                }
-    return false;
-}
-
 /// Whether the text of the path is the name of a file below a folder, and of none outside.
 bool canBeFile(const Path& path) {
     const String& text = path.str();
@@ -79,6 +66,18 @@ Path toPath(String relative) {
 }
 
 } // namespace
+
+bool findInSearchPaths(const String& relative, String& file, String& root) {
+    const auto* environment = Environment::instance();
+    for (const auto type : {Environment::PluginPath, Environment::ResourcePath})
+        for (const char* place : Places)
+            for (const String& directory : environment->getFilePath(type).getFilePathList())
+                if (findBelow(directory, place, relative, file)) {
+                    root = directory;
+                    return true;
+                }
+    return false;
+}
 
 bool isSameFile(const String& a, const String& b) {
     struct ::stat dataA {};

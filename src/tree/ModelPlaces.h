@@ -14,6 +14,12 @@ struct ModelFile {
     Path path;   ///< the file's name as a model path; its models live in the namespace of it
 };
 
+/// Finds a file below the search directories: of ZEL_PLUGIN_PATH ahead of ZEL_FILE_PATH, and in each of these
+/// first below "Components/zel", then as it is, then below "Components". Says nothing in the log: it is asked
+/// often.
+/// @param root  set to the search directory
+[[nodiscard]] bool findInSearchPaths(const String& relative, String& file, String& root);
+
 /// Finds the file of the longest prefix of a model path.
 /// @param category  the file extension
 /// @param root      a folder to look in ahead of the search paths; may be empty

@@ -1,7 +1,6 @@
 #include "PathNotes.h"
 
 #include "PathHint.h"
-#include "XmlPlace.h"
 
 #include <zel/Component.h>
 #include <zel/HashTable.h>
@@ -24,7 +23,8 @@ namespace {
 
 struct Note {
     observer_ptr<Object> object;
-    Name place;
+    Name file;
+    int row;
     const char* attribute;
     Path path;
     FindByPath find;
@@ -78,7 +78,13 @@ void notePath(
     Notes& all = allNotes();
     sweep(all);
     ++all.number;
-    all.notes.push_back({observer_ptr<Object>(&object), describePlace(element), attribute, path, find});
+    const TiXmlDocument* const document = element->GetDocument();
+    all.notes.push_back({observer_ptr<Object>(&object),
+                         document == nullptr ? Name() : Name(document->ValueStr()),
+                         element->Row(),
+                         attribute,
+                         path,
+                         find});
 }
 
 void notePathsOf(Object& object, const TiXmlElement* element, const char* attribute) {
@@ -111,9 +117,10 @@ void warnOfLostPaths(Object& object) {
         Object* const target = note.find == nullptr ? note.object->getAutoScopedResource(note.path)
                                                     : note.find(*note.object, note.path);
         if (target == nullptr)
-            ZEL_LOG_WARNING("In " << note.place << ": the path '" << note.path << "' of the attribute '"
-                                  << note.attribute << "' of '" << note.object->getPath() << "' leads nowhere"
-                                  << hintOfPath(note.object->getContext(), note.path));
+            ZEL_LOG_WARNING("In file '" << note.file << "', row " << note.row << ": the path '" << note.path
+                                        << "' of the attribute '" << note.attribute << "' of '"
+                                        << note.object->getPath() << "' leads nowhere"
+                                        << hintOfPath(note.object->getContext(), note.path));
     }
     for (const Note& note : all.notes) // made meanwhile
         kept.push_back(note);
