@@ -20,6 +20,7 @@ class Value;
 namespace zel {
 
 class Parameter;
+class TaskPlugin;
 class TaskPluginImplementation;
 class UnresolvedParameter;
 
@@ -97,6 +98,10 @@ public:
     /// The function value that the call belongs to: an argument that follows it is refused.
     void setFunction(const zelData::FunctionValue* function) noexcept { m_function = function; }
 
+    /// Where the task, or the expression of a call with the calls in it, stands: "file 'FILE', row N", for
+    /// messages.
+    void setPlace(const String& place);
+
     /// Whether all that the parameters name has been found.
     [[nodiscard]] bool isReady() const;
     /// Whether the last search for an implementation was in vain, and nothing has changed since.
@@ -151,7 +156,13 @@ private:
     void bindInstanceParameter(size_t index);
     [[nodiscard]] bool fits(const Task& task) const;
     [[nodiscard]] std::string describePlace() const;
-    [[nodiscard]] std::string explainMisfit(TaskPluginImplementation& implementation) const;
+    struct Misfit {
+        std::string text;
+        size_t numFaults;
+    };
+    [[nodiscard]] Misfit explainMisfit(TaskPluginImplementation& implementation) const;
+    [[nodiscard]] std::string explainMisfit(const Parameter& parameter, const Device* device) const;
+    [[nodiscard]] std::string explainMisfits(const TaskPlugin& plugin) const;
     void warnOfUnbound() const;
     [[nodiscard]] std::string describeParameters() const;
     [[nodiscard]] String describeSearch() const;

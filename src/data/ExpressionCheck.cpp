@@ -9,9 +9,11 @@
 #include "tree/XmlPlace.h"
 
 #include <zel/Exception.h>
+#include <zel/UnresolvedTask.h>
 #include <zel/Vector.h>
 #include <zel/XmlLoader.h>
 #include <zelData/Format.h>
+#include <zelData/FunctionValue.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 
@@ -231,6 +233,32 @@ void checkLiteral(const zel::TiXmlElement* element,
                         format->fullName() + "': " + fault + ". It is read as '" + written + "'");
 }
 
+/// Looks at the numbers among the arguments of a function, and of those in it.
+void checkArguments(const zel::TiXmlElement* element, const char* attribute, std::string_view text) {
+    for (zel::size_t begin = 0; begin < text.size();) {
+        const zel::size_t end = std::min(text.find_first_of("(),", begin), text.size());
+        const std::string_view part = stripped(text.substr(begin, end - begin));
+        begin = end + 1;
+        if (end < text.size() && text[end] == '(') {
+            // What is in the brackets of a text, for instance, is no number.
+            const Format* const format = findFormat(part);
+            if (format != nullptr &&
+                (format->getType() == nullptr || kindOf(format->getType()->getName().str()) == Kind::None))
+                begin = std::min(text.find(')', end), text.size()) + 1;
+            continue;
+        }
+        if (!isLiteral(part) ||
+            !(part.front() == '-' || std::isdigit(static_cast<unsigned char>(part.front())) != 0))
+            continue;
+        const std::string argument(part);
+        const Numbers numbers(argument);
+        if (!numbers.fault().empty() || !numbers.rest().empty())
+            zel::warnAt(element,
+                        "the argument '" + shortenedExpression(part) + "' in the attribute '" + attribute +
+                            "' is no number");
+    }
+}
+
 bool isUntyped(const Format* format) {
     return format == nullptr || format == Format::Auto();
 }
@@ -263,8 +291,10 @@ void checkExpression(const zel::TiXmlElement* element, const char* attribute, co
              format->getType()->getName().str() == "String"))
             return;
         const Format* const named = findFormat(stripped(text.substr(0, open)));
-        if (named == nullptr)
-            return; // a function
+        if (named == nullptr) {
+            checkArguments(element, attribute, text);
+            return;
+        }
         if (isUntyped(format))
             format = named;
         text = stripped(text.substr(open + 1, text.size() - open - 2));
@@ -277,6 +307,8 @@ void setFromAttribute(Value& value, const zel::TiXmlElement* element, const char
         return;
     checkExpression(element, attribute, value.getFormat());
     value.setExpression(std::string(expression));
+    if (const auto* function = dynamic_cast<const FunctionValue*>(value.getBinding()))
+        function->getProxy()->setPlace(zel::describePlace(element));
     if (value.getFormat() == nullptr || value.getType() == nullptr ||
         value.getType()->getName().str() != "String" || stripped(expression).starts_with('@'))
         zel::notePathsOf(value, element, attribute);

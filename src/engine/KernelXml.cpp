@@ -1,5 +1,6 @@
 #include "PluginLibrary.h"
 #include "containers/FlagScope.h"
+#include "tree/SearchPlaces.h"
 
 #include <zel/CpuDevice.h>
 #include <zel/CpuKernel.h>
@@ -47,6 +48,17 @@ KernelType s_kernelType;
 
 const XmlLoaderRegistrator s_kernelLoader("Kernel", &Kernel::load);
 
+/// For a message about a kernel: where its library was looked for, or what is wrong with the one that is
+/// there.
+std::string explainMissingLibrary(const Path& path, const String& failure) {
+    if (failure.empty())
+        return {};
+    if (!findPluginLibrary(path).empty())
+        return ": " + failure;
+    return ": looked for '" + TaskManager::getPluginPath(path) + "'" + hintOfFile(path, {"so"}) +
+           describeSearchPlaces();
+}
+
 /// The path under which the element's kernel is known.
 Path pathOf(TiXmlElement* element) {
     return Model::getPath(element, parseAttribute<Name>(element, "name"));
@@ -74,7 +86,7 @@ Task* Kernel::load(TiXmlElement* element, Device* device) {
         ZEL_XML_ERROR(
             element,
             String::format("Could not locate kernel binary (shared library) for kernel %s", path.c_str()) +
-                (failure.empty() ? "" : ": " + failure));
+                explainMissingLibrary(path, failure));
     return task.release_nodelete();
 }
 

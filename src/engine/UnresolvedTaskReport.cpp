@@ -13,6 +13,7 @@
 #include <zel/UnresolvedTask.h>
 #include <zel/ref_ptr.h>
 #include <zelData/Format.h>
+#include <zelData/FunctionValue.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 #include <zelIO/FileSystem.h>
@@ -67,6 +68,11 @@ const char* findDescription(const Path& path, String& file) {
         if (Model::getDiskPath(path, file, remainder, category))
             return category;
     return nullptr;
+}
+
+/// What has been thrown is in the log at length.
+std::string firstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
 }
 
 /// What is wrong with the file that describes the kernel; empty if there is none, or it can be read.
@@ -155,6 +161,14 @@ String UnresolvedTask::describeSearch() const {
     return text.str();
 }
 
+void UnresolvedTask::setPlace(const String& place) {
+    m_place = place;
+    for (const Argument& argument : m_arguments)
+        if (argument.value)
+            if (auto* function = dynamic_cast<zelData::FunctionValue*>(argument.value->getBinding()))
+                function->getProxy()->setPlace(place);
+}
+
 std::string UnresolvedTask::describePlace() const {
     return "The task '" + getPath().str() + "'" + (m_place.empty() ? "" : " (" + m_place + ")");
 }
@@ -177,8 +191,7 @@ void UnresolvedTask::explainFailure() {
             found = true;
             if (plugin->value->getDeviceType() != getDevice()->getType())
                 text << "\nThe plug-in '" << path << "' is for another kind of device";
-            for (size_t i = 0; i < plugin->value->getNumImplementations(); ++i)
-                text << explainMisfit(*plugin->value->getImplementation(i));
+            text << explainMisfits(*plugin->value);
         } else if (!(file = findPluginLibrary(path)).empty()) {
             found = true;
             text << "\nThe library '" << file << "' "
@@ -186,9 +199,10 @@ void UnresolvedTask::explainFailure() {
                                                : std::string("can not be loaded"));
         } else if (const char* const category = findDescription(path, file)) {
             found = true;
-            text << "\nThe file '" << file << "' holds no "
-                 << (category == std::string("zelKernel") ? "kernel" : "task") << " '" << path.back()
-                 << "' that fits";
+            if (m_failure.empty())
+                text << "\nThe file '" << file << "' holds no "
+                     << (category == std::string("zelKernel") ? "kernel" : "task") << " '" << path.back()
+                     << "' that fits";
         }
         if (prefix.empty())
             break;
@@ -208,46 +222,77 @@ void UnresolvedTask::explainFailure() {
         }
     }
     if (!m_failure.empty())
-        text << "\nThe search has ended with: " << m_failure;
+        text << "\nThe search has ended with: " << firstLine(m_failure);
     ZEL_LOG_WARNING(describePlace() << " has no implementation '" << m_implementationName << "'"
                                     << text.str());
 }
 
-std::string UnresolvedTask::explainMisfit(TaskPluginImplementation& implementation) const {
+/// Of the implementations that fit best: a function may have dozens.
+std::string UnresolvedTask::explainMisfits(const TaskPlugin& plugin) const {
+    constexpr size_t enough = 3;
+    Vector<Misfit> misfits;
+    for (size_t i = 0; i < plugin.getNumImplementations(); ++i)
+        misfits.push_back(explainMisfit(*plugin.getImplementation(i)));
+    std::stable_sort(misfits.begin(), misfits.end(), [](const Misfit& a, const Misfit& b) {
+        return a.numFaults < b.numFaults;
+    });
+    std::string text;
+    for (size_t i = 0; i < std::min(misfits.size(), enough); ++i)
+        text += misfits[i].text;
+    if (misfits.size() > enough)
+        text += "\n... and " + std::to_string(misfits.size() - enough) + " more implementations";
+    return text;
+}
+
+UnresolvedTask::Misfit UnresolvedTask::explainMisfit(TaskPluginImplementation& implementation) const {
     String failure;
     const ref_ptr<Task> task(createImplementation(implementation, m_instanceName, getDevice(), failure));
     std::ostringstream text;
     text << "\nThe implementation '" << implementation.getName() << "' ";
     if (!task) {
         text << (failure.empty() ? "makes no task" : "has thrown while it was made: " + std::string(failure));
-        return text.str();
+        return {text.str(), 0};
     }
     if (fits(*task)) {
         text << "fits";
-        return text.str();
+        return {text.str(), 0};
     }
     text << "takes:";
+    size_t numFaults = 0;
     for (const ref_ptr<Parameter>& parameter : task->getParameters()) {
+        if (m_isCall && parameter->getName() == Name("result"))
+            continue; // which nobody gives
         text << "\n  " << describe(*parameter);
-        const auto given =
-            std::find_if(m_proxyParameters.begin(), m_proxyParameters.end(), [&parameter](const auto& proxy) {
-                return proxy->getName() == parameter->getName();
-            });
-        if (given == m_proxyParameters.end())
-            text << (parameter->isRequired() ? ": is not given" : "");
-        else if ((*given)->getBinding() == nullptr && (*given)->getBindPath().empty())
-            text << ": is given nothing";
-        else if ((*given)->getBinding() == nullptr)
-            text << ": is given the path '" << (*given)->getBindPath() << "', where nothing is"
-                 << hintOfPath(getContext(), (*given)->getBindPath());
-        else if (!takes(*parameter, **given, task->getDevice()))
-            text << ": is given " << (*given)->getBinding()->getPath() << ", " << describe(**given);
+        const std::string fault = explainMisfit(*parameter, task->getDevice());
+        numFaults += fault.empty() ? 0U : 1U;
+        text << fault;
     }
     for (const ref_ptr<UnresolvedParameter>& proxy : m_proxyParameters)
-        if (task->findParameter(proxy->getName()) == nullptr)
+        if (task->findParameter(proxy->getName()) == nullptr) {
+            ++numFaults;
             text << "\n  and no '" << proxy->getName() << "', which is given"
-                 << hintOfParameter(*task, *proxy);
-    return text.str();
+                 << (m_isCall ? std::string() : hintOfParameter(*task, *proxy));
+        }
+    return {text.str(), numFaults};
+}
+
+/// What is wrong with what an implementation's parameter is given; empty if nothing is.
+std::string UnresolvedTask::explainMisfit(const Parameter& parameter, const Device* device) const {
+    const auto given =
+        std::find_if(m_proxyParameters.begin(), m_proxyParameters.end(), [&parameter](const auto& proxy) {
+            return proxy->getName() == parameter.getName();
+        });
+    if (given == m_proxyParameters.end())
+        return parameter.isRequired() ? ": is not given" : "";
+    const UnresolvedParameter& proxy = **given;
+    if (proxy.getBinding() == nullptr && proxy.getBindPath().empty())
+        return ": is given nothing";
+    if (proxy.getBinding() == nullptr)
+        return ": is given the path '" + proxy.getBindPath().str() + "', where nothing is" +
+               hintOfPath(getContext(), proxy.getBindPath());
+    if (takes(parameter, proxy, device))
+        return {};
+    return ": is given " + proxy.getBinding()->getPath().str() + ", " + describe(proxy);
 }
 
 void UnresolvedTask::warnOfUnbound() const {

@@ -1,6 +1,7 @@
 #include "EntityXml.h"
 
 #include "tree/SearchPlaces.h"
+#include "tree/XmlPlace.h"
 
 #include <zel/Exception.h>
 #include <zel/Log.h>
@@ -41,7 +42,8 @@ EntityModel* loadEntity(const zel::Path& path) {
     try {
         return dynamic_cast<EntityModel*>(zel::Model::getModel(path.base(), path.back()));
     } catch (const std::exception& error) {
-        ZEL_LOG_WARNING(error.what());
+        if (!zel::tellsPlace(error))
+            ZEL_LOG_WARNING(error.what());
         return nullptr;
     }
 }
@@ -61,7 +63,8 @@ std::string explainMissingEntity(zel::TiXmlElement* element, const zel::Path& pa
     zel::Path remainder;
     if ((!here.empty() && zel::Model::getDiskPath(here + path, file, remainder, extension)) ||
         zel::Model::getDiskPath(path, file, remainder, extension))
-        return ": the file '" + file + "' gives no such entity" + zel::hintOfModel(path.base(), path.back());
+        return ": the file '" + file + "' gives no such entity, or can not be read" +
+               zel::hintOfModel(path.base(), path.back());
     return ": " + zel::explainMissingFile(path, extension, here);
 }
 

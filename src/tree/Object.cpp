@@ -20,7 +20,6 @@
 #include <exception>
 #include <iostream>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 namespace zel {
@@ -261,11 +260,6 @@ public:
         : runtime_error(
               xmlErrorText(__FILE__, static_cast<unsigned>(__LINE__), element, "Caught exception")) {}
 };
-
-/// Whether the text of an exception tells file and row; the throw has been logged then.
-bool tellsPlace(const std::exception& exception) {
-    return std::string_view(exception.what()).find("] XML error: ") != std::string_view::npos;
-}
 
 [[noreturn]] void throwInnermost(const LoadError& error) {
     dynamic_cast<const std::nested_exception&>(error).rethrow_nested();

@@ -1,6 +1,7 @@
 #include "Root.h"
 
 #include "SearchPlaces.h"
+#include "XmlPlace.h"
 
 #include <zel/Component.h>
 #include <zel/InitCallback.h>
@@ -41,7 +42,8 @@ Component* root() {
     try {
         systemRoot() = Component::loadFile(file, nullptr);
     } catch (const std::exception& error) {
-        ZEL_LOG_WARNING(error.what());
+        if (!tellsPlace(error))
+            ZEL_LOG_WARNING(error.what());
     }
     if (!systemRoot())
         ZEL_LOG_ERROR("Error initializing system root from path: '" << file << "'");

@@ -4,6 +4,8 @@
 
 #include <tinyxml.h>
 
+#include <string_view>
+
 namespace zel {
 
 String describePlace(const TiXmlElement* element, int row) {
@@ -14,6 +16,10 @@ String describePlace(const TiXmlElement* element, int row) {
 
 void warnAt(const TiXmlElement* element, const std::string& message, int row) {
     ZEL_LOG_WARNING("In " << describePlace(element, row) << ": " << message);
+}
+
+bool tellsPlace(const std::exception& exception) {
+    return std::string_view(exception.what()).find("] XML error: ") != std::string_view::npos;
 }
 
 } // namespace zel

@@ -3,6 +3,7 @@
 #include <zel/String.h>
 #include <zel/Xml.h>
 
+#include <exception>
 #include <string>
 
 namespace zel {
@@ -13,5 +14,8 @@ namespace zel {
 
 /// Warns of something that most likely is a slip: "In file 'FILE', row N: MESSAGE".
 void warnAt(const TiXmlElement* element, const std::string& message, int row = 0);
+
+/// Whether the text of an exception tells file and row. It has been logged then, when it was thrown.
+[[nodiscard]] bool tellsPlace(const std::exception& exception);
 
 } // namespace zel

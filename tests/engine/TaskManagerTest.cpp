@@ -374,7 +374,7 @@ TEST_F(TaskManagerTest, KernelElementsAreCheckedByTheirLoader) {
                 HasSubstr("XML error: When loading 'k': Unknown device type \"Toaster\". Error at row 1"));
     EXPECT_THAT(load("<Kernel name='k'/>"),
                 HasSubstr("XML error: Could not locate kernel binary (shared library) for kernel k: "
-                          "Could not load plugin 'k': libk.so: cannot open shared object file"));
+                          "looked for 'libk.so', also below 'Components/zel'"));
 }
 
 TEST_F(TaskManagerTest, KernelFilesHoldModelsOfTheirTags) {

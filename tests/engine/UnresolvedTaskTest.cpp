@@ -279,6 +279,23 @@ TEST_F(UnresolvedTaskTest, MissingImplementationIsReportedAndTheRunGoesOn) {
     EXPECT_THAT(s_runs, ElementsAre("note 0", "note 0"));
 }
 
+TEST_F(UnresolvedTaskTest, OfManyImplementationsThoseThatFitBestAreTold) {
+    TaskPlugin plugin("Tested.Many", Device::Type::Cpu);
+    const TaskPluginImplementationT<Other> a(plugin, "A");
+    const TaskPluginImplementationT<Other> b(plugin, "B");
+    const TaskPluginImplementationT<Other> c(plugin, "C");
+    const TaskPluginImplementationT<Other> d(plugin, "D");
+    const TaskPluginImplementationT<Note> note(plugin, "Note");
+    load("<Value name='v' type='Real' value='3'/><Task name='many' source='Tested.Many'>"
+         "<Value instance='x' bind='v'/><Value instance='y' bind='v'/></Task>");
+    const std::string text = log.texts().back();
+    EXPECT_THAT(text, HasSubstr("\nThe implementation 'Note' takes:\n  'x' (SCALAR)"));
+    EXPECT_THAT(text, HasSubstr("\nThe implementation 'A' takes:\n  and no 'x', which is given\n"));
+    EXPECT_THAT(text, HasSubstr("\nThe implementation 'B' takes:"));
+    EXPECT_EQ(text.find("'C'"), std::string::npos);
+    EXPECT_THAT(text, testing::EndsWith("\n... and 2 more implementations\n"));
+}
+
 TEST_F(UnresolvedTaskTest, EqualReportsAreCountedInALineASecond) {
     Component* const frame = load("<Value name='v' type='Real' value='3'/>\n"
                                   "<Task name='missing' source='Tested.Missing'>"

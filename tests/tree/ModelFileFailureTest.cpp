@@ -185,14 +185,16 @@ TEST_F(ModelFileFailureTest, PathsOfATaskThatHasBeenFoundAreToldWithTheRow) {
 TEST_F(ModelFileFailureTest, ImplementationsAndFunctionsNearToAWrongPathAreOffered) {
     directory.write("Components/libLab.Grow.so", "");
     directory.write("Components/Lab/Shrink.zelTask", "<Task name='Shrink'/>");
-    write("<Component name='Frame'><Value name='x' type='Real' value='1'/>\n"
-          "<Value name='f' type='Real' value='Lab.Gorw(@x)'/>\n"
-          "<Task name='t' source='Shirnk'/></Component>");
+    const std::string file = write("<Component name='Frame'><Value name='x' type='Real' value='1'/>\n"
+                                   "<Value name='f' type='Real' value='Lab.Gorw(@x)'/>\n"
+                                   "<Task name='t' source='Shirnk'/></Component>");
     const ref_ptr<Component> frame = load();
     frame->rebind();
-    EXPECT_THAT(log.text(),
-                AllOf(HasSubstr("has no implementation 'Lab.Gorw' (did you mean 'Lab.Grow'?)\nLooked for"),
-                      HasSubstr("has no implementation 'Shirnk' (did you mean 'Shrink'?)\nLooked for")));
+    EXPECT_THAT(
+        log.text(),
+        AllOf(HasSubstr("The task 'Frame.UnresolvedTask(Lab.Gorw(@x))' (file '" + file +
+                        "', row 2) has no implementation 'Lab.Gorw' (did you mean 'Lab.Grow'?)\nLooked for"),
+              HasSubstr("has no implementation 'Shirnk' (did you mean 'Shrink'?)\nLooked for")));
 }
 
 TEST_F(ModelFileFailureTest, EntitiesNearToAWrongPathAreOffered) {
@@ -203,5 +205,6 @@ TEST_F(ModelFileFailureTest, EntitiesNearToAWrongPathAreOffered) {
                           "'Lab.Atom'?), also below"));
     write("<Component name='Frame'><Entity.Storage entity='Atom'/></Component>");
     EXPECT_THAT(failure().inner,
-                HasSubstr("Unable to load entity 'Atom': the file '" + file + "' gives no such entity"));
+                HasSubstr("Unable to load entity 'Atom': the file '" + file +
+                          "' gives no such entity, or can not be read"));
 }

@@ -191,6 +191,14 @@ TEST_F(ModelFileSlipsTest, LiteralsOfAttributesAndParametersAreLookedAt) {
                       HasSubstr(at(3) + "'3,5' of")));
 }
 
+TEST_F(ModelFileSlipsTest, ArgumentsThatAreNoNumbersAreTold) {
+    load("<Value name='x' type='Real' value='1'/><Value name='t' type='String' value='Math.Add(1x)'/>\n"
+         "<Value name='a' type='Real' value='Math.Add(@x, Math.Mul(-2, 12abc))'/>\n"
+         "<Value name='b' type='Real' value='Math.Add(Vec3(1, 2, 3), String(1x), PI, 0x10, -1e3)'/>");
+    EXPECT_EQ(log.texts().front(), at(3) + "the argument '12abc' in the attribute 'value' is no number\n");
+    EXPECT_EQ(log.text().rfind("is no number"), log.text().find("is no number"));
+}
+
 // Paths that lead nowhere
 
 TEST_F(ModelFileSlipsTest, PathsThatLeadNowhereAreToldOnceAtTheFirstTick) {
