@@ -67,6 +67,10 @@ bool isBlank(char c) {
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
+std::string quoted(std::string_view text) {
+    return "'" + shortenedExpression(text) + "'";
+}
+
 /// Takes a text for numbers as a person does, to compare with what the format has read.
 class Numbers {
 public:
@@ -87,8 +91,7 @@ private:
             const char* end = nullptr;
             static_cast<void>(readNumber<double>(at, end));
             if (end == at) {
-                m_fault =
-                    *at == '\0' ? "a number is missing at the end" : "'" + std::string(at) + "' is no number";
+                m_fault = *at == '\0' ? "a number is missing at the end" : quoted(at) + " is no number";
                 return;
             }
             m_numbers.push_back(std::string(at, end));
@@ -101,8 +104,8 @@ private:
                 m_rest = at;
             if (at != end && std::string_view("+-.0123456789").find(*at) != std::string_view::npos &&
                 !(at[0] == '-' && at[1] == '>')) {
-                m_fault = "between '" + m_numbers.back() + "' and '" + at +
-                          "' a comma is missing, and blanks do not count";
+                m_fault = "between " + quoted(m_numbers.back()) + " and " + quoted(at) +
+                          " a comma is missing, and blanks do not count";
                 return;
             }
             const char* const behind = skipSeparator(at);
@@ -159,7 +162,7 @@ std::string faultOf(Kind kind, const std::string& text, const std::string& writt
     const Numbers read(written);
     const zel::size_t count = read.numbers().size();
     if (count == 1 && !told.rest().empty())
-        return "'" + told.rest() + "' stands behind the number";
+        return quoted(told.rest()) + " stands behind the number";
     if (!told.fault().empty())
         return told.fault();
     if (told.numbers().size() != 1 && told.numbers().size() != count)
@@ -168,11 +171,11 @@ std::string faultOf(Kind kind, const std::string& text, const std::string& writt
     for (zel::size_t i = 0; i < told.numbers().size(); ++i) {
         const std::string& number = told.numbers()[i];
         if (kind != Kind::Real && !isInteger(number))
-            return "'" + number + "' is no whole number";
+            return quoted(number) + " is no whole number";
         if (kind == Kind::UInt && number.front() == '-' && plainInteger(number.substr(1)) != "0")
-            return "'" + number + "' is below 0";
+            return quoted(number) + " is below 0";
         if (!isSame(kind, number, read.numbers()[i]))
-            return "'" + number + "' is out of range";
+            return quoted(number) + " is out of range";
     }
     return {};
 }
@@ -230,7 +233,8 @@ void checkLiteral(const zel::TiXmlElement* element,
     if (!fault.empty())
         zel::warnAt(element,
                     "'" + literal + "' of the attribute '" + attribute + "' is not wholly a value of type '" +
-                        format->fullName() + "': " + fault + ". It is read as '" + written + "'");
+                        format->fullName() + "': " + fault +
+                        (written == text ? std::string() : ". It is read as '" + written + "'"));
 }
 
 /// Looks at the numbers among the arguments of a function, and of those in it.
@@ -254,7 +258,7 @@ void checkArguments(const zel::TiXmlElement* element, const char* attribute, std
         const Numbers numbers(argument);
         if (!numbers.fault().empty() || !numbers.rest().empty())
             zel::warnAt(element,
-                        "the argument '" + shortenedExpression(part) + "' in the attribute '" + attribute +
+                        "the argument " + quoted(part) + " in the attribute '" + attribute +
                             "' is no number");
     }
 }

@@ -124,9 +124,7 @@ EntityModel* EntityModel::load(zel::TiXmlElement* element, zel::Device*) {
         if (entity != nullptr && !entity->getSourcePath().empty() &&
             entity->getSourcePath() == document->ValueStr())
             return entity;
-        ZEL_XML_ERROR(element,
-                      zel::String::format(
-                          "A model '%s' exists already in namespace '%s'", name.c_str(), space.c_str()));
+        ZEL_XML_ERROR(element, zel::describeDuplicate(*existing, space));
     }
     zel::ref_ptr<EntityModel> model(make(element, space));
     model->setSourcePath(document->ValueStr(), element->Row());

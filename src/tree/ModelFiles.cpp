@@ -51,6 +51,14 @@ String rootOf(TiXmlElement* element) {
                                                                                         : String();
 }
 
+/// What is left of the path behind the one of the file.
+Path remainderOf(const Path& path, const ModelFile& file) {
+    const size_t length = file.path.str().size();
+    return path.str().size() > length ? Path(path.str().substr(length + 1)) : Path();
+}
+
+} // namespace
+
 String describeDuplicate(const Model& other, const Path& space) {
     String text = String::format(
         "A model '%s' exists already in namespace '%s'", other.getName().c_str(), space.c_str());
@@ -59,14 +67,6 @@ String describeDuplicate(const Model& other, const Path& space) {
     return text +
            String::format(": see file '%s', row %d", other.getSourcePath().c_str(), other.getSourceRow());
 }
-
-/// What is left of the path behind the one of the file.
-Path remainderOf(const Path& path, const ModelFile& file) {
-    const size_t length = file.path.str().size();
-    return path.str().size() > length ? Path(path.str().substr(length + 1)) : Path();
-}
-
-} // namespace
 
 void forgetModelFiles() {
     readFiles().clear();

@@ -31,6 +31,9 @@ private:
     bool m_isKept = false;
 };
 
+/// For a message about a model of a name that another one has in the namespace: with the place of that one.
+[[nodiscard]] String describeDuplicate(const Model& other, const Path& space);
+
 /// Forgets that the file has been read.
 void forgetModelFile(const String& file);
 

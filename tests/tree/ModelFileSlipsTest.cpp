@@ -127,7 +127,7 @@ TEST_F(ModelFileSlipsTest, LiteralsThatAreNotWhollyOfTheirTypeAreToldAndRead) {
     expect("Int:64bit", "1.5", "'1.5' is no whole number. It is read as '1'");
     expect("Int:64bit", "0x10", "'0x10' is no whole number. It is read as '0'");
     expect("Int:8bit", "300", "'300' is out of range. It is read as '44'");
-    expect("UInt:64bit", "-3", "'-3' is below 0. It is read as '-3'");
+    expect("UInt:64bit", "-3", "'-3' is below 0");
     expect("UInt:8bit", "256", "'256' is out of range. It is read as '0'");
     expect("Int:64bit",
            "9223372036854775808",
@@ -142,6 +142,12 @@ TEST_F(ModelFileSlipsTest, LiteralsThatAreNotWhollyOfTheirTypeAreToldAndRead) {
     expect("Vec2:64bit", "1, 2, 3", "there are 3 numbers in place of 2. It is read as '1.000000, 2.000000'");
     expect("Vec2u:8bit", "1, 256", "'256' is out of range. It is read as '1, 0'");
     expect("Vec2:64bit", "1, x", "'x' is no number. It is read as '1.000000, 0.000000'");
+}
+
+TEST_F(ModelFileSlipsTest, MessageOfALongLiteralIsShort) {
+    load("<Value name='v' type='Vec3' value='1 " + std::string(1000000, 'x') + "'/>");
+    EXPECT_THAT(log.text(), HasSubstr("xxx...' is no number"));
+    EXPECT_LT(log.text().size(), 2000U);
 }
 
 TEST_F(ModelFileSlipsTest, LiteralsOfTheirTypeAreSilent) {
