@@ -231,10 +231,10 @@ void checkLiteral(const zel::TiXmlElement* element,
     const zel::String written = readBack(format, ascii, text);
     const std::string fault = faultOf(kind, std::string(text), written);
     if (!fault.empty())
-        zel::warnAt(element,
-                    "'" + literal + "' of the attribute '" + attribute + "' is not wholly a value of type '" +
-                        format->fullName() + "': " + fault +
-                        (written == text ? std::string() : ". It is read as '" + written + "'"));
+        zel::warnOnceAt(element,
+                        "'" + literal + "' of the attribute '" + attribute +
+                            "' is not wholly a value of type '" + format->fullName() + "': " + fault +
+                            (written == text ? std::string() : ". It is read as '" + written + "'"));
 }
 
 /// Looks at the numbers among the arguments of a function, and of those in it.
@@ -257,9 +257,9 @@ void checkArguments(const zel::TiXmlElement* element, const char* attribute, std
         const std::string argument(part);
         const Numbers numbers(argument);
         if (!numbers.fault().empty() || !numbers.rest().empty())
-            zel::warnAt(element,
-                        "the argument " + quoted(part) + " in the attribute '" + attribute +
-                            "' is no number");
+            zel::warnOnceAt(element,
+                            "the argument " + quoted(part) + " in the attribute '" + attribute +
+                                "' is no number");
     }
 }
 

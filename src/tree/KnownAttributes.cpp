@@ -4,14 +4,11 @@
 #include "containers/NearName.h"
 
 #include <zel/HashSet.h>
-#include <zel/HashTable.h>
-#include <zel/Model.h>
 
 #include <tinyxml.h>
 
 #include <algorithm>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -129,10 +126,10 @@ void checkAttribute(const TiXmlElement& element, const KnownTag& known, const Ti
         return;
     NearName near(name);
     forEachWord(known.attributes, [&near](std::string_view word) { near.consider(word); });
-    warnAt(&element,
-           "nothing reads the attribute '" + std::string(name) + "' of '" + element.ValueStr() + "'" +
-               near.hint() + ". It has: " + std::string(known.attributes) + " instance",
-           attribute.Row());
+    warnOnceAt(&element,
+               "nothing reads the attribute '" + std::string(name) + "' of '" + element.ValueStr() + "'" +
+                   near.hint() + ". It has: " + std::string(known.attributes) + " instance",
+               attribute.Row());
 }
 
 void checkAttributes(const TiXmlElement& element, const KnownTag& known) {
@@ -159,10 +156,10 @@ public:
     bool Visit(const TiXmlText& text) override {
         const TiXmlElement* const element = text.Parent()->ToElement();
         if (element != nullptr && !mayBeOfTheProgram(*element))
-            warnAt(element,
-                   "nothing reads the text '" + text.ValueStr().substr(0, 40) + "' in '" +
-                       element->ValueStr() + "'",
-                   text.Row());
+            warnOnceAt(element,
+                       "nothing reads the text '" + text.ValueStr().substr(0, 40) + "' in '" +
+                           element->ValueStr() + "'",
+                       text.Row());
         return true;
     }
 
@@ -170,25 +167,25 @@ private:
     static void checkName(const TiXmlElement& element) {
         const char* const name = element.Attribute("name");
         if (name != nullptr && std::string_view(name).find('.') != std::string_view::npos)
-            warnAt(&element,
-                   "no path finds an object of the name '" + std::string(name) +
-                       "': a dot in a path leads to a child");
+            warnOnceAt(&element,
+                       "no path finds an object of the name '" + std::string(name) +
+                           "': a dot in a path leads to a child");
     }
 
     static void checkChildren(const TiXmlElement& element) {
         for (const TiXmlElement* child = element.FirstChildElement(); child != nullptr;
              child = child->NextSiblingElement())
             if (child->ValueStr() != "description")
-                warnAt(child,
-                       "nothing reads the element '" + child->ValueStr() + "' inside of '" +
-                           element.ValueStr() + "'");
+                warnOnceAt(child,
+                           "nothing reads the element '" + child->ValueStr() + "' inside of '" +
+                               element.ValueStr() + "'");
     }
 };
 
-/// The files that have been looked at, and the rows of the elements that were looked at later. Guarded by the
-/// type-system mutex. Never destroyed: models may be loaded by the last static objects.
-HashTable<String, HashSet<int>>& toldFiles() {
-    static auto& files = *new HashTable<String, HashSet<int>>;
+/// The files that have been looked at. Guarded by the type-system mutex. Never destroyed: models may be
+/// loaded by the last static objects.
+HashSet<String>& toldFiles() {
+    static auto& files = *new HashSet<String>;
     return files;
 }
 
@@ -196,27 +193,20 @@ HashTable<String, HashSet<int>>& toldFiles() {
 
 void forgetSlips(const String& file) {
     toldFiles().erase(file);
+    forgetMessages(file);
 }
 
 void warnOfSlips(const TiXmlDocument& document) {
     if (toldFiles().contains(document.ValueStr()))
         return;
-    toldFiles().insert(document.ValueStr(), HashSet<int>());
+    toldFiles().insert(document.ValueStr());
     SlipCheck check;
     document.Accept(&check);
 }
 
 void warnOfUnknownAttributes(const TiXmlElement& element) {
-    const std::lock_guard lock(getTypeSystemMutex());
-    const TiXmlDocument* const document = element.GetDocument();
-    const KnownTag* const known = findTag(element);
-    if (document == nullptr || known == nullptr)
-        return;
-    const auto rows = toldFiles().find(document->ValueStr());
-    if (rows == toldFiles().end() || rows->value.contains(element.Row()))
-        return;
-    rows->value.insert(element.Row());
-    checkAttributes(element, *known);
+    if (const KnownTag* const known = findTag(element))
+        checkAttributes(element, *known);
 }
 
 } // namespace zel

@@ -1,6 +1,7 @@
 #include "PathNotes.h"
 
 #include "PathHint.h"
+#include "XmlPlace.h"
 
 #include <zel/Component.h>
 #include <zel/HashTable.h>
@@ -116,7 +117,8 @@ void warnOfLostPaths(Object& object) {
         }
         Object* const target = note.find == nullptr ? note.object->getAutoScopedResource(note.path)
                                                     : note.find(*note.object, note.path);
-        if (target == nullptr)
+        const String place = String::format("row %d: %s", note.row, note.attribute);
+        if (target == nullptr && isNewMessage(note.file.str(), place))
             ZEL_LOG_WARNING("In file '" << note.file << "', row " << note.row << ": the path '" << note.path
                                         << "' of the attribute '" << note.attribute << "' of '"
                                         << note.object->getPath() << "' leads nowhere"

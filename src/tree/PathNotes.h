@@ -24,8 +24,8 @@ void notePath(Object& object,
 /// The same for each path in an expression, such as "@a.b" or "Math.Add(@a, @b)".
 void notePathsOf(Object& object, const TiXmlElement* element, const char* attribute);
 
-/// Warns, with file and row, of the noted paths of the tree that lead nowhere, each once. Costs nothing while
-/// there is nothing new.
+/// Warns, with file and row, of the noted paths of the tree that lead nowhere, each row once. Costs nothing
+/// while there is nothing new.
 /// @param object  any object of the tree
 /// @threads the main thread; others do nothing
 void warnOfLostPaths(Object& object);

@@ -28,8 +28,8 @@ namespace zel {
                                      const Path& space = Path(),
                                      const String& beside = String());
 
-/// For a message about a model that is not there: " (did you mean 'NAME'?)" with the one in the namespace whose
-/// name is beside it, or nothing.
+/// For a message about a model that is not there: " (did you mean 'NAME'?)" with the one in the namespace
+/// whose name is beside it, or nothing.
 [[nodiscard]] std::string hintOfModel(const Path& space, const Name& name);
 
 /// What a user wants to know who names something for which there is no file of the extension: what is wrong

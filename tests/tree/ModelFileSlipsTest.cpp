@@ -249,6 +249,20 @@ TEST_F(ModelFileSlipsTest, PathsThatLeadNowhereAreToldAtARebindInTheRoot) {
     EXPECT_THAT(log.text(), Not(HasSubstr("'late'")));
 }
 
+TEST_F(ModelFileSlipsTest, FileOfManyComponentsIsToldOnce) {
+    const ref_ptr<Component> top(new Component("top"));
+    top->addObject(new zel::Clock("clock", 10));
+    for (int i = 0; i < 100; ++i)
+        top->addObject(
+            load("<Value name='a' type='Real' value='2,5'/>\n<Value name='b' bind='nothing'/>").get());
+    for (int i = 0; i < 3; ++i)
+        static_cast<zel::Clock*>(top->findObject("clock"))->tick();
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre(StartsWith(at(2) + "'2,5' of the attribute 'value' is not wholly"),
+                    at(3) + "the path 'nothing' of the attribute 'bind' of 'top.Frame.b' leads nowhere\n"));
+}
+
 TEST_F(ModelFileSlipsTest, PathsOfObjectsThatAreGoneAreNotTold) {
     const ref_ptr<Component> frame =
         load("<Value name='a' type='Real' bind='nothing'/><Clock name='clock'/>");
