@@ -19,11 +19,11 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -54,11 +54,18 @@ constexpr double SlowestPace = 30;
 /// What a shell tells of a program that a signal has ended.
 constexpr int ExitBySignal = 128;
 
-/// The signal that asks for an end; 0 while there is none.
-volatile std::sig_atomic_t s_signal = 0;
+/// The signal that asks for an end; 0 while there is none. Any thread may get it; nothing else is published
+/// by it.
+constinit std::atomic<int> s_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free); // as a handler needs it
 
 void askForEnd(int number) {
-    s_signal = number;
+    s_signal.store(number, std::memory_order_relaxed);
+}
+
+/// The signal that has come; 0 for none.
+int endSignal() {
+    return s_signal.load(std::memory_order_relaxed);
 }
 
 /// Once: a second signal ends the program as it would without us.
@@ -173,7 +180,7 @@ T number(zel::Component* model, const char* name, const std::optional<T>& option
 void run(zel::Clock& clock, double duration, bool realTime) {
     const bool terminal = isatty(STDERR_FILENO) != 0;
     const double end = duration * SecondsPerDay;
-    const auto isAtEnd = [&clock, end] { return clock.getTime() >= end || s_signal != 0; };
+    const auto isAtEnd = [&clock, end] { return clock.getTime() >= end || endSignal() != 0; };
     const auto tick = [&clock, &isAtEnd, end, terminal] {
         if (isAtEnd())
             return;
@@ -240,7 +247,7 @@ void simulate(const Options& options) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
     clock.postTick.disconnect(observer);
 
-    if (s_signal != 0)
+    if (endSignal() != 0)
         std::cout << "Interrupted on the way: this is how far the run has come.\n\n";
     std::cout << bodies.size() << " bodies and " << particles << " particles over "
               << clock.getTime() / SecondsPerDay << " days in " << clock.getFrame() << " steps\n\n";
@@ -277,7 +284,7 @@ int main(int argc, char** argv) {
         } else {
             endOnSignals();
             simulate(options);
-            result = s_signal == 0 ? 0 : ExitBySignal + s_signal;
+            result = endSignal() == 0 ? 0 : ExitBySignal + endSignal();
         }
     } catch (const std::exception& error) {
         std::cerr << "solar: " << error.what() << '\n';

@@ -128,8 +128,8 @@ void UnresolvedTask::valueUpdateCallback(Parameter* parameter) {
             const FlagScope binding(m_binding);
             setLiterals();
         }
-        if (isReady())
-            static_cast<void>(instantiateProxy());
+        if (isReady() && !instantiateProxy())
+            explainFailure();
     }
 }
 
