@@ -271,7 +271,9 @@ bool isUntyped(const Format* format) {
 
 void checkExpression(const zel::TiXmlElement* element, const char* attribute, const Format* format) {
     const char* const expression = element->Attribute(attribute);
-    std::string_view text = stripped(expression == nullptr ? "" : expression);
+    if (expression == nullptr)
+        return;
+    std::string_view text = stripped(expression);
     if (element->Attribute("literal") != nullptr && zel::parseAttribute<bool>(element, "literal")) {
         if (!isUntyped(format))
             checkLiteral(element, attribute, format, expression);

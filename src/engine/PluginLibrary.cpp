@@ -4,7 +4,6 @@
 
 #include <zel/DynamicLibrary.h>
 #include <zel/HashSet.h>
-#include <zel/Log.h>
 #include <zel/Task.h>
 #include <zel/TaskManager.h>
 #include <zel/TaskPlugin.h>

@@ -5,7 +5,6 @@
 #include <zel/Component.h>
 #include <zel/Exception.h>
 #include <zel/HashTable.h>
-#include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/Object.h>
 #include <zel/Vector.h>

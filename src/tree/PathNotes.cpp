@@ -117,7 +117,7 @@ void warnOfLostPaths(Object& object) {
         }
         Object* const target = note.find == nullptr ? note.object->getAutoScopedResource(note.path)
                                                     : note.find(*note.object, note.path);
-        const String place = String::format("row %d: %s", note.row, note.attribute);
+        const String place = String::format("row %d: %s %s", note.row, note.attribute, note.path.c_str());
         if (target == nullptr && isNewMessage(note.file.str(), place))
             ZEL_LOG_WARNING("In file '" << note.file << "', row " << note.row << ": the path '" << note.path
                                         << "' of the attribute '" << note.attribute << "' of '"

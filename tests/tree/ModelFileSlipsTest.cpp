@@ -236,6 +236,35 @@ TEST_F(ModelFileSlipsTest, PathsThatLeadNowhereAreToldOnceAtTheFirstTick) {
     EXPECT_EQ(log.texts().size(), 4U) << log.text();
 }
 
+TEST_F(ModelFileSlipsTest, EachAttributeThatTakesAPathIsLookedAt) {
+    // A value is no task and no clock, and what is in a component is found through that alone.
+    std::string elements = "<Clock name='clock'/><Value name='speed' type='Real'/>"
+                           "<Component name='arm'><Value name='deep' type='Real'/></Component>\n";
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"<Value name='a' bind='arm/deep'/>", "'arm/deep' of the attribute 'bind' of 'Frame.a'"},
+        {"<Value name='b' type='Real' value='Real(@deep)'/>", "'deep' of the attribute 'value' of 'Frame.b'"},
+        {"<Pointer name='c' bind='x'/>", "'x' of the attribute 'bind' of 'Frame.c'"},
+        {"<Parameter.Scalar name='d' type='Real' source='arm' bind='x'/>",
+         "'arm.x' of the attribute 'bind' of 'Frame.d'"},
+        {"<Parameter.Scalar name='e' type='Real' value='@x'/>", "'x' of the attribute 'value' of 'Frame.e'"},
+        {"<TaskGroup name='f' enable='x'/>", "'x' of the attribute 'enable' of 'Frame.f.enable'"},
+        {"<TaskGroup name='g' trigger='arm'/>", "'arm' of the attribute 'trigger' of 'Frame.g'"},
+        {"<TaskGroup name='h' resolve='clock'/>", "'clock' of the attribute 'resolve' of 'Frame.h'"},
+        {"<TaskGroup name='i' depends='speed'/>", "'speed' of the attribute 'depends' of 'Frame.i'"},
+        {"<TaskGroup name='j' dispatch='speed'/>", "'speed' of the attribute 'dispatch' of 'Frame.j'"},
+        {"<TaskGroup name='k' bindContext='x'/>", "'x' of the attribute 'bindContext' of 'Frame.k'"},
+        {"<Clock name='l' synchronize='speed'/>", "'speed' of the attribute 'synchronize' of 'Frame.l'"}};
+    for (const auto& [element, message] : cases)
+        elements += element + "\n";
+    const ref_ptr<Component> frame = load(elements);
+    dynamic_cast<zel::Clock*>(frame->findObject("clock"))->tick();
+    ASSERT_EQ(log.texts().size(), cases.size()) << log.text();
+    for (size_t i = 0; i < cases.size(); ++i)
+        EXPECT_THAT(
+            log.texts()[i],
+            StartsWith(at(static_cast<int>(i) + 3) + "the path " + cases[i].second + " leads nowhere"));
+}
+
 TEST_F(ModelFileSlipsTest, PathsThatLeadNowhereAreToldAtARebindInTheRoot) {
     const ref_ptr<Component> frame = load("<Value name='a' type='Real' bind='late'/>\n"
                                           "<Value name='b' type='Real' value='Math.Sin(@nothing)'/>");
