@@ -53,7 +53,7 @@ void NearName::consider(std::string_view name) {
     if (longer < 2 || difference > limit)
         return;
     const size_t distance = isSameIgnoringCase(name, m_wrong) ? 0 : editDistance(m_wrong, name);
-    if (distance > limit || distance >= m_bestDistance)
+    if (distance > limit || distance > m_bestDistance || (distance == m_bestDistance && name > m_best))
         return;
     m_bestDistance = distance;
     m_best = name;

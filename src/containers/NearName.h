@@ -8,7 +8,8 @@
 namespace zel {
 
 /// Looks among the names that there are for the one that a wrong name was meant to be: one that differs in
-/// case alone, or in a quarter of its letters at most. Of two that are as near the first one counts.
+/// case alone, or in a quarter of its letters at most. Of two that are as near the one counts that is first
+/// in the order of their letters, in whatever order tables and directories give them.
 class NearName {
 public:
     explicit NearName(std::string_view wrong) : m_wrong(wrong) {}

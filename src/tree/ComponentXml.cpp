@@ -135,12 +135,13 @@ std::string explainSource(const TiXmlElement* element, const char* source) {
     }
     String file;
     Path remainder;
-    if (const std::string hint = path.hasTail() ? std::string() : hintOfModel(here, path.back());
-        !hint.empty())
-        return "there is no such model" + hint;
     if (Model::getDiskPath(here + path, file, remainder, "zelComponent") ||
         Model::getDiskPath(path, file, remainder, "zelComponent"))
         return "the file '" + file + "' gives no such component, or is being read and leads back here";
+    // One of the models above in this file may be meant, or one that lies in another file.
+    if (const std::string hint = path.hasTail() ? std::string() : hintOfModel(here, path.back());
+        !hint.empty())
+        return "there is no such model" + hint;
     return explainMissingFile(path, Extension, here);
 }
 

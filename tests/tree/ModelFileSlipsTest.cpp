@@ -391,6 +391,13 @@ TEST_F(ModelFileSlipsTest, ModelsOfTheSameFileNearToAWrongNameAreOffered) {
                           "'First'?). Error at row 2"));
 }
 
+TEST_F(ModelFileSlipsTest, SourceWhoseFileIsThereIsNotSaidToBeMissing) {
+    const std::string other = directory.write("Components/Lab/Base.zelComponent", "<Component name='Bass'/>");
+    EXPECT_THAT(failure("<Component source='Base'/>"),
+                HasSubstr("Unable to locate source component 'Base': the file '" + other +
+                          "' gives no such component"));
+}
+
 TEST_F(ModelFileSlipsTest, PathsOfTheProgramAreExplainedAsWell) {
     load("");
     EXPECT_EQ(Component::load("Lab/Frame", nullptr), nullptr);
