@@ -339,8 +339,10 @@ TEST_F(ParameterTest, XmlOfEntityParametersWithoutATypeFails) {
         };
         EXPECT_THAT(load(" name='p'"), HasSubstr("] XML error: Parameter must have a type!. Error at row 2"))
             << tag;
-        EXPECT_THAT(load(" name='p' type='No.Such'"),
-                    HasSubstr("] XML error: Unable to load entity 'No.Such': looked for 'No/Such.zelEntity', also below"))
+        EXPECT_THAT(
+            load(" name='p' type='No.Such'"),
+            HasSubstr(
+                "] XML error: Unable to load entity 'No.Such': looked for 'No/Such.zelEntity', also below"))
             << tag;
     }
 }

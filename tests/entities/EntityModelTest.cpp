@@ -386,8 +386,10 @@ TEST_F(EntityModelMaliciousTest, AStorageIsNoPartOfItself) {
 
 TEST_F(EntityModelMaliciousTest, SaysWhatIsWrongInTheXml) {
     EXPECT_THAT(xmlFailure("<Entity.Model/>"), HasSubstr("Could not locate attribute 'name'"));
-    EXPECT_THAT(xmlFailure("<Entity.Model name='A' source='Nothing'/>"),
-                HasSubstr("XML error: Unable to load source entity 'Nothing': looked for 'Nothing.zelEntity', also below"));
+    EXPECT_THAT(
+        xmlFailure("<Entity.Model name='A' source='Nothing'/>"),
+        HasSubstr(
+            "XML error: Unable to load source entity 'Nothing': looked for 'Nothing.zelEntity', also below"));
     EXPECT_THAT(xmlFailure("<Entity.Model instance='Nothing'/>"),
                 HasSubstr("Unable to load entity 'Nothing'"));
     EXPECT_THAT(xmlFailure("<Entity.Model name='A' useInstanceTable='maybe'/>"),
