@@ -1,6 +1,7 @@
 #pragma once
 
 #include <zel/Callback.h>
+#include <zel/FirstException.h>
 #include <zel/Integers.h>
 #include <zel/Name.h>
 #include <zel/Vector.h>
@@ -83,14 +84,15 @@ public:
             __builtin_prefetch(m_list->entries.front().get());
     }
 
-    /// Calls the active callbacks by index. An exception from a callback ends the walk and leaves the list
-    /// usable.
+    /// Calls the active callbacks by index, each also where another one throws; the first exception comes out
+    /// at the end.
     template <typename... Arguments>
     void fire(Arguments&&... arguments) {
         if (!m_list)
             return;
         auto& entries = m_list->entries;
         const Walk walk(m_list->depth);
+        FirstException failure;
         for (size_t running = 0; running < entries.size(); ++running) {
             // Entries stay where they are while their callbacks run, whatever those do to the list.
             Entry* entry = entries[running].get();
@@ -106,8 +108,9 @@ public:
                 continue;
             if (entry->oneShot)
                 entry->active = false;
-            entry->callback(arguments...);
+            failure.run([&] { entry->callback(arguments...); });
         }
+        failure.rethrow();
     }
 
 private:

@@ -1,10 +1,10 @@
 #include "ListenerLoop.h"
 #include "RestoreContent.h"
-#include "containers/FirstException.h"
 
 #include <zel/Container.h>
 #include <zel/CpuDevice.h>
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Model.h>
 #include <zel/Verify.h>
 #include <zelData/ArrayFormat.h>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zel/FirstException.h>
 #include <zel/Integers.h>
 #include <zelData/Value.h>
 
@@ -77,8 +78,10 @@ private:
         }
         // The callbacks may drop the last reference but this one; then nothing depends on the value.
         const zel::ref_ptr<Value> keep(value->referenceCount() > 0 ? value : nullptr);
-        value->updateEvent.fire(value);
-        value->m_eventDispatch.triggerUpdateEvent(value);
+        zel::FirstException failure;
+        failure.run([value] { value->updateEvent.fire(value); });
+        failure.run([value] { value->m_eventDispatch.triggerUpdateEvent(value); });
+        failure.rethrow();
         if (!value->hasCallbacks())
             value->updateAudible(); // those that were to be called once have gone
         descend(value);

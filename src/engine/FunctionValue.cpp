@@ -1,6 +1,7 @@
 #include "containers/FlagScope.h"
 
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/HashSet.h>
 #include <zel/Parameter.h>
 #include <zel/ScalarParameter.h>
@@ -9,7 +10,6 @@
 #include <zel/UnresolvedTask.h>
 #include <zelData/FunctionValue.h>
 
-#include <exception>
 #include <stdexcept>
 
 namespace zelData {
@@ -94,12 +94,8 @@ void FunctionValue::injectFunctionInstance(zel::UnresolvedTask* proxy) {
                      parameterUpdateCallback(changed);
                  })});
     // One that fails is followed all the same: with other arguments it may succeed.
-    std::exception_ptr failure;
-    try {
-        compute();
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    zel::FirstException failure;
+    failure.run([this] { compute(); });
     if (m_task == task) {
         try {
             bind(result->getValue());
@@ -108,8 +104,7 @@ void FunctionValue::injectFunctionInstance(zel::UnresolvedTask* proxy) {
             throw;
         }
     }
-    if (failure)
-        std::rethrow_exception(failure);
+    failure.rethrow();
 }
 
 void FunctionValue::compute() {

@@ -2,6 +2,7 @@
 
 #include <zel/Device.h>
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Namespace.h>
 #include <zel/Verify.h>
 #include <zelData/ContainerAttribute.h>
@@ -138,17 +139,10 @@ void EntityModel::removeChild(EntityModel* child) {
 /// Calls visit on each storage. A failure is passed on after all others have had their turn.
 template <typename Visit>
 void EntityModel::forEachStorage(const Visit& visit) {
-    std::exception_ptr failure;
-    for (EntityStorage* storage : m_storages) {
-        try {
-            visit(storage);
-        } catch (...) {
-            if (!failure)
-                failure = std::current_exception();
-        }
-    }
-    if (failure)
-        std::rethrow_exception(failure);
+    zel::FirstException failure;
+    for (EntityStorage* storage : m_storages)
+        failure.run([&] { visit(storage); });
+    failure.rethrow();
 }
 
 /// The first id that neither this model nor one derived from it uses, nor a storage for a column of its own.
@@ -189,21 +183,12 @@ void EntityModel::propagateNewAttribute(Attribute* attribute) {
     // The list is in id order: the attribute of a base that is added late has the highest id as well.
     m_attributes.push_back(attribute);
     m_attributeTable.insert(attribute->getName(), attribute);
-    std::exception_ptr failure;
-    const auto keepFailure = [&failure](const auto& work) {
-        try {
-            work();
-        } catch (...) {
-            if (!failure)
-                failure = std::current_exception();
-        }
-    };
-    keepFailure(
+    zel::FirstException failure;
+    failure.run(
         [&] { forEachStorage([attribute](EntityStorage* storage) { storage->addAttribute(attribute); }); });
     for (EntityModel* child : m_children)
-        keepFailure([&] { child->propagateNewAttribute(attribute); });
-    if (failure)
-        std::rethrow_exception(failure);
+        failure.run([&] { child->propagateNewAttribute(attribute); });
+    failure.rethrow();
 }
 
 Attribute* EntityModel::getAttribute(const zel::Name& name) const {

@@ -1,6 +1,6 @@
 #include "EntityStorageImplementation.h"
-#include "containers/FirstException.h"
 
+#include <zel/FirstException.h>
 #include <zel/ThreadLocalAllocator.h>
 #include <zel/Verify.h>
 #include <zelData/EntityModel.h>

@@ -1,7 +1,7 @@
 #include "EntityStorageImplementation.h"
-#include "containers/FirstException.h"
 
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Verify.h>
 #include <zelData/Format.h>
 #include <zelData/SpareBlocks.h>

@@ -1,8 +1,8 @@
 #include "EntityStorageImplementation.h"
-#include "containers/FirstException.h"
 #include "data/RestoreContent.h"
 
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Verify.h>
 #include <zelData/EntityData.h>
 #include <zelData/ValueT.h>

@@ -5,6 +5,7 @@
 #include <zel/Component.h>
 #include <zel/ComponentVisitor.h>
 #include <zel/Device.h>
+#include <zel/FirstException.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/Verify.h>
@@ -206,15 +207,17 @@ void Component::trigger(TreeEvent Component::*event, Object* object) {
             keep.emplace_back(*component);
             listening.push_back(component);
         }
-    (this->*event).fire(this, object);
+    FirstException failure;
+    failure.run([&] { (this->*event).fire(this, object); });
     for (Component* above : listening) {
         // The object may have left again, or come back, and this component may lie elsewhere by now.
         const bool isHere = object->m_holder == this;
         if (isHere != (event == &Component::addObjectEvent))
-            return;
+            break;
         if (hasParent(above))
-            (above->*event).fire(this, object);
+            failure.run([&] { (above->*event).fire(this, object); });
     }
+    failure.rethrow();
 }
 
 void Component::addObject(Object* object, bool assignContext) {
@@ -288,22 +291,16 @@ bool Component::removeObject(const Name& name, size_t index) {
 void Component::removeAllObjects() {
     const Keep self(*this);
     const Vector<ref_ptr<Object>> objects(m_objects);
-    std::exception_ptr failure;
+    FirstException failure;
     for (size_t i = objects.size(); i-- > 0;) {
         if (objects[i]->m_holder != this)
             continue;
         size_t index = m_objects.size() - 1; // the last one, but for those that callbacks have added
         while (m_objects[index] != objects[i])
             --index;
-        try {
-            removeAt(index);
-        } catch (const std::exception&) {
-            if (!failure)
-                failure = std::current_exception();
-        }
+        failure.run([&] { removeAt(index); });
     }
-    if (failure)
-        std::rethrow_exception(failure);
+    failure.rethrow();
 }
 
 Object* Component::findObject(const Name& name, Model* model, size_t index) const {

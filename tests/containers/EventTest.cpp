@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -141,7 +143,24 @@ TEST_F(EventTest, ACallbackConnectedDuringTheWalkIsCalledInIt) {
     EXPECT_EQ(m_event.size(), 1U);
 }
 
-TEST_F(EventTest, AnExceptionEndsTheWalkAndLeavesTheEventUsable) {
+TEST_F(EventTest, EachCallbackIsCalledWhereSomeThrowAndTheFirstExceptionComesOut) {
+    m_event.connect([] { throw std::runtime_error("first"); });
+    m_event.connect(noting('a'));
+    m_event.connect([] { throw std::logic_error("second"); }, true);
+    m_event.connect(noting('b'));
+    EXPECT_THROW(m_event.fire(), std::runtime_error);
+    EXPECT_EQ(m_calls, "ab");
+    EXPECT_EQ(m_event.size(), 3U);
+}
+
+TEST_F(EventTest, AThreadThatEndsWithinACallbackIsNotHeldUp) {
+    m_event.connect([] { pthread_exit(nullptr); });
+    m_event.connect(noting('a'));
+    std::thread([this] { m_event.fire(); }).join();
+    EXPECT_EQ(m_calls, "");
+}
+
+TEST_F(EventTest, AnExceptionLeavesTheEventUsable) {
     bool armed = true;
     m_event.connect(noting('a'));
     m_event.connect([&] {
@@ -151,7 +170,7 @@ TEST_F(EventTest, AnExceptionEndsTheWalkAndLeavesTheEventUsable) {
     });
     const auto last = m_event.connect(noting('c'));
     EXPECT_THROW(m_event.fire(), std::runtime_error);
-    EXPECT_EQ(m_calls, "a");
+    EXPECT_EQ(m_calls, "ac");
     armed = false;
     EXPECT_EQ(fire(), "abc");
     m_event.disconnect(last);

@@ -607,6 +607,29 @@ TEST(ValueTest, AnExceptionLeavesUpdatesUsable) {
     EXPECT_EQ(updates, 2);
 }
 
+TEST(ValueTest, CallbacksAndListenersAreToldWhereOneOfThemThrows) {
+    struct Listener : Value::EventListener {
+        void updateCallback(Value*) override {
+            ++calls;
+            throw std::runtime_error("listener");
+        }
+        int calls = 0;
+    };
+    const ref_ptr<Real> value = real("v");
+    Listener first;
+    Listener second;
+    value->addListener(&first);
+    value->addListener(&second);
+    int updates = 0;
+    value->updateEvent.connect([](Value*) { throw std::runtime_error("callback"); });
+    value->updateEvent.connect([&](Value*) { ++updates; });
+    EXPECT_EQ(whatOf([&] { value->set(1); }), "callback");
+    EXPECT_EQ(updates, 1);
+    EXPECT_EQ(first.calls + second.calls, 2);
+    value->removeListener(&first);
+    value->removeListener(&second);
+}
+
 TEST(ValueTest, UpdateTellsOfAChangeInPlace) {
     const ref_ptr<Real> root = real("root");
     const ref_ptr<Value> narrow(new Value("n", getFormat("Real:32bit")));

@@ -201,6 +201,16 @@ TEST_F(ComponentCallbackTest, ThrowingRemoveCallbackLeavesNoContext) {
     EXPECT_EQ(inner->getNumObjects(), 0U);
 }
 
+TEST_F(ComponentCallbackTest, ComponentsAboveAreToldWhereACallbackBelowThrows) {
+    const auto connection = inner->addObjectEvent.connect([](Component*, Object*) { fail(); });
+    inner->removeObjectEvent.connect([](Component*, Object*) { fail(); });
+    auto* object = new Object("o");
+    EXPECT_THROW(inner->addObject(object), std::runtime_error);
+    inner->addObjectEvent.disconnect(connection);
+    EXPECT_THROW(inner->removeObject(object), std::runtime_error);
+    EXPECT_THAT(news, ElementsAre("+o", "-o"));
+}
+
 TEST_F(ComponentCallbackTest, ThrowingCallbackOfADyingComponentIsAWarning) {
     const ref_ptr<Object> object(new Object("o"));
     inner->addObject(object.get());

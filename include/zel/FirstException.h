@@ -5,15 +5,20 @@
 namespace zel {
 
 /// For steps that must all be taken, whatever one of them throws: keeps the first exception for the end.
+/// @threads external lock
 class FirstException {
 public:
+    /// Does not hold up a thread that is being cancelled.
     template <typename Step>
-    void run(const Step& step) noexcept {
+    void run(const Step& step) {
         try {
             step();
         } catch (...) {
+            const std::exception_ptr exception = std::current_exception();
+            if (!exception)
+                throw; // what unwinds a cancelled thread
             if (!m_first)
-                m_first = std::current_exception();
+                m_first = exception;
         }
     }
     /// Throws what was kept, if anything was.
