@@ -2,6 +2,7 @@
 #include "containers/GraphWalk.h"
 
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Model.h>
 #include <zel/TaskGroup.h>
 #include <zel/Verify.h>
@@ -88,8 +89,15 @@ void TaskGroup::registerSubtask(Task* subtask, size_t index) {
                  "Subtask '%s' is already part of a group!",
                  subtask->getPath().c_str());
     verifyNoLoop(subtask);
-    addObject(subtask);
-    m_subtasks.insert(m_subtasks.begin() + index, subtask);
+    const ref_ptr<Task> keep(subtask);
+    FirstException failure;
+    failure.run([this, subtask] { addObject(subtask); });
+    // The callbacks may have let it go again, or have taken others out.
+    if (subtask->getContext() != this || subtask->getGroup() != nullptr) {
+        failure.rethrow();
+        return;
+    }
+    m_subtasks.insert(m_subtasks.begin() + std::min(index, m_subtasks.size()), subtask);
     m_preJob.addDependent(subtask->getPreJob());
     subtask->getPostJob()->addDependent(&m_postJob);
     // Its edges to other subtasks lead out of no group any more.
@@ -106,7 +114,8 @@ void TaskGroup::registerSubtask(Task* subtask, size_t index) {
     countThreadTasks(subtask->m_numThreadTasks);
     if (DisableHelper* helper = getDisableHelper())
         helper->registerSubtask(subtask);
-    subtaskAddedCallback(subtask);
+    failure.run([this, subtask] { subtaskAddedCallback(subtask); });
+    failure.rethrow();
 }
 
 void TaskGroup::verifyNoLoop(Task* subtask) {
@@ -132,13 +141,21 @@ void TaskGroup::addSubtask(Task* subtask) {
 
 void TaskGroup::addSubtaskAfter(Task* subtask, Task* parent) {
     const size_t index = indexOf(parent) + 1;
-    Task* follower = m_sequential && index < m_subtasks.size() ? m_subtasks[index] : nullptr;
-    registerSubtask(subtask, index);
-    subtask->addDependency(parent);
-    if (follower != nullptr) {
-        follower->removeDependency(parent);
-        follower->addDependency(subtask);
+    const ref_ptr<Task> keep(subtask);
+    const ref_ptr<Task> keepParent(parent);
+    const ref_ptr<Task> follower(m_sequential && index < m_subtasks.size() ? m_subtasks[index] : nullptr);
+    FirstException failure;
+    failure.run([this, subtask, index] { registerSubtask(subtask, index); });
+    // The callbacks may have let go of each of the three.
+    if (subtask->getGroup() == this) {
+        if (parent->getGroup() == this)
+            subtask->addDependency(parent);
+        if (follower && follower->getGroup() == this) {
+            follower->removeDependency(parent);
+            follower->addDependency(subtask);
+        }
     }
+    failure.rethrow();
 }
 
 void TaskGroup::addSubtaskBefore(Task* subtask, Task* child) {
@@ -147,15 +164,24 @@ void TaskGroup::addSubtaskBefore(Task* subtask, Task* child) {
         addSubtaskAfter(subtask, m_subtasks[index - 1]);
         return;
     }
-    registerSubtask(subtask, index);
-    child->addDependency(subtask);
+    const ref_ptr<Task> keep(subtask);
+    const ref_ptr<Task> keepChild(child);
+    FirstException failure;
+    failure.run([this, subtask, index] { registerSubtask(subtask, index); });
+    if (subtask->getGroup() == this && child->getGroup() == this)
+        child->addDependency(subtask);
+    failure.rethrow();
 }
 
 void TaskGroup::addSubtaskBetween(Task* subtask, Task* parent, Task* child) {
     static_cast<void>(indexOf(child));
-    addSubtaskAfter(subtask, parent);
-    if (!child->getParents().contains(subtask))
+    const ref_ptr<Task> keep(subtask);
+    const ref_ptr<Task> keepChild(child);
+    FirstException failure;
+    failure.run([this, subtask, parent] { addSubtaskAfter(subtask, parent); });
+    if (subtask->getGroup() == this && child->getGroup() == this && !child->getParents().contains(subtask))
         child->addDependency(subtask);
+    failure.rethrow();
 }
 
 bool TaskGroup::removeSubtask(Task* subtask) {
