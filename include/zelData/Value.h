@@ -246,7 +246,7 @@ public:
 protected:
     [[nodiscard]] const void* storage() const noexcept { return m_storage; }
     /// Takes another path without looking it up.
-    void setBindPath(const zel::Path& path) { m_bindPath = path; }
+    void setBindPath(const zel::Path& path);
     /// Fails unless the elements of the format are of this size and class.
     void verifyElement(zel::size_t size, const char* implementation) const;
     /// For a value that is a member of another object, which counts as one that holds it.

@@ -15,6 +15,7 @@ class ValueT : public Value {
 public:
     explicit ValueT(const zel::Name& name = zel::Name()) : Value(name, TypeBinding<T>::getType()) {
         verifyElement(sizeof(T), typeid(T).name());
+        rebindsOnDemand(typeid(ValueT));
     }
     ValueT(const zel::Name& name, const T& content) : ValueT(name) { set(content); }
 
@@ -33,9 +34,15 @@ public:
 template <typename T>
 class Val final : public ValueT<T> { // NOLINT(cppcoreguidelines-virtual-class-destructor): is virtual
 public:
-    explicit Val(const zel::Name& name = zel::Name()) : ValueT<T>(name) { this->enterOwner(); }
-    Val(const zel::Name& name, const T& content) : ValueT<T>(name, content) { this->enterOwner(); }
+    explicit Val(const zel::Name& name = zel::Name()) : ValueT<T>(name) { init(); }
+    Val(const zel::Name& name, const T& content) : ValueT<T>(name, content) { init(); }
     ~Val() override { this->leaveOwner(); }
+
+private:
+    void init() {
+        this->enterOwner();
+        this->rebindsOnDemand(typeid(Val));
+    }
 };
 
 } // namespace zelData

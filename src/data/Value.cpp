@@ -124,6 +124,7 @@ Value::Value(const zel::Name& name, const Type* type)
     : Value(name, type == nullptr ? static_cast<const Format*>(nullptr) : type->getDefaultFormat()) {}
 
 Value::Value(const zel::Name& name, const Format* format) : Object(name, ClassModel()) {
+    rebindsOnDemand(typeid(Value));
     setFormat(format);
 }
 
@@ -412,6 +413,7 @@ void Value::verifyBindable(const Value* other) const {
 }
 
 void Value::joinBinding(Value* binding) {
+    demandRebind();
     updateAudible(); // while no binding counts this value
     m_binding = binding;
     m_place = static_cast<zel::uint32>(binding->m_dependents.size());
@@ -533,10 +535,16 @@ bool Value::bind(zel::Object* object) {
     return true;
 }
 
+void Value::setBindPath(const zel::Path& path) {
+    demandRebind();
+    m_bindPath = path;
+}
+
 void Value::bind(const zel::Path& path) {
     const zel::ref_ptr<Value> keep(referenceCount() > 0 ? this : nullptr);
     const zel::ref_ptr<Value> oldBinding(m_binding);
-    const zel::Path oldPath = std::exchange(m_bindPath, path);
+    const zel::Path oldPath(m_bindPath);
+    setBindPath(path);
     if (!getEnableRebind())
         return;
     try {

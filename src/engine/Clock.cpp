@@ -57,6 +57,7 @@ Clock::Clock(const Name& name, double frequency)
                "%s: The frequency of a clock and its timestep must be finite",
                name.c_str());
     setModel(ClassModel());
+    rebindsOnDemand(typeid(Clock));
     adoptJob(m_job);
     for (zelData::Value* value : std::initializer_list<zelData::Value*>{
              &m_time, &m_frequency, &m_timeModulation, &m_timeStep, &m_frame})
@@ -394,6 +395,7 @@ void Clock::slaveTick() {
 
 void Clock::bind(const Path& path) {
     m_masterPath = path;
+    demandRebind();
     if (getEnableRebind())
         rebind();
 }

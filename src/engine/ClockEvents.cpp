@@ -24,6 +24,20 @@ bool isRefused(const char* what, double time) {
     return true;
 }
 
+/// Of the values of an event: there may be a million.
+struct ValueNames {
+    Name startDelay{"startDelay"};
+    Name interval{"interval"};
+    Name repeating{"repeating"};
+    Name enabled{"enabled"};
+    Name callbacks{"Callbacks"};
+};
+
+const ValueNames& names() {
+    static const ValueNames names;
+    return names;
+}
+
 } // namespace
 
 void Clock::addEvent(Event* event) {
@@ -217,13 +231,14 @@ Clock::Event::Event(const Name& name) : Event(name, -1, 0) {}
 
 Clock::Event::Event(const Name& name, double interval, double startDelay)
     : Component(name, Component::ClassModel())
-    , callbacks(Name("Callbacks"), this)
+    , callbacks(names().callbacks, this)
     , m_presentInterval(interval)
     , m_presentStartDelay(startDelay)
-    , m_startDelay("startDelay", startDelay)
-    , m_interval("interval", interval)
-    , m_repeating("repeating", interval >= 0)
-    , m_enabled("enabled", true) {
+    , m_startDelay(names().startDelay, startDelay)
+    , m_interval(names().interval, interval)
+    , m_repeating(names().repeating, interval >= 0)
+    , m_enabled(names().enabled, true) {
+    rebindsOnDemand(typeid(Event));
     zelVerifyN(!std::isnan(interval) && !std::isnan(startDelay),
                "%s: The interval and the start delay of an event must be numbers",
                name.c_str());

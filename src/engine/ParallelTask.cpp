@@ -16,6 +16,7 @@ ParallelTask::ParallelTask(const Name& name, Device* device)
     , m_preJob(*this)
     , m_dispatchJob(*this, m_jobName.c_str())
     , m_postJob(*this) {
+    rebindsOnDemand(typeid(ParallelTask));
     adoptJob(m_preJob);
     adoptJob(m_dispatchJob);
     adoptJob(m_postJob);

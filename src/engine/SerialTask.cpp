@@ -8,6 +8,7 @@
 namespace zel {
 
 SerialTask::SerialTask(const Name& name, Device* device) : Task(name, device), m_jobName(name), m_job(*this) {
+    rebindsOnDemand(typeid(SerialTask));
     adoptJob(m_job);
 }
 

@@ -170,8 +170,10 @@ void noteMissing(const Task& task, const char* attribute, const Path& path) {
 } // namespace
 
 Task::Paths& Task::paths() {
-    if (!m_paths)
+    if (!m_paths) {
         m_paths = std::make_unique<Paths>();
+        demandRebind();
+    }
     return *m_paths;
 }
 

@@ -17,6 +17,7 @@ namespace zel {
 TaskGroup::TaskGroup(const Name& name, bool sequential, Device* device)
     : Task(name, device), m_sequential(sequential), m_preJob(*this), m_postJob(*this) {
     setModel(ClassModel());
+    rebindsOnDemand(typeid(TaskGroup));
     adoptJob(m_preJob);
     adoptJob(m_postJob);
     // Also without any subtask.

@@ -31,6 +31,7 @@ void Task::addParameter(Parameter* parameter, size_t index) {
     m_parameters.insert(m_parameters.begin() + index, ref_ptr<Parameter>(parameter));
     for (size_t i = index; i < m_parameters.size(); ++i)
         m_parameters[i]->setTask(this, i);
+    demandRebind();
     addObject(parameter);
     parameterAddedCallback(parameter);
     parameterAddedEvent.fire(this, parameter);

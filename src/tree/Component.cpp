@@ -116,12 +116,14 @@ Component::Component(const Name& name, Model* model, Device* device)
     : Object(name, model)
     , addObjectEvent(addObjectEventName(), this)
     , removeObjectEvent(removeObjectEventName(), this) {
+    rebindsOnDemand(typeid(Component));
     setDevice(device);
 }
 
 Component::~Component() {
-    for (size_t i = 0; i < m_objects.size(); ++i)
-        m_objects[i]->setContext(nullptr);
+    for (size_t place = 0; place < m_objects.getNumPlaces(); ++place)
+        if (Object* object = m_objects.at(place))
+            object->setContext(nullptr);
     try {
         removeAllObjects();
     } catch (const std::exception& error) {
@@ -130,8 +132,8 @@ Component::~Component() {
         ZEL_LOG_WARNING("While '" << getName() << "' was destroyed: " << error.what());
     }
     // What callbacks have added to the dying component goes without farewell.
-    const Vector<ref_ptr<Object>> late(std::move(m_objects));
-    for (const ref_ptr<Object>& object : late) {
+    for (const ref_ptr<Object>& object : m_objects.hold()) {
+        m_objects.erase(object.get());
         unlink(object.get());
         if (object->getContext() == this)
             object->setContext(nullptr);
@@ -231,6 +233,7 @@ void Component::addObject(Object* object, bool assignContext) {
     const ref_ptr<Object> keep(object);
     m_objects.push_back(object);
     link(object);
+    object->updateDemand();
     if (assignContext)
         object->setContext(this);
     trigger(&Component::addObjectEvent, object);
@@ -265,21 +268,32 @@ void Component::detach(Object* object) {
     object->rebind();
 }
 
-void Component::removeAt(size_t index) {
+void Component::remove(Object* object) {
     const Keep self(*this);
-    const ref_ptr<Object> object = m_objects[index];
-    m_objects.erase(m_objects.begin() + index);
-    unlink(object.get());
-    detach(object.get());
+    const ref_ptr<Object> keep(object);
+    m_objects.erase(object);
+    // A pass under way goes by the places.
+    if (m_rebindDepth == 0)
+        m_objects.closeUp();
+    unlink(object);
+    updateHolding();
+    detach(object);
+}
+
+void Component::noteDemand(Object* object, bool demands) {
+    m_objects.setDemanding(object, demands);
+    updateHolding();
+}
+
+void Component::updateHolding() {
+    m_holdsDemanding = m_objects.getNumDemanding() != 0;
+    updateDemand();
 }
 
 bool Component::removeObject(Object* object) {
-    const auto position = std::find_if(m_objects.begin(),
-                                       m_objects.end(),
-                                       [object](const ref_ptr<Object>& child) { return child == object; });
-    if (position == m_objects.end())
+    if (object == nullptr || object->m_holder != this)
         return false;
-    removeAt(static_cast<size_t>(position - m_objects.begin()));
+    remove(object);
     return true;
 }
 
@@ -290,16 +304,11 @@ bool Component::removeObject(const Name& name, size_t index) {
 
 void Component::removeAllObjects() {
     const Keep self(*this);
-    const Vector<ref_ptr<Object>> objects(m_objects);
+    const Vector<ref_ptr<Object>> objects = m_objects.hold();
     FirstException failure;
-    for (size_t i = objects.size(); i-- > 0;) {
-        if (objects[i]->m_holder != this)
-            continue;
-        size_t index = m_objects.size() - 1; // the last one, but for those that callbacks have added
-        while (m_objects[index] != objects[i])
-            --index;
-        failure.run([&] { removeAt(index); });
-    }
+    for (size_t i = objects.size(); i-- > 0;)
+        if (objects[i]->m_holder == this)
+            failure.run([&] { remove(objects[i].get()); });
     failure.rethrow();
 }
 
@@ -322,9 +331,10 @@ size_t Component::getNumObjects(const Name& name) const {
 }
 
 void Component::getObjects(Vector<Object*>& objects, Model* model) const {
-    for (const ref_ptr<Object>& object : m_objects)
-        if (fits(object.get(), model))
-            objects.push_back(object.get());
+    m_objects.forEach([&objects, model](Object* object) {
+        if (fits(object, model))
+            objects.push_back(object);
+    });
 }
 
 void Component::rebind() {
@@ -343,13 +353,11 @@ void Component::rebind() {
             uint64& depth;
         } guard(m_rebindDepth);
 
-        for (size_t i = 0; i < m_objects.size();) {
-            const ref_ptr<Object> object = m_objects[i];
+        for (size_t place = 0; (place = m_objects.nextDemanding(place)) != ObjectList::NoPlace;) {
+            const ref_ptr<Object> object(m_objects.at(place));
             const uint64 before = m_rebindDepth;
             object->rebind();
-            // Also anew where the object, or one ahead of it, has been removed: the others have moved up.
-            const bool isInPlace = i < m_objects.size() && m_objects[i] == object;
-            i = m_rebindDepth == before && isInPlace ? i + 1 : 0;
+            place = m_rebindDepth == before ? place + 1 : 0;
         }
     }
     // A tree that is still being put together is not looked at: what is missing may be added next.
@@ -397,8 +405,7 @@ Object* Component::getResourceImpl(const Path& path, Model* model) {
 void Component::traverse(const Callback1<Object*>& callback) {
     const Keep self(*this);
     callback(this);
-    const Vector<ref_ptr<Object>> objects(m_objects);
-    for (const ref_ptr<Object>& object : objects) {
+    for (const ref_ptr<Object>& object : m_objects.hold()) {
         if (object->m_holder != this)
             continue;
         if (auto* component = dynamic_cast<Component*>(object.get()))
@@ -410,8 +417,7 @@ void Component::traverse(const Callback1<Object*>& callback) {
 
 void Component::traverse(ComponentVisitor* visitor) {
     const Keep self(*this);
-    const Vector<ref_ptr<Object>> objects(m_objects);
-    for (const ref_ptr<Object>& object : objects) {
+    for (const ref_ptr<Object>& object : m_objects.hold()) {
         if (object->m_holder != this)
             continue;
         if (auto* component = dynamic_cast<Component*>(object.get()))
@@ -435,28 +441,29 @@ void Component::printSubtree(std::ostream& stream, int indentation) const {
         stream << '\n';
     };
     line(this, indentation);
-    for (const ref_ptr<Object>& object : m_objects) {
-        if (const auto* component = dynamic_cast<const Component*>(object.get()))
+    m_objects.forEach([&](const Object* object) {
+        if (const auto* component = dynamic_cast<const Component*>(object))
             component->printSubtree(stream, indentation + 1);
         else
-            line(object.get(), indentation + 1);
-    }
+            line(object, indentation + 1);
+    });
 }
 
 void Component::buildNavigationTree(Json::Value& json) const {
     Object::buildNavigationTree(json);
     Json::Value& objects = json["objects"] = Json::Value(Json::arrayValue);
-    for (const ref_ptr<Object>& object : m_objects) {
+    m_objects.forEach([&objects](const Object* object) {
         Json::Value child(Json::objectValue);
         object->buildNavigationTree(child);
         objects.append(std::move(child));
-    }
+    });
 }
 
 void Component::autoComplete(const String& text, Vector<String>& list) {
-    for (const ref_ptr<Object>& object : m_objects)
+    m_objects.forEach([&](const Object* object) {
         if (beginsWithIgnoringCase(object->getName().c_str(), text))
             list.push_back(object->getName().str());
+    });
 }
 
 Model* Component::ClassModel() {

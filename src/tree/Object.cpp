@@ -86,6 +86,7 @@ void Object::EventListener::destroyCallback(Object*) {}
 
 Object::Object(const Name& name, Model* model)
     : m_id(s_nextId.fetch_add(1, std::memory_order_relaxed)), m_name(name) {
+    rebindsOnDemand(typeid(Object));
     setModel(model);
 }
 
@@ -121,6 +122,16 @@ void Object::setContext(Object* context) {
 }
 
 void Object::rebind() {}
+
+void Object::updateDemand() {
+    if (m_holder == nullptr)
+        return;
+    // Also true of an object that is still being made, or is being destroyed: its class is another then.
+    const bool demands =
+        m_demandsRebind || m_holdsDemanding || m_demandClass == nullptr || *m_demandClass != typeid(*this);
+    if (demands != m_isDemanding)
+        m_holder->noteDemand(this, demands);
+}
 
 Object* Object::getResourceImpl(const Path& path, Model* model) {
     const bool fits = model == nullptr || (m_model != nullptr && m_model->is(model));
