@@ -1,7 +1,6 @@
-// Tasks beside oneTBB and a pool of std::threads: one small task, a graph of them, and the ticks of a clock.
+// Tasks beside oneTBB and a pool of std::threads: one small task, and graphs of them.
 #include "Threads.h"
 
-#include <zel/Clock.h>
 #include <zel/SerialTask.h>
 #include <zel/TaskGroup.h>
 #include <zel/Thread.h>
@@ -28,7 +27,6 @@
 
 namespace {
 
-using zel::Clock;
 using zel::ref_ptr;
 using zel::SerialTask;
 using zel::Task;
@@ -233,52 +231,25 @@ BENCHMARK(graphZel<false>)->Name("BM_TaskGraph/zel")->Apply(graphArguments);
 BENCHMARK(graphZel<true>)->Name("BM_TaskGraph/zelNested")->Apply(graphArguments);
 BENCHMARK(graphTbb)->Name("BM_TaskGraph/tbb")->Apply(graphArguments);
 
-// Ticks of a clock with 10 tasks in each frame
+// A group with its tasks, built and taken apart
 
-ref_ptr<Clock> makeClock() {
+void buildGroup(benchmark::State& state) {
     setThreads(1);
-    return new Clock("clock", 1000);
-}
-
-/// @param state  how many events are due in each frame
-void tick(benchmark::State& state) {
-    const ref_ptr<Clock> clock = makeClock();
-    std::vector<ref_ptr<SerialTask>> tasks;
-    for (int i = 0; i < 10; ++i) {
-        tasks.push_back(new SerialTask("t", [] {}));
-        clock->addFrameTask(tasks.back().get());
+    const auto n = static_cast<size_t>(state.range(0));
+    for (auto _ : state) {
+        const ref_ptr<TaskGroup> group(new TaskGroup("group"));
+        for (size_t i = 0; i < n; ++i)
+            group->addSubtask(new SerialTask("t", [] {}));
+        benchmark::DoNotOptimize(group.get());
     }
-    zel::Object::setEnableRebind(false);
-    int64_t fired = 0;
-    for (int64_t i = 0; i < state.range(0); ++i)
-        clock->addEvent(new Clock::Event([&fired] { ++fired; }, clock->getTimeStep(), 0));
-    zel::Object::setEnableRebind(true);
-    clock->tick(false);
-    for (auto _ : state)
-        clock->tick(false);
-    benchmark::DoNotOptimize(fired);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(tick)->Name("BM_ClockTick/zel")->Arg(0)->Arg(10)->Arg(1000);
-
-/// The cost of an event, by how many are scheduled; each fires every hundredth frame or so.
-void events(benchmark::State& state) {
-    const ref_ptr<Clock> clock = makeClock();
-    zel::Object::setEnableRebind(false);
-    std::mt19937 random(3);
-    int64_t fired = 0;
-    for (int64_t i = 0; i < state.range(0); ++i) {
-        const double interval = clock->getTimeStep() * static_cast<double>(50 + random() % 100);
-        clock->addEvent(new Clock::Event([&fired] { ++fired; }, interval, interval));
-    }
-    zel::Object::setEnableRebind(true);
-    for (int i = 0; i < 200; ++i)
-        clock->tick(false);
-    fired = 0;
-    for (auto _ : state)
-        clock->tick(false);
-    state.SetItemsProcessed(fired);
-}
-BENCHMARK(events)->Name("BM_ClockEvents/zel")->Arg(10)->Arg(1000)->Arg(10000);
+BENCHMARK(buildGroup)
+    ->Name("BM_TaskGroupBuild/zel")
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 

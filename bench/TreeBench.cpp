@@ -8,12 +8,16 @@
 #include <malloc.h>
 #include <tinyxml.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <list>
 #include <map>
 #include <memory>
+#include <numeric>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -147,6 +151,49 @@ void removeMap(benchmark::State& state) {
     perItem(state, n);
 }
 
+// One component with many children, which leave in any order
+
+std::vector<size_t> shuffled(size_t n) {
+    std::vector<size_t> order(n);
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::shuffle(order.begin(), order.end(), std::mt19937(5));
+    return order;
+}
+
+void removeChildZel(benchmark::State& state) {
+    const auto n = static_cast<size_t>(state.range(0));
+    const std::vector<size_t> order = shuffled(n);
+    for (auto _ : state) {
+        state.PauseTiming();
+        const zel::ref_ptr<zel::Component> top(new zel::Component("top"));
+        std::vector<zel::Object*> children;
+        for (size_t i = 0; i < n; ++i) {
+            children.push_back(new zel::Object);
+            top->addObject(children.back());
+        }
+        state.ResumeTiming();
+        for (const size_t i : order)
+            top->removeObject(children[i]);
+    }
+    perItem(state, n);
+}
+
+void removeChildList(benchmark::State& state) {
+    const auto n = static_cast<size_t>(state.range(0));
+    const std::vector<size_t> order = shuffled(n);
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::list<zel::ref_ptr<zel::Object>> top;
+        std::vector<std::list<zel::ref_ptr<zel::Object>>::iterator> children;
+        for (size_t i = 0; i < n; ++i)
+            children.push_back(top.insert(top.end(), zel::ref_ptr<zel::Object>(new zel::Object)));
+        state.ResumeTiming();
+        for (const size_t i : order)
+            top.erase(children[i]);
+    }
+    perItem(state, n);
+}
+
 /// A model file of 100,000 elements below a directory that looks like a search path, for the whole process.
 class ModelFile {
 public:
@@ -205,6 +252,18 @@ BENCHMARK(findZel)->Name("BM_TreeFindDepth4/zel")->Arg(1000)->Arg(100000)->Unit(
 BENCHMARK(findMap)->Name("BM_TreeFindDepth4/std_map")->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(removeZel)->Name("BM_TreeRemove/zel")->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(removeMap)->Name("BM_TreeRemove/std_map")->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(removeChildZel)
+    ->Name("BM_TreeRemoveChild/zel")
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(removeChildList)
+    ->Name("BM_TreeRemoveChild/std_list")
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(loadZel)->Name("BM_LoadModel/zel")->Unit(benchmark::kMillisecond);
 BENCHMARK(loadTinyXml)->Name("BM_LoadModel/TinyXML_parse")->Unit(benchmark::kMillisecond);
 
