@@ -144,6 +144,44 @@ BENCHMARK(executeZel<true>)->Name("BM_ExecuteEmptyAfterPause/zel")->Apply(afterP
 BENCHMARK(executeTbb<true>)->Name("BM_ExecuteEmptyAfterPause/tbb")->Apply(afterPauses);
 BENCHMARK(executeStandard<true>)->Name("BM_ExecuteEmptyAfterPause/std")->Apply(afterPauses);
 
+// An empty task from a thread that is not the library's
+
+/// Runs the whole measurement on a thread of its own.
+template <typename Measure>
+void outside(const Measure& measure) {
+    std::thread(measure).join();
+}
+
+/// @param registered  whether the thread stays registered between the runs
+template <bool registered>
+void executeOutsideZel(benchmark::State& state) {
+    setThreads(1);
+    const ref_ptr<SerialTask> task(new SerialTask("empty", [] {}));
+    outside([&] {
+        if (registered)
+            zel::Thread::registerAsZelThread();
+        for (auto _ : state)
+            task->execute();
+        if (registered)
+            zel::Thread::unregisterAsZelThread();
+    });
+}
+
+void executeOutsideTbb(benchmark::State& state) {
+    const TbbThreads threads(1);
+    outside([&] {
+        for (auto _ : state) {
+            tbb::task_group group;
+            group.run([] {});
+            group.wait();
+        }
+    });
+}
+
+BENCHMARK(executeOutsideZel<false>)->Name("BM_ExecuteOutside/zel")->UseRealTime();
+BENCHMARK(executeOutsideZel<true>)->Name("BM_ExecuteOutside/zelRegistered")->UseRealTime();
+BENCHMARK(executeOutsideTbb)->Name("BM_ExecuteOutside/tbb")->UseRealTime();
+
 // 1,000 empty tasks in 10 layers of 100, each of which waits for 4 random ones of the layer before
 
 constexpr size_t NumLayers = 10;

@@ -305,8 +305,10 @@ void Task::resetAccumulationTimers(bool recursive) {
     m_numAccumulatedRuns = 0;
     if (!recursive)
         return;
-    for (size_t i = 0; i < getNumObjects(); ++i)
-        if (auto* task = dynamic_cast<Task*>(getObject(i)))
+    Vector<Object*> objects;
+    getObjects(objects);
+    for (Object* object : objects)
+        if (auto* task = dynamic_cast<Task*>(object))
             task->resetAccumulationTimers(true);
 }
 

@@ -1,10 +1,13 @@
 // A clock beside a plain list of what is to happen when, over many frames of random changes.
+#include "support/Stress.h"
+
 #include <zel/Clock.h>
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
 #include <algorithm>
 #include <cmath>
+#include <exception>
 #include <map>
 #include <random>
 #include <string>
@@ -101,13 +104,19 @@ private:
 /// clock's callbacks, and held against what the reference says is due, in any order.
 class Pair {
 public:
-    Pair(unsigned seed, double frequency)
-        : m_random(seed), m_clock(new Clock("c", frequency)), m_reference(1 / frequency) {}
+    /// @param throwOneIn  how many events go well for each that throws; 0 for no throw at all
+    Pair(unsigned seed, double frequency, unsigned throwOneIn)
+        : m_random(seed)
+        , m_throwOneIn(throwOneIn)
+        , m_clock(new Clock("c", frequency))
+        , m_reference(1 / frequency) {}
 
     void frame() {
         m_due = m_reference.due();
         m_reference.beginDispatch();
-        m_clock->tick(false);
+        while (!tick()) {
+            // What is left of the frame is still due.
+        }
         // All that was due has fired, but for what a callback removed or delayed.
         EXPECT_TRUE(m_due.empty());
         m_reference.endFrame();
@@ -117,6 +126,17 @@ public:
     size_t numFired() const { return m_numFired; }
 
 private:
+    struct Thrown : std::exception {};
+
+    /// @return whether nothing was thrown
+    bool tick() {
+        try {
+            m_clock->tick(false);
+            return true;
+        } catch (const Thrown&) {
+            return false;
+        }
+    }
     bool chance(unsigned oneIn) { return m_random() % oneIn == 0; }
     double number(double from, double to) { return std::uniform_real_distribution<>(from, to)(m_random); }
 
@@ -184,6 +204,8 @@ private:
             if (!m_reference.has(id))
                 m_events.erase(id);
         }
+        if (m_throwOneIn != 0 && chance(m_throwOneIn))
+            throw Thrown();
     }
 
     /// As change, while an event fires.
@@ -199,6 +221,7 @@ private:
     }
 
     std::mt19937 m_random;
+    unsigned m_throwOneIn;
     ref_ptr<Clock> m_clock;
     Reference m_reference;
     std::map<int, ref_ptr<Clock::Event>> m_events;
@@ -212,10 +235,22 @@ private:
 TEST(ClockScheduleTest, FiresWhatAPlainListWouldFire) {
     zelCore::init();
     for (const unsigned seed : {1U, 2U, 3U, 4U}) {
-        Pair pair(seed, 10);
+        Pair pair(seed, 10, 0);
         for (int i = 0; i < 25000 && !testing::Test::HasFailure(); ++i)
             pair.frame();
         EXPECT_GT(pair.numFired(), 10000U) << "seed " << seed;
+    }
+    zelCore::shutdown();
+}
+
+TEST(ClockScheduleTest, FiresWhatAPlainListWouldFireWhereEventsThrow) {
+    zelCore::init();
+    const unsigned seed = zelTest::stressSeed();
+    for (unsigned throwOneIn : {2U, 7U, 50U}) {
+        Pair pair(seed + throwOneIn, 10, throwOneIn);
+        for (size_t i = 0; i < 10000 / zelTest::StressDivisor && !testing::Test::HasFailure(); ++i)
+            pair.frame();
+        EXPECT_GT(pair.numFired(), 4000U / zelTest::StressDivisor);
     }
     zelCore::shutdown();
 }
