@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <ostream>
 #include <stdexcept>
 #include <utility>
@@ -253,7 +254,7 @@ bool Value::isTypeCompatible(const Value* other) const {
 
 void Value::verifyElement(zel::size_t size, const char* implementation) const {
     zelVerifyN(m_format && m_format->getSize() == size &&
-                   m_format->getImplementationName() == zel::Name(implementation),
+                   std::strcmp(m_format->getImplementationName().c_str(), implementation) == 0,
                "%s: The format '%s' does not have elements of class '%s'",
                getPath().c_str(),
                m_format ? m_format->fullName().c_str() : "",
@@ -295,11 +296,8 @@ void Value::verifyDependents(const Format* format) const {
 void Value::takeFormat(const Format* format) {
     if (!m_dependents.empty())
         verifyDependents(format);
-    zel::VectorPOD<Value*> pending;
-    pending.push_back(this);
-    while (!pending.empty()) {
-        Value* value = pending.back();
-        pending.pop_back();
+    zel::VectorPOD<Value*> pending; // mostly there is none
+    for (Value* value = this; value != nullptr;) {
         value->deallocate(); // of an auto-typed value
         value->m_format = format;
         for (Value* dependent : value->m_dependents) {
@@ -312,6 +310,9 @@ void Value::takeFormat(const Format* format) {
                 dependent->updateAudible();
             }
         }
+        value = pending.empty() ? nullptr : pending.back();
+        if (value != nullptr)
+            pending.pop_back();
     }
     if (!m_binding || m_binding->m_format != m_format)
         allocate();
