@@ -20,7 +20,7 @@ public:
     Walk(const Walk&) = delete;
     Walk& operator=(const Walk&) = delete;
     ~Walk() {
-        while (m_size != 0) // left over when a callback throws
+        while (m_size != 0) // left over when the thread is cancelled
             pop();
         t_innermost = m_outer;
     }
@@ -36,10 +36,13 @@ public:
             Value* const dependent = level.value->m_dependents[level.next++];
             if (dependent == nullptr || !dependent->m_audible)
                 continue;
-            if (dependent->m_transform != nullptr)
-                convert(level.value, dependent);
-            enter(dependent);
+            m_failure.run([&] {
+                if (dependent->m_transform != nullptr)
+                    convert(level.value, dependent);
+                enter(dependent);
+            });
         }
+        m_failure.rethrow();
     }
 
     /// No walk is to look at the value again.
@@ -78,10 +81,8 @@ private:
         }
         // The callbacks may drop the last reference but this one; then nothing depends on the value.
         const zel::ref_ptr<Value> keep(value->referenceCount() > 0 ? value : nullptr);
-        zel::FirstException failure;
-        failure.run([value] { value->updateEvent.fire(value); });
-        failure.run([value] { value->m_eventDispatch.triggerUpdateEvent(value); });
-        failure.rethrow();
+        m_failure.run([value] { value->updateEvent.fire(value); });
+        m_failure.run([value] { value->m_eventDispatch.triggerUpdateEvent(value); });
         if (!value->hasCallbacks())
             value->updateAudible(); // those that were to be called once have gone
         descend(value);
@@ -130,6 +131,7 @@ private:
     static constinit thread_local Walk* t_innermost;
 
     Value* m_root;
+    zel::FirstException m_failure; // of a callback or a conversion; the others get to know all the same
     Walk* m_outer;
     std::array<Level, 16> m_inline;
     Level* m_levels = m_inline.data();

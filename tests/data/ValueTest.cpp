@@ -630,6 +630,24 @@ TEST(ValueTest, CallbacksAndListenersAreToldWhereOneOfThemThrows) {
     value->removeListener(&second);
 }
 
+TEST(ValueTest, DependentsFollowWhereACallbackOfAnotherThrows) {
+    const ref_ptr<Real> root = real("root");
+    const ref_ptr<Real> first = real("first");
+    const ref_ptr<Real> second = real("second");
+    const ref_ptr<Value> narrow(new Value("n", getFormat("Real:32bit")));
+    first->bind(root.get());
+    second->bind(first.get());
+    narrow->bind(root.get());
+    std::string updates;
+    root->updateEvent.connect([](Value*) { throw std::runtime_error("root"); });
+    first->updateEvent.connect([](Value*) { throw std::runtime_error("first"); });
+    second->updateEvent.connect([&](Value*) { updates += 's'; });
+    narrow->updateEvent.connect([&](Value*) { updates += 'n'; });
+    EXPECT_EQ(whatOf([&] { root->set(8); }), "root");
+    EXPECT_EQ(updates, "sn");
+    EXPECT_EQ(*static_cast<float*>(narrow->getData()), 8.0F);
+}
+
 TEST(ValueTest, UpdateTellsOfAChangeInPlace) {
     const ref_ptr<Real> root = real("root");
     const ref_ptr<Value> narrow(new Value("n", getFormat("Real:32bit")));
