@@ -147,13 +147,19 @@ void TaskGroup::addSubtaskAfter(Task* subtask, Task* parent) {
     const ref_ptr<Task> follower(m_sequential && index < m_subtasks.size() ? m_subtasks[index] : nullptr);
     FirstException failure;
     failure.run([this, subtask, index] { registerSubtask(subtask, index); });
-    // The callbacks may have let go of each of the three.
     if (subtask->getGroup() == this) {
-        if (parent->getGroup() == this)
+        // The callbacks may have let go of the neighbours, or have put others between them.
+        const size_t place = indexOf(subtask);
+        const Task* const behind = place + 1 < m_subtasks.size() ? m_subtasks[place + 1] : nullptr;
+        const bool isAsAsked = place != 0 && m_subtasks[place - 1] == parent && behind == follower.get();
+        if (m_sequential && !isAsAsked) {
+            serialize(true);
+        } else if (parent->getGroup() == this) {
             subtask->addDependency(parent);
-        if (follower && follower->getGroup() == this) {
-            follower->removeDependency(parent);
-            follower->addDependency(subtask);
+            if (follower) {
+                follower->removeDependency(parent);
+                follower->addDependency(subtask);
+            }
         }
     }
     failure.rethrow();
@@ -169,8 +175,12 @@ void TaskGroup::addSubtaskBefore(Task* subtask, Task* child) {
     const ref_ptr<Task> keepChild(child);
     FirstException failure;
     failure.run([this, subtask, index] { registerSubtask(subtask, index); });
-    if (subtask->getGroup() == this && child->getGroup() == this)
-        child->addDependency(subtask);
+    if (subtask->getGroup() == this) {
+        if (child->getGroup() == this)
+            child->addDependency(subtask);
+        if (m_sequential)
+            serialize(true); // the callbacks may have changed the neighbours
+    }
     failure.rethrow();
 }
 

@@ -8,8 +8,10 @@
 #include <gtest/gtest.h>
 #include <support/WhatOf.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 using zel::ref_ptr;
 using zel::SerialTask;
@@ -65,6 +67,40 @@ TEST_F(TaskGroupCallbackTest, TakesASubtaskInWhereACallbackRemovesItsNeighbours)
     group->addSubtaskAfter(noting("c"), a);
     group->addObjectEvent.disconnect(connection);
     EXPECT_EQ(run(group.get()), "c");
+}
+
+TEST_F(TaskGroupCallbackTest, KeepsTheOrderWhereACallbackRemovesTheNeighbourOrPutsAnotherBetween) {
+    const ref_ptr<TaskGroup> group(new TaskGroup("g", true));
+    Task* const a = noting("a");
+    Task* const b = noting("b");
+    Task* const c = noting("c");
+    for (Task* task : {a, b, c})
+        group->addSubtask(task);
+    std::function<void()> action = [&] { group->removeSubtask(b); };
+    group->addObjectEvent.connect([&](zel::Component*, zel::Object*) {
+        if (action)
+            std::exchange(action, nullptr)();
+    });
+    const auto expectOrder = [&] {
+        std::string names;
+        for (const Task* task : group->getSubtasks())
+            names += task->getName().str();
+        for (size_t i = 1; i < group->getNumSubtasks(); ++i)
+            EXPECT_TRUE(group->getSubtasks()[i]->hasDependency(group->getSubtasks()[i - 1])) << names;
+        EXPECT_EQ(run(group.get()), names);
+    };
+    group->addSubtaskAfter(noting("d"), b);
+    expectOrder();
+    action = [&] { group->addSubtaskAfter(noting("e"), a); };
+    group->addSubtaskAfter(noting("f"), a);
+    expectOrder();
+    action = [&] { group->removeSubtask(c); };
+    group->addSubtaskBefore(noting("g"), c);
+    expectOrder();
+    action = [&] { group->removeSubtask(a); };
+    group->addSubtaskBefore(noting("h"), a);
+    expectOrder();
+    EXPECT_EQ(group->getNumSubtasks(), 5U);
 }
 
 TEST_F(TaskGroupCallbackTest, TakesASubtaskInWhereACallbackThrows) {
