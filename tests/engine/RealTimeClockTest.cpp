@@ -7,6 +7,7 @@
 #include <zelCore/zelCore.h>
 
 #include <gtest/gtest.h>
+#include <support/LogCapture.h>
 
 using zel::RealTimeClock;
 using zel::ref_ptr;
