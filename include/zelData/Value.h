@@ -27,7 +27,9 @@ class Type;
 /// loses its binding, in whatever way, holds a default-constructed element, unless it has one of its own from
 /// conversion.
 ///
-/// Callbacks and listeners may change any binding, and remove any value, the running one included.
+/// Callbacks and listeners may change any binding, and remove any value, the running one included. Each is
+/// called, and all that is bound follows, also where one of them throws; the first exception comes out of the
+/// change at the end.
 /// @threads owner thread; tasks of other threads may read while nothing is changed
 /// @cost set: the callbacks, listeners and conversions of all dependents, direct and indirect, and nothing
 ///     for those that have none
