@@ -262,15 +262,6 @@ TEST_F(FormatTest, GenericFormatsOfOneSizeShareACopyFunction) {
     EXPECT_NE(zelData::getTransformer(a.get(), a.get()), zelData::getTransformer(c.get(), c.get()));
 }
 
-TEST_F(FormatDeathTest, GenericFormatsComeInALimitedNumberOfSizes) {
-    EXPECT_DEATH(
-        {
-            for (zel::uint64 size = 1; size < 300; ++size)
-                const zel::ref_ptr<zelData::GenericFormat> format(new zelData::GenericFormat(size));
-        },
-        "More than 256 different sizes of generic formats");
-}
-
 TEST_F(FormatTest, PrimitivesTellStrideAndPadding) {
     std::string calls;
     const auto list =
