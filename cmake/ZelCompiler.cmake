@@ -27,6 +27,8 @@ target_compile_options(zelFlags INTERFACE
     -fmacro-prefix-map=${CMAKE_CURRENT_SOURCE_DIR}/=)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(zelFlags INTERFACE
+        # Nobody replaces functions of the library by his own, so its calls of itself need no detour and may be inlined.
+        -fno-semantic-interposition
         -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wsuggest-override
         # g++ 12 warns wrongly about std::string's operator+ (its bugs 105329 and 105651).
         -Wno-restrict -Wno-stringop-overflow)
