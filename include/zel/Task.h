@@ -326,40 +326,37 @@ private:
     [[nodiscard]] bool claim(Thread* thread);
     void executeOn(Thread* thread);
 
-    // What each run touches lies together, behind the events.
-    std::atomic<bool> m_running{false}; // written by the thread of the first and the last job
-    bool m_enabled = true;              // as last applied
-    bool m_groupPassed = false;         // a group around the task is disabled
+    zelData::Val<bool> m_enable;
+    std::atomic<bool> m_running{false};        // written by the thread of the first and the last job
+    std::atomic<Thread*> m_claimedBy{nullptr}; // shared: the thread inside execute()
+    bool m_enabled = true;                     // as last applied
+    bool m_groupPassed = false;                // a group around the task is disabled
     bool m_runsUnverified = false;
     bool m_inBindContext = false;
-    bool m_completes = false; // this run was started by Thread::addTask, which wants to know of its end
-    bool m_parallel = false;  // threads that sleep are to join the run
+    Thread* m_thread = nullptr; // while the task is active guarded by Thread::s_sharedMutex
+    bool m_completes = false;   // this run was started by Thread::addTask, which wants to know of its end
+    bool m_parallel = false;    // threads that sleep are to join the run
+    size_t m_activePlace = 0;   // in Thread::s_activeTasks, by whose lock it is guarded
+    Timer m_computeTimer;
+    Timer m_wallTimer;
     float m_computeCost = 0;
     float m_overhead = 0;
     float m_wallTime = 0;
-    std::unique_ptr<DisableHelper> m_disableHelper;
-    ref_ptr<TaskTimingReportHandle> m_timingHandle; // null if there were no statistics at first
-    Timer m_computeTimer;
-    Vector<ref_ptr<Parameter>> m_parameters;
-
-    std::atomic<Thread*> m_claimedBy{nullptr}; // shared: the thread inside execute()
-    Thread* m_thread = nullptr;                // while the task is active guarded by Thread::s_sharedMutex
-    size_t m_activePlace = 0;                  // in Thread::s_activeTasks, by whose lock it is guarded
-    // The run that begins with this task; see RunRoot. Relaxed: other runs only compare it with their own.
-    std::atomic<Task*> m_run{nullptr};
-    TaskGroup* m_group = nullptr;
-    int64 m_numThreadTasks = 0; // this task and below it: those with a job for each thread
-    int64 m_numOuterEdges = 0;  // of this task and of what is below it; see isOuterEdge
-
-    Timer m_wallTimer;
     float m_accumulatedComputeCost = 0;
     float m_accumulatedOverhead = 0;
     float m_accumulatedWallTime = 0;
     uint32 m_numAccumulatedRuns = 0;
+    Vector<ref_ptr<Parameter>> m_parameters;
     Vector<Task*> m_parents;
     Vector<Task*> m_children;
-    zelData::Val<bool> m_enable;
-    std::unique_ptr<Paths> m_paths; // made for the first path: most tasks have none
+    TaskGroup* m_group = nullptr;
+    int64 m_numThreadTasks = 0; // this task and below it: those with a job for each thread
+    int64 m_numOuterEdges = 0;  // of this task and of what is below it; see isOuterEdge
+    // The run that begins with this task; see RunRoot. Relaxed: other runs only compare it with their own.
+    std::atomic<Task*> m_run{nullptr};
+    std::unique_ptr<DisableHelper> m_disableHelper;
+    ref_ptr<TaskTimingReportHandle> m_timingHandle; // null if there were no statistics at first
+    std::unique_ptr<Paths> m_paths;                 // made for the first path: most tasks have none
 
     // Relaxed: a switch that publishes nothing.
     static std::atomic<ProfilingMode> s_profilingMode;
