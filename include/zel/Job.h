@@ -145,32 +145,27 @@ protected:
         m_restricted = m_targetThread != nullptr || m_syncTag.get() != nullptr;
     }
 
-    // Ordered by when it is needed: what the queues and the dependencies touch, then what a run does, then
-    // the rest. The virtual table's pointer and the first group, and the second one, have the size of a cache
-    // line each.
-    std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
-    uint32 m_numDependencies = 0;
-    uint32 m_priority = 0;
-    bool m_timing = false;
-    bool m_restricted = false; // has a target or a tag
-    uint16 m_home = NoHome;
+    Callback m_spawnCallback;
+    const char* m_name;
     VectorPOD<Job*> m_dependents;
-    Thread* m_executingThread = nullptr;
-
+    VectorPOD<Job*> m_dependencies;
     Callback m_callback;
-    std::atomic<WaitJob*> m_waiters{
-        nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
     uint64 m_startTick = 0;
     uint64 m_cycles = 0;
     uint64 m_lastCycles = 0; // of the run before the present one
-
-    Thread* m_targetThread = nullptr;
-    ref_ptr<SyncTag> m_syncTag;
-    const char* m_name;
+    bool m_timing = false;
+    bool m_restricted = false; // has a target or a tag
+    uint16 m_home = NoHome;
+    uint32 m_numDependencies = 0;
+    std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
     ref_ptr<Task> m_task;
-    Callback m_spawnCallback;
-    VectorPOD<Job*> m_dependencies;
+    Thread* m_targetThread = nullptr;
+    Thread* m_executingThread = nullptr;
+    ref_ptr<SyncTag> m_syncTag;
+    uint32 m_priority = 0;
     int64 m_poolTag = -1;
+    std::atomic<WaitJob*> m_waiters{
+        nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
 };
 
 } // namespace zel

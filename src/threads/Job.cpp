@@ -8,7 +8,7 @@
 
 namespace zel {
 
-Job::Job(const char* name) : m_name(name), m_spawnCallback([this] { spawn(); }) {}
+Job::Job(const char* name) : m_spawnCallback([this] { spawn(); }), m_name(name) {}
 
 Job::Job(Callback callback, const char* name, uint32 priority) : Job(name) {
     m_callback = std::move(callback);
