@@ -241,8 +241,10 @@ public:
     }
 
 private:
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): elements may well be pointers
+    static constexpr size_t ElementSize = sizeof(T);
     static constexpr bool FitsRegisters =
-        std::is_trivially_copyable_v<T> && std::is_copy_constructible_v<T> && sizeof(T) <= 2 * sizeof(void*);
+        std::is_trivially_copyable_v<T> && std::is_copy_constructible_v<T> && ElementSize <= 16;
 
     /// Of storage that may be asked for.
     // NOLINTNEXTLINE(bugprone-sizeof-expression): elements may well be pointers

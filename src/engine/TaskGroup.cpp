@@ -132,8 +132,16 @@ void TaskGroup::verifyNoLoop(Task* subtask) {
                  subtask->getPath().c_str());
 }
 
+namespace {
+
+void verifyGiven(const TaskGroup& group, const Task* subtask) {
+    zelVerifyNAs(subtask != nullptr, "subtask", "%s: Adding nullptr subtask", group.getPath().c_str());
+}
+
+} // namespace
+
 void TaskGroup::addSubtask(Task* subtask) {
-    zelVerifyNAs(subtask != nullptr, "subtask", "%s: Adding nullptr subtask", getPath().c_str());
+    verifyGiven(*this, subtask);
     if (m_sequential && !m_subtasks.empty())
         addSubtaskAfter(subtask, m_subtasks.back());
     else
@@ -142,6 +150,7 @@ void TaskGroup::addSubtask(Task* subtask) {
 
 void TaskGroup::addSubtaskAfter(Task* subtask, Task* parent) {
     const size_t index = indexOf(parent) + 1;
+    verifyGiven(*this, subtask);
     const ref_ptr<Task> keep(subtask);
     const ref_ptr<Task> keepParent(parent);
     const ref_ptr<Task> follower(m_sequential && index < m_subtasks.size() ? m_subtasks[index] : nullptr);
@@ -167,6 +176,7 @@ void TaskGroup::addSubtaskAfter(Task* subtask, Task* parent) {
 
 void TaskGroup::addSubtaskBefore(Task* subtask, Task* child) {
     const size_t index = indexOf(child);
+    verifyGiven(*this, subtask);
     if (m_sequential && index > 0) {
         addSubtaskAfter(subtask, m_subtasks[index - 1]);
         return;
