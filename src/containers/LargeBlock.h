@@ -15,7 +15,8 @@ class LargeBlock {
 public:
     static constexpr size_t MinimumSize = size_t{4} << 20;
 
-    [[nodiscard]] static constexpr bool isFor(size_t size, size_t alignment) noexcept {
+    [[nodiscard]] static constexpr bool isFor([[maybe_unused]] size_t size,
+                                              [[maybe_unused]] size_t alignment) noexcept {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         return false;
 #else
