@@ -78,9 +78,12 @@ public:
     /// Waits for the condition, with the lock given back meanwhile. The caller holds it.
     template <typename Predicate>
     void wait(std::condition_variable& condition, Predicate&& predicate) {
-        std::unique_lock<Mutex> lock(m_mutex, std::adopt_lock);
-        condition.wait(lock, std::forward<Predicate>(predicate));
-        lock.release();
+        // The caller's lock in the end, also where the thread is cancelled while it waits.
+        struct Borrowed {
+            ~Borrowed() { lock.release(); }
+            std::unique_lock<Mutex> lock;
+        } borrowed{std::unique_lock<Mutex>(m_mutex, std::adopt_lock)};
+        condition.wait(borrowed.lock, std::forward<Predicate>(predicate));
     }
 
 private:

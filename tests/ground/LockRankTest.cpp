@@ -91,3 +91,23 @@ TEST(LockRankDeathTest, TwoLocksOfOneRankHaveNoOrder) {
         "a thread that holds the lock 'Observers' takes the lock 'Observers', which comes before it");
     leaveLock(&one);
 }
+
+TEST(LockRankTest, AWaitThatEndsWithAnExceptionLeavesTheLockToItsHolder) {
+    RankedMutex<LockRank::Names> mutex;
+    std::condition_variable condition;
+    const auto isFree = [&mutex] {
+        bool free = false;
+        std::thread([&] {
+            free = mutex.try_lock();
+            if (free)
+                mutex.unlock();
+        }).join();
+        return free;
+    };
+    {
+        const std::lock_guard lock(mutex);
+        EXPECT_THROW(mutex.wait(condition, []() -> bool { throw 1; }), int);
+        EXPECT_FALSE(isFree());
+    }
+    EXPECT_TRUE(isFree());
+}
