@@ -127,6 +127,8 @@ void warnOfLostPaths(Object& object) {
     for (const Note& note : all.notes) // made meanwhile
         kept.push_back(note);
     all.notes = std::move(kept);
+    if (all.notes.empty())
+        all.trees.clear(); // another tree may come to lie where one of them was
 }
 
 } // namespace zel
