@@ -512,6 +512,9 @@ void Thread::dealOut() {
     for (Thread* sleeper : s_sleepingThreads) {
         if (numChosen == m_sharedJobs.size())
             break;
+        // One outside the pool, for which somebody else deals, may be on its way out of its sleep.
+        if (sleeper == this)
+            continue;
         const std::lock_guard lock(sleeper->m_sharedLock);
         if (!sleeper->m_sharedJobs.empty())
             continue;
