@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 namespace zel {
@@ -11,8 +12,8 @@ namespace zel {
 /// The order in which a thread takes the long-lived locks of the library: while it holds one, it takes only
 /// locks that stand further down, or once more a recursive one that it holds. Every such lock stands here;
 /// builds with the CMake option ZEL_CHECK_LOCK_RANKS, as those with sanitizers, end with
-/// both names where a thread breaks the order. With the environment variable ZEL_YIELD_AT_LOCKS each thread
-/// steps aside ahead of each lock there.
+/// both names where a thread breaks the order, or takes again what it holds and is not recursive. With the
+/// environment variable ZEL_YIELD_AT_LOCKS each thread steps aside ahead of each lock there.
 enum class LockRank : unsigned char {
     TypeSystem,        ///< types, models, plug-ins, libraries; recursive
     ModelPlaces,       ///< the places of model files
@@ -37,7 +38,7 @@ enum class LockRank : unsigned char {
 };
 
 namespace detail {
-ZEL_CORE_API void enterLock(LockRank rank, const void* lock, bool waits);
+ZEL_CORE_API void enterLock(LockRank rank, const void* lock, bool waits, bool recursive = false);
 ZEL_CORE_API void leaveLock(const void* lock) noexcept;
 } // namespace detail
 
@@ -53,7 +54,7 @@ public:
 
     void lock() {
 #ifdef ZEL_CHECK_LOCK_RANKS
-        detail::enterLock(Rank, this, true);
+        detail::enterLock(Rank, this, true, std::is_same_v<Mutex, std::recursive_mutex>);
 #endif
         m_mutex.lock();
     }

@@ -52,9 +52,14 @@ bool yieldsAtLocks() {
 
 } // namespace
 
-void detail::enterLock(LockRank rank, const void* lock, bool waits) {
+void detail::enterLock(LockRank rank, const void* lock, bool waits, bool recursive) {
     const auto begin = t_held.locks.begin(), end = begin + static_cast<std::ptrdiff_t>(t_held.size);
-    if (waits && std::none_of(begin, end, [lock](const HeldLock& held) { return held.lock == lock; }))
+    const bool again = std::any_of(begin, end, [lock](const HeldLock& held) { return held.lock == lock; });
+    if (waits && again && !recursive) {
+        t_held.size = 0;
+        zelAbort("a thread that holds the lock '%s' takes it again, and would wait for itself", nameOf(rank));
+    }
+    if (waits && !again)
         for (auto held = begin; held != end; ++held)
             if (held->rank >= rank && !maySeveralBeHeld(begin, end, *held, rank)) {
                 // What is reported takes locks itself.

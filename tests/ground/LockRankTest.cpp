@@ -27,7 +27,7 @@ TEST(LockRankTest, ARecursiveLockMayBeTakenAgainBehindOthers) {
     const int types = 0, names = 0;
     enterLock(LockRank::TypeSystem, &types, true);
     enterLock(LockRank::Names, &names, true);
-    enterLock(LockRank::TypeSystem, &types, true);
+    enterLock(LockRank::TypeSystem, &types, true, true);
     leaveLock(&types);
     leaveLock(&names);
     leaveLock(&types);
@@ -91,6 +91,27 @@ TEST(LockRankDeathTest, TwoLocksOfOneRankHaveNoOrder) {
         "a thread that holds the lock 'Observers' takes the lock 'Observers', which comes before it");
     leaveLock(&one);
 }
+
+TEST(LockRankDeathTest, ALockThatIsNotRecursiveIsNotTakenAgain) {
+    const int queue = 0, names = 0;
+    enterLock(LockRank::SharedJobs, &queue, true);
+    enterLock(LockRank::Names, &names, true);
+    EXPECT_DEATH(enterLock(LockRank::SharedJobs, &queue, true),
+                 "a thread that holds the lock 'SharedJobs' takes it again, and would wait for itself");
+    leaveLock(&names);
+    leaveLock(&queue);
+}
+
+#ifdef ZEL_CHECK_LOCK_RANKS
+TEST(LockRankDeathTest, ALockKnowsWhetherItIsRecursive) {
+    zel::TypeSystemMutex types;
+    const std::lock_guard first(types);
+    const std::lock_guard second(types);
+    RankedMutex<LockRank::Names> names;
+    const std::lock_guard lock(names);
+    EXPECT_DEATH(names.lock(), "a thread that holds the lock 'Names' takes it again");
+}
+#endif
 
 TEST(LockRankTest, AWaitThatEndsWithAnExceptionLeavesTheLockToItsHolder) {
     RankedMutex<LockRank::Names> mutex;
