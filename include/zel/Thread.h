@@ -434,6 +434,8 @@ private:
     }
     void leaveTask();
     void handJobsOver();
+    void giveJobsAway(uint32 numThreads, Thread* waiting);
+    void leavePool(uint32 newCount);
     void markFrameDone(Task* task);
     void finishEarlierRun(Task* task);
     /// Whether a job on this thread's stack is part of the task's present run.

@@ -95,6 +95,11 @@ void Thread::changeNumThreads(std::unique_lock<ActiveTasksMutex>& sharedLock) {
     sharedLock.unlock();
     try {
         waitUntilInactive();
+        {
+            const std::lock_guard lock(s_sharedMutex);
+            for (auto id = static_cast<uint32>(newCount); id < oldCount; ++id)
+                getThread(id)->leavePool(static_cast<uint32>(newCount));
+        }
         resizePool(oldCount, static_cast<uint32>(newCount));
     } catch (...) {
         sharedLock.lock();
@@ -125,6 +130,14 @@ void Thread::endChange() {
         if (hasWork)
             thread->activate();
     }
+}
+
+/// For a worker that is about to go, and may have been dealt jobs that belong to no task.
+void Thread::leavePool(uint32 newCount) {
+    const std::lock_guard lock(m_sharedLock);
+    if (const uint32 count = m_numPushed.load(std::memory_order_seq_cst); count != 0)
+        takePushedJobs(count);
+    giveJobsAway(newCount, nullptr);
 }
 
 void Thread::resizePool(uint32 oldCount, uint32 newCount) {

@@ -242,18 +242,34 @@ void Thread::handJobsOver() {
     for (Task* task : s_activeTasks)
         if (task->getThread() != this)
             waiting = task->getThread();
-    if (waiting == nullptr)
+    // Who looks for work finds what lies with a thread of the pool, and only there. A thread outside of it
+    // may have been dealt jobs that belong to no task, and may be about to go.
+    if (waiting == nullptr && getId() < numThreads)
         return;
     const std::lock_guard ownLock(m_sharedLock);
+    giveJobsAway(numThreads, waiting);
+}
+
+/// Hands on what need not run on this thread: to the workers of a pool of that size; without any, to a thread
+/// that waits for its task, or else to the main thread, from whose queue it can be stolen. The caller holds
+/// s_sharedMutex and this thread's queue.
+void Thread::giveJobsAway(uint32 numThreads, Thread* waiting) {
     for (uint32 i = 0; !m_sharedJobs.empty(); ++i) {
         Job* job = m_sharedJobs.pop(Job::NoHome);
-        Thread* target = job->m_targetThread;
-        if (target == this)
+        if (Thread* target = job->m_targetThread; target == this) {
             m_localJobs.push_back(job);
-        else if (target != nullptr)
+        } else if (target != nullptr) {
             pushTargetJob(target, job, true);
-        else
-            pushTargetJob(numThreads > 1 ? getThread(1 + i % (numThreads - 1)) : waiting, job, true);
+        } else if (Thread* taker = numThreads > 1 ? getThread(1 + i % (numThreads - 1)) : waiting) {
+            pushTargetJob(taker, job, true);
+        } else {
+            Thread* const mainThread = getThread(0);
+            {
+                const std::lock_guard lock(mainThread->m_sharedLock);
+                mainThread->m_sharedJobs.push(job);
+            }
+            mainThread->activate();
+        }
     }
     takeLocalJobs();
 }

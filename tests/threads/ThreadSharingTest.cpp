@@ -3,6 +3,7 @@
 #include <zel/Clock.h>
 #include <zel/ParallelTask.h>
 #include <zel/SerialTask.h>
+#include <zel/SyncTag.h>
 #include <zel/TaskGroup.h>
 #include <zel/Thread.h>
 #include <zel/ThreadTask.h>
@@ -130,7 +131,75 @@ TEST_F(ThreadSharingTest, SeveralOutsideThreadsDoNotKeepThePoolAsleep) {
     });
 }
 
+namespace {
+
+/// Holds jobs back till it is opened, and knows whether a thread outside the pool has had one in hand.
+class Gate : public zel::SyncTag {
+public:
+    zel::int32 getStatus() override {
+        if (Thread::getCurrentThread()->getId() == zel::InvalidIndex)
+            seenOutside = true;
+        return open ? 1 : 0;
+    }
+    std::atomic<bool> open{false};
+    std::atomic<bool> seenOutside{false};
+};
+
+} // namespace
+
+TEST_F(ThreadSharingTest, AThreadOutsideThePoolLeavesNoJobsOfOthersBehind) {
+    for (const size_t threads : {1U, 2U})
+        for (const bool registered : {false, true}) {
+            zel::setNumThreads(threads);
+            const ref_ptr<Gate> gate(new Gate);
+            std::atomic<int> runs{0};
+            std::vector<std::unique_ptr<Job>> jobs;
+            for (int i = 0; i < 6; ++i) {
+                jobs.push_back(std::make_unique<Job>([&] { ++runs; }));
+                jobs.back()->setSyncTag(gate.get());
+                jobs.back()->spawn();
+            }
+            Job onMainThread([&] { waitFor(gate->seenOutside); });
+            onMainThread.setTargetThread(Thread::getCurrentThread());
+            std::thread outside([&] {
+                if (registered)
+                    Thread::registerAsZelThread();
+                // Its only job runs elsewhere, so that it takes one of the others.
+                const ref_ptr<ParallelTask> task(new ParallelTask("p"));
+                task->addJob(&onMainThread);
+                task->execute();
+                task->removeAllJobs();
+                gate->open = true;
+                while (runs < 6)
+                    sched_yield();
+                if (registered)
+                    Thread::unregisterAsZelThread();
+            });
+            while (runs < 6)
+                Thread::getCurrentThread()->doWork();
+            outside.join();
+            zel::setNumThreads(1); // a worker may still be looking at its last job
+        }
+}
+
 // Changes of the pool
+
+TEST_F(ThreadSharingTest, WhatAWorkerHasNotBegunIsDoneByOthersWhenItGoes) {
+    for (const size_t stay : {1U, 3U})
+        for (int i = 0; i < 20; ++i) {
+            zel::setNumThreads(4);
+            Thread* const worker = poolThreads()[3];
+            std::atomic<int> runs{0};
+            Job waked([&] { ++runs; });
+            Job unwaked([&] { ++runs; });
+            worker->pushTargetJob(worker, &unwaked, false);
+            worker->pushTargetJob(worker, &waked, true);
+            zel::setNumThreads(stay);
+            while (runs < 2)
+                Thread::getCurrentThread()->doWork();
+            zel::setNumThreads(1);
+        }
+}
 
 TEST_F(ThreadSharingTest, AJobOutsideOfTasksExecutesTasksWhileThePoolChanges) {
     for (const bool grow : {true, false}) {
