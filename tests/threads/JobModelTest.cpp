@@ -1,6 +1,6 @@
-// Random graphs of jobs, spawned by several threads of the pool and outside of it, by other jobs and by
-// dependencies, with targets, priorities, gates that other jobs open, and tasks that they execute; against a
-// plain account of what is to run and after what.
+// Random graphs of jobs, spawned or executed as tasks by several threads of the pool and outside of it, by
+// other jobs and by dependencies, with targets, priorities, gates that other jobs open, and tasks that they
+// execute; against a plain account of what is to run and after what.
 #include <zel/Job.h>
 #include <zel/ParallelTask.h>
 #include <zel/SyncTag.h>
@@ -45,8 +45,10 @@ struct Node {
     std::vector<Node*> spawned;
     std::vector<Node*> opened;
     ref_ptr<Gate> gate;
-    int target = -1;              // a driver or a worker; see Round
+    int target = -1;              // of the pool, or behind it an outside thread
+    size_t driver = 0;            // an outside thread that has to bring the job in; 0 for any
     ParallelTask* task = nullptr; // that it executes
+    int microseconds = 0;         // that it takes
     // Of the last run: the numbers that a counter had.
     std::atomic<int> begin{-1};
     std::atomic<int> end{-1};
@@ -54,9 +56,12 @@ struct Node {
     std::atomic<Thread*> thread{nullptr};
 };
 
+/// What the threads do that bring the jobs in: they spawn them and work, or some of them execute tasks.
+enum class Way { Work, Execute };
+
 class Driver {
 public:
-    explicit Driver(unsigned seed) : m_random(seed) {}
+    Driver(unsigned seed, Way way) : m_random(seed), m_way(way) {}
 
     void run(int numRounds) {
         for (int i = 0; i < numRounds && !testing::Test::HasFatalFailure(); ++i) {
@@ -82,8 +87,9 @@ private:
     }
 
     void runGraph() {
-        m_numOutside = below(3);
+        m_numOutside = below(m_way == Way::Work ? 3 : 5);
         build();
+        buildRuns();
         for (size_t passes = 1 + below(3); passes > 0; --passes) {
             pass();
             check();
@@ -91,6 +97,10 @@ private:
                 break;
         }
         m_shared->removeAllJobs();
+        for (const Run& run : m_runs)
+            if (run.task)
+                run.task->removeAllJobs();
+        m_runs.clear();
         for (const auto& task : m_tasks)
             task->removeAllJobs();
         m_tasks.clear();
@@ -121,6 +131,39 @@ private:
         // The last edge of each: the nodes may go when the last job knows of them.
         for (const auto& node : m_nodes)
             node->job.addDependent(m_last.get());
+    }
+
+    /// Some of the threads execute what falls to them as a task, and leave when it is complete.
+    void buildRuns() {
+        m_runs.resize(1 + m_numOutside);
+        if (m_way == Way::Work)
+            return;
+        for (Run& run : m_runs) {
+            if (!oneIn(4))
+                run.task = new ParallelTask("run");
+            run.registered = !run.task || oneIn(2);
+        }
+        for (size_t i = 0; i < m_nodes.size(); ++i) {
+            Node& node = *m_nodes[i];
+            if (oneIn(4))
+                node.microseconds = static_cast<int>(below(300));
+            const bool toOutside = node.target >= static_cast<int>(m_pool.size());
+            const size_t target = toOutside ? 1 + static_cast<size_t>(node.target) - m_pool.size() : 0;
+            // A thread is there for what its own task holds, and no longer.
+            if (toOutside && (!m_runs[target].registered || (m_runs[target].task && node.spawner != nullptr)))
+                node.target = -1;
+            else if (toOutside && m_runs[target].task)
+                node.driver = target;
+            if (const Run& run = m_runs[driverOf(i)]; run.task && node.spawner == nullptr)
+                run.task->addJob(&node.job);
+        }
+        if (m_runs[0].task)
+            m_runs[0].task->addJob(m_last.get());
+    }
+
+    [[nodiscard]] size_t driverOf(size_t index) const {
+        const size_t driver = m_nodes[index]->driver;
+        return driver != 0 ? driver : index % m_runs.size();
     }
 
     void chooseStart(Node& node) {
@@ -173,6 +216,8 @@ private:
         node.thread = Thread::getCurrentThread();
         for (Node* spawned : node.spawned)
             spawned->job.spawn();
+        if (node.microseconds > 0) // long enough for others to run out of work
+            std::this_thread::sleep_for(std::chrono::microseconds(node.microseconds));
         if (node.task != nullptr)
             node.task->execute();
         // Ahead of what waits for it: the end is what they see.
@@ -203,16 +248,19 @@ private:
         });
         for (size_t i = 0; i < m_numOutside; ++i)
             threads.emplace_back([this, i] {
-                m_threads[m_pool.size() + i] = Thread::registerAsZelThread();
+                const bool registered = m_runs[1 + i].registered;
+                if (registered)
+                    m_threads[m_pool.size() + i] = Thread::registerAsZelThread();
                 drive(1 + i);
-                Thread::unregisterAsZelThread();
+                if (registered)
+                    Thread::unregisterAsZelThread();
             });
         drive(0);
         for (std::thread& thread : threads)
             thread.join();
     }
 
-    /// Spawns what falls to this thread, and works till all is done.
+    /// Spawns what falls to this thread, and works till all is done; or executes it.
     void drive(size_t driver) {
         ++m_numReady;
         while (m_numReady < 1 + m_numOutside)
@@ -223,8 +271,13 @@ private:
         ++m_numReady;
         while (m_numReady < 2 * (1 + m_numOutside))
             std::this_thread::yield();
-        for (size_t i = driver; i < m_nodes.size(); i += 1 + m_numOutside)
-            if (Node& node = *m_nodes[i]; node.parents.empty() && node.spawner == nullptr)
+        if (const ref_ptr<ParallelTask>& task = m_runs[driver].task) {
+            task->execute();
+            return;
+        }
+        for (size_t i = 0; i < m_nodes.size(); ++i)
+            if (Node& node = *m_nodes[i];
+                driverOf(i) == driver && node.parents.empty() && node.spawner == nullptr)
                 node.job.spawn();
         while (!m_finished)
             Thread::getCurrentThread()->doWork();
@@ -251,7 +304,15 @@ private:
         ASSERT_EQ(m_numParts, numParts);
     }
 
+    /// What one thread brings in.
+    struct Run {
+        ref_ptr<ParallelTask> task; // null where the thread spawns the jobs
+        bool registered = true;     // and not only while it executes the task
+    };
+
     std::mt19937 m_random;
+    Way m_way;
+    std::vector<Run> m_runs; // of the main thread, and behind it the outside threads
     std::vector<Thread*> m_pool;
     std::vector<Thread*> m_threads; // the pool, and behind it the outside threads
     size_t m_numOutside = 0;
@@ -270,6 +331,16 @@ class JobSoakTest : public testing::Test {
 protected:
     void SetUp() override { zelCore::init(); }
     void TearDown() override { zelCore::shutdown(); }
+
+    static void soak(Way way) {
+        const char* wanted = std::getenv("ZEL_SOAK_SECONDS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
+        ASSERT_NE(wanted, nullptr);
+        const auto end =
+            std::chrono::steady_clock::now() + std::chrono::seconds(std::strtol(wanted, nullptr, 10));
+        do {
+            Driver(zelTest::stressSeed(), way).run(50);
+        } while (!HasFailure() && std::chrono::steady_clock::now() < end);
+    }
 };
 
 class JobModelTest : public JobSoakTest, public testing::WithParamInterface<int> {};
@@ -277,18 +348,20 @@ class JobModelTest : public JobSoakTest, public testing::WithParamInterface<int>
 } // namespace
 
 TEST_P(JobModelTest, RunsEachJobOnceAndInOrder) {
-    Driver(zelTest::stressSeed()).run(static_cast<int>(100 / zelTest::StressDivisor));
+    Driver(zelTest::stressSeed(), Way::Work).run(static_cast<int>(100 / zelTest::StressDivisor));
+}
+
+TEST_P(JobModelTest, RunsEachJobOnceAndInOrderWhereSeveralThreadsExecuteTasks) {
+    Driver(zelTest::stressSeed(), Way::Execute).run(static_cast<int>(100 / zelTest::StressDivisor));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rounds, JobModelTest, testing::Range(0, 4));
 
-/// As long as ZEL_SOAK_SECONDS says, with fresh seeds. Only script/test --soak runs it.
+/// As long as ZEL_SOAK_SECONDS says, with fresh seeds. Only script/test --soak runs these.
 TEST_F(JobSoakTest, DISABLED_RunsEachJobOnceAndInOrder) {
-    const char* wanted = std::getenv("ZEL_SOAK_SECONDS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
-    ASSERT_NE(wanted, nullptr);
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::strtol(wanted, nullptr, 10));
-    do {
-        Driver(zelTest::stressSeed()).run(50);
-    } while (!HasFailure() && std::chrono::steady_clock::now() < end);
+    soak(Way::Work);
+}
+
+TEST_F(JobSoakTest, DISABLED_RunsEachJobOnceAndInOrderWhereSeveralThreadsExecuteTasks) {
+    soak(Way::Execute);
 }
