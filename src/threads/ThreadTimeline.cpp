@@ -1,8 +1,8 @@
 #include <zel/JobGroup.h>
-#include <zel/ParallelTask.h>
 #include <zel/RangeJob.h>
 #include <zel/Task.h>
 #include <zel/Thread.h>
+#include <zel/ThreadTask.h>
 #include <zel/ThreadTimelineEntryEntity.h>
 #include <zel/Timer.h>
 #include <zelData/EntityStorage.h>
@@ -145,17 +145,10 @@ void Thread::exportAllTimelines() {
     s_frameEndTick.store(Timer::now(), std::memory_order_relaxed);
     // Loaded here, and not by all threads at once.
     static_cast<void>(ThreadTimelineEntryModel::instance());
-    const ref_ptr<ParallelTask> task(new ParallelTask("TimelineExport"));
-    Vector<Job> jobs;
-    jobs.resize(getNumThreads());
-    for (size_t i = 0; i < jobs.size(); ++i) {
-        Thread* thread = getThread(static_cast<uint32>(i));
-        jobs[i].setCallback([thread] { thread->exportTimelineEntries(); });
-        jobs[i].setTargetThread(thread);
-        task->addJob(&jobs[i]);
-    }
+    // Its jobs are made when it is active, and the pool stays as it is.
+    const ref_ptr<ThreadTask> task(new ThreadTask(
+        "TimelineExport", [] { getCurrentThread()->exportTimelineEntries(); }, ZEL_MAX_NUM_THREADS));
     task->execute();
-    task->removeAllJobs();
 }
 
 } // namespace zel

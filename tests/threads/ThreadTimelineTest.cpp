@@ -10,8 +10,13 @@
 #include <zelCore/zelCore.h>
 #include <zelData/EntityStorage.h>
 
+#include <support/Stress.h>
+
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 using zel::ParallelTask;
@@ -162,6 +167,27 @@ TEST_F(ThreadTimelineTest, ExportsEveryThreadOfThePool) {
         EXPECT_GE(numEntries(), 1U);
     }
     task->removeAllJobs();
+}
+
+TEST_F(ThreadTimelineTest, ExportsWhileThePoolChanges) {
+    std::atomic<bool> end{false};
+    std::thread other([&] {
+        for (size_t i = 0; !end; ++i) {
+            zel::setNumThreads(1 + i % 3);
+            std::this_thread::sleep_for(std::chrono::microseconds(200)); // leaves room for exports
+        }
+    });
+    const ref_ptr<SerialTask> task(new SerialTask("work", [] {}));
+    task->setTargetThread(Thread::getCurrentThread());
+    for (size_t i = 0; i < 10000 / zelTest::StressDivisor && !HasFailure(); ++i) {
+        Thread::resetStartTick();
+        if (i % 8 == 0)
+            task->execute();
+        Thread::exportAllTimelines();
+        EXPECT_EQ(std::ranges::count(descriptions(), "work"), i % 8 == 0 ? 1 : 0);
+    }
+    end = true;
+    other.join();
 }
 
 TEST_F(ThreadTimelineTest, IsFedByTheResponsibleClock) {
