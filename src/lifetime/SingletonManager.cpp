@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <utility>
 
 namespace zel {
 
@@ -81,7 +82,8 @@ void SingletonManager::destroyLast(Vector<Singleton*>& list) {
     Singleton* const last = list.back();
     if (last != nullptr)
         detail::attemptShutdown(last->getClassName().c_str(), [last] { last->_shutdown(); });
-    if (std::exchange(m_modified, false))
+    // The lower list changes without a word where a service takes itself off.
+    if (std::exchange(m_modified, false) || list.empty() || list.back() != last)
         return;
     list.pop_back();
     delete last;
@@ -115,12 +117,8 @@ Singleton::Singleton(int32 priority) : m_priority(priority) {
 }
 
 void Singleton::_shutdown() {
-    // Set also where shutdown() throws: it is not called again.
-    struct SetAtEnd {
-        ~SetAtEnd() { flag = true; }
-        bool& flag;
-    } const setAtEnd{m_isShutdown};
-    if (!m_isShutdown)
+    // Set ahead of it: shutdown() may call this again, throw, or end the object.
+    if (!std::exchange(m_isShutdown, true))
         shutdown();
 }
 

@@ -16,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using zelTest::StreamCapture;
@@ -114,6 +115,26 @@ TEST_F(SingletonManagerTest, UnregisteringDuringShutdownLeavesTheListsWhole) {
     new Service("last", 10000);
     manager().shutdown();
     EXPECT_THAT(s_log, ElementsAre("killer", "~victim", "~killer", "last", "~last"));
+}
+
+TEST_F(SingletonManagerTest, AServiceMayUnregisterItselfWhenItIsShutDown) {
+    Service* lower = nullptr;
+    Service* upper = nullptr;
+    upper =
+        new Service("upper", 20000, [&] { manager().unregisterSingleton(std::exchange(upper, nullptr)); });
+    lower = new Service("lower", 9995, [&] { manager().unregisterSingleton(lower); });
+    new Service("last", 9990);
+    manager().shutdown();
+    // One of the lower list is forgotten, and its maker's to destroy.
+    EXPECT_THAT(s_log, ElementsAre("upper", "~upper", "lower", "last", "~last"));
+    delete lower;
+}
+
+TEST_F(SingletonManagerTest, AServiceIsShutDownOnceAlsoFromItsOwnShutdown) {
+    Service* service = nullptr;
+    service = new Service("a", 20000, [&] { service->_shutdown(); });
+    manager().shutdown();
+    EXPECT_THAT(s_log, ElementsAre("a", "~a"));
 }
 
 namespace {
