@@ -1,9 +1,13 @@
+#include <zel/Referenced.h>
+#include <zel/String.h>
 #include <zel/Thread.h>
 #include <zel/ThreadLocalAllocator.h>
 #include <zel/Vector.h>
+#include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace {
@@ -69,14 +73,62 @@ TEST_F(ThreadLocalAllocatorTest, LastArrayToGoFreesTheMemoryForReuse) {
     }
 }
 
+namespace {
+
+/// An element that counts how many of it there are, and does not mind where it lies.
+class Counted {
+public:
+    explicit Counted(int number) : m_number(new int(number)) { ++s_count; }
+    Counted(const Counted& other) : Counted(other.get()) {}
+    Counted& operator=(const Counted& other) {
+        *m_number = other.get();
+        return *this;
+    }
+    ~Counted() {
+        delete m_number;
+        --s_count;
+    }
+    [[nodiscard]] int get() const { return *m_number; }
+
+    static int s_count;
+
+private:
+    int* m_number;
+};
+int Counted::s_count = 0;
+
+} // namespace
+
+template <>
+inline constexpr bool zel::MovesByBytes<Counted> = true;
+
 TEST_F(ThreadLocalAllocatorTest, HoldsElementsWithDestructors) {
-    LocalVector<std::string> texts;
-    for (int i = 0; i < 1000; ++i)
-        texts.push_back(std::string(50, 'a') + std::to_string(i));
-    const LocalVector<std::string> copy(texts);
-    EXPECT_EQ(copy[999], std::string(50, 'a') + "999");
-    texts = copy;
-    EXPECT_EQ(texts.size(), 1000U);
+    {
+        LocalVector<Counted> elements;
+        LocalVector<std::unique_ptr<int>> pointers;
+        for (int i = 0; i < 1000; ++i) {
+            elements.push_back(Counted(i));
+            pointers.push_back(std::make_unique<int>(i));
+        }
+        const LocalVector<Counted> copy(elements);
+        elements = copy;
+        for (int i = 0; i < 1000; ++i) {
+            ASSERT_EQ(elements[static_cast<size_t>(i)].get(), i);
+            ASSERT_EQ(copy[static_cast<size_t>(i)].get(), i);
+            ASSERT_EQ(*pointers[static_cast<size_t>(i)], i);
+        }
+        EXPECT_EQ(Counted::s_count, 2000);
+    }
+    EXPECT_EQ(Counted::s_count, 0);
+}
+
+TEST_F(ThreadLocalAllocatorTest, ElementsThatPointIntoThemselvesAreRefused) {
+    // What the static assertion of setContainer asks.
+    EXPECT_FALSE(zel::MovesByBytes<std::string>);
+    EXPECT_FALSE(zel::MovesByBytes<zel::String>);
+    EXPECT_FALSE(zel::MovesByBytes<LocalVector<int>>);
+    EXPECT_TRUE(zel::MovesByBytes<zel::uint64>);
+    EXPECT_TRUE(zel::MovesByBytes<zel::ref_ptr<zel::Referenced>>);
 }
 
 TEST(ThreadLocalAllocatorDeathTest, NeedsAThreadOfTheSystem) {
