@@ -78,7 +78,8 @@ public:
     static bool getFilesInDirectory(zel::Vector<String>& result, const String& path, bool recursive);
     /// Copies a file, or a directory with its content; links to directories below it are copied as links.
     static bool copy(const String& from, const String& to);
-    /// Removes a file, a link or a directory, which must be empty unless `recursive`.
+    /// Removes a file, a link or a directory, which must be empty unless `recursive`. Of a link, also with a
+    /// separator behind its name, the link itself, and nothing of what it leads to.
     static bool remove(const String& path, bool recursive);
     /// Makes an empty file in the system's directory for them.
     /// @throws std::runtime_error "mktemp failed"

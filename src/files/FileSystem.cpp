@@ -346,7 +346,10 @@ bool FileSystem::copy(const String& from, const String& to) {
 }
 
 bool FileSystem::remove(const String& path, bool recursive) {
-    const String native = convertToNativeFilePath(path);
+    String native = convertToNativeFilePath(path);
+    // With a separator behind its name the system takes a link for the directory that it leads to.
+    if (const String name = native.substr(0, native.find_last_not_of('/') + 1); isLink(name))
+        native = name;
     if (isLink(native) || !isDir(native)) {
         if (unlink(native.c_str()) == 0)
             return true;

@@ -386,6 +386,20 @@ TEST_F(FileSystemTest, RemoveTakesFilesLinksAndDirectories) {
     EXPECT_THAT(warnings(), IsEmpty());
 }
 
+TEST_F(FileSystemTest, RemoveTakesALinkAlsoWithASeparatorBehindIt) {
+    directory.write("keep/file");
+    for (const char* behind : {"/", "//", "\\", "/\\/"})
+        for (const bool recursive : {false, true}) {
+            fs::create_directory_symlink(directory.path("keep"), directory.path("link"));
+            EXPECT_TRUE(FileSystem::remove(directory.path("link") + behind, recursive));
+            EXPECT_FALSE(fs::is_symlink(directory.path("link")));
+        }
+    EXPECT_TRUE(fs::exists(directory.path("keep/file")));
+    EXPECT_FALSE(FileSystem::remove(directory.path("keep/file/"), false)); // no directory
+    EXPECT_TRUE(FileSystem::remove(directory.path("keep/"), true));
+    EXPECT_FALSE(fs::exists(directory.path("keep")));
+}
+
 TEST_F(FileSystemTest, RemoveThatFailsTellsWhy) {
     directory.write("full/file");
     EXPECT_FALSE(FileSystem::remove("/nonexistent", true));
