@@ -280,6 +280,10 @@ void Thread::workLoop() {
             if (taken == Taken::Nothing)
                 break;
             if (taken == Taken::NotReady) {
+                // Whoever falls asleep waits for a look at the queue of a thread outside the pool, and all
+                // who could make the job ready may be waiting for that: the lock must not be taken again at
+                // once.
+                sched_yield();
                 // Who waits for something else than a frame looks after that: the job that makes this one
                 // ready may lie below on the stack.
                 if (m_awaited == &m_neverDone)

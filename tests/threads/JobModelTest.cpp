@@ -352,7 +352,7 @@ TEST_P(JobModelTest, RunsEachJobOnceAndInOrder) {
 }
 
 TEST_P(JobModelTest, RunsEachJobOnceAndInOrderWhereSeveralThreadsExecuteTasks) {
-    Driver(zelTest::stressSeed(), Way::Execute).run(static_cast<int>(100 / zelTest::StressDivisor));
+    Driver(zelTest::stressSeed(), Way::Execute).run(static_cast<int>(50 / zelTest::StressDivisor));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rounds, JobModelTest, testing::Range(0, 4));
