@@ -5,6 +5,7 @@
 
 #include <zel/Component.h>
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/ScalarParameter.h>
@@ -509,8 +510,10 @@ void Value::bind(Value* other) {
             setStorage(other->m_storage);
     }
     joinBinding(other);
-    propagate();
-    m_eventDispatch.triggerBindEvent(this, other, oldBinding.get());
+    zel::FirstException failure;
+    failure.run([this] { propagate(); });
+    failure.run([&] { m_eventDispatch.triggerBindEvent(this, other, oldBinding.get()); });
+    failure.rethrow();
 }
 
 bool Value::bind(zel::Object* object) {

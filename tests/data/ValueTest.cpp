@@ -852,3 +852,15 @@ TEST(ValueDeathTest, ReadingNeedsContent) {
     value->bind(none.get());
     EXPECT_DEATH(static_cast<void>(value->get()), "v: The value has no content");
 }
+
+TEST(ValueTest, ListenersHearOfABindingWhereACallbackThrows) {
+    const ref_ptr<Value> source(new Value("source", getFormat("Real:64bit")));
+    const ref_ptr<Value> value(new Value("v", getFormat("Real:64bit")));
+    Recorder recorder;
+    value->addListener(&recorder);
+    value->updateEvent.connect([](Value*) { throw std::runtime_error("callback"); });
+    EXPECT_EQ(zelTest::whatOf([&] { value->bind(source.get()); }), "callback");
+    EXPECT_EQ(value->getBinding(), source.get());
+    EXPECT_EQ(recorder.log, (std::vector<std::string>{"update v", "bind v source null"}));
+    value->removeListener(&recorder);
+}
