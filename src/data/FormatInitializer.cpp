@@ -30,8 +30,14 @@ FormatInitializer::FormatInitializer(const char* name, CreateFunction createFunc
     const std::lock_guard lock(detail::getTypeSystemMutex());
     zelVerifyN(find(name) == nullptr, "Formats for the type '%s' are already registered", name);
     initializerTable().insert(name, this);
-    if (s_haveCreatedFormats)
+    if (!s_haveCreatedFormats)
+        return;
+    try {
         init();
+    } catch (...) {
+        initializerTable().erase(m_name);
+        throw;
+    }
 }
 
 FormatInitializer::~FormatInitializer() {
@@ -44,7 +50,12 @@ void FormatInitializer::init() {
     if (m_initialized)
         return;
     m_initialized = true;
-    m_createFunction();
+    try {
+        m_createFunction();
+    } catch (...) {
+        m_initialized = false;
+        throw;
+    }
 }
 
 FormatInitializer* FormatInitializer::find(const char* name) {
@@ -58,13 +69,17 @@ void FormatInitializer::createFormats() {
     if (s_isCreatingFormats)
         return;
     registerBuiltinFormats();
-    s_isCreatingFormats = true;
+    struct Creating {
+        Creating() { s_isCreatingFormats = true; }
+        Creating(const Creating&) = delete;
+        Creating& operator=(const Creating&) = delete;
+        ~Creating() { s_isCreatingFormats = false; }
+    } const creating;
     zel::Vector<FormatInitializer*> initializers;
     for (const auto& entry : initializerTable())
         initializers.push_back(entry.value);
     for (FormatInitializer* initializer : initializers)
         initializer->init();
-    s_isCreatingFormats = false;
     s_haveCreatedFormats = true;
 }
 

@@ -307,6 +307,45 @@ TEST(TypeTest, AnInitialiserThatComesLateRunsAtOnce) {
     EXPECT_EQ(getFormat("LateType")->fullName(), "LateType:default");
 }
 
+TEST(TypeTest, AnInitialiserThatComesLateAndThrowsLeavesNothing) {
+    static_cast<void>(getType("Real"));
+    const auto fail = [] { throw std::runtime_error("frail"); };
+    EXPECT_THROW(zelData::FormatInitializer("FrailType", fail), std::runtime_error);
+    EXPECT_EQ(zelData::FormatInitializer::find("FrailType"), nullptr);
+}
+
+namespace {
+
+bool s_fails = false;
+
+/// In a process of its own: what others have registered goes.
+[[noreturn]] void tryAgain() {
+    static_cast<void>(getType("Real"));
+    const zelData::FormatInitializer frail("FrailType", [] {
+        if (s_fails)
+            throw std::runtime_error("frail");
+        static_cast<void>(zelData::getOrCreateType("FrailType"));
+    });
+    zelData::FormatInitializer::removeFormats();
+    s_fails = true;
+    bool thrown = false;
+    try {
+        zelData::FormatInitializer::createFormats();
+    } catch (const std::runtime_error&) {
+        thrown = true;
+    }
+    const bool ended = !zelData::FormatInitializer::isCreatingFormats();
+    s_fails = false;
+    zelData::FormatInitializer::createFormats();
+    std::_Exit(thrown && ended && zelData::getType("FrailType") != nullptr ? 0 : 1);
+}
+
+} // namespace
+
+TEST(TypeDeathTest, AnInitialiserThatThrowsIsTriedAgain) {
+    EXPECT_EXIT(tryAgain(), testing::ExitedWithCode(0), "");
+}
+
 TEST(TypeDeathTest, TwoInitialisersOfATypeAbort) {
     static_cast<void>(getType("Real"));
     EXPECT_DEATH(zelData::FormatInitializer("Real", &createLateFormats),
