@@ -13,7 +13,7 @@ void printElement(std::ostream& stream, const zel::Name& name, const Format* for
     const Format* ascii = format->getType() == nullptr ? nullptr : format->getType()->getFormat("ascii");
     const TransformFunction toText = ascii == nullptr ? nullptr : getTransformer(ascii, format);
     if (toText == nullptr) {
-        stream << '\'' << name << ": No ascii format'";
+        stream << '\'' << name << "': No ascii format'";
         return;
     }
     zel::String text;

@@ -147,7 +147,7 @@ TEST_F(EntityPtrTest, Prints) {
               "--== EntityInstance: Body (storage: bodies, id: 0, index: 0) ==--\n"
               "  * instance (EntityPtr:default): " +
                   text("EntityPtr", instance) +
-                  "\n  * mass (Real:64bit): 5\n  * lock (SpinMutex:default): 'lock: No ascii format'\n"
+                  "\n  * mass (Real:64bit): 5\n  * lock (SpinMutex:default): 'lock': No ascii format'\n"
                   "  * g (Real:64bit): 2\n--== END ==--\n");
     stream.str("");
     EntityPtr().print(stream);
