@@ -4,6 +4,7 @@
 #include <zel/Exception.h>
 #include <zel/Model.h>
 #include <zel/Verify.h>
+#include <zel/XmlLoader.h>
 #include <zelData/ArrayAttribute.h>
 #include <zelData/ContainerAttribute.h>
 #include <zelData/Format.h>
@@ -29,14 +30,22 @@ const Type* containerType(const char* container, const ScalarAttribute* elementA
     return getType(zel::String(container) + "<" + element + ">");
 }
 
+/// @return null for vectors of what no vectors are made of
 const Format* containerFormat(const char* container, const ScalarAttribute* elementAttribute) {
     const std::lock_guard lock(zel::getTypeSystemMutex());
     const Type* type = containerType(container, elementAttribute);
     if (type->getDefaultFormat() == nullptr)
-        getType(type->getName())
-            ->addFormat(createVectorFormat(getFormat(elementAttribute->getDefaultFormat()->fullName())),
-                        true);
+        if (Format* format = createVectorFormat(getFormat(elementAttribute->getDefaultFormat()->fullName())))
+            getType(type->getName())->addFormat(format, true);
     return type->getDefaultFormat();
+}
+
+const Format* requireContainerFormat(const char* container, const ScalarAttribute* elementAttribute) {
+    const Format* format = containerFormat(container, elementAttribute);
+    zelVerifyN(format != nullptr,
+               "No vectors are made of elements of '%s'",
+               elementAttribute->getDefaultFormat()->fullName().c_str());
+    return format;
 }
 
 } // namespace
@@ -44,7 +53,7 @@ const Format* containerFormat(const char* container, const ScalarAttribute* elem
 ContainerAttribute::ContainerAttribute(const zel::Name& name,
                                        const char* container,
                                        ScalarAttribute* elementAttribute)
-    : ScalarAttribute(name, containerFormat(container, elementAttribute))
+    : ScalarAttribute(name, requireContainerFormat(container, elementAttribute))
     , m_elementAttribute(elementAttribute) {}
 
 ContainerAttribute::~ContainerAttribute() = default;
@@ -71,6 +80,10 @@ VectorAttribute::VectorAttribute(const zel::Name& name, ScalarAttribute* element
 
 VectorAttribute* VectorAttribute::load(zel::TiXmlElement* element) {
     const zel::ref_ptr<ScalarAttribute> elementAttribute(ScalarAttribute::load(element));
+    if (containerFormat("Vector", elementAttribute.get()) == nullptr)
+        ZEL_XML_ERROR(element,
+                      zel::String::format("No vectors are made of elements of '%s'",
+                                          elementAttribute->getDefaultFormat()->fullName().c_str()));
     return new VectorAttribute(elementAttribute->getName(), elementAttribute.get());
 }
 

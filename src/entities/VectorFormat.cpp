@@ -1,15 +1,20 @@
 #include "VectorFormat.h"
 
+#include <zel/Bound.h>
 #include <zel/Integers.h>
+#include <zel/Line.h>
 #include <zel/Matrix.h>
 #include <zel/Name.h>
+#include <zel/Plane.h>
 #include <zel/Quat.h>
+#include <zel/Range.h>
 #include <zel/String.h>
 #include <zel/Uuid.h>
 #include <zel/Vec.h>
 #include <zel/Vector.h>
 #include <zel/Verify.h>
 #include <zelData/ContainerFormat.h>
+#include <zelData/EntityInstance.h>
 #include <zelData/EntityPtr.h>
 #include <zelData/FormatT.h>
 #include <zelData/Transform.h>
@@ -36,61 +41,61 @@ bool create(Format* elementFormat, Format*& result) {
     return true;
 }
 
-/// The first of the classes that is the format's.
+/// @return whether one of the classes is the format's, whose vectors get the format `result`
 template <typename... T>
-Format* createOneOf(Format* elementFormat) {
-    Format* result = nullptr;
-    static_cast<void>((create<T>(elementFormat, result) || ...));
-    return result;
+bool createOneOf(Format* elementFormat, Format*& result) {
+    return (create<T>(elementFormat, result) || ...);
+}
+
+template <typename... Numbers>
+bool createOfVecs(Format* elementFormat, Format*& result) {
+    return createOneOf<zel::Vec2T<Numbers>...>(elementFormat, result) ||
+           createOneOf<zel::Vec3T<Numbers>...>(elementFormat, result) ||
+           createOneOf<zel::Vec4T<Numbers>...>(elementFormat, result);
+}
+
+template <typename... Numbers>
+bool createOfBounds(Format* elementFormat, Format*& result) {
+    return createOneOf<zel::BoundT<Numbers>...>(elementFormat, result) ||
+           createOneOf<zel::BoundT<zel::Vec2T<Numbers>>...>(elementFormat, result) ||
+           createOneOf<zel::BoundT<zel::Vec3T<Numbers>>...>(elementFormat, result);
+}
+
+/// The classes that there are of single and of double precision.
+template <typename... Reals>
+bool createOfGeometry(Format* elementFormat, Format*& result) {
+    return createOneOf<zel::QuatT<Reals>...>(elementFormat, result) ||
+           createOneOf<zel::Matrix3x3T<Reals>...>(elementFormat, result) ||
+           createOneOf<zel::Matrix4x4T<Reals>...>(elementFormat, result) ||
+           createOneOf<zel::AffineMatrix4x4T<Reals>...>(elementFormat, result) ||
+           createOneOf<zel::LineT<Reals>...>(elementFormat, result) ||
+           createOneOf<zel::PlaneT<Reals>...>(elementFormat, result) ||
+           createOneOf<zel::Range6T<Reals>...>(elementFormat, result);
 }
 
 } // namespace
 
 Format* createVectorFormat(Format* elementFormat) {
     zelVerify(elementFormat);
-    using zel::Matrix3x3T;
-    using zel::Matrix4x4T;
-    using zel::Name;
-    using zel::QuatT;
-    using zel::String;
-    using zel::Uuid;
-    using zel::Vec2T;
-    using zel::Vec3T;
-    using zel::Vec4T;
-    Format* format = createOneOf<bool,
-                                 zel::int8,
-                                 zel::int16,
-                                 zel::int32,
-                                 zel::int64,
-                                 zel::uint8,
-                                 zel::uint16,
-                                 zel::uint32,
-                                 zel::uint64,
-                                 float,
-                                 double,
-                                 Vec2T<float>,
-                                 Vec2T<double>,
-                                 Vec3T<float>,
-                                 Vec3T<double>,
-                                 Vec4T<float>,
-                                 Vec4T<double>,
-                                 Vec2T<zel::int64>,
-                                 Vec3T<zel::int64>,
-                                 Vec4T<zel::int64>,
-                                 Vec2T<zel::uint64>,
-                                 Vec3T<zel::uint64>,
-                                 Vec4T<zel::uint64>,
-                                 QuatT<float>,
-                                 QuatT<double>,
-                                 Matrix3x3T<double>,
-                                 Matrix4x4T<double>,
-                                 Name,
-                                 String,
-                                 Uuid,
-                                 void*,
-                                 EntityPtr>(elementFormat);
-    zelVerifyN(
-        format != nullptr, "No vectors are made of elements of '%s'", elementFormat->fullName().c_str());
+    using namespace zel; // NOLINT(google-build-using-namespace): for the names of numbers
+    Format* format = nullptr;
+    static_cast<void>(
+        createOneOf<bool, int8, int16, int32, int64, uint8, uint16, uint32, uint64, float, double>(
+            elementFormat, format) ||
+        createOfVecs<int8, int16, int32, int64, uint8, uint16, uint32, uint64, float, double>(elementFormat,
+                                                                                              format) ||
+        createOfBounds<int32, int64, uint32, uint64, float, double>(elementFormat, format) ||
+        createOfGeometry<float, double>(elementFormat, format) ||
+        createOneOf<SPDMatrix3x3,
+                    IndexRangeT<uint32>,
+                    IndexRangeT<uint64>,
+                    Name,
+                    String,
+                    Uuid,
+                    void*,
+                    Object*,
+                    EntityPtr,
+                    EntityInstance>(elementFormat, format));
     return format;
 }
 

@@ -524,3 +524,71 @@ TEST_F(EntityModelMaliciousTest, SaysWhatIsWrongWithAStorage) {
     EXPECT_THAT(load("<Entity.Storage entity='Body' capacity=''/>"),
                 HasSubstr("XML error: Unable to parse attribute capacity"));
 }
+
+// Vectors
+
+TEST_F(EntityModelTest, VectorsOfAllListedTypesThatCanBeCopied) {
+    int number = 0;
+    for (const char* type : {"AffineMatrix4x4",
+                             "Bool",
+                             "Bound1",
+                             "Bound1i",
+                             "Bound1u",
+                             "Bound2",
+                             "Bound2i",
+                             "Bound2u",
+                             "Bound3",
+                             "Bound3i",
+                             "Bound3u",
+                             "EntityInstance",
+                             "EntityPtr",
+                             "IndexRange",
+                             "Int",
+                             "Line",
+                             "Matrix3x3",
+                             "Matrix4x4",
+                             "Name",
+                             "ObjectPointer",
+                             "Plane",
+                             "Pointer",
+                             "Quat",
+                             "Range6",
+                             "Real",
+                             "SPDMatrix3x3",
+                             "String",
+                             "UInt",
+                             "Uuid",
+                             "Vec2",
+                             "Vec2i",
+                             "Vec2u",
+                             "Vec3",
+                             "Vec3i",
+                             "Vec3u",
+                             "Vec4",
+                             "Vec4i",
+                             "Vec4u",
+                             "Bound3:32bit",
+                             "Vec3i:8bit",
+                             "Vec3u:32bit",
+                             "Matrix3x3:32bit"}) {
+        std::string text(type);
+        const std::size_t colon = text.find(':');
+        std::string attributes = "type='" + text.substr(0, colon) + "'";
+        if (colon != std::string::npos)
+            attributes += " format='" + text.substr(colon + 1) + "'";
+        EntityModel* model =
+            entity("V" + std::to_string(number++), "<Attribute.Vector name='list' " + attributes + "/>");
+        ASSERT_NE(model, nullptr) << type;
+        const ref_ptr<EntityStorage> storage(new EntityStorage(model));
+        static_cast<void>(storage->createInstances(2));
+        EXPECT_EQ(storage->getBuffer("list")->size(), 2U) << type;
+    }
+}
+
+TEST_F(EntityModelTest, VectorsOfWhatCanNotBeCopiedAreAnErrorOfTheFile) {
+    const std::string text = "<Attribute.Vector name='locks' type='SpinMutex'/>";
+    EXPECT_THAT(
+        zelTest::whatOf([&] { ref_ptr<Attribute>(zelData::VectorAttribute::load(parse(text))); }),
+        HasSubstr("XML error: No vectors are made of elements of 'SpinMutex:default'. Error at row 1"));
+    EXPECT_NE(xmlFailure("<Entity.Model name='Locks'>" + text + "</Entity.Model>"), "no exception");
+}
