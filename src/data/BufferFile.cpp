@@ -183,9 +183,11 @@ void Buffer::snapshot(TiXmlNode* node, const String& directory) {
         zelVerifyAs(zelIO::FileSystem::mkdir(bufferDir, true), "zelIO::FileSystem::mkdir(bufferDir)");
         constexpr std::size_t longestName = 200;
         std::string name = getPath().str();
+        const bool isChanged = name.size() > longestName || name.find('/') != std::string::npos;
         std::replace(name.begin(), name.end(), '/', '_');
-        if (name.size() > longestName) // a file name has 255 bytes at most
-            name = std::to_string(getId()) + "_" + name.substr(name.size() - longestName);
+        if (isChanged) // a file name has 255 bytes at most; that of another buffer may be the same by now
+            name =
+                std::to_string(getId()) + "_" + name.substr(name.size() - std::min(name.size(), longestName));
         name += ".zelBuffer";
         writeBinaryDump(bufferDir + "/" + name);
         child->SetAttribute("data", "buffers/" + name);

@@ -99,6 +99,8 @@ void BufferProxyAllocator::deallocateBytes(void* pointer, zel::size_t size) {
         m_givenBack = true;
         if (!buffer.hasPlainElements())
             buffer.m_numElements = 0; // the vector has destroyed them
+        buffer.m_logicalSize = static_cast<zel::uint32>(buffer.m_numElements);
+        restoreContent(*buffer.m_numElementsValue, buffer.inEntries(buffer.m_numElements));
     }
 }
 

@@ -172,6 +172,21 @@ TEST_F(BufferFileTest, SnapshotsRestoreToEqualContent) {
     EXPECT_EQ(c->size(), 21U);
 }
 
+TEST_F(BufferFileTest, BuffersOfSimilarNamesHaveFilesOfTheirOwn) {
+    const ref_ptr<Buffer> slash(new Buffer("a/b", getFormat("UInt:8bit")));
+    const ref_ptr<Buffer> plain(new Buffer("a_b", getFormat("UInt:8bit")));
+    slash->resize(2);
+    plain->resize(3);
+    TiXmlElement root("Object");
+    for (const auto& buffer : {slash, plain})
+        buffer->snapshot(&root, m_directory.path("snap"));
+    const TiXmlElement* element = root.FirstChildElement("Buffer");
+    EXPECT_EQ(m_directory.read(std::string("snap/") + element->Attribute("data")).size(), 2U);
+    element = element->NextSiblingElement("Buffer");
+    EXPECT_STREQ(element->Attribute("data"), "buffers/a_b.zelBuffer");
+    EXPECT_EQ(m_directory.read("snap/buffers/a_b.zelBuffer").size(), 3U);
+}
+
 TEST_F(BufferFileTest, ASnapshotOfTextsHasNoData) {
     const ref_ptr<Buffer> texts(new Buffer("t", getFormat("String")));
     texts->resize(2);

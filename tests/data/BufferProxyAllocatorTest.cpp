@@ -172,3 +172,17 @@ TEST(BufferProxyAllocatorDeathTest, TakesABufferOnlyWhileEmpty) {
     EXPECT_DEATH(empty.allocator().setBuffer(ref_ptr<Buffer>(new Buffer("v", getFormat("Void"))).get()),
                  "v: The buffer can not be the memory storage of a Vector\\.");
 }
+
+TEST(BufferProxyAllocatorTest, TheValueShowsWhatAVectorOfTextsLeaves) {
+    const ref_ptr<Buffer> buffer(new Buffer("b", getFormat("String")));
+    {
+        Texts texts;
+        texts.allocator().setBuffer(buffer.get());
+        texts.push_back(longText(1));
+        texts.push_back(longText(2));
+        texts.allocator().commit();
+        texts.allocator().commit();
+        EXPECT_EQ(buffer->getNumElementsValue()->get(), 2U);
+    }
+    EXPECT_EQ(buffer->getNumElementsValue()->get(), buffer->size());
+}
