@@ -121,12 +121,13 @@ public:
 
     // Instances
 
-    /// The storage for instances that are created without naming one: each thread of the system has its own.
-    /// Lives until the library's shutdown.
-    /// @threads any thread
+    /// The storage for instances that are created without naming one: each thread of the system has its own,
+    /// and all other threads share one. Lives until the library's shutdown.
+    /// @threads any thread; the storage itself needs an external lock where threads share it
     [[nodiscard]] EntityStorage* getDefaultStorage();
     /// Makes an instance in the default storage.
-    /// @threads as getDefaultStorage
+    /// @threads any thread: one after the other where threads share the storage, with its callbacks; for what
+    ///     else they do to it, see getDefaultStorage
     EntityPtr createInstanceWrapper();
 
     /// Whether each call of getDefaultStorage gives a new storage for entities of the model "Referenced".

@@ -4,6 +4,7 @@
 #include <zel/Exception.h>
 #include <zel/FirstException.h>
 #include <zel/Namespace.h>
+#include <zel/Thread.h>
 #include <zel/Verify.h>
 #include <zelData/ContainerAttribute.h>
 #include <zelData/EntityData.h>
@@ -244,6 +245,10 @@ EntityStorage* EntityModel::getDefaultStorage() {
 }
 
 EntityPtr EntityModel::createInstanceWrapper() {
+    // Threads from outside share one storage.
+    std::unique_lock lock(zel::getTypeSystemMutex(), std::defer_lock);
+    if (zel::Thread::getCurrentThread() == nullptr)
+        lock.lock();
     return getDefaultStorage()->createInstance();
 }
 

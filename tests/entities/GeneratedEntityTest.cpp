@@ -235,6 +235,22 @@ TEST_F(DefaultStoragesTest, ThreadsFromOutsideShareOne) {
     EXPECT_NE(outside[0], model->getDefaultStorage());
 }
 
+TEST_F(DefaultStoragesTest, ThreadsFromOutsideCreateOneAfterTheOther) {
+    EntityModel* model = entity("Body");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([model] {
+            for (int k = 0; k < 5000; ++k)
+                static_cast<void>(model->createInstanceWrapper());
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    std::thread([model] {
+        EXPECT_EQ(model->getDefaultStorage()->size(), 20000U);
+        model->getDefaultStorage()->verifyConsistency();
+    }).join();
+}
+
 TEST_F(DefaultStoragesTest, AThreadMayForgetItsOwn) {
     EntityModel* model = entity("Body");
     EntityStorage* first = model->getDefaultStorage();
