@@ -164,22 +164,27 @@ public:
     /// The same in fewer steps where nothing more is to do than to count, and to copy a default value: for a
     /// storage, which does it for each column of each instance.
     /// @param numElements  of the storage
-    void resizeColumn(zel::uint64 numElements, bool initializeElements) {
+    /// @return whether listeners are to hear of it, by tellColumnSize once all columns have changed
+    bool resizeColumn(zel::uint64 numElements, bool initializeElements) {
         const zel::uint64 old = m_numElements;
         if (!isSimpleColumn() || numElements > old + 1 || numElements > m_capacity) {
-            resizeEntries(numElements, initializeElements);
-            return;
+            resizeColumnElements(numElements, initializeElements);
+            return hasListeners();
         }
         m_numElements = numElements;
         m_logicalSize = static_cast<zel::uint32>(numElements);
         ++m_revision;
         if (initializeElements && numElements > old && m_elementInitializer)
             copyPlain(getElement(old), m_defaultValue->getData());
+        return false;
     }
-    /// The capacity of a column for that many instances. All or nothing, as each change.
+    /// Lets listeners hear of such a change, in numbers of instances.
+    void tellColumnSize(zel::uint64 oldNumElements, zel::uint64 numElements);
+    /// The capacity of a column for that many instances. All or nothing, as each change. Who caches the
+    /// memory has still to hear of it, by signalReallocation.
     void reserveColumn(zel::uint64 numInstances);
     /// Takes back a change of a column, for a storage in which another column has failed: drops the elements
-    /// above `numElements`, and gives back the number `capacity`; the memory stays.
+    /// above `numElements`, and gives back the number `capacity`; the memory stays. Nobody hears of it.
     void restoreColumn(zel::uint64 numElements, zel::uint64 capacity, bool destroyElements) noexcept;
     /// Makes the memory for that many elements that keyFrameReserve has left out.
     void provideMemory(zel::uint64 numElements);
@@ -301,6 +306,8 @@ public:
     /// Releases the present memory, whose elements are destroyed already, and takes the other.
     /// @param spares  gets the memory in place of its release; null for nobody
     void swapBackBuffer(void* pointer, SpareBlocks* spares = nullptr);
+    /// The same, and leaves signalReallocation to the caller.
+    void takeBackBuffer(void* pointer, SpareBlocks* spares = nullptr);
     /// Releases raw memory of allocateBackBuffer that was not taken.
     void releaseBackBuffer(void* pointer);
     /// Gives the buffer new memory with n initialised elements and signals the reallocation. A storage's
@@ -345,6 +352,7 @@ public:
     [[nodiscard]] bool hasListener(const EventListener* listener) const {
         return m_eventDispatch.hasListener(listener);
     }
+    [[nodiscard]] bool hasListeners() const noexcept { return !m_eventDispatch.getListeners().empty(); }
 
     [[nodiscard]] static zel::Model* ClassModel();
     /// Makes a buffer from an element of the tag "Buffer".
@@ -363,7 +371,7 @@ private:
     [[nodiscard]] bool isSimpleColumn() const noexcept {
         const bool plain = m_plain && m_defaultInitializer && m_defaultDestructor;
         return (plain || (!m_elementInitializer && !m_elementDestructor)) && m_elementsPerEntry == 1 &&
-               m_sharedContainer == nullptr && !m_memoryOnResize && m_eventDispatch.getListeners().empty();
+               m_sharedContainer == nullptr && !m_memoryOnResize && !hasListeners();
     }
     /// Copies one plain element, in words: most have one to four.
     void copyPlain(void* target, const void* source) const noexcept {
@@ -393,8 +401,12 @@ private:
     [[nodiscard]] bool movesAsBytes() const noexcept;
     void setMemory(void* pointer, zel::uint64 n);
     void runOn(const ElementCallback& callback, void* pointer, const Range& range);
+    [[nodiscard]] zel::ref_ptr<Buffer> hold();
     void resizeEntries(zel::uint64 entries, bool initialize);
+    void resizeColumnElements(zel::uint64 numInstances, bool initialize);
     void resizeElements(zel::uint64 n, bool initialize);
+    void tellResize(zel::uint64 old, zel::uint64 n);
+    void makeRoom(zel::uint64 capacity);
     void reserveElements(zel::uint64 capacity);
     void elementArraySizeCallback();
     void setElementsPerEntry(zel::uint64 n);
@@ -441,7 +453,7 @@ private:
     bool m_defaultDestructor = true;
     bool m_isOwnOriginal = true;
     bool m_movesWholeCapacity = false;
-    bool m_memoryOnResize = false; // the capacity was set without memory
+    bool m_memoryOnResize = false; // the memory has less room than the capacity says
     /// A value that the buffer's callback is connected to, its own or its storage's.
     struct Connection {
         zel::ref_ptr<ValueT<zel::uint64>> value;

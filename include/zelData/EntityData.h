@@ -3,6 +3,7 @@
 #include <zel/Export.h>
 #include <zel/Integers.h>
 #include <zel/Object.h>
+#include <zel/Range.h>
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelData/Array.h>
@@ -93,6 +94,7 @@ private:
         zel::uint64 callbackId;
     };
 
+    [[nodiscard]] zel::IndexRangeT<zel::uint32> getOrderRange() const;
     void connect(Column& column, Buffer* buffer);
     static void disconnect(Column& column);
     void disconnectAll();

@@ -51,7 +51,11 @@ class ValueT;
 /// A change that fails, for want of memory or because an initializer or a constructor throws, leaves size,
 /// capacity, ids and content as they were, but for room that has been made already; more than the machine or
 /// the ids can hold is a std::runtime_error that names the storage or the column. Listeners hear of what has
-/// been done: what one throws is passed on, and the change stays.
+/// been done: what one throws is passed on when all have heard, and the change stays.
+///
+/// A callback may change the storage in its turn: what it has destroyed is not destroyed again, and what it
+/// has created stays, but that a storage which is resized comes to the size that was asked for. It may let go
+/// of the last reference to the storage, which then ends with the operation that has called it.
 /// @threads owner thread: the structure changes between task executions only. Kernels write elements in
 ///     parallel, and add instances by beginBatch and commitBatch.
 /// @cost creation and destruction of an instance: one move per column, and no allocation while it fits
@@ -105,8 +109,9 @@ public:
         void triggerPermuteEvent(EntityStorage* storage, Array<zel::uint32> permutation);
 
     private:
+        friend class EntityStorage; // calls them with what is left when their turn comes
         template <typename Call>
-        void forEach(const Call& call);
+        void forEach(EntityStorage* storage, const Call& call);
 
         zel::Vector<EventListener*> m_listeners; // null where one went away during a walk
         zel::uint32 m_numWalks = 0;
@@ -214,6 +219,7 @@ public:
     // Copies
 
     /// Makes an instance in the other storage with the content of the one here.
+    /// @throws std::runtime_error where a listener has destroyed one of the two before it was copied
     EntityPtr copyInstance(zel::uint32 id, EntityStorage* target);
     /// Gives the instance `targetId` of the other storage, whose model must be this one's or one that it
     /// derives from, the content of the one here. Arrays get elements of their own.
@@ -264,7 +270,8 @@ public:
     [[nodiscard]] Buffer* getIdToIndexBuffer() const noexcept { return m_idToIndexBuffer.get(); }
     /// Makes and registers the column of an attribute; null for an attribute that has none.
     Buffer* createBuffer(Attribute* attribute);
-    /// Enters a buffer that is connected to an attribute.
+    /// Enters a buffer that has an attribute: a free one, which becomes a column, or a column of a storage
+    /// that shares its columns with this one.
     void registerBuffer(Buffer* buffer);
     /// Connects a free buffer to this storage and the attribute, and enters it.
     void explicityRegisterBuffer(Buffer* buffer, Attribute* attribute);
@@ -338,7 +345,12 @@ public:
 private:
     friend class EntityModel; // gives storages a buffer for a new attribute
     friend class EntityData;
+    friend class Buffer; // keeps the storage while it calls back
 
+    class Operation;
+    class Watch;
+    class Victims;
+    struct OwnChange;
     struct SharedStorageTag {};
     EntityStorage(EntityStorage* master, SharedStorageTag tag);
 
@@ -350,40 +362,54 @@ private:
     void createIdToIndexBuffer();
     void addAttribute(Attribute* attribute);
     static void createElementBuffer(Buffer* buffer, Attribute* attribute);
+    void connect(Buffer* buffer, Attribute* attribute);
     void forgetBuffer(const Buffer* buffer);
     void provideIds(zel::uint64 n);
     void initializeInstances(zel::uint64 begin, zel::uint64 end);
     void refreshTables();
 
+    [[nodiscard]] EntityStorage& first() noexcept { return m_master ? *m_master : *this; }
+    void hold();
+    void letGo() noexcept;
     void writeSize(zel::uint64 n);
+    void writeSize(zel::uint64 n, OwnChange& own);
     void resizeCallback(zel::uint64 n);
     void reserveCallback(zel::uint64 n);
     [[noreturn]] void throwTooMany() const;
-    void changeSize(zel::uint64 n, bool initialize, bool insideCreate);
-    template <typename Tell>
-    void tellRange(zel::uint64 begin, zel::uint64 end, bool insideCreate, const Tell& tell);
-    void growColumns(zel::uint64 n, bool initialize);
+    void changeSize(zel::uint64 n, bool initialize, OwnChange* own);
+    void provideRoom(zel::uint64 n, zel::FirstException& failure);
+    [[nodiscard]] bool isHeard();
+    void tellGrowth(zel::uint64 begin, zel::uint64 end, const OwnChange* own, zel::FirstException& failure);
+    void tellShrinkage(zel::uint64 n, zel::FirstException& failure);
+    void tellColumns(zel::uint64 old, zel::uint64 n, bool moves, zel::FirstException& failure);
+    [[nodiscard]] bool resizeColumns(zel::uint64 n, bool initialize);
     void setSize(zel::uint64 n);
     void changeCapacity(zel::uint64 n);
     void setCapacity(zel::uint64 capacity);
     void showSize(zel::uint64 n);
     void showCapacity(zel::uint64 n);
     void syncViews();
-    void constructInstances(zel::uint64 begin, zel::uint64 end);
-    void dropInstances(zel::uint64 begin, zel::uint64 end) noexcept;
-    void createAtEnd(zel::uint64 n);
-    void growGlobalOrder(zel::uint64 n);
+    void constructInstances(zel::uint64 begin, zel::uint64 end, bool isHeard, zel::FirstException& failure);
+    void createAtEnd(OwnChange& own, zel::FirstException& failure);
+    [[nodiscard]] bool growGlobalOrder(zel::uint64 n);
     void abandonBatch() noexcept;
+    [[nodiscard]] EntityPtr createInstance(zel::FirstException& failure);
+    [[nodiscard]] EntityPtr createFor(zel::uint32 id, EntityStorage* target, zel::FirstException& failure);
+    [[nodiscard]] EntityPtr makeCopy(zel::uint32 id, EntityStorage* target, zel::FirstException& failure);
+    void
+    copyContent(zel::uint32 id, EntityStorage* target, zel::uint32 targetId, zel::FirstException& failure);
+    void copyObservers(zel::uint32 id, EntityStorage* target, const EntityPtr& instance) const;
     void takeBack(const EntityPtr& instance) noexcept;
 
     void verifyAlive(zel::uint32 id) const;
     [[nodiscard]] bool isRelative(const EntityStorage* other) const noexcept;
-    void tellDestruction(zel::uint32 id);
-    template <typename IndexList>
-    void tellDestruction(const EntityPtr* instances, const IndexList& indices);
+    [[nodiscard]] bool tellDestruction(zel::uint64& index, zel::FirstException& failure);
     template <typename IndexList>
     void destroyAt(IndexList& indices);
-    void moveToEnd(zel::uint64 index, zel::uint64 last, zel::FirstException& failure);
+    [[nodiscard]] bool moveToEnd(zel::uint64 index, zel::uint64 last);
+    void tellMoves(zel::FirstException& failure);
+    void noteGone(zel::uint64 begin);
+    [[nodiscard]] EntityStorage& withTable();
     void exchangeSlots(zel::uint64 i, zel::uint64 j) noexcept;
     void verifyNoPermutation() const {
         if (hasRelatives() || !m_permutationBuffers.empty())
@@ -412,6 +438,8 @@ private:
     void forEachOwnBuffer(const Visit& visit);
     template <typename Visit>
     void forEachColumn(const Visit& visit);
+    template <typename Call>
+    void callForEachOwnBuffer(const Call& call);
     template <typename Visit>
     void forEachRelative(const Visit& visit);
     [[nodiscard]] bool hasRelatives() const noexcept { return m_master || !m_sharedStorages.empty(); }
@@ -430,7 +458,6 @@ private:
     zel::uint64 m_size = 0;
     zel::uint64 m_capacity = 0;
     bool m_useInstanceTable = true;
-    bool m_insideCreate = false;
     bool m_initializeOnResize = true;
     bool m_noInitializeOnce = false;
     zel::ref_ptr<EntityModel> m_entity;
@@ -443,6 +470,14 @@ private:
     zel::VectorPOD<void*> m_permutationBuffers; // of getOrderedColumns; empty unless one is under way
     zel::ref_ptr<Buffer> m_globalOrderBuffer;
     zel::Vector<EntityStorage*> m_sharedStorages; // made by createSharedStorage; not owned
+    zel::uint32 m_numSizeWrites = 0;
+    OwnChange* m_ownChange = nullptr; // what the update of the size value that comes next is for
+    zel::uint32 m_numWatches = 0;
+    zel::VectorPOD<zel::uint32> m_gone; // ids that have gone since the first of the watches began
+    // Of the one whose columns the others share, or that is alone: how many operations are under way on one
+    // of them, and, once one of those has called back, all of them.
+    zel::uint32 m_numOperations = 0;
+    zel::Vector<zel::ref_ptr<EntityStorage>> m_held;
     zel::ref_ptr<Buffer> m_idToIndexBuffer;
     Array<zel::uint32> m_idToIndex;
     zel::uint64 m_resizeCallbackId = 0;

@@ -69,10 +69,12 @@ bool Buffer::EventDispatch::hasListener(const EventListener* listener) const {
 }
 
 void Buffer::EventDispatch::triggerUpdateEvent(Buffer* buffer) {
+    const zel::ref_ptr<Buffer> keep(buffer->hold());
     forEachListener(m_listeners, [buffer](EventListener* listener) { listener->updateCallback(buffer); });
 }
 
 void Buffer::EventDispatch::triggerResizeEvent(Buffer* buffer, unsigned int oldSize, unsigned int newSize) {
+    const zel::ref_ptr<Buffer> keep(buffer->hold());
     forEachListener(m_listeners,
                     [=](EventListener* listener) { listener->resizeCallback(buffer, oldSize, newSize); });
 }
@@ -104,6 +106,15 @@ Buffer::~Buffer() {
     if (m_ptr != nullptr && m_elementDestructor && m_numElements > 0)
         m_elementDestructor(this, Range(0, m_numElements));
     releaseMemory(m_ptr, m_allocated);
+}
+
+/// Keeps the buffer, and the storage whose operation is under way, while callbacks run: they may let go of
+/// the last references. One that nobody owns is left to itself.
+zel::ref_ptr<Buffer> Buffer::hold() {
+    // The tables that a storage has beside its columns are its children.
+    if (auto* storage = m_storage != nullptr ? m_storage : dynamic_cast<EntityStorage*>(getContext()))
+        storage->hold();
+    return referenceCount() > 0 ? this : nullptr;
 }
 
 void Buffer::makeValues(uint64 numElements, uint64 capacity) {
@@ -159,6 +170,7 @@ void Buffer::elementArraySizeCallback() {
     const uint64 n = m_elementArraySize->get();
     if (n == m_elementsPerEntry)
         return;
+    const zel::ref_ptr<Buffer> keep(hold());
     try {
         setElementsPerEntry(n);
     } catch (...) {
@@ -176,17 +188,20 @@ void Buffer::setElementsPerEntry(uint64 n) {
                                       getPath().c_str(),
                                       m_elementsPerEntry,
                                       n));
-    const uint64 entries = inEntries(m_numElements);
-    const uint64 capacity = std::max(inEntries(m_capacity), entries);
+    // Entries of no elements are counted by the values alone.
+    const bool counts = m_elementsPerEntry != 0;
+    const uint64 entries = counts ? inEntries(m_numElements) : m_numElementsValue->get();
+    const uint64 capacity = std::max(counts ? inEntries(m_capacity) : m_capacityValue->get(), entries);
+    const uint64 oldSize = m_numElements;
     const uint64 oldCapacity = m_capacity;
     const uint64 old = std::exchange(m_elementsPerEntry, n);
     try {
         const uint64 elements = inElements(entries);
         const uint64 room = inElements(capacity);
-        if (n < old)
+        if (elements < oldSize)
             resizeElements(elements, true);
-        reserveElements(room);
-        if (n > old)
+        makeRoom(room);
+        if (elements > oldSize)
             resizeElements(elements, true);
     } catch (...) {
         m_elementsPerEntry = old;
@@ -194,6 +209,12 @@ void Buffer::setElementsPerEntry(uint64 n) {
         mirrorInContainer();
         throw;
     }
+    const uint64 size = m_numElements;
+    zel::FirstException failure;
+    failure.run([this] { signalReallocation(); });
+    if (size != oldSize)
+        failure.run([=, this] { tellResize(oldSize, size); });
+    failure.rethrow();
 }
 
 /// A number of logical entries as one of elements.
@@ -229,14 +250,17 @@ void Buffer::resize(uint64 n, bool initializeElements) {
     if (m_storage != nullptr)
         return;
     static_cast<void>(inElements(n)); // refused ahead of any change
+    const zel::ref_ptr<Buffer> keep(hold());
     m_initializeOnResize = initializeElements;
     m_noInitializeOnce = true;
     setOrStay(*m_numElementsValue, n);
 }
 
 void Buffer::reserve(uint64 n) {
-    if (m_storage == nullptr && inElements(n) >= m_capacity)
-        setOrStay(*m_capacityValue, n);
+    if (m_storage != nullptr || inElements(n) < m_capacity)
+        return;
+    const zel::ref_ptr<Buffer> keep(hold());
+    setOrStay(*m_capacityValue, n);
 }
 
 void Buffer::resizeCallback(Value* numElements) {
@@ -247,35 +271,77 @@ void Buffer::resizeCallback(Value* numElements) {
 }
 
 void Buffer::resizeCallback(Value* numElements, bool initializeElements) {
+    const zel::ref_ptr<Buffer> keep(hold());
+    // A callback may have asked for another size meanwhile, and the value shows what holds.
+    const auto showSize = [this, numElements] {
+        if (numElements == m_numElementsValue.get() && m_storage == nullptr && m_elementsPerEntry != 0)
+            restoreContent(*m_numElementsValue, inEntries(m_numElements));
+    };
     try {
         resizeEntries(contentOf(numElements), initializeElements);
     } catch (...) {
-        if (numElements == m_numElementsValue.get() && m_storage == nullptr)
-            restoreContent(*m_numElementsValue, inEntries(m_numElements));
+        showSize();
         throw;
     }
+    showSize();
 }
+
+namespace {
+
+uint64 withReserve(uint64 count) {
+    return static_cast<uint64>(static_cast<double>(count) * Buffer::CAPACITY_MULTIPLIER);
+}
+
+} // namespace
 
 void Buffer::resizeEntries(uint64 entries, bool initializeElements) {
     const uint64 n = inElements(entries);
+    zel::FirstException failure;
     if (m_capacity < n) {
-        const auto grown = [](uint64 count) {
-            return static_cast<uint64>(static_cast<double>(count) * CAPACITY_MULTIPLIER);
-        };
-        if (m_storage == nullptr)
-            reserve(grown(entries));
-        else
-            reserveElements(grown(n));
+        failure.run([&] {
+            if (m_storage == nullptr)
+                reserve(withReserve(entries));
+            else
+                reserveElements(withReserve(n));
+        });
+        if (m_capacity < n)
+            failure.rethrow(); // otherwise the room is there, and a callback has thrown
     }
+    const uint64 old = m_numElements;
+    const void* const memory = m_ptr;
     resizeElements(n, initializeElements);
+    if (m_ptr != memory)
+        failure.run([this] { signalReallocation(); });
+    failure.run([=, this] { tellResize(old, n); });
+    failure.rethrow();
 }
 
-void Buffer::resizeElements(uint64 n, bool initialize) {
-    if (m_memoryOnResize && n > m_allocated) {
-        reallocate(m_capacity);
-        m_memoryOnResize = false;
+void Buffer::resizeColumnElements(uint64 numInstances, bool initializeElements) {
+    const uint64 n = inElements(numInstances);
+    const void* const memory = m_ptr;
+    if (m_capacity < n)
+        makeRoom(withReserve(n));
+    resizeElements(n, initializeElements);
+    if (m_ptr != memory)
         signalReallocation();
-    }
+}
+
+void Buffer::tellResize(uint64 old, uint64 n) {
+    if (hasListeners())
+        m_eventDispatch.triggerResizeEvent(this, static_cast<uint32>(old), static_cast<uint32>(n));
+}
+
+void Buffer::tellColumnSize(uint64 oldNumElements, uint64 numElements) {
+    tellResize(inElements(oldNumElements), inElements(numElements));
+}
+
+/// Nobody hears of it yet.
+void Buffer::resizeElements(uint64 n, bool initialize) {
+    // Initializers are code of others.
+    const zel::ref_ptr<Buffer> keep(initialize && !(m_defaultInitializer && m_defaultDestructor) ? hold()
+                                                                                                 : nullptr);
+    if (m_memoryOnResize && n > m_allocated)
+        reallocate(std::max(m_capacity, n));
     const uint64 old = m_numElements;
     m_numElements = n;
     m_logicalSize = static_cast<uint32>(n);
@@ -293,21 +359,25 @@ void Buffer::resizeElements(uint64 n, bool initialize) {
     if (initialize && n < old && m_elementDestructor)
         m_elementDestructor(this, Range(n, old));
     ++m_revision;
-    m_eventDispatch.triggerResizeEvent(this, static_cast<uint32>(old), static_cast<uint32>(n));
 }
 
 void Buffer::reserveCallback(Value* capacity) {
+    const zel::ref_ptr<Buffer> keep(hold());
+    const auto showCapacity = [this, capacity] {
+        if (capacity == m_capacityValue.get() && m_storage == nullptr && m_elementsPerEntry != 0)
+            restoreContent(*m_capacityValue, inEntries(m_capacity));
+    };
     try {
         reserveElements(inElements(contentOf(capacity)));
     } catch (...) {
-        if (capacity == m_capacityValue.get() && m_storage == nullptr)
-            restoreContent(*m_capacityValue, inEntries(m_capacity));
+        showCapacity();
         throw;
     }
+    showCapacity();
 }
 
 void Buffer::reserveColumn(uint64 numInstances) {
-    reserveElements(inElements(numInstances));
+    makeRoom(inElements(numInstances));
 }
 
 void Buffer::restoreColumn(uint64 numElements, uint64 capacity, bool destroyElements) noexcept {
@@ -321,13 +391,6 @@ void Buffer::restoreColumn(uint64 numElements, uint64 capacity, bool destroyElem
     }
     mirrorInContainer();
     ++m_revision;
-    if (numElements < old) {
-        zel::FirstException dropped; // another one is on its way
-        dropped.run([this, old, numElements] {
-            m_eventDispatch.triggerResizeEvent(
-                this, static_cast<uint32>(old), static_cast<uint32>(numElements));
-        });
-    }
 }
 
 void Buffer::provideMemory(uint64 numElements) {
@@ -336,6 +399,11 @@ void Buffer::provideMemory(uint64 numElements) {
 }
 
 void Buffer::reserveElements(uint64 capacity) {
+    makeRoom(capacity);
+    signalReallocation();
+}
+
+void Buffer::makeRoom(uint64 capacity) {
     verifyFits(capacity);
     if (capacity > m_capacity || (m_memoryOnResize && capacity > m_allocated))
         reallocate(capacity);
@@ -343,12 +411,12 @@ void Buffer::reserveElements(uint64 capacity) {
     m_memoryOnResize = m_memoryOnResize && m_capacity > m_allocated;
     mirrorInContainer();
     ++m_revision;
-    signalReallocation();
 }
 
 void Buffer::presize(uint64 capacity, uint64 numElements) {
     const uint64 room = std::max(capacity, numElements);
     verifyFits(room);
+    const zel::ref_ptr<Buffer> keep(hold());
     const auto tooSmall = [this, room] {
         return room > m_capacity || (m_memoryOnResize && room > m_allocated);
     };

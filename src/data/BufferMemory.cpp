@@ -83,19 +83,20 @@ void* Buffer::makeElements(uint64 room) {
 
 void Buffer::reallocate(uint64 capacity) {
     // The capacity may have been lowered below what there is.
-    const uint64 room = std::max(capacity, m_numElements);
+    const uint64 numMoved =
+        m_movesWholeCapacity ? std::max(std::min(m_capacity, m_allocated), m_numElements) : m_numElements;
+    const uint64 room = std::max(capacity, numMoved);
     if (m_ptr != nullptr && movesAsBytes() && room != 0) {
         void* const moved = zel::ByteAllocator::tryReallocateBytes(
             m_ptr, m_allocated * m_elementSize, zel::detail::byteCount(room, m_elementSize), ALIGNMENT);
         if (moved == nullptr)
             throwTooMany(room);
         setMemory(moved, room);
+        m_memoryOnResize = m_capacity > room;
         return;
     }
     void* const fresh = makeElements(room);
     const Range live(0, m_numElements);
-    const uint64 numMoved =
-        m_movesWholeCapacity ? std::max(std::min(m_capacity, m_allocated), m_numElements) : m_numElements;
     try {
         if (m_ptr != nullptr && numMoved != 0)
             m_format->moveElements(fresh, m_ptr, numMoved);
@@ -107,12 +108,16 @@ void Buffer::reallocate(uint64 capacity) {
     void* const old = m_ptr;
     const uint64 oldRoom = m_allocated;
     setMemory(fresh, room);
+    m_memoryOnResize = m_capacity > room;
     runOn(m_elementDestructor, old, live);
     releaseMemory(old, oldRoom);
 }
 
 void Buffer::signalReallocation() {
     m_allocatedPtr = m_ptr;
+    if (reallocationEvent.empty())
+        return;
+    const zel::ref_ptr<Buffer> keep(hold());
     reallocationEvent.fire(this);
 }
 
@@ -122,6 +127,11 @@ void* Buffer::allocateBackBuffer(SpareBlocks* spares) {
 }
 
 void Buffer::swapBackBuffer(void* pointer, SpareBlocks* spares) {
+    takeBackBuffer(pointer, spares);
+    signalReallocation();
+}
+
+void Buffer::takeBackBuffer(void* pointer, SpareBlocks* spares) {
     if (spares == nullptr)
         releaseMemory(m_ptr, m_allocated);
     else
@@ -129,7 +139,6 @@ void Buffer::swapBackBuffer(void* pointer, SpareBlocks* spares) {
     setMemory(pointer, getRoom());
     m_memoryOnResize = false;
     mirrorInContainer();
-    signalReallocation();
 }
 
 void Buffer::releaseBackBuffer(void* pointer) {

@@ -13,14 +13,16 @@ inline void restoreContent(ValueT<zel::uint64>& value, zel::uint64 content) noex
         *static_cast<zel::uint64*>(value.getData()) = content;
 }
 
-/// Sets the value; where that fails, it follows again what it followed.
+/// Sets the value; where that fails, it follows again what it followed. Where it is a callback that throws,
+/// the change stays.
 inline void setOrStay(ValueT<zel::uint64>& value, zel::uint64 content) {
     const zel::ref_ptr<Value> binding(value.getBinding());
     const zel::Path path = binding ? value.getBindPath() : zel::Path();
     try {
         value.set(content);
     } catch (...) {
-        if (binding) {
+        const auto* present = static_cast<const zel::uint64*>(value.getData());
+        if (binding && present != nullptr && *present != content) {
             if (!path.empty())
                 value.bind(path);
             value.bind(binding.get());

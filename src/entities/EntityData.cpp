@@ -8,6 +8,8 @@
 #include <zelData/SharedAttribute.h>
 #include <zelData/Value.h>
 
+#include <algorithm>
+
 namespace zelData {
 
 EntityData::EntityData() : zel::Object("data", ClassModel()) {}
@@ -33,7 +35,13 @@ void EntityData::setNumElements(unsigned int numElements) {
         if (m_bindings[i] != nullptr && m_columns[i].buffer)
             m_bindings[i]->setRange({0, numElements * m_columns[i].numElements});
     if (m_globalOrderColumn.buffer)
-        m_globalOrder.setRange({0, numElements});
+        m_globalOrder.setRange(getOrderRange());
+}
+
+/// The order does not always keep up with the instances: the view shows what there is.
+zel::IndexRangeT<zel::uint32> EntityData::getOrderRange() const {
+    const zel::uint64 size = m_globalOrderColumn.buffer->size();
+    return {0, static_cast<zel::uint32>(std::min<zel::uint64>(m_numElements, size))};
 }
 
 void EntityData::synchronizeSharedAttribute(Value*) {}
@@ -116,7 +124,7 @@ void EntityData::setGlobalOrderBuffer(Buffer* buffer) {
                  "%s: the global order is set already",
                  getPath().c_str());
     connect(m_globalOrderColumn, buffer);
-    m_globalOrder.bind(buffer, {0, m_numElements});
+    m_globalOrder.bind(buffer, getOrderRange());
 }
 
 /// The memory of a buffer has moved: all that show it compute their pointers anew.
@@ -146,6 +154,8 @@ void EntityData::sync() {
 void EntityData::presize(zel::uint32 n) {
     zelVerifyNAs(m_storage != nullptr, "m_storage", "The view belongs to no storage");
     zelVerifyAs(n >= m_numElements, "size >= m_numElements");
+    // The storage owns the view, and a callback may let go of it.
+    const zel::ref_ptr<EntityStorage> keep(m_storage->referenceCount() > 0 ? m_storage : nullptr);
     const zel::uint32 batch = m_instanceBatchSize;
     const zel::uint64 rounded = n == 0 ? 0 : zel::uint64{batch} + n - 1 - (n - 1) % batch;
     const zel::uint32 numElements = m_numElements;

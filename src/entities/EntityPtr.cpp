@@ -1,5 +1,6 @@
 #include "EntityText.h"
 
+#include <zel/FirstException.h>
 #include <zel/String.h>
 #include <zelData/Attribute.h>
 #include <zelData/Buffer.h>
@@ -49,9 +50,12 @@ void EntityPtr::copyAttributes(const EntityPtr& other) const {
 }
 
 void EntityPtr::destroy() {
-    if (m_storage != nullptr)
-        m_storage->destroyInstance(m_id);
+    if (m_storage == nullptr)
+        return;
+    zel::FirstException failure; // of a listener: the instance goes all the same
+    failure.run([this] { m_storage->destroyInstance(m_id); });
     *this = EntityPtr();
+    failure.rethrow();
 }
 
 namespace {

@@ -41,6 +41,17 @@ public:
     ~CreatingStorage() { t_creating.pop_back(); }
 };
 
+/// The storage ends: whoever else holds a column keeps it as a free buffer.
+void releaseColumns(EntityStorage& storage, const zel::Vector<zel::ref_ptr<Buffer>>& columns) {
+    for (const zel::ref_ptr<Buffer>& buffer : columns) {
+        if (!buffer || buffer->getStorage() != &storage)
+            continue;
+        storage.removeObject(buffer.get());
+        if (buffer->referenceCount() > 1)
+            buffer->disconnect();
+    }
+}
+
 const zel::Name& nameOf(const EntityModel* model) {
     zelVerify(model);
     return model->getName();
@@ -118,25 +129,22 @@ EntityStorage::~EntityStorage() {
         m_data->detach();
     if (m_idToIndexBuffer)
         m_idToIndexBuffer->reallocationEvent.disconnect(m_idToIndexCallbackId);
-    // Whoever else holds a column keeps it as a free buffer.
     m_bufferTable.clear();
     m_instanceBuffer = nullptr;
-    for (const zel::ref_ptr<Buffer>& buffer : m_buffers) {
-        if (!buffer || buffer->getStorage() != this)
-            continue;
-        removeObject(buffer.get());
-        if (buffer->referenceCount() > 1)
-            buffer->disconnect();
-    }
+    releaseColumns(*this, m_buffers);
 }
 
 void EntityStorage::createValues(zel::uint64 size, zel::uint64 capacity) {
     m_sizeValue = new ValueT<zel::uint64>("numElements", size);
     m_capacityValue = new ValueT<zel::uint64>("capacity", capacity);
-    m_resizeCallbackId =
-        m_sizeValue->updateEvent.connect([this](Value*) { resizeCallback(m_sizeValue->get()); });
-    m_reserveCallbackId =
-        m_capacityValue->updateEvent.connect([this](Value*) { reserveCallback(m_capacityValue->get()); });
+    m_resizeCallbackId = m_sizeValue->updateEvent.connect([this](Value*) {
+        const Operation operation(*this);
+        resizeCallback(m_sizeValue->get());
+    });
+    m_reserveCallbackId = m_capacityValue->updateEvent.connect([this](Value*) {
+        const Operation operation(*this);
+        reserveCallback(m_capacityValue->get());
+    });
     addObject(m_sizeValue.get());
     addObject(m_capacityValue.get());
 }
@@ -162,6 +170,9 @@ void EntityStorage::init(zel::uint64 capacity) {
         m_capacityValue->updateEvent.disconnect(m_reserveCallbackId);
         if (m_data)
             m_data->detach();
+        m_bufferTable.clear();
+        m_instanceBuffer = nullptr;
+        releaseColumns(*this, m_buffers);
         unreference_nodelete();
         throw;
     }
@@ -243,9 +254,7 @@ Buffer* EntityStorage::createBuffer(Attribute* attribute) {
         buffer->setElementDestructor({});
         buffer->setMovesWholeCapacity(true);
     }
-    if (attribute->getNumElements() != 1)
-        buffer->setElementArraySize(attribute->getNumElementsValue());
-    buffer->connect(this, attribute);
+    connect(buffer.get(), attribute);
     registerBuffer(buffer.get());
     createElementBuffer(buffer.get(), attribute);
     return buffer.get();
@@ -271,6 +280,13 @@ void EntityStorage::registerBuffer(Buffer* buffer) {
     if (id >= m_buffers.size())
         m_buffers.resize(id + 1);
     zelVerify(!m_buffers[id]);
+    if (buffer->getStorage() == nullptr)
+        connect(buffer, attribute);
+    zelVerifyN(isRelative(buffer->getStorage()),
+               "%s: the buffer '%s' is a column of %s",
+               getPath().c_str(),
+               buffer->getName().c_str(),
+               buffer->getStorage()->getPath().c_str());
     m_buffers[id] = buffer;
     m_bufferTable.insert(attribute, buffer);
     // A column that is shared stays a child of the storage that it is from.
@@ -289,11 +305,16 @@ void EntityStorage::registerBuffer(Buffer* buffer) {
                 shared->registerBuffer(buffer);
 }
 
-void EntityStorage::explicityRegisterBuffer(Buffer* buffer, Attribute* attribute) {
-    zelVerify(attribute);
+/// From now on the storage drives the buffer.
+void EntityStorage::connect(Buffer* buffer, Attribute* attribute) {
     if (attribute->getNumElements() != 1)
         buffer->setElementArraySize(attribute->getNumElementsValue());
     buffer->connect(this, attribute);
+}
+
+void EntityStorage::explicityRegisterBuffer(Buffer* buffer, Attribute* attribute) {
+    zelVerify(attribute);
+    connect(buffer, attribute);
     registerBuffer(buffer);
 }
 
@@ -372,6 +393,8 @@ EntityStorage* EntityStorage::createSharedStorage() {
     zelVerifyN(master->m_entity, "%s: a storage without an entity can not be shared", getPath().c_str());
     zel::ref_ptr<EntityStorage> shared(new EntityStorage(master, SharedStorageTag()));
     master->m_sharedStorages.push_back(shared.get());
+    if (!master->m_held.empty())
+        master->m_held.push_back(shared); // with the others
     return shared.release_nodelete();
 }
 

@@ -122,6 +122,16 @@ bool isPlainCopy(const Buffer* target, const Buffer* source) {
 } // namespace
 
 void EntityStorage::copyInstance(zel::uint32 id, EntityStorage* target, zel::uint32 targetId) {
+    zel::FirstException failure;
+    copyContent(id, target, targetId, failure);
+    failure.rethrow();
+}
+
+/// Collects what listeners throw once the content is there.
+void EntityStorage::copyContent(zel::uint32 id,
+                                EntityStorage* target,
+                                zel::uint32 targetId,
+                                zel::FirstException& failure) {
     zelVerify(target);
     zelVerify(this->getEntityModel()->is(target->getEntityModel()));
     verifyAlive(id);
@@ -152,27 +162,66 @@ void EntityStorage::copyInstance(zel::uint32 id, EntityStorage* target, zel::uin
     });
     for (const std::unique_ptr<StagedElements>& elements : staged)
         elements->commit();
-    zel::FirstException failure;
     forEachPair([&](Buffer* copied, Buffer* source, zel::uint64 count) {
         if (isPlainCopy(copied, source))
             copied->getFormat()->copyElements(
                 copied->getElement(to * count), source->getElement(from * count), count);
+    });
+    // Those who listen may change both storages.
+    const Operation operation(*this);
+    const Operation operationOnTarget(*target);
+    forEachPair([&](Buffer* copied, Buffer*, zel::uint64) {
+        if (copied->hasListeners())
+            hold();
         failure.run([=] { copied->commit(static_cast<zel::uint32>(to)); });
     });
-    failure.rethrow();
 }
 
 EntityPtr EntityStorage::copyInstance(zel::uint32 id, EntityStorage* target) {
+    zel::FirstException failure;
+    const EntityPtr instance = makeCopy(id, target, failure);
+    failure.rethrow();
+    return instance;
+}
+
+EntityPtr EntityStorage::makeCopy(zel::uint32 id, EntityStorage* target, zel::FirstException& failure) {
     zelVerify(target);
     zelVerify(this->getEntityModel()->is(target->getEntityModel()));
     verifyAlive(id);
-    const EntityPtr instance = target->createInstance();
+    const Operation operation(*this);
+    const Operation operationOnTarget(*target);
+    const EntityPtr instance = createFor(id, target, failure);
     try {
-        copyInstance(id, target, instance.getId());
+        copyContent(id, target, instance.getId(), failure);
     } catch (...) {
         target->takeBack(instance);
         throw;
     }
+    return instance;
+}
+
+/// Makes the instance that is to become a copy. Listeners may be against it.
+EntityPtr EntityStorage::createFor(zel::uint32 id, EntityStorage* target, zel::FirstException& failure) {
+    const Watch watch(*this);
+    const Watch watchOnTarget(*target);
+    hold(); // listeners of the target may let go of this one
+    const EntityPtr instance = target->createInstance(failure);
+    if (watch.hasGone(id)) {
+        target->takeBack(instance);
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format(
+                      "%s: a listener has destroyed the instance with id %u, which was to be copied to %s",
+                      getPath().c_str(),
+                      id,
+                      target->getPath().c_str()));
+    }
+    if (watchOnTarget.hasGone(instance.getId()))
+        ZEL_THROW(
+            std::runtime_error,
+            zel::String::format("%s: a listener has destroyed the copy of the instance with id %u of %s",
+                                target->getPath().c_str(),
+                                id,
+                                getPath().c_str()));
     return instance;
 }
 
@@ -185,27 +234,38 @@ void EntityStorage::takeBack(const EntityPtr& instance) noexcept {
     });
 }
 
+/// Those who observe an instance go with it.
+void EntityStorage::copyObservers(zel::uint32 id, EntityStorage* target, const EntityPtr& instance) const {
+    const EntityModel* referenced = referencedBase(getEntityModel());
+    const Attribute* observers = referenced == nullptr ? nullptr : referenced->getAttribute("observers");
+    if (observers == nullptr || getBuffer(observers) == nullptr || target->getBuffer(observers) == nullptr ||
+        !target->isAlive(instance.getId()))
+        return;
+    Buffer* buffer = target->getBuffer(observers);
+    buffer->getFormat()->copyElement(buffer->getElement(instance.getIndex()),
+                                     getBuffer(observers)->getElement(getIndex(id)));
+}
+
 EntityPtr EntityStorage::transferInstance(zel::uint32 id, EntityStorage* target) {
     zelVerify(target);
     if (target == this)
         return {this, id};
-    const EntityPtr instance = copyInstance(id, target);
-    try {
-        if (const EntityModel* referenced = referencedBase(getEntityModel())) {
-            const Attribute* observers = referenced->getAttribute("observers");
-            if (observers != nullptr && getBuffer(observers) != nullptr &&
-                target->getBuffer(observers) != nullptr) {
-                Buffer* buffer = target->getBuffer(observers);
-                buffer->getFormat()->copyElement(buffer->getElement(instance.getIndex()),
-                                                 getBuffer(observers)->getElement(getIndex(id)));
-            }
-        }
-        destroyInstance(id);
-    } catch (...) {
-        if (isAlive(id)) // otherwise the instance is there, and a listener has thrown
+    verifyAlive(id);
+    const Operation operation(*this);
+    const Operation operationOnTarget(*target);
+    const Watch watch(*this);
+    zel::FirstException failure;
+    const EntityPtr instance = makeCopy(id, target, failure);
+    if (!watch.hasGone(id)) { // otherwise a listener has been faster
+        try {
+            copyObservers(id, target, instance);
+        } catch (...) {
             target->takeBack(instance);
-        throw;
+            throw;
+        }
+        failure.run([this, id] { destroyInstance(id); });
     }
+    failure.rethrow();
     return instance;
 }
 

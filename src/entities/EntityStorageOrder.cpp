@@ -54,24 +54,31 @@ void EntityStorage::swapInstances(const zel::Vector<std::pair<zel::uint32, zel::
                    getPath().c_str(),
                    pair.first,
                    pair.second);
+    const Operation operation(*this);
     forEachRelative([&pairs](EntityStorage* storage) {
         for (const auto& [i, j] : pairs)
             if (i != j)
                 storage->exchangeSlots(i, j);
     });
+    forEachColumn([&pairs](Buffer* buffer) {
+        for (const auto& [i, j] : pairs)
+            if (i != j)
+                swapInstance(buffer, i, j);
+    });
+    // Those who listen find all in the new order, and may change it in their turn.
     zel::FirstException failure;
-    if (m_instanceBuffer) {
+    const auto commit = [&pairs, &failure](Buffer* buffer) {
         for (const auto& pair : pairs)
-            failure.run([&] { commitPair(m_idToIndexBuffer.get(), getId(pair.first), getId(pair.second)); });
-        for (const auto& pair : pairs)
-            failure.run([&] { commitPair(m_instanceBuffer.get(), pair); });
-    }
-    forEachColumn([&pairs, &failure](Buffer* buffer) {
-        for (const auto& pair : pairs)
-            if (pair.first != pair.second) {
-                swapInstance(buffer, pair.first, pair.second);
+            if (pair.first != pair.second)
                 failure.run([&] { commitPair(buffer, pair); });
-            }
+    };
+    if (m_instanceBuffer) {
+        commit(m_idToIndexBuffer.get());
+        commit(m_instanceBuffer.get());
+    }
+    callForEachOwnBuffer([&commit](Buffer* buffer) {
+        if (buffer != buffer->getStorage()->m_instanceBuffer)
+            commit(buffer);
     });
     failure.rethrow();
 }
@@ -87,6 +94,7 @@ void EntityStorage::swapInstanceIds(zel::uint32 id1, zel::uint32 id2) {
     verifyNoPermutation();
     const zel::uint32 index1 = getIndex(id1);
     const zel::uint32 index2 = getIndex(id2);
+    const Operation operation(*this);
     exchangeSlots(index1, index2);
     zel::FirstException failure;
     failure.run([&] { commitPair(m_idToIndexBuffer.get(), id1, id2); });
@@ -168,6 +176,7 @@ void EntityStorage::reorder(const Array<zel::uint32>& permutation, SpareBlocks* 
     if (m_size == 0)
         return;
     verifyNoPermutation();
+    const Operation operation(*this);
     // A listener may reorder while this one goes on: that one has lists of its own.
     std::unique_ptr<OrderLists> lists =
         m_orderLists ? std::move(m_orderLists) : std::make_unique<OrderLists>();
@@ -266,6 +275,7 @@ void EntityStorage::commitPermutation(const Array<zel::uint32>& permutation) {
     zelVerifyN(!m_permutationBuffers.empty(), "%s: no permutation has been prepared", getPath().c_str());
     zel::VectorPOD<zel::uint64> seen;
     verifyPermutation(permutation, seen);
+    const Operation operation(*this);
     const zel::VectorPOD<void*> backBuffers = std::exchange(m_permutationBuffers, {});
     commitOrder(permutation, getOrderedColumns(), backBuffers, nullptr);
 }
@@ -315,7 +325,7 @@ void EntityStorage::permuteColumn(const Buffer* buffer,
 /// Takes the other memory, in which the elements stand in their new order.
 void EntityStorage::commitColumn(Buffer* buffer, void* backBuffer, SpareBlocks* spares) {
     buffer->getFormat()->destroyElements(buffer->getPtr(), buffer->size());
-    buffer->swapBackBuffer(backBuffer, spares);
+    buffer->takeBackBuffer(backBuffer, spares);
 }
 
 /// Brings columns and tables of ids into the new order; listeners find both in it.
@@ -340,13 +350,23 @@ void EntityStorage::commitOrder(const Array<zel::uint32>& permutation,
             target = prepareColumn(columns[i], spares);
             permuteColumn(columns[i], target, zel::IndexRange(0, m_size), permutation);
         }
-        failure.run([&] { commitColumn(columns[i], target, spares); });
+        commitColumn(columns[i], target, spares);
     }
     syncViews();
-    for (Buffer* const buffer : columns)
-        failure.run([buffer] { buffer->commit(); });
-    if (m_idToIndexBuffer)
-        failure.run([this] { m_idToIndexBuffer->commit(); });
+    const auto forEachPermuted = [this, &failure](const auto& work) {
+        callForEachOwnBuffer([&](Buffer* buffer) {
+            if (buffer == m_instanceBuffer || buffer != buffer->getStorage()->m_instanceBuffer)
+                failure.run([&] { work(buffer); });
+        });
+    };
+    forEachPermuted([](Buffer* buffer) { buffer->signalReallocation(); });
+    forEachPermuted([](Buffer* buffer) { buffer->commit(); });
+    forEachRelative([&](EntityStorage* storage) {
+        if (storage->m_instanceBuffer && storage != this)
+            failure.run([storage] { storage->m_instanceBuffer->commit(); });
+        if (storage->m_idToIndexBuffer)
+            failure.run([storage] { storage->m_idToIndexBuffer->commit(); });
+    });
     forEachRelative([&](EntityStorage* storage) {
         if (storage->m_enableEvents)
             failure.run([&] { storage->m_eventDispatch.triggerPermuteEvent(storage, permutation); });
@@ -364,8 +384,6 @@ void EntityStorage::permuteSlots(const Array<zel::uint32>& permutation) {
         m_instancePtr[i] = slots[permutation[i]];
         m_idToIndexPtr[m_instancePtr[i].getId()] = static_cast<zel::uint32>(i);
     }
-    m_instanceBuffer->commit();
-    m_idToIndexBuffer->commit();
 }
 
 } // namespace zelData

@@ -27,6 +27,11 @@ zel::uint64 withReserve(zel::uint64 n) {
     return std::min(static_cast<zel::uint64>(static_cast<double>(n) * 1.5), EntityStorage::MaximumCapacity);
 }
 
+/// Whether nobody looks at a value but the storage, by its callback.
+bool isUnwatched(const ValueT<zel::uint64>& value) {
+    return value.updateEvent.size() == 1 && value.isUnobserved();
+}
+
 } // namespace
 
 void EntityStorage::throwTooMany() const {
@@ -51,90 +56,147 @@ void EntityStorage::resize(zel::uint64 n, bool initialize) {
         return;
     if (n > MaximumCapacity)
         throwTooMany();
+    const Operation operation(*this);
     m_initializeOnResize = initialize;
     m_noInitializeOnce = true;
-    setOrStay(*m_sizeValue, n);
+    writeSize(n);
 }
 
 /// Writes the size value. Where nobody but this storage looks at it, which is how most storages live, the
 /// content is stored and the callback called without the rounds that an update makes.
 void EntityStorage::writeSize(zel::uint64 n) {
-    if (m_sizeValue->updateEvent.size() == 1 && m_sizeValue->isUnobserved()) {
+    if (isUnwatched(*m_sizeValue)) {
         *static_cast<zel::uint64*>(m_sizeValue->getData()) = n;
         resizeCallback(n);
     } else {
+        hold();
         setOrStay(*m_sizeValue, n);
     }
+}
+
+void EntityStorage::writeSize(zel::uint64 n, OwnChange& own) {
+    m_ownChange = &own;
+    m_initializeOnResize = true;
+    if (isUnwatched(*m_sizeValue)) {
+        *static_cast<zel::uint64*>(m_sizeValue->getData()) = n;
+        resizeCallback(n); // takes the change at once
+        return;
+    }
+    struct Reset {
+        ~Reset() { change = nullptr; }
+        OwnChange*& change;
+    } const reset{m_ownChange};
+    writeSize(n);
 }
 
 void EntityStorage::resizeCallback(zel::uint64 n) {
     if (std::exchange(m_sizeIsShown, false))
         return;
     // What is written during the callbacks below decides for itself.
-    const bool insideCreate = std::exchange(m_insideCreate, false);
+    OwnChange* const own = std::exchange(m_ownChange, nullptr);
     const bool initialize = !std::exchange(m_noInitializeOnce, false) || m_initializeOnResize;
     m_initializeOnResize = initialize;
+    const zel::uint32 round = ++m_numSizeWrites;
     try {
-        changeSize(n, initialize, insideCreate);
+        changeSize(n, initialize, own);
     } catch (...) {
         restoreContent(*m_sizeValue, m_size);
         throw;
     }
+    if (m_size != n || m_numSizeWrites != round) // callbacks have changed it as well
+        restoreContent(*m_sizeValue, m_size);
 }
 
-void EntityStorage::changeSize(zel::uint64 n, bool initialize, bool insideCreate) {
+/// Makes room for n instances in all that share the columns, and collects what callbacks throw once it is
+/// there.
+void EntityStorage::provideRoom(zel::uint64 n, zel::FirstException& failure) {
+    if (n > MaximumCapacity)
+        throwTooMany();
+    const auto provide = [n, &failure](EntityStorage* storage) {
+        if (storage->m_capacity >= n)
+            return;
+        failure.run([storage, n] { storage->reserve(withReserve(n)); });
+        if (storage->m_capacity < n)
+            failure.rethrow();
+    };
+    provide(this);
+    if (hasRelatives())
+        forEachRelative(provide);
+}
+
+void EntityStorage::changeSize(zel::uint64 n, bool initialize, OwnChange* own) {
     verifyNoPermutation();
     if (n > MaximumCapacity)
         throwTooMany();
-    if (m_capacity < n)
-        reserve(withReserve(n));
-    if (hasRelatives())
-        forEachRelative([n](EntityStorage* storage) {
-            if (storage->m_capacity < n)
-                storage->reserve(withReserve(n));
-        });
-    const bool tells = hasRelatives() || (!insideCreate && !m_eventDispatch.empty());
-    if (tells && n < m_size && !insideCreate)
-        tellRange(n, m_size, insideCreate, [](EntityStorage* storage, const EntityRange& range) {
-            storage->m_eventDispatch.triggerDestroyInstancesEvent(storage, range);
-        });
-    const zel::uint64 old = m_size; // unless a listener has been faster
     zel::FirstException failure;
-    if (n > old)
-        growColumns(n, initialize);
-    else
-        forEachOwnBuffer([n, initialize, &failure](Buffer* buffer) {
-            failure.run([=] { buffer->resizeColumn(n, initialize); });
-        });
+    if (own == nullptr && n < m_size && isHeard()) {
+        tellShrinkage(n, failure);
+        verifyNoPermutation();
+    }
+    while (m_capacity < n || hasRelatives()) {
+        provideRoom(n, failure);
+        verifyNoPermutation();
+        if (own == nullptr || own->count == 0 || n == m_size + own->count)
+            break;
+        n = m_size + own->count; // callbacks have created some in their turn
+    }
+    const zel::uint64 old = m_size;
+    bool isHeard = own != nullptr && own->moves;
+    isHeard = resizeColumns(n, initialize) || isHeard;
     setSize(n);
+    if (own != nullptr && own->count != 0) {
+        own->begin = old;
+        own->id = getId(old);
+    }
     if (n > old && initialize && m_useInstanceTable && m_entity && m_entity->hasConstructor())
-        constructInstances(old, n);
+        constructInstances(old, n, isHeard, failure);
+    else if (isHeard)
+        tellColumns(old, n, own != nullptr && own->moves, failure);
+    if (own != nullptr)
+        own->isDone = true;
     if (hasRelatives() && n != old)
-        forEachRelative([this, n, &failure](EntityStorage* storage) {
+        forEachRelative([this, &failure](EntityStorage* storage) {
             if (storage != this)
-                failure.run([storage, n] { storage->showSize(n); });
+                failure.run([storage] { storage->showSize(storage->m_size); });
         });
-    if (tells && n > old)
-        tellRange(old, n, insideCreate, [&failure](EntityStorage* storage, const EntityRange& range) {
-            failure.run([&] { storage->m_eventDispatch.triggerCreateInstancesEvent(storage, range); });
-        });
+    if (n > old && (hasRelatives() || (own == nullptr && !m_eventDispatch.empty())))
+        tellGrowth(old, n, own, failure);
     failure.rethrow();
 }
 
-/// Calls tell for each storage whose listeners are to hear of the range now: a creation tells of it itself.
-template <typename Tell>
-void EntityStorage::tellRange(zel::uint64 begin, zel::uint64 end, bool insideCreate, const Tell& tell) {
+/// Tells the listeners of columns of a change of size that has been made.
+void EntityStorage::tellColumns(zel::uint64 old, zel::uint64 n, bool moves, zel::FirstException& failure) {
+    if (moves)
+        tellMoves(failure);
+    callForEachOwnBuffer(
+        [old, n, &failure](Buffer* buffer) { failure.run([=] { buffer->tellColumnSize(old, n); }); });
+}
+
+/// Tells each storage of new instances whose listeners are to hear of them now: a creation tells of it
+/// itself.
+void EntityStorage::tellGrowth(zel::uint64 begin,
+                               zel::uint64 end,
+                               const OwnChange* own,
+                               zel::FirstException& failure) {
     forEachRelative([&](EntityStorage* storage) {
-        if (storage->firesEvents() && !storage->isBatchOpen() && !(storage == this && insideCreate))
-            tell(storage, EntityRange(storage, begin, end));
+        if (!storage->firesEvents() || storage->isBatchOpen() || (storage == this && own != nullptr))
+            return;
+        // Callbacks may have taken some away.
+        const EntityRange range(storage, begin, std::min(end, m_size));
+        if (range.begin() < range.end())
+            failure.run([&] { storage->m_eventDispatch.triggerCreateInstancesEvent(storage, range); });
     });
 }
 
-/// Makes the elements of new instances in all columns, or in none.
-void EntityStorage::growColumns(zel::uint64 n, bool initialize) {
+/// Makes the elements of new instances in all columns, or in none; or destroys those of instances that go.
+/// @return whether listeners of columns are to hear of it
+bool EntityStorage::resizeColumns(zel::uint64 n, bool initialize) {
     const zel::uint64 old = m_size;
+    bool isHeard = false;
     try {
-        forEachOwnBuffer([n, initialize](Buffer* buffer) { buffer->resizeColumn(n, initialize); });
+        forEachOwnBuffer([n, initialize, &isHeard](Buffer* buffer) {
+            isHeard = buffer->resizeColumn(n, initialize) || isHeard;
+        });
     } catch (...) {
         forEachOwnBuffer([old, initialize](Buffer* buffer) {
             buffer->restoreColumn(old * buffer->getElementArraySize(), buffer->capacity(), initialize);
@@ -142,11 +204,14 @@ void EntityStorage::growColumns(zel::uint64 n, bool initialize) {
         syncViews();
         throw;
     }
+    return isHeard;
 }
 
 /// The columns are there: lets this storage, and all that share them, have that size.
 void EntityStorage::setSize(zel::uint64 n) {
     const auto set = [n](EntityStorage* storage) {
+        if (storage->m_numWatches != 0) [[unlikely]]
+            storage->noteGone(n);
         storage->m_size = n;
         if (storage->m_data)
             storage->m_data->setNumElements(static_cast<zel::uint32>(n));
@@ -159,11 +224,17 @@ void EntityStorage::setSize(zel::uint64 n) {
 
 /// Writes a size that the storage has already.
 void EntityStorage::showSize(zel::uint64 n) {
+    if (isUnwatched(*m_sizeValue)) {
+        *static_cast<zel::uint64*>(m_sizeValue->getData()) = n;
+        return;
+    }
+    hold();
     m_sizeIsShown = true;
     m_sizeValue->set(n);
 }
 
 void EntityStorage::showCapacity(zel::uint64 n) {
+    hold();
     m_capacityIsShown = true;
     m_capacityValue->set(n);
 }
@@ -184,6 +255,8 @@ void EntityStorage::reserve(zel::uint64 n) {
         return;
     if (n > MaximumCapacity)
         throwTooMany();
+    const Operation operation(*this);
+    hold();
     setOrStay(*m_capacityValue, n);
 }
 
@@ -201,6 +274,7 @@ void EntityStorage::reserveCallback(zel::uint64 n) {
         restoreContent(*m_capacityValue, m_capacity);
         throw;
     }
+    restoreContent(*m_capacityValue, m_capacity); // a callback may have changed it as well
 }
 
 void EntityStorage::changeCapacity(zel::uint64 n) {
@@ -220,7 +294,8 @@ void EntityStorage::changeCapacity(zel::uint64 n) {
             if (!grows(buffer->getStorage()))
                 return;
             capacities.push_back(buffer->capacity());
-            buffer->reserveColumn(n);
+            // A callback may have made more room meanwhile.
+            buffer->reserveColumn(std::max(n, buffer->getStorage()->m_capacity));
         });
     } catch (...) {
         zel::uint64 i = 0;
@@ -229,21 +304,34 @@ void EntityStorage::changeCapacity(zel::uint64 n) {
                 buffer->restoreColumn(buffer->size(), capacities[i++], false);
         });
         syncViews();
+        zel::FirstException dropped; // another one is on its way
+        callForEachOwnBuffer(
+            [&](Buffer* buffer) { dropped.run([buffer] { buffer->signalReallocation(); }); });
         throw;
     }
-    zel::FirstException failure;
+    zel::VectorPOD<EntityStorage*> grown;
     forEachRelative([&](EntityStorage* storage) {
         if (!grows(storage))
             return;
-        const zel::uint64 old = std::exchange(storage->m_capacity, n);
+        const zel::uint64 old = std::exchange(storage->m_capacity, std::max(n, storage->m_capacity));
         storage->initializeInstances(old, n);
-        if (storage != this)
-            failure.run([storage, n] { storage->showCapacity(n); });
+        grown.push_back(storage);
     });
+    syncViews();
+    hold();
+    zel::FirstException failure;
+    callForEachOwnBuffer([&](Buffer* buffer) {
+        if (grown.contains(buffer->getStorage()))
+            failure.run([buffer] { buffer->signalReallocation(); });
+    });
+    for (EntityStorage* const storage : grown)
+        if (storage != this)
+            failure.run([storage] { storage->showCapacity(storage->m_capacity); });
     failure.rethrow();
 }
 
 void EntityStorage::overflowCallback(zel::uint64 capacity) {
+    const Operation operation(*this);
     if (capacity > MaximumCapacity)
         throwTooMany();
     const zel::uint64 oldSize = m_size;
@@ -280,6 +368,7 @@ void EntityStorage::overflowCallback(zel::uint64 capacity) {
 void EntityStorage::presize(zel::uint64 size, zel::uint64 capacity) {
     zelVerify(capacity >= size);
     verifyNoPermutation();
+    const Operation operation(*this);
     forEachRelative([capacity](EntityStorage* storage) { storage->reserve(capacity); });
     forEachOwnBuffer(
         [capacity](Buffer* buffer) { buffer->provideMemory(capacity * buffer->getElementArraySize()); });
@@ -295,6 +384,7 @@ void EntityStorage::keyFrameResize(zel::uint64 size, zel::uint64 capacity) {
     verifyNoPermutation();
     if (capacity > MaximumCapacity)
         throwTooMany();
+    const Operation operation(*this);
     if (size < m_capacity)
         resize(size, true);
     if (capacity != m_capacity)
@@ -310,8 +400,10 @@ void EntityStorage::setCapacity(zel::uint64 capacity) {
     try {
         forEachRelative([capacity](EntityStorage* storage) {
             storage->provideIds(capacity);
-            if (storage->m_instanceBuffer && storage->m_capacity < capacity)
+            if (storage->m_instanceBuffer && storage->m_capacity < capacity) {
                 storage->m_instanceBuffer->reserveColumn(capacity);
+                storage->m_instanceBuffer->signalReallocation();
+            }
         });
         forEachOwnBuffer([&](Buffer* buffer) {
             if (buffer == buffer->getStorage()->m_instanceBuffer)
@@ -334,7 +426,10 @@ void EntityStorage::setCapacity(zel::uint64 capacity) {
     forEachRelative([&](EntityStorage* storage) {
         const zel::uint64 old = std::exchange(storage->m_capacity, capacity);
         if (storage->m_instanceBuffer) {
-            failure.run([storage, capacity] { storage->m_instanceBuffer->reserveColumn(capacity); });
+            failure.run([storage, capacity] {
+                storage->m_instanceBuffer->reserveColumn(capacity);
+                storage->m_instanceBuffer->signalReallocation();
+            });
             failure.run([storage, capacity] { storage->m_idToIndexBuffer->resize(capacity, true); });
             // Ids above a lower capacity are gone, so that all begin anew.
             storage->initializeInstances(capacity < old ? 0 : old, capacity);
