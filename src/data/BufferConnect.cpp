@@ -51,7 +51,7 @@ void Buffer::disconnect() {
 
 namespace {
 
-/// Whether expressions can multiply, and can name the storage.
+/// Whether expressions can multiply, and can name the storage as seen from its column.
 bool canBeExpressed(const zel::Name& storageName) {
     if (storageName.str().find_first_of(".,()@") != std::string::npos)
         return false;
@@ -63,15 +63,26 @@ bool canBeExpressed(const zel::Name& storageName) {
 
 /// Keeps an own value at the storage's number, multiplied by the element array size.
 void Buffer::followStorage(ValueT<uint64>* own, ValueT<uint64>* storage) {
-    if (canBeExpressed(m_storage->getName())) {
-        own->setExpression(zel::String::format(
-            "Math.Mul(@%s.%s, @elementArraySize)", m_storage->getName().c_str(), storage->getName().c_str()));
-        return;
-    }
     // The size of a column is right without the library of functions as well.
     const auto update = [this, own, storage](Value*) { own->set(storage->get() * getElementArraySize()); };
-    m_connections.push_back({storage, storage->updateEvent.connect(update)});
-    update(storage);
+    const auto followByHand = [this, storage, update] {
+        for (const Connection& connection : m_connections)
+            if (connection.value == storage)
+                return update(storage);
+        m_connections.push_back({storage, storage->updateEvent.connect(update)});
+        update(storage);
+    };
+    const zel::Name& name = m_storage->getName();
+    if (name == getName() || !canBeExpressed(name))
+        return followByHand();
+    own->setExpression(
+        zel::String::format("Math.Mul(@%s.%s, @elementArraySize)", name.c_str(), storage->getName().c_str()));
+    // The name may come to be that of another one, when either is renamed or enters a tree.
+    const auto verify = [this, own, storage, followByHand](Value*) {
+        if (own->get() != storage->get() * getElementArraySize())
+            followByHand();
+    };
+    m_connections.push_back({own, own->updateEvent.connect(verify)});
 }
 
 } // namespace zelData

@@ -511,11 +511,35 @@ TEST_F(FunctionValueTest, ColumnsOfSeveralElementsNeedNoFunctions) {
     };
     for (const char* name : {"a.b", "a(b)", "a, b", "@"}) // not to be named in an expression
         expectFollows(name);
+    expectFollows("corners"); // as the column is called
     for (const auto type : {zelIO::Environment::PluginPath, zelIO::Environment::ResourcePath})
         zelIO::Environment::instance()->getFilePath(type).clear();
     LogCapture log(zel::Notify::Warning);
     expectFollows("cells"); // there is no library to multiply with
     EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(FunctionValueTest, ColumnsOfSeveralElementsFollowTheirStorageAndNoOtherOfItsName) {
+    directory.write("Components/zel/Grid.zelEntity",
+                    "<Entity.Model name='Grid'>"
+                    "<Attribute.Scalar name='corners' type='Real' numElements='3'/></Entity.Model>");
+    zelData::EntityModel* model = zelData::getEntity("Grid");
+    const ref_ptr<zelData::EntityStorage> cells(new zelData::EntityStorage(model, "cells"));
+    cells->createInstances(4);
+    cells->setName("others");
+    top->addObject(cells.get());
+    const ref_ptr<zelData::EntityStorage> second(new zelData::EntityStorage(model, "cells"));
+    second->createInstances(50);
+    top->addObject(second.get());
+    top->rebind();
+    cells->createInstance();
+    second->createInstances(10);
+    for (const auto& storage : {cells, second}) {
+        const zelData::Buffer* corners = storage->getBuffer("corners");
+        EXPECT_EQ(corners->size(), 3 * storage->size());
+        EXPECT_EQ(corners->getNumElementsValue()->get(), 3 * storage->size());
+        EXPECT_EQ(corners->getCapacityValue()->get(), 3 * storage->capacity());
+    }
 }
 
 TEST_F(FunctionValueTest, ColumnsOfSeveralElementsFollowTheirStorage) {
