@@ -144,13 +144,13 @@ Handle* Statistics::enter(void* provider, const char* name, void* parent) {
                         << "', new name: '" << name << "'.");
         return nullptr;
     }
-    ProviderHandle* parentNode = getOrCreateParentNode(parent);
-    if (parentNode == nullptr)
-        return nullptr;
-    if (known != nullptr && isAtOrAbove(known, parentNode)) {
+    ProviderHandle* parentNode = parent == provider ? known : getOrCreateParentNode(parent);
+    if (parent == provider || (known != nullptr && isAtOrAbove(known, parentNode))) {
         ZEL_LOG_WARNING("Trying to register provider '" << name << "' below itself. Doing nothing.");
         return nullptr;
     }
+    if (parentNode == nullptr)
+        return nullptr;
     // A task begins with timers of its own.
     ref_ptr<Handle> handle(std::is_same_v<Handle, ProviderHandle> ? dynamic_cast<Handle*>(known) : nullptr);
     if (handle) {

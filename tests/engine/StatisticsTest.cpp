@@ -269,6 +269,18 @@ TEST_F(StatisticsTest, AProviderDoesNotMoveBelowItself) {
     EXPECT_EQ(report(), "Root\n- Children:\n  a\n  - Children:\n    b\n");
 }
 
+TEST_F(StatisticsTest, AProviderIsNotItsOwnParent) {
+    const LogCapture log(zel::Notify::Warning);
+    EXPECT_EQ(add(&a, "a", &a), nullptr);
+    EXPECT_EQ(report(), "Root\n");
+    add(&b, "b", &a);
+    EXPECT_EQ(add(&a, "a", &a), nullptr);
+    const std::string text = "Trying to register provider 'a' below itself. Doing nothing.\n";
+    EXPECT_EQ(log.text(), text + text);
+    EXPECT_NE(add(&a, "a"), nullptr);
+    EXPECT_EQ(report(), "Root\n- Children:\n  a\n  - Children:\n    b\n");
+}
+
 TEST_F(StatisticsTest, AProviderDoesNotRegisterBelowItself) {
     add(&b, "b", &a);
     const LogCapture log(zel::Notify::Warning);
