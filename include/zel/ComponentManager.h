@@ -1,7 +1,6 @@
 #pragma once
 
 #include <zel/Export.h>
-#include <zel/HashTable.h>
 #include <zel/Path.h>
 #include <zel/Singleton.h>
 #include <zel/String.h>
@@ -12,7 +11,9 @@ class Component;
 class Device;
 
 /// A class of components that lives in a plug-in, known by its path. A static object of the plug-in: it
-/// enters itself when the library is loaded and leaves when it is unloaded.
+/// enters itself when the library is loaded and leaves when it is unloaded. One of the program's own stays
+/// from its constructor to its destructor, across all lives of the library. A second one of a path is refused
+/// with a warning.
 class ZEL_CORE_API AbstractComponentPlugin {
 public:
     explicit AbstractComponentPlugin(const String& path);
@@ -51,14 +52,12 @@ public:
     /// The library of a path, which has "lib" before its last part; empty if there is none.
     [[nodiscard]] static String getPluginFileSystemPath(const Path& path);
 
-    void registerPlugin(AbstractComponentPlugin* plugin);
-    void unregisterPlugin(AbstractComponentPlugin* plugin);
-    [[nodiscard]] AbstractComponentPlugin* findPlugin(const String& path) const;
+    static void registerPlugin(AbstractComponentPlugin* plugin);
+    static void unregisterPlugin(AbstractComponentPlugin* plugin);
+    [[nodiscard]] static AbstractComponentPlugin* findPlugin(const String& path);
 
 private:
     ComponentManager();
-
-    HashTable<String, AbstractComponentPlugin*> m_plugins;
 };
 
 } // namespace zel

@@ -2,6 +2,7 @@
 #include <zel/ComponentManager.h>
 #include <zel/Device.h>
 #include <zel/DynamicLibrary.h>
+#include <zel/HashTable.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/ServicePointer.h>
@@ -14,16 +15,20 @@ namespace {
 
 constinit ServicePointer<ComponentManager> s_instance;
 
+/// Made by the first static plug-in, and never destroyed: those may be the last to go.
+HashTable<String, AbstractComponentPlugin*>& plugins() {
+    static auto& table = *new HashTable<String, AbstractComponentPlugin*>;
+    return table;
+}
+
 } // namespace
 
 AbstractComponentPlugin::AbstractComponentPlugin(const String& path) : m_path(path) {
-    ComponentManager::instance()->registerPlugin(this);
+    ComponentManager::registerPlugin(this);
 }
 
 AbstractComponentPlugin::~AbstractComponentPlugin() {
-    // A manager that is gone has forgotten the plug-in; none is made for the farewell.
-    if (ComponentManager* manager = s_instance.find())
-        manager->unregisterPlugin(this);
+    ComponentManager::unregisterPlugin(this);
 }
 
 ComponentManager::ComponentManager() = default;
@@ -41,17 +46,20 @@ std::string ComponentManager::getClassName() const {
 }
 
 void ComponentManager::registerPlugin(AbstractComponentPlugin* plugin) {
-    m_plugins.insert(plugin->getPath(), plugin);
+    if (plugins().contains(plugin->getPath()))
+        ZEL_LOG_WARNING("There is a plug-in for the path '" << plugin->getPath() << "' already");
+    else
+        plugins().insert(plugin->getPath(), plugin);
 }
 
 void ComponentManager::unregisterPlugin(AbstractComponentPlugin* plugin) {
     if (findPlugin(plugin->getPath()) == plugin)
-        m_plugins.erase(plugin->getPath());
+        plugins().erase(plugin->getPath());
 }
 
-AbstractComponentPlugin* ComponentManager::findPlugin(const String& path) const {
-    const auto position = m_plugins.find(path);
-    return position == m_plugins.end() ? nullptr : position->value;
+AbstractComponentPlugin* ComponentManager::findPlugin(const String& path) {
+    const auto position = plugins().find(path);
+    return position == plugins().end() ? nullptr : position->value;
 }
 
 String ComponentManager::getFileSystemPath(const Path& path) {

@@ -341,12 +341,31 @@ TEST_F(ComponentManagerTest, ImplementationOfAModelSelectsTheClass) {
 TEST_F(ComponentManagerTest, ForgetsAPluginThatLeaves) {
     {
         const SpecialPlugin plugin;
-        EXPECT_EQ(zel::ComponentManager::instance()->findPlugin("test.Special"), &plugin);
+        EXPECT_EQ(zel::ComponentManager::findPlugin("test.Special"), &plugin);
         const ref_ptr<Component> made(
             zel::ComponentManager::instance()->create("test.Special", "s", nullptr));
         EXPECT_EQ(made->getName(), Name("s"));
     }
-    EXPECT_EQ(zel::ComponentManager::instance()->findPlugin("test.Special"), nullptr);
+    EXPECT_EQ(zel::ComponentManager::findPlugin("test.Special"), nullptr);
+}
+
+TEST_F(ComponentManagerTest, KeepsAPluginOfTheProgramInTheNextLifeOfTheLibrary) {
+    const SpecialPlugin plugin;
+    zelCore::shutdown();
+    SetUp();
+    write("Fancy.zelComponent", "<Component name='Fancy' implementation='test.Special'/>");
+    EXPECT_NE(dynamic_cast<Special*>(load("Fancy").get()), nullptr);
+}
+
+TEST_F(ComponentManagerTest, RefusesASecondPluginOfAPath) {
+    const SpecialPlugin plugin;
+    {
+        const LogCapture log;
+        const SpecialPlugin second;
+        EXPECT_EQ(log.text(), "There is a plug-in for the path 'test.Special' already\n");
+        EXPECT_EQ(zel::ComponentManager::findPlugin("test.Special"), &plugin);
+    }
+    EXPECT_EQ(zel::ComponentManager::findPlugin("test.Special"), &plugin);
 }
 
 TEST_F(ComponentXmlTest, SystemRootIsLoadedOnceAndEndsWithTheLibrary) {
