@@ -2,6 +2,7 @@
 #include "FormatElement.h"
 #include "ListenerLoop.h"
 #include "ValueWalk.h"
+#include "tree/Farewell.h"
 
 #include <zel/Component.h>
 #include <zel/Exception.h>
@@ -142,10 +143,12 @@ void Value::forceRemove() {
     // The tree may be the last owner; the caller of the callback that runs is not to lose the value under
     // its feet.
     const zel::ref_ptr<Value> keep(referenceCount() > 0 ? this : nullptr);
+    zel::FirstException failure;
     if (auto* component = dynamic_cast<zel::Component*>(getContext()))
-        component->removeObject(this);
+        failure.run([this, component] { component->removeObject(this); });
     dropDependents();
     m_propagationAborted = true;
+    failure.rethrow();
 }
 
 void Value::enterOwner() noexcept {
@@ -154,8 +157,9 @@ void Value::enterOwner() noexcept {
 }
 
 void Value::leaveOwner() {
-    announceDestruction(); // while their callbacks can still read the value
-    forceRemove();
+    // While their callbacks can still read the value.
+    zel::runWhileDestroyed(*this, [this] { announceDestruction(); });
+    zel::runWhileDestroyed(*this, [this] { forceRemove(); });
     unreference_nodelete();
 }
 

@@ -1,3 +1,4 @@
+#include "Farewell.h"
 #include "PathNotes.h"
 #include "Root.h"
 #include "data/ValueText.h"
@@ -124,13 +125,7 @@ Component::~Component() {
     for (size_t place = 0; place < m_objects.getNumPlaces(); ++place)
         if (Object* object = m_objects.at(place))
             object->setContext(nullptr);
-    try {
-        removeAllObjects();
-    } catch (const std::exception& error) {
-        // What a bad model gets, or a callback that fails. The subtree of a dying component goes all the
-        // same.
-        ZEL_LOG_WARNING("While '" << getName() << "' was destroyed: " << error.what());
-    }
+    runWhileDestroyed(*this, [this] { removeAllObjects(); });
     // What callbacks have added to the dying component goes without farewell.
     for (const ref_ptr<Object>& object : m_objects.hold()) {
         m_objects.erase(object.get());
