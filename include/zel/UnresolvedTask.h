@@ -19,6 +19,7 @@ class Value;
 
 namespace zel {
 
+class Model;
 class Parameter;
 class TaskPlugin;
 class TaskPluginImplementation;
@@ -177,6 +178,7 @@ private:
     ref_ptr<UnresolvedTask> m_retainLink;
     Vector<Argument> m_arguments;                 // of a call, by the index of the parameter
     std::unique_ptr<TiXmlDocument> m_description; // what the implementation reads itself
+    Vector<ref_ptr<const Model>> m_enclosing;     // the models whose files it was read from
     const zelData::Format* m_resultFormat = nullptr;
     size_t m_depth = 0; // how many tasks stand for each other above this one
     bool m_isCall = false;

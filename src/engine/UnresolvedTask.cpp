@@ -3,6 +3,7 @@
 #include <zel/CpuDevice.h>
 #include <zel/Exception.h>
 #include <zel/Log.h>
+#include <zel/Model.h>
 #include <zel/Singleton.h>
 #include <zel/TaskManager.h>
 #include <zel/UnresolvedParameter.h>

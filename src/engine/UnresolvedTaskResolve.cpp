@@ -1,4 +1,5 @@
 #include "PluginLibrary.h"
+#include "tree/LoadingModels.h"
 
 #include <zel/CpuDevice.h>
 #include <zel/Exception.h>
@@ -186,6 +187,7 @@ void UnresolvedTask::configureInstance() {
     for (size_t i = 0; i < m_proxyParameters.size(); ++i)
         bindInstanceParameter(i);
     if (m_description) {
+        const LoadingModelsScope loading(m_enclosing);
         TiXmlElement* const element = m_description->RootElement();
         if (auto* kernel = dynamic_cast<Kernel*>(m_instance.get()))
             kernel->configureDispatch(element);

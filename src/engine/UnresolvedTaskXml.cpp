@@ -1,4 +1,5 @@
 #include "data/ValueLiteral.h"
+#include "tree/LoadingModels.h"
 
 #include <zel/CpuDevice.h>
 #include <zel/Exception.h>
@@ -81,6 +82,7 @@ void UnresolvedTask::keepDescription(const TiXmlElement* element) {
     const TiXmlDocument* const document = element->GetDocument();
     m_place =
         String::format("file '%s', row %d", document == nullptr ? "" : document->Value(), element->Row());
+    m_enclosing = getLoadingModels();
     m_description = std::make_unique<TiXmlDocument>(document == nullptr ? "" : document->Value());
     TiXmlElement* const copy = m_description->LinkEndChild(element->Clone())->ToElement();
     for (const char* attribute : {"name", "source", "instance", "device"})

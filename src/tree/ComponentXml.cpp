@@ -1,5 +1,6 @@
 #include "KnownAttributes.h"
 #include "LoadScope.h"
+#include "LoadingModels.h"
 #include "ModelLoads.h"
 #include "PathHint.h"
 #include "SearchPlaces.h"
@@ -23,6 +24,7 @@
 #include <cctype>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace zel {
 
@@ -229,6 +231,23 @@ Object* loadComponent(TiXmlElement* element, Device* device) {
 const XmlLoaderRegistrator s_componentLoader("Component", loadComponent);
 
 } // namespace
+
+ModelStack getLoadingModels() {
+    ModelStack models;
+    for (const Model* model : t_loading)
+        models.push_back(ref_ptr<const Model>(model));
+    return models;
+}
+
+LoadingModelsScope::LoadingModelsScope(const ModelStack& models) {
+    for (const ref_ptr<const Model>& model : models)
+        m_outer.push_back(model.get());
+    std::swap(m_outer, t_loading);
+}
+
+LoadingModelsScope::~LoadingModelsScope() {
+    std::swap(m_outer, t_loading);
+}
 
 Component* Component::load(const Path& path, const Name& name, Device* device) {
     ModelLoads loads;
