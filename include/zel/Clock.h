@@ -119,6 +119,7 @@ public:
 
     /// Runs the task in each frame. The clock does not own it; once destroyed it is no longer there.
     void addFrameTask(Task* task);
+    /// The task does not run again, also if it was to run in the master's next frame.
     /// @return whether it was there
     bool removeFrameTask(Task* task);
     /// Runs the job in each frame. Not owned; remove it before it ends.
@@ -161,6 +162,8 @@ protected:
     void configureChildren(TiXmlElement* element) override;
 
 private:
+    friend class Task; // replaceFrameTask
+
     class FrameWrapper;
 
     /// A place in the list of a frame, or in that of the free slots. The lists lie together, away from the
@@ -191,6 +194,11 @@ private:
     void slaveTick();
     /// Whether the other clock is this one or a master above it.
     [[nodiscard]] bool follows(const Clock* clock) const noexcept;
+    /// Called by the task: another one takes its place.
+    void replaceFrameTask(Task* task, Task* with);
+    /// Takes the job out of a frame that the clock has joined and that has not run yet.
+    void withdraw(const Job* job);
+    void withdraw(const Task* task);
     void collectFrame();
     void runFrame();
     void dispatchEvents();
@@ -225,11 +233,13 @@ private:
     Vector<observer_ptr<Task>> m_frameTasks;
     VectorPOD<Job*> m_frameJobs;
     ref_ptr<FrameWrapper> m_frameWrapper;
+    ref_ptr<FrameWrapper> m_joined; // which the clock last put its tasks and jobs into, with its master
     Clock* m_master = nullptr;
     Vector<Clock*> m_slaves;
     ref_ptr<Event> m_frameEvent; // of a slave, on its master
     bool m_isTicking = false;
     bool m_isSlaveTicking = false;
+    bool m_isForced = false; // by stepTo: ticks also while it is disabled
     bool m_isThreadTimelineResponsible = false;
     Path m_masterPath;
     Name m_jobName; // keeps the text of the job's name

@@ -3,6 +3,7 @@
 #include <zel/Callback.h>
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/SpinMutex.h>
 #include <zel/Timer.h>
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
@@ -60,7 +61,9 @@ public:
     void clearDependencies();
     [[nodiscard]] const VectorPOD<Job*>& getDependents() const noexcept { return m_dependents; }
     [[nodiscard]] const VectorPOD<Job*>& getDependencies() const noexcept { return m_dependencies; }
-    [[nodiscard]] uint32 getNumDependencies() const noexcept { return m_numDependencies; }
+    [[nodiscard]] uint32 getNumDependencies() const noexcept {
+        return m_numDependencies.load(std::memory_order_relaxed); // changed while the job is at rest
+    }
 
     /// How a clock or a dependency starts the job; by default Job::spawn.
     void setSpawnCallback(Callback callback) { m_spawnCallback = std::move(callback); }
@@ -123,6 +126,7 @@ public:
 protected:
     friend class ParallelTask;
     friend class Task;
+    friend class TaskGroup;
     friend class Thread;
     friend class WaitJob;
 
@@ -134,12 +138,36 @@ protected:
     void finish(VectorPOD<Job*>& localJobs, Thread* thread);
     /// Appends each dependent that may run now.
     void resolveDependents(VectorPOD<Job*>& localJobs);
+    void resolveAll(VectorPOD<Job*>& localJobs);
 
     // One side of an edge alone, for the time of a run that the job at the other side is no part of.
 
     /// @return whether there was such an edge
     bool suspendDependent(const Job* job);
     void resumeDependent(Job* job) { m_dependents.push_back(job); }
+    /// Dependencies more, or less, while the job is at rest.
+    void changeNumDependencies(int32 change) noexcept {
+        m_numDependencies.store(getNumDependencies() + static_cast<uint32>(change),
+                                std::memory_order_relaxed);
+    }
+
+    // A task that is executed while it is part of a run as well: the argument stands in JobHold.cpp.
+
+    static constexpr uint32 HeldBack = 1U << 31;
+    static constexpr uint32 Started = 1U << 30;
+
+    /// Makes the two jobs known as the first and the last one of a task; they may be the same.
+    static void markTask(Job& first, Job& last) noexcept {
+        first.m_startsTask = true;
+        last.m_firstOfTask = &first;
+    }
+    /// @return false if the job has been started by its dependencies, and the task is not at its end yet
+    [[nodiscard]] bool holdBack() noexcept;
+    /// Ends what holdBack began.
+    /// @return whether the dependencies have come meanwhile: the caller has to spawn the job
+    [[nodiscard]] bool letGo() noexcept;
+    /// The last job of a task tells its dependents, as far as they belong to the same run.
+    void finishTask(VectorPOD<Job*>& localJobs);
 
     void updateRestricted() noexcept {
         m_restricted = m_targetThread != nullptr || m_syncTag.get() != nullptr;
@@ -156,14 +184,23 @@ protected:
     bool m_timing = false;
     bool m_restricted = false; // has a target or a tag
     uint16 m_home = NoHome;
-    uint32 m_numDependencies = 0;
-    std::atomic<uint32> m_numResolved{0}; // shared: the threads that finish the dependencies
+    bool m_startsTask = false; // of a task that others start by their edges
+    bool m_endsGroup = false;  // the end of a group, or of a frame
+    // Relaxed, but for holdBack: runs take edges out for their time, each of its own jobs.
+    std::atomic<uint32> m_numDependencies{0};
+    // Shared: the threads that finish the dependencies, and the one that holds the job back. Of the first job
+    // of a task this is Started while the dependencies' pass is on.
+    std::atomic<uint32> m_numResolved{0};
+    Job* m_firstOfTask = nullptr; // of the last job of a task that others start by their edges
     ref_ptr<Task> m_task;
     Thread* m_targetThread = nullptr;
     Thread* m_executingThread = nullptr;
     ref_ptr<SyncTag> m_syncTag;
     uint32 m_priority = 0;
     int64 m_poolTag = -1;
+    // Guards the dependents of the last jobs of tasks where the edges of a run change and a task that is part
+    // of it is executed by itself. For a few instructions; nothing else is locked meanwhile.
+    static SpinMutex s_edges;
     std::atomic<WaitJob*> m_waiters{
         nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
 };

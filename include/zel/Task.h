@@ -21,6 +21,8 @@
 
 namespace zel {
 
+class Clock;
+class FirstException;
 class ParameterBinding;
 class TaskGroup;
 class TaskTimingReportHandle;
@@ -283,16 +285,28 @@ protected:
     static void releaseJob(Job& job);
 
 private:
+    friend class Clock;      // m_frameClocks
+    friend class Parameter;  // leave
     friend class TaskGroup;  // m_groupPassed, the counts
     friend class Thread;     // m_completes, m_parallel, m_activePlace
     friend class ThreadTask; // countThreadTasks
 
-    class SoleRoot;
+    class SoleRun;
     class Trigger;
     struct Paths;
 
     void init();
     void handTriggersTo(Task* task);
+    void takeOver(Task& task,
+                  const Vector<observer_ptr<Task>>& parents,
+                  const Vector<observer_ptr<Task>>& children,
+                  FirstException& failure);
+    void handFramesTo(Task* task);
+    /// Takes the parameter off the list.
+    void takeOut(size_t index);
+    /// For a parameter that has left the component.
+    void leave(Parameter* parameter);
+    void announceRemoved(Parameter* parameter);
     void noteMissingPaths() const;
     void enableCallback();
     /// Brings the state of the jobs to what the switches say.
@@ -320,6 +334,8 @@ private:
     void countOuterEdges(int64 number) noexcept;
     void countThreadTasks(int64 number) noexcept;
     [[nodiscard]] bool runsIn(const Task* run) const noexcept;
+    /// Tells the first and the last job that others start the task by edges.
+    void markJobs() { Job::markTask(*getPreJob(), *getPostJob()); }
 
     /// Waits until no other thread executes the task.
     /// @return false if the calling thread executes it already
@@ -350,9 +366,11 @@ private:
     Vector<Task*> m_parents;
     Vector<Task*> m_children;
     TaskGroup* m_group = nullptr;
-    int64 m_numThreadTasks = 0; // this task and below it: those with a job for each thread
-    int64 m_numOuterEdges = 0;  // of this task and of what is below it; see isOuterEdge
-    // The run that begins with this task; see RunRoot. Relaxed: other runs only compare it with their own.
+    VectorPOD<Clock*> m_frameClocks; // of whose frames the task is part; each takes itself off
+    int64 m_numThreadTasks = 0;      // this task and below it: those with a job for each thread
+    int64 m_numOuterEdges = 0;       // of this task and of what is below it; see isOuterEdge
+    // The run of several roots of which this task is one; see RunRoot. Relaxed, but for join: other runs
+    // only compare it with their own.
     std::atomic<Task*> m_run{nullptr};
     std::unique_ptr<DisableHelper> m_disableHelper;
     ref_ptr<TaskTimingReportHandle> m_timingHandle; // null if there were no statistics at first

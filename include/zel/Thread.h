@@ -436,6 +436,8 @@ private:
     void handJobsOver();
     void giveJobsAway(uint32 numThreads, Thread* waiting);
     void leavePool(uint32 newCount);
+    /// For a thread that may be about to leave the work loop.
+    void spawnForOthers(Job* job);
     void markFrameDone(Task* task);
     void finishEarlierRun(Task* task);
     /// Whether a job on this thread's stack is part of the task's present run.

@@ -1,10 +1,12 @@
 #include "ClockFrame.h"
 #include "ClockSteps.h"
 #include "containers/FlagScope.h"
+#include "tree/Farewell.h"
 #include "tree/PathNotes.h"
 
 #include <zel/Clock.h>
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zel/TaskGroup.h>
@@ -72,11 +74,17 @@ Clock::Clock(const Name& name, double frequency)
 Clock::~Clock() {
     disconnect();
     if (m_master != nullptr)
-        m_master->removeSlave(this);
+        runWhileDestroyed(*this, [this] { m_master->removeSlave(this); });
     while (!m_slaves.empty())
-        removeSlave(m_slaves.back());
+        runWhileDestroyed(*this, [this] { removeSlave(m_slaves.back()); });
     while (!m_events.empty())
-        forget(m_events.back());
+        runWhileDestroyed(*this, [this] { forget(m_events.back()); });
+    for (const observer_ptr<Task>& task : m_frameTasks)
+        if (task)
+            task->m_frameClocks.findAndErase(this);
+    // The program can take them off no more.
+    for (const Job* job : m_frameJobs)
+        withdraw(job);
     releaseJob(m_job);
 }
 
@@ -212,7 +220,7 @@ void Clock::reset() {
 // Ticks
 
 void Clock::tick(bool) {
-    if (!isEnabled())
+    if (!isEnabled() && !m_isForced)
         return;
     const Keep keep(*this);
     zelVerifyNAs(
@@ -238,7 +246,7 @@ void Clock::tick(bool) {
 void Clock::collectFrame() {
     for (size_t i = 0; i < m_frameTasks.size();) {
         if (Task* task = m_frameTasks[i].get()) {
-            m_frameWrapper->add(task);
+            m_frameWrapper->add(task, this);
             ++i;
             continue;
         }
@@ -246,7 +254,9 @@ void Clock::collectFrame() {
         m_frameTasks.pop_back();
     }
     for (Job* job : m_frameJobs)
-        m_frameWrapper->add(job);
+        m_frameWrapper->add(job, this);
+    if (m_isSlaveTicking && m_joined != m_frameWrapper)
+        m_joined = m_frameWrapper;
 }
 
 void Clock::runFrame() {
@@ -259,23 +269,11 @@ void Clock::runFrame() {
 }
 
 void Clock::stepTo(double time) {
-    class EnableScope {
-    public:
-        explicit EnableScope(Clock& clock) : m_clock(clock), m_wasEnabled(clock.isEnabled()) {
-            m_clock.setEnable(true);
-        }
-        EnableScope(const EnableScope&) = delete;
-        EnableScope& operator=(const EnableScope&) = delete;
-        ~EnableScope() { m_clock.setEnable(m_wasEnabled); }
-
-    private:
-        Clock& m_clock;
-        bool m_wasEnabled;
-    };
     if (!(m_time.get() < time))
         return;
     const Keep keep(*this);
-    const EnableScope scope(*this);
+    // Not by the value, which may follow another one.
+    const FlagScope forced(m_isForced);
     const double lost = lostInSteps(m_time.get(), time, m_presentTimeStep);
     // The callbacks may change the step.
     while (m_time.get() < time - std::min(lost, MostTolerance * m_presentTimeStep)) {
@@ -303,17 +301,35 @@ void Clock::addFrameTask(Task* task) {
     for (const observer_ptr<Task>& other : m_frameTasks)
         if (other == task)
             return;
+    RunRoot::markJobs(*task);
     m_frameTasks.push_back(task);
+    task->m_frameClocks.push_back(this);
 }
 
 bool Clock::removeFrameTask(Task* task) {
     for (observer_ptr<Task>& other : m_frameTasks) {
         if (task != nullptr && other == task) {
             m_frameTasks.erase(&other);
+            task->m_frameClocks.findAndErase(this);
+            withdraw(task);
             return true;
         }
     }
     return false;
+}
+
+void Clock::replaceFrameTask(Task* task, Task* with) {
+    if (with->getGroup() != nullptr || with->m_frameClocks.contains(this)) {
+        removeFrameTask(task);
+        return;
+    }
+    addFrameTask(with);
+    if (m_joined)
+        m_joined->replace(task, with, this);
+    for (observer_ptr<Task>& other : m_frameTasks)
+        if (other == task)
+            std::swap(other, m_frameTasks.back());
+    removeFrameTask(task);
 }
 
 void Clock::addFrameJob(Job* job) {
@@ -323,7 +339,20 @@ void Clock::addFrameJob(Job* job) {
 }
 
 bool Clock::removeFrameJob(Job* job) {
-    return m_frameJobs.findAndErase(job);
+    if (!m_frameJobs.findAndErase(job))
+        return false;
+    withdraw(job);
+    return true;
+}
+
+void Clock::withdraw(const Job* job) {
+    if (m_joined)
+        m_joined->withdraw(job, this);
+}
+
+void Clock::withdraw(const Task* task) {
+    if (m_joined)
+        m_joined->withdraw(task, this);
 }
 
 // Slaves
@@ -337,20 +366,30 @@ bool Clock::follows(const Clock* clock) const noexcept {
 
 void Clock::addSlave(Clock* clock) {
     zelVerify(clock);
-    zelVerifyN(!follows(clock), "%s: A clock can not be its own master", clock->getPath().c_str());
     if (clock->m_master == this)
         return;
+    const Keep keep(*this);
+    const Keep keepSlave(*clock);
+    FirstException failure;
     if (clock->m_master != nullptr)
-        clock->m_master->removeSlave(clock);
+        failure.run([clock] { clock->m_master->removeSlave(clock); });
+    if (clock->m_master != nullptr) { // a callback has chosen another one
+        failure.rethrow();
+        return;
+    }
+    zelVerifyN(!follows(clock), "%s: A clock can not be its own master", clock->getPath().c_str());
     const double interval = 1 / clock->getFrequency();
+    const ref_ptr<Event> frameEvent(new Event(Name(clock->getPath().str())));
     clock->m_master = this;
     m_slaves.push_back(clock);
-    clock->m_frameEvent = new Event(Name(clock->getPath().str()));
-    clock->m_frameEvent->setInterval(interval);
-    clock->m_frameEvent->setStartDelay(interval);
-    clock->m_frameEvent->callbacks.connect([clock] { clock->slaveTick(); });
-    addEvent(clock->m_frameEvent.get());
-    clock->warnOfSlowMaster();
+    clock->m_frameEvent = frameEvent;
+    frameEvent->setInterval(interval);
+    frameEvent->setStartDelay(interval);
+    frameEvent->callbacks.connect([clock] { clock->slaveTick(); });
+    failure.run([this, &frameEvent] { addEvent(frameEvent.get()); });
+    if (clock->m_master == this)
+        clock->warnOfSlowMaster();
+    failure.rethrow();
 }
 
 void Clock::warnOfSlowMaster() const {

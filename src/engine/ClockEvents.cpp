@@ -1,6 +1,7 @@
 #include "ClockSteps.h"
 
 #include <zel/Clock.h>
+#include <zel/FirstException.h>
 #include <zel/Log.h>
 #include <zel/Verify.h>
 
@@ -43,12 +44,19 @@ const ValueNames& names() {
 void Clock::addEvent(Event* event) {
     zelVerify(event);
     zelVerifyN(event->m_clock == nullptr, "%s: The event already has a clock", event->getPath().c_str());
+    // The callbacks may take the event out again, and let go of both.
+    const Keep keep(*this);
+    const ref_ptr<Event> keepEvent(event);
     event->m_clock = this;
     event->setIndex(m_events.size());
     m_events.push_back(event);
-    addObject(event);
-    reschedule(event);
-    event->start();
+    FirstException failure;
+    failure.run([this, event] { addObject(event); });
+    if (event->m_clock == this) {
+        reschedule(event);
+        failure.run([event] { event->start(); });
+    }
+    failure.rethrow();
 }
 
 bool Clock::removeEvent(Event* event) {

@@ -141,58 +141,89 @@ void Task::releaseJob(Job& job) {
 
 namespace {
 
-/// Ends a thread's claim to a task, whose last job points at that thread meanwhile.
+/// Ends a thread's claim to a task.
 class Claim {
 public:
-    Claim(std::atomic<Thread*>& claimedBy, Job* postJob, Thread* thread)
-        : m_claimedBy(claimedBy), m_postJob(postJob), m_oldTarget(postJob->getTargetThread()) {
-        m_postJob->setTargetThread(thread);
-    }
+    explicit Claim(std::atomic<Thread*>& claimedBy) : m_claimedBy(claimedBy) {}
     Claim(const Claim&) = delete;
     Claim& operator=(const Claim&) = delete;
     ~Claim() {
-        // The task may be part of another one's run next, on other threads.
-        m_postJob->setTargetThread(m_oldTarget);
         // Release: pairs with the acquire of the next thread to execute the task.
         m_claimedBy.store(nullptr, std::memory_order_release);
     }
 
 private:
     std::atomic<Thread*>& m_claimedBy;
-    Job* m_postJob;
-    Thread* m_oldTarget;
 };
 
 } // namespace
 
-/// What a run consists of that execute() begins.
-class Task::SoleRoot {
+/// A run that execute() begins, on a task that the thread has claimed. The last job points at the thread, and
+/// runs that the task is part of as well are held back from it: the argument stands in JobHold.cpp.
+class Task::SoleRun {
 public:
-    explicit SoleRoot(Task& task) {
-        if (RunRoot::isNeeded(task))
-            m_root.emplace(task, task).cut(true);
+    SoleRun(Task& task, Thread* thread)
+        : m_first(isHeldBack(task) ? task.getPreJob() : nullptr)
+        , m_postJob(task.getPostJob())
+        , m_thread(thread)
+        , m_oldTarget(m_postJob->getTargetThread()) {
+        m_postJob->setTargetThread(thread);
+        if (RunRoot::hasEdgesBelow(task)) {
+            const auto lock = RunRoot::lockEdges();
+            m_root.emplace(task, task).cut();
+        }
     }
-    SoleRoot(const SoleRoot&) = delete;
-    SoleRoot& operator=(const SoleRoot&) = delete;
-    ~SoleRoot() {
-        if (!m_root)
-            return;
-        m_root->restore();
-        m_root->leave();
+    SoleRun(const SoleRun&) = delete;
+    SoleRun& operator=(const SoleRun&) = delete;
+    ~SoleRun() {
+        if (m_root) {
+            const auto lock = RunRoot::lockEdges();
+            m_root->restore();
+        }
+        // The task may be part of another one's run next, on other threads.
+        m_postJob->setTargetThread(m_oldTarget);
+        if (m_first != nullptr && m_first->letGo() && !hasUnhandledException())
+            m_thread->spawnForOthers(m_first);
+    }
+
+    /// To be asked by whoever has claimed the task.
+    /// @return whether the task may be executed now, and is held back from the runs that it is part of
+    [[nodiscard]] static bool begin(Task& task) {
+        if (hasUnhandledException()) // the task may never stop running
+            return true;
+        return !task.isRunning() && (!RunRoot::isShared(task) || task.getPreJob()->holdBack());
     }
 
 private:
+    [[nodiscard]] static bool isHeldBack(Task& task) {
+        return (task.getPreJob()->m_numResolved.load(std::memory_order_relaxed) & Job::HeldBack) != 0;
+    }
+
+    Job* m_first; // held back; null for a task that is part of nothing else
+    Job* m_postJob;
+    Thread* m_thread;
+    Thread* m_oldTarget;
     std::optional<RunRoot> m_root;
 };
 
 bool Task::claim(Thread* thread) {
+    bool isNew = true;
     for (;;) {
         Thread* owner = nullptr;
-        // Acquire: pairs with the release of the thread that executed the task before.
-        if (m_claimedBy.compare_exchange_strong(owner, thread, std::memory_order_acquire))
-            return true;
-        if (owner == thread)
+        // Acquire: pairs with the release of the thread that executed the task before. Sequentially
+        // consistent: see RunRoot::join.
+        if (m_claimedBy.compare_exchange_strong(owner, thread, std::memory_order_seq_cst)) {
+            if (SoleRun::begin(*this))
+                return true;
+            // It is just being run as a part of something else. What this thread works off meanwhile may
+            // execute the task as well, and must not take it for one that the thread has begun.
+            m_claimedBy.store(nullptr, std::memory_order_release);
+            // What such a run waits for must not wait for its end.
+            zelVerifyAs(!isNew || !thread->worksFor(this), "!s_activeTasks.contains(task)");
+            isNew = false;
+        } else if (owner == thread) {
             return false;
+        }
         thread->workOrYield();
     }
 }
@@ -209,10 +240,8 @@ void Task::execute() {
     // and has picked up this call while it works for that, completes the run first. A call from within the
     // run, and a task that has thrown and never stops running: both are refused.
     if (claim(thread)) {
-        while (isRunning() && !hasUnhandledException())
-            thread->workOrYield();
-        const Claim end(m_claimedBy, getPostJob(), thread);
-        const SoleRoot root(*this);
+        const Claim end(m_claimedBy);
+        const SoleRun run(*this, thread);
         executeOn(thread);
     } else {
         thread->finishEarlierRun(this);

@@ -3,6 +3,7 @@
 #include "containers/GraphWalk.h"
 
 #include <zel/Exception.h>
+#include <zel/FirstException.h>
 #include <zel/Log.h>
 #include <zel/Task.h>
 #include <zel/TaskGroup.h>
@@ -60,6 +61,8 @@ void Task::addConnection(Task* parent, Task* child) {
                  "Detected dependency loop between %s and %s",
                  parent->getPath().c_str(),
                  child->getPath().c_str());
+    parent->markJobs();
+    child->markJobs();
     parent->m_children.push_back(child);
     child->m_parents.push_back(parent);
     if (isOuterEdge(parent, child)) {
@@ -119,27 +122,60 @@ void Task::disconnect() {
         m_children.back()->removeDependency(this);
 }
 
+namespace {
+
+Vector<observer_ptr<Task>> observe(const Vector<Task*>& tasks) {
+    Vector<observer_ptr<Task>> observed;
+    observed.reserve(tasks.size());
+    for (Task* task : tasks)
+        observed.push_back(observer_ptr<Task>(task));
+    return observed;
+}
+
+} // namespace
+
 void Task::replace(Task* task) {
     zelVerify(task);
     zelVerify(task != this);
     const ref_ptr<Task> keep(this);
-    const Vector<Task*> parents(m_parents);
-    const Vector<Task*> children(m_children);
+    // The callbacks may let go of any of them.
+    const observer_ptr<Task> successor(task);
+    const Vector<observer_ptr<Task>> parents(observe(m_parents));
+    const Vector<observer_ptr<Task>> children(observe(m_children));
     disconnect();
+    FirstException failure;
     if (m_group != nullptr) {
-        m_group->replaceSubtask(this, task);
+        failure.run([this, task] { m_group->replaceSubtask(this, task); });
     } else if (auto* component = dynamic_cast<Component*>(getContext())) {
-        component->removeObject(this);
-        if (task->getContext() == nullptr)
-            component->addObject(task);
+        const ref_ptr<Component> keepComponent(component->referenceCount() > 0 ? component : nullptr);
+        failure.run([this, component] { component->removeObject(this); });
+        if (successor && task->getContext() == nullptr)
+            failure.run([task, component] { component->addObject(task); });
     }
-    for (Task* parent : parents)
-        if (!task->m_parents.contains(parent))
-            addConnection(parent, task);
-    for (Task* child : children)
-        if (!child->m_parents.contains(task))
-            addConnection(task, child);
-    handTriggersTo(task);
+    if (successor)
+        takeOver(*task, parents, children, failure);
+    failure.rethrow();
+}
+
+/// Gives the other task what this one had.
+void Task::takeOver(Task& task,
+                    const Vector<observer_ptr<Task>>& parents,
+                    const Vector<observer_ptr<Task>>& children,
+                    FirstException& failure) {
+    for (const observer_ptr<Task>& parent : parents)
+        if (parent && !task.m_parents.contains(parent.get()))
+            addConnection(parent.get(), &task);
+    for (const observer_ptr<Task>& child : children)
+        if (child && !child->m_parents.contains(&task))
+            addConnection(&task, child.get());
+    failure.run([this, &task] { handTriggersTo(&task); });
+    handFramesTo(&task);
+}
+
+void Task::handFramesTo(Task* task) {
+    const VectorPOD<Clock*> clocks(m_frameClocks);
+    for (Clock* clock : clocks)
+        clock->replaceFrameTask(this, task);
 }
 
 /// Those of this task are kept, disarmed: one of them may be what has led here.

@@ -1,5 +1,6 @@
 #include "TaskDisableHelper.h"
 #include "containers/GraphWalk.h"
+#include "tree/Farewell.h"
 
 #include <zel/Exception.h>
 #include <zel/FirstException.h>
@@ -20,13 +21,17 @@ TaskGroup::TaskGroup(const Name& name, bool sequential, Device* device)
     rebindsOnDemand(typeid(TaskGroup));
     adoptJob(m_preJob);
     adoptJob(m_postJob);
+    m_postJob.m_endsGroup = true;
     // Also without any subtask.
     m_preJob.addDependent(&m_postJob);
 }
 
 TaskGroup::~TaskGroup() {
     disconnect();
-    removeAllSubtasks();
+    runWhileDestroyed(*this, [this] { removeAllSubtasks(); });
+    // What callbacks have added to the dying group goes without farewell.
+    while (!m_subtasks.empty())
+        leave(m_subtasks.back());
     releaseJob(m_preJob);
     releaseJob(m_postJob);
 }
@@ -99,6 +104,7 @@ void TaskGroup::registerSubtask(Task* subtask, size_t index) {
         return;
     }
     m_subtasks.insert(m_subtasks.begin() + std::min(index, m_subtasks.size()), subtask);
+    subtask->markJobs();
     m_preJob.addDependent(subtask->getPreJob());
     subtask->getPostJob()->addDependent(&m_postJob);
     // Its edges to other subtasks lead out of no group any more.
@@ -220,8 +226,18 @@ bool TaskGroup::removeSubtask(const Name& name) {
 }
 
 void TaskGroup::removeAllSubtasks() {
-    while (!m_subtasks.empty())
-        removeSubtask(m_subtasks.back());
+    // The callbacks may take out others, add some, and let go of the group.
+    const ref_ptr<TaskGroup> keep(referenceCount() > 0 ? this : nullptr);
+    Vector<ref_ptr<Task>> subtasks;
+    subtasks.reserve(m_subtasks.size());
+    for (Task* subtask : m_subtasks)
+        subtasks.push_back(ref_ptr<Task>(subtask));
+    FirstException failure;
+    while (!subtasks.empty()) {
+        failure.run([this, &subtasks] { removeSubtask(subtasks.back().get()); });
+        subtasks.pop_back();
+    }
+    failure.rethrow();
 }
 
 void TaskGroup::leave(Task* subtask) {
@@ -247,13 +263,18 @@ void TaskGroup::leave(Task* subtask) {
 }
 
 void TaskGroup::replaceSubtask(Task* subtask, Task* with) {
+    const ref_ptr<TaskGroup> keep(referenceCount() > 0 ? this : nullptr);
+    const ref_ptr<Task> keepWith(with);
     const size_t index = indexOf(subtask);
-    removeSubtask(subtask);
+    FirstException failure;
+    failure.run([this, subtask] { removeSubtask(subtask); });
     // The neighbours that a sequential group has joined are apart again: the caller adds the dependencies
     // that were there.
     if (m_sequential && index > 0 && index < m_subtasks.size())
         m_subtasks[index]->removeDependency(m_subtasks[index - 1]);
-    registerSubtask(with, index);
+    if (with->getGroup() == nullptr) // the callbacks may have put it into one
+        failure.run([this, with, index] { registerSubtask(with, index); });
+    failure.rethrow();
 }
 
 void TaskGroup::setSequential(bool sequential) {

@@ -2,6 +2,8 @@
 
 #include <zel/TaskGroup.h>
 
+#include <algorithm>
+
 // Which edges count in a run.
 
 namespace zel {
@@ -18,23 +20,46 @@ void Task::countThreadTasks(int64 number) noexcept {
 
 bool Task::runsIn(const Task* run) const noexcept {
     for (const Task* task = this; task != nullptr; task = task->m_group)
-        if (task->m_run.load(std::memory_order_relaxed) == run)
+        if (task == run || task->m_run.load(std::memory_order_relaxed) == run)
             return true;
     return false;
 }
 
-Task::RunRoot::RunRoot(Task& task, Task& run)
-    : m_task(&task)
-    , m_run(&run)
-    , m_outerRun(task.m_run.load(std::memory_order_relaxed))
-    , m_needed(isNeeded(task)) {
-    task.m_run.store(&run, std::memory_order_relaxed);
+// A frame and somebody who executes the task claims it, or joins it to the run, and then looks for the
+// mark of the other one: all four are sequentially consistent, so that at least one sees the other. A frame
+// leaves a task that is claimed to the one who executes it, and executes it as well; who executes a task that
+// is part of a frame holds it back.
+
+bool Task::RunRoot::join(Task& task, Task* run) noexcept {
+    Task* none = nullptr;
+    if (!task.m_run.compare_exchange_strong(none, run, std::memory_order_seq_cst))
+        return false;
+    if (task.m_claimedBy.load(std::memory_order_seq_cst) == nullptr)
+        return true;
+    leave(task);
+    return false;
 }
 
-/// The task, and those below it that have edges out of their groups.
+void Task::RunRoot::leave(Task& task) noexcept {
+    // Release: pairs with isShared, behind the last change of the task's edges.
+    task.m_run.store(nullptr, std::memory_order_release);
+}
+
+bool Task::RunRoot::hasEdgesBelow(const Task& task) noexcept {
+    if (task.m_numOuterEdges == 0)
+        return false;
+    const auto* group = dynamic_cast<const TaskGroup*>(&task);
+    return group != nullptr && std::any_of(group->getSubtasks().begin(),
+                                           group->getSubtasks().end(),
+                                           [](const Task* subtask) { return subtask->m_numOuterEdges != 0; });
+}
+
+/// The task, and those below it that have edges out of their groups. But not one that is the run itself: it
+/// is started by itself, and at its end tells nobody else.
 template <typename Visit>
-void Task::RunRoot::visitTasks(Task& task, const Visit& visit) {
-    visit(task);
+void Task::RunRoot::visitTasks(Task& task, const Visit& visit) const {
+    if (&task != m_run)
+        visit(task);
     if (task.m_numOuterEdges == 0)
         return;
     if (auto* group = dynamic_cast<TaskGroup*>(&task))
@@ -59,9 +84,6 @@ void Task::RunRoot::restoreChildren(Task& task) const {
 }
 
 uint32 Task::RunRoot::countCutParents(const Task& task) const {
-    // The first job of a spawned root may be counted down to by another run meanwhile.
-    if (&task == m_task && m_spawned)
-        return 0;
     uint32 count = 0;
     for (const Task* parent : task.m_parents)
         if (!parent->runsIn(m_run))
@@ -71,39 +93,24 @@ uint32 Task::RunRoot::countCutParents(const Task& task) const {
     return count;
 }
 
-void Task::RunRoot::cut(bool spawned) {
-    m_spawned = spawned;
-    if (!m_needed)
-        return;
+void Task::RunRoot::cut() {
     visitTasks(*m_task, [this](Task& task) {
         cutChildren(task);
-        task.getPreJob()->m_numDependencies -= countCutParents(task);
+        task.getPreJob()->changeNumDependencies(-static_cast<int32>(countCutParents(task)));
     });
-    Job* const post = m_task->getPostJob();
-    if (TaskGroup* group = m_task->m_group; group != nullptr && !group->runsIn(m_run)) {
+    if (TaskGroup* group = m_task->m_group; m_task != m_run && group != nullptr && !group->runsIn(m_run)) {
         m_groupPost = group->getPostJob();
-        post->suspendDependent(m_groupPost);
+        m_task->getPostJob()->suspendDependent(m_groupPost);
     }
-    if (m_outerRun != nullptr && m_outerRun != m_run && post->suspendDependent(m_outerRun->getPostJob()))
-        m_outerPost = m_outerRun->getPostJob();
 }
 
 void Task::RunRoot::restore() {
-    if (m_needed) {
-        Job* const post = m_task->getPostJob();
-        if (m_outerPost != nullptr)
-            post->resumeDependent(m_outerPost);
-        if (m_groupPost != nullptr)
-            post->resumeDependent(m_groupPost);
-        visitTasks(*m_task, [this](Task& task) {
-            restoreChildren(task);
-            task.getPreJob()->m_numDependencies += countCutParents(task);
-        });
-    }
-}
-
-void Task::RunRoot::leave() {
-    m_task->m_run.store(m_outerRun, std::memory_order_relaxed);
+    if (m_groupPost != nullptr)
+        m_task->getPostJob()->resumeDependent(m_groupPost);
+    visitTasks(*m_task, [this](Task& task) {
+        restoreChildren(task);
+        task.getPreJob()->changeNumDependencies(static_cast<int32>(countCutParents(task)));
+    });
 }
 
 } // namespace zel

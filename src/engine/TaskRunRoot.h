@@ -1,6 +1,9 @@
 #pragma once
 
+#include <zel/SpinMutex.h>
 #include <zel/Task.h>
+
+#include <mutex>
 
 namespace zel {
 
@@ -9,31 +12,42 @@ namespace zel {
 /// alone: the job at the other end may be part of another run meanwhile.
 class Task::RunRoot {
 public:
-    /// Whether there can be anything to take out.
-    [[nodiscard]] static bool isNeeded(const Task& task) noexcept {
+    /// Whether the task may be part of another run at the same time: then who executes it holds it back from
+    /// that one.
+    [[nodiscard]] static bool isShared(const Task& task) noexcept {
+        // Sequentially consistent: see join.
         return task.m_group != nullptr || task.m_numOuterEdges != 0 ||
-               task.m_run.load(std::memory_order_relaxed) != nullptr;
+               task.m_run.load(std::memory_order_seq_cst) != nullptr;
     }
+    /// Makes the task one that a run of several roots begins with.
+    /// @return false if it is part of another one, or somebody executes it by itself
+    [[nodiscard]] static bool join(Task& task, Task* run) noexcept;
+    static void leave(Task& task) noexcept;
+    [[nodiscard]] static bool isIn(const Task& task, const Task* run) noexcept { return task.runsIn(run); }
+    /// For a task that is to be started by edges.
+    static void markJobs(Task& task) { task.markJobs(); }
+    /// To be held while edges of a task change that somebody may execute by itself.
+    [[nodiscard]] static std::unique_lock<SpinMutex> lockEdges() { return std::unique_lock(Job::s_edges); }
+    /// Whether there can be anything to take out below the task.
+    [[nodiscard]] static bool hasEdgesBelow(const Task& task) noexcept;
 
     /// Whether the main thread must be at work for the run.
     [[nodiscard]] static bool needsMainThread(const Task& task) noexcept {
         return task.m_numThreadTasks != 0;
     }
 
-    /// @param run  the same for all roots of a run: the task that it ends with
-    RunRoot(Task& task, Task& run);
+    /// @param run  the same for all roots of a run: the task that it ends with. That may be the task itself,
+    ///     whose own edges nobody follows then.
+    RunRoot(Task& task, Task& run) : m_task(&task), m_run(&run) {}
 
     /// Takes the edges out, once all roots are known.
-    /// @param spawned  whether the first job is spawned, and not counted down to by its dependencies
-    void cut(bool spawned);
+    void cut();
     /// Brings them back, while all roots are known still.
     void restore();
-    /// The run is over.
-    void leave();
 
 private:
     template <typename Visit>
-    static void visitTasks(Task& task, const Visit& visit);
+    void visitTasks(Task& task, const Visit& visit) const;
     void cutChildren(Task& task) const;
     void restoreChildren(Task& task) const;
     /// How many dependencies of the task's first job are taken out.
@@ -41,11 +55,7 @@ private:
 
     Task* m_task;
     Task* m_run;
-    Task* m_outerRun; // in which the task is a root as well; mostly null
-    bool m_needed;
-    bool m_spawned = false;
     Job* m_groupPost = nullptr; // was a dependent of the task
-    Job* m_outerPost = nullptr; // the same
 };
 
 } // namespace zel

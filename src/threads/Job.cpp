@@ -48,13 +48,14 @@ void Job::spawn() {
 bool Job::resolve() noexcept {
     // Read ahead of the addition: once all dependencies are in, the job and its edges may be changed or
     // freed.
-    const uint32 numDependencies = m_numDependencies;
+    const uint32 numDependencies = getNumDependencies();
+    const bool startsTask = m_startsTask;
     // Whoever adds the last one sees, through this chain of read-modify-writes, all that the other
     // dependencies wrote; the queues carry it on to the thread that runs the job.
     if (m_numResolved.fetch_add(1, std::memory_order_seq_cst) + 1 != numDependencies)
         return false;
     // No dependency adds for the next pass before this pass has run the job, so the store meets nobody.
-    m_numResolved.store(0, std::memory_order_relaxed);
+    m_numResolved.store(startsTask ? Started : 0, std::memory_order_relaxed);
     return true;
 }
 
@@ -82,6 +83,14 @@ void Job::finish(VectorPOD<Job*>& localJobs, Thread* thread) {
 }
 
 void Job::resolveDependents(VectorPOD<Job*>& localJobs) {
+    if (m_firstOfTask != nullptr) {
+        finishTask(localJobs);
+        return;
+    }
+    resolveAll(localJobs);
+}
+
+void Job::resolveAll(VectorPOD<Job*>& localJobs) {
     // The job may be freed as soon as its last dependent is resolved: from there on only these two pointers
     // are used.
     Job* const* dependent = m_dependents.begin();
@@ -94,7 +103,7 @@ void Job::resolveDependents(VectorPOD<Job*>& localJobs) {
 void Job::addDependent(Job* job) {
     m_dependents.push_back(job);
     job->m_dependencies.push_back(this);
-    ++job->m_numDependencies;
+    job->changeNumDependencies(1);
 }
 
 namespace {
@@ -120,14 +129,14 @@ bool Job::removeDependent(Job* job) {
     if (!eraseLast(m_dependents, job))
         return false;
     eraseLast(job->m_dependencies, this);
-    --job->m_numDependencies;
+    job->changeNumDependencies(-1);
     return true;
 }
 
 void Job::clearDependencies() {
     m_dependents.clear();
     m_dependencies.clear();
-    m_numDependencies = 0;
+    m_numDependencies.store(0, std::memory_order_relaxed);
     m_numResolved.store(0, std::memory_order_relaxed); // the job is at rest
 }
 

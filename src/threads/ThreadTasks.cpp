@@ -221,6 +221,14 @@ void Thread::verifyLastFrame(const Task* task) const {
                static_cast<int32>(getId()));
 }
 
+void Thread::spawnForOthers(Job* job) {
+    spawn(job);
+    if (m_workDepth == 0)
+        handJobsOver();
+    else if (s_numSleeping.load(std::memory_order_seq_cst) != 0)
+        wakeupThreads();
+}
+
 void Thread::handJobsOver() {
     // What comes later is for the next task, or for who works here then.
     if (!m_sharedLock.hasJobs() && m_numPushed.load(std::memory_order_seq_cst) == 0)

@@ -15,7 +15,7 @@ constinit RankedMutex<LockRank::Waiters> s_waiterMutex;
 WaitJob::WaitJob(Job* target) : Job("Wait"), m_target(target) {
     m_callback = [this] { release(); };
     m_priority = Priority;
-    m_numDependencies = 1;
+    m_numDependencies.store(1, std::memory_order_relaxed);
     m_dependencies.push_back(target);
 
     const std::lock_guard lock(s_waiterMutex);
