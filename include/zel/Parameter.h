@@ -58,6 +58,8 @@ public:
     /// binding that the parameter made itself look its own paths up. Does nothing while rebinding is
     /// disabled.
     void rebind() override;
+    /// A parameter that leaves its task's component leaves the task.
+    void setContext(Object* context) override;
 
     /// What the data mean; null while that is open.
     [[nodiscard]] virtual zelData::Type* getType() = 0;

@@ -9,6 +9,7 @@
 #include <zel/Parameter.h>
 #include <zel/Pointer.h>
 #include <zel/PointerParameter.h>
+#include <zel/Task.h>
 #include <zel/UnresolvedParameter.h>
 #include <zel/XmlLoader.h>
 #include <zelData/Buffer.h>
@@ -127,6 +128,16 @@ Task* Parameter::getTask() const noexcept {
         return m_task;
     const auto* whole = dynamic_cast<const Parameter*>(getContext());
     return whole == nullptr ? nullptr : whole->getTask();
+}
+
+void Parameter::setContext(Object* context) {
+    // Of a task that is being destroyed only the component is left, which lets its objects go.
+    Task* const task = m_task != nullptr && context != m_task && dynamic_cast<Task*>(getContext()) == m_task
+                           ? m_task
+                           : nullptr;
+    Object::setContext(context);
+    if (task != nullptr)
+        task->leave(this);
 }
 
 void Parameter::setFormat(const zelData::Format* format) {

@@ -1,6 +1,7 @@
 #include "ParameterMatch.h"
 
 #include <zel/Device.h>
+#include <zel/FirstException.h>
 #include <zel/Log.h>
 #include <zel/Parameter.h>
 #include <zel/ParameterBinding.h>
@@ -28,25 +29,58 @@ void Task::addParameter(Parameter* parameter) {
 void Task::addParameter(Parameter* parameter, size_t index) {
     zelVerify(parameter);
     zelVerify(index <= m_parameters.size());
+    // The callbacks may let go of both.
+    const ref_ptr<Task> keep(referenceCount() > 0 ? this : nullptr);
+    const ref_ptr<Parameter> keepParameter(parameter);
     m_parameters.insert(m_parameters.begin() + index, ref_ptr<Parameter>(parameter));
     for (size_t i = index; i < m_parameters.size(); ++i)
         m_parameters[i]->setTask(this, i);
     demandRebind();
-    addObject(parameter);
-    parameterAddedCallback(parameter);
-    parameterAddedEvent.fire(this, parameter);
+    FirstException failure;
+    failure.run([this, parameter] { addObject(parameter); });
+    if (parameter->getTask() == this)
+        failure.run([this, parameter] { parameterAddedCallback(parameter); });
+    if (parameter->getTask() == this)
+        failure.run([this, parameter] { parameterAddedEvent.fire(this, parameter); });
+    failure.rethrow();
+}
+
+void Task::takeOut(size_t index) {
+    m_parameters[index]->setTask(nullptr);
+    m_parameters.erase(m_parameters.begin() + index);
+    for (size_t i = index; i < m_parameters.size(); ++i)
+        m_parameters[i]->setTask(this, i);
+}
+
+void Task::announceRemoved(Parameter* parameter) {
+    FirstException failure;
+    failure.run([this, parameter] { parameterRemovedCallback(parameter); });
+    failure.run([this, parameter] { parameterRemovedEvent.fire(this, parameter); });
+    failure.rethrow();
 }
 
 void Task::removeParameter(size_t index) {
     zelVerify(index < m_parameters.size());
+    // The callbacks may let go of both.
+    const ref_ptr<Task> keep(referenceCount() > 0 ? this : nullptr);
     const ref_ptr<Parameter> parameter = m_parameters[index];
-    m_parameters.erase(m_parameters.begin() + index);
-    parameter->setTask(nullptr);
-    for (size_t i = index; i < m_parameters.size(); ++i)
-        m_parameters[i]->setTask(this, i);
-    removeObject(parameter.get());
-    parameterRemovedCallback(parameter.get());
-    parameterRemovedEvent.fire(this, parameter.get());
+    takeOut(index);
+    FirstException failure;
+    failure.run([this, &parameter] { removeObject(parameter.get()); });
+    failure.run([this, &parameter] { announceRemoved(parameter.get()); });
+    failure.rethrow();
+}
+
+void Task::leave(Parameter* parameter) {
+    const ref_ptr<Task> keep(referenceCount() > 0 ? this : nullptr);
+    const ref_ptr<Parameter> keepParameter(parameter);
+    const size_t index = parameter->getIndex();
+    if (index >= m_parameters.size() || m_parameters[index] != parameter) {
+        parameter->setTask(nullptr); // it was told of the task by somebody else
+        return;
+    }
+    takeOut(index);
+    announceRemoved(parameter);
 }
 
 bool Task::removeParameter(Parameter* parameter) {
@@ -264,7 +298,7 @@ bool isPromotion(const zelData::Format* from, const zelData::Format* to) {
     return std::find(std::begin(Promotions), std::end(Promotions), pair) != std::end(Promotions);
 }
 
-bool matchBinding(const Parameter& parameter, ParameterBinding& binding, bool allowPromotion) {
+bool fitsBinding(const Parameter& parameter, const ParameterBinding& binding, bool allowPromotion) {
     if (parameter.isWritten() && !binding.isWritable())
         return false;
     if (binding.getMetaType() != parameter.getMetaType())
@@ -273,11 +307,8 @@ bool matchBinding(const Parameter& parameter, ParameterBinding& binding, bool al
         return true;
     if (!allowPromotion || !binding.getAllowFormatPromotion())
         return false;
-    if (binding.getFormat() != zelData::Format::Auto() &&
-        !isPromotion(binding.getFormat(), parameter.getFormat()))
-        return false;
-    binding.setFormat(parameter.getFormat());
-    return true;
+    return binding.getFormat() == zelData::Format::Auto() ||
+           isPromotion(binding.getFormat(), parameter.getFormat());
 }
 
 } // namespace
@@ -286,8 +317,11 @@ uint32 Task::matchParameters(Vector<ParameterBinding>& bindings, bool allowPromo
     if (bindings.size() != m_parameters.size())
         return MatchFailed;
     for (size_t i = 0; i < bindings.size(); ++i)
-        if (!matchBinding(*m_parameters[i], bindings[i], allowPromotion))
+        if (!fitsBinding(*m_parameters[i], bindings[i], allowPromotion))
             return MatchFailed;
+    for (size_t i = 0; i < bindings.size(); ++i)
+        if (bindings[i].getFormat() != m_parameters[i]->getFormat())
+            bindings[i].setFormat(m_parameters[i]->getFormat());
     return MatchedAll;
 }
 

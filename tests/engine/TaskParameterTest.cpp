@@ -318,6 +318,17 @@ TEST_F(TaskMatchTest, MatchesByPosition) {
     EXPECT_EQ(m_task->matchParameters(bindings, true), 0xF80U);
 }
 
+TEST_F(TaskMatchTest, BindingsKeepTheirFormatsWhereOneOfThemDoesNotFit) {
+    m_task->addParameter(real("a", "Real:32bit"));
+    m_task->addParameter(new ScalarParameter("b", getFormat("Vec3:32bit")));
+    Vector<ParameterBinding> bindings;
+    bindings.push_back(binding("UInt:64bit", true));
+    bindings.push_back(binding("Real:64bit", true));
+    EXPECT_EQ(m_task->matchParameters(bindings, true), Task::MatchFailed);
+    EXPECT_EQ(bindings[0].getFormat(), getFormat("UInt:64bit"));
+    EXPECT_EQ(bindings[1].getFormat(), getFormat("Real:64bit"));
+}
+
 TEST_F(TaskMatchTest, WritesOnlyWhatMayBeWritten) {
     m_task->addParameter(new ScalarParameter("a", getFormat("Real:64bit"), zelData::AccessMode::READ_WRITE));
     Vector<ParameterBinding> bindings{binding("Real:64bit")};
