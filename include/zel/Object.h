@@ -27,11 +27,8 @@ class Model;
 /// @threads owner thread; tasks of other threads may read while the tree is not changed
 class ZEL_CORE_API Object : public Referenced {
 public:
-    /// What listeners of derived classes hand around.
-    class ZEL_CORE_API Event {
-    public:
-        virtual ~Event() = default;
-    };
+    /// A record of what has happened, for those that keep it. Owned through ref_ptr.
+    class ZEL_CORE_API Event : public Referenced {};
 
     /// Learns of the destruction of an object. Not owned by the objects that it listens to.
     class ZEL_CORE_API EventListener {

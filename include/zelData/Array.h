@@ -30,6 +30,13 @@ public:
     void bind(Buffer* buffer, const zel::IndexRangeT<zel::uint32>& range);
     /// Views the first elements of a buffer, or fewer; the pointer stays as it is.
     void setRange(const zel::IndexRangeT<zel::uint32>& range) noexcept { m_range = range; }
+    /// Views nothing and remembers the reference, which may be a number, and the range: for frames, in which
+    /// nobody follows it.
+    void setReference(Buffer* reference, const zel::IndexRangeT<zel::uint32>& range) noexcept {
+        m_ptr = nullptr;
+        m_buffer = reference;
+        m_range = range;
+    }
     /// Computes the pointer anew from the buffer's present memory. Does nothing without a buffer.
     void sync();
 

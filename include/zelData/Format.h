@@ -71,6 +71,8 @@ public:
     [[nodiscard]] zel::uint64 getSize() const noexcept { return m_size; }
     /// Null if byte order means nothing to the elements.
     [[nodiscard]] TransformFunction getSwapFunction() const noexcept { return m_swapFunction; }
+    /// Whether the elements are plain bytes: numbers and what is made of them, and opaque blocks.
+    [[nodiscard]] bool hasPlainElements() const noexcept;
     /// "type:format"; the name alone for a format without a type.
     [[nodiscard]] zel::String fullName() const;
 

@@ -11,7 +11,6 @@
 #include <zelData/Buffer.h>
 #include <zelData/EntityStorage.h>
 #include <zelData/Format.h>
-#include <zelData/GenericFormat.h>
 #include <zelData/ShareHandle.h>
 #include <zelData/Type.h>
 
@@ -90,7 +89,7 @@ Buffer::Buffer(const zel::Name& name, const Format* format)
     , m_elementDestructor(&Buffer::destroyElements) {
     zelVerify(format);
     m_elementSize = format->getSize();
-    m_plain = format->getSwapFunction() != nullptr || dynamic_cast<const GenericFormat*>(format) != nullptr;
+    m_plain = format->hasPlainElements();
     m_defaultValue = format->getDefaultValue();
     makeValues(0, 0);
 }

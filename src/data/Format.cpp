@@ -2,6 +2,7 @@
 #include <zel/Verify.h>
 #include <zelCore/zelCore.h>
 #include <zelData/Format.h>
+#include <zelData/GenericFormat.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 
@@ -73,6 +74,10 @@ void Format::swapElements(void*, void*) const {
 void Format::swapByteOrder(void* target, const void* source, zel::uint64 n) const {
     zelVerifyN(m_swapFunction != nullptr, "Format '%s' has no byte order", fullName().c_str());
     m_swapFunction(target, source, n);
+}
+
+bool Format::hasPlainElements() const noexcept {
+    return m_swapFunction != nullptr || dynamic_cast<const GenericFormat*>(this) != nullptr;
 }
 
 zel::String Format::fullName() const {

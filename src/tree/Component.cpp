@@ -303,7 +303,7 @@ void Component::removeAllObjects() {
     FirstException failure;
     for (size_t i = objects.size(); i-- > 0;)
         if (objects[i]->m_holder == this)
-            failure.run([&] { remove(objects[i].get()); });
+            failure.run([&] { removeObject(objects[i].get()); });
     failure.rethrow();
 }
 
