@@ -15,6 +15,10 @@ namespace zel {
 /// both names where a thread breaks the order, or takes again what it holds and is not recursive. With the
 /// environment variable ZEL_YIELD_AT_LOCKS each thread steps aside ahead of each lock there.
 enum class LockRank : unsigned char {
+    TrackQueue,        ///< the queue and cache of a track of frames
+    TrackInput,        ///< the reader of a track
+    TrackOutput,       ///< the writer of a track
+    FrameReader,       ///< the place of a reader in its session
     TypeSystem,        ///< types, models, plug-ins, libraries; recursive
     ModelPlaces,       ///< the places of model files
     Services,          ///< the making of services; recursive

@@ -1,0 +1,92 @@
+#include <zelData/FrameIO.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+
+namespace zelData {
+
+FrameIO::FrameIO(bool threaded) : m_threaded(threaded) {}
+
+FrameIO::~FrameIO() = default;
+
+Frame::DataBinding* FrameIO::createDataBinding(const zel::Path& internalPath, const zel::Path& externalPath) {
+    return new Frame::DataBinding(internalPath, externalPath);
+}
+
+bool FrameIO::bindingComparor(const Frame::DataBinding* a, const Frame::DataBinding* b) {
+    const int order = a->getInternalPath().str().compare(b->getInternalPath().str());
+    return order != 0 ? order < 0 : a->getExternalPath().str() < b->getExternalPath().str();
+}
+
+void FrameIO::addDataBinding(Frame::DataBinding* binding) {
+    const zel::ref_ptr<Frame::DataBinding> keep(binding);
+    auto* const place = std::lower_bound(
+        m_dataBindings.begin(), m_dataBindings.end(), keep, [](const auto& a, const auto& b) {
+            return bindingComparor(a.get(), b.get());
+        });
+    if (place == m_dataBindings.end() || bindingComparor(binding, place->get()))
+        m_dataBindings.insert(place, keep);
+    else if (binding->isRecursive())
+        (*place)->setRecursive(true);
+}
+
+void FrameIO::addDataBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive) {
+    const zel::ref_ptr<Frame::DataBinding> binding(createDataBinding(internalPath, externalPath));
+    binding->setRecursive(recursive);
+    addDataBinding(binding.get());
+}
+
+void FrameIO::addDataBinding(const zel::Path& path, bool recursive) {
+    addDataBinding(path, path, recursive);
+}
+
+bool FrameIO::removeDataBinding(const zel::Path& internalPath, const zel::Path& externalPath) {
+    auto* const place = std::find_if(m_dataBindings.begin(), m_dataBindings.end(), [&](const auto& binding) {
+        return binding->getInternalPath() == internalPath && binding->getExternalPath() == externalPath;
+    });
+    if (place == m_dataBindings.end())
+        return false;
+    m_dataBindings.erase(place);
+    return true;
+}
+
+zel::uint64 FrameReader::getNextFrameIndex() {
+    return 0;
+}
+
+void FrameReader::advanceToNextFrame() {}
+
+bool FrameReader::jumpToFrame(zel::uint64 /*index*/) {
+    return false;
+}
+
+bool FrameReader::jumpToTime(double /*time*/) {
+    return false;
+}
+
+bool FrameReader::shouldExtract(const zel::Path& /*path*/) {
+    return true;
+}
+
+double FrameReader::getTimeStep() {
+    return -1;
+}
+
+zel::uint64 FrameReader::getFrameStride() {
+    return 1;
+}
+
+void FrameWriter::forceFlush() {}
+
+void FrameWriter::endOfStream() {}
+
+void DebugFrameWriter::writeFrame(const Frame* frame) {
+    std::cout << zel::String::format("Frame %u (time: %f, dt: %f)\n",
+                                     static_cast<unsigned>(frame->getIndex()),
+                                     frame->getTimeStamp(),
+                                     frame->getTimeStep());
+    frame->printSubtree();
+}
+
+} // namespace zelData

@@ -1,0 +1,69 @@
+#include "FrameOverlay.h"
+
+#include <zel/HashTable.h>
+#include <zelData/Buffer.h>
+#include <zelData/Format.h>
+#include <zelData/Frame.h>
+#include <zelData/FrameNodes.h>
+
+namespace zelData {
+
+namespace {
+
+/// Frame::merge lets the elements win that the older partial buffer holds: those that the newer one has as
+/// well are taken out of its way.
+void dropElements(Frame::PartialBuffer* older, const Frame::PartialBuffer* newer) {
+    const Buffer* data = older->getDataBuffer();
+    if (data == nullptr || newer->getDataBuffer() == nullptr ||
+        data->getFormat() != newer->getDataBuffer()->getFormat())
+        return;
+    zel::HashSet<zel::uint64> replaced;
+    const auto* newPlaces = newer->getIndexBuffer()->data<zel::uint64>();
+    for (zel::uint64 i = 0; i < newer->size(); ++i)
+        replaced.insert(newPlaces[i]);
+    auto* places = older->getIndexBuffer()->data<zel::uint64>();
+    zel::uint64 kept = 0;
+    for (zel::uint64 i = 0; i < older->size(); ++i) {
+        if (replaced.contains(places[i]))
+            continue;
+        if (kept != i) {
+            places[kept] = places[i];
+            data->getFormat()->moveElement(data->getElement(kept), data->getElement(i));
+        }
+        ++kept;
+    }
+    older->resize(kept);
+}
+
+void dropReplaced(zel::Component* older, const zel::Component* newer) {
+    for (zel::size_t i = 0; i < newer->getNumObjects(); ++i) {
+        const zel::Object* node = newer->getObject(i);
+        zel::Object* existing = older->findObject(node->getName());
+        if (existing == nullptr)
+            continue;
+        const auto* newPart = dynamic_cast<const Frame::PartialBuffer*>(node);
+        auto* oldPart = dynamic_cast<Frame::PartialBuffer*>(existing);
+        if (newPart != nullptr || oldPart != nullptr) {
+            if (newPart != nullptr && oldPart != nullptr)
+                dropElements(oldPart, newPart);
+            continue;
+        }
+        const auto* below = dynamic_cast<const zel::Component*>(node);
+        auto* above = dynamic_cast<zel::Component*>(existing);
+        if (below != nullptr && above != nullptr && dynamic_cast<const Buffer*>(node) == nullptr)
+            dropReplaced(above, below);
+    }
+}
+
+} // namespace
+
+void overlay(Frame* target, const Frame* newer) {
+    dropReplaced(target, newer);
+    target->setNumBytes(Frame::calculateNumBytes(target));
+    target->merge(newer, true);
+    target->setIndex(newer->getIndex());
+    target->setTimeStamp(newer->getTimeStamp());
+    target->setTimeStep(newer->getTimeStep());
+}
+
+} // namespace zelData
