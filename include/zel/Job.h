@@ -3,6 +3,7 @@
 #include <zel/Callback.h>
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/LockRank.h>
 #include <zel/SpinMutex.h>
 #include <zel/Timer.h>
 #include <zel/Vector.h>
@@ -200,7 +201,7 @@ protected:
     int64 m_poolTag = -1;
     // Guards the dependents of the last jobs of tasks where the edges of a run change and a task that is part
     // of it is executed by itself. For a few instructions; nothing else is locked meanwhile.
-    static SpinMutex s_edges;
+    static RankedMutex<LockRank::TaskEdges, SpinMutex> s_edges;
     std::atomic<WaitJob*> m_waiters{
         nullptr}; // list of those who wait for this job from outside; see WaitJob.cpp
 };

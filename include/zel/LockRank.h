@@ -26,6 +26,7 @@ enum class LockRank : unsigned char {
     GlobalResult,      ///< the list of a global result's buffers
     ThreadStart,       ///< a thread that is being started
     Waiters,           ///< the jobs that others wait for
+    TaskEdges,         ///< which edges of tasks count in a run
     ActiveTasks,       ///< active tasks, sleeping threads, changes of the number of threads
     RegisteredThreads, ///< the threads that the system knows
     SharedJobs,        ///< a thread's queue that others steal from; several of them under ActiveTasks

@@ -67,8 +67,8 @@ public:
     /// called. Does not wait while the track is stopped, has failed, or loops.
     /// @param interrupt  drops what is queued in place of waiting
     /// @param rewind     lets the reader go back to the oldest frame that was dropped
-    void flush(bool interrupt) { flush(interrupt, false); }
     void flush(bool interrupt, bool rewind);
+    void flush(bool interrupt) { flush(interrupt, false); }
     /// What has ended the track: null while all is well.
     [[nodiscard]] std::exception_ptr getException() const;
     /// Called on the thread that fails, ahead of the end of the stream.

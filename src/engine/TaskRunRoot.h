@@ -27,7 +27,7 @@ public:
     /// For a task that is to be started by edges.
     static void markJobs(Task& task) { task.markJobs(); }
     /// To be held while edges of a task change that somebody may execute by itself.
-    [[nodiscard]] static std::unique_lock<SpinMutex> lockEdges() { return std::unique_lock(Job::s_edges); }
+    [[nodiscard]] static auto lockEdges() { return std::unique_lock(Job::s_edges); }
     /// Whether there can be anything to take out below the task.
     [[nodiscard]] static bool hasEdgesBelow(const Task& task) noexcept;
 

@@ -12,12 +12,12 @@ namespace zel {
 
 namespace {
 
-constexpr const char* Names[] = {"TrackQueue",        "TrackInput",  "TrackOutput", "FrameReader",
-                                 "TypeSystem",        "ModelPlaces", "Services",    "Statistics",
-                                 "GlobalResult",      "ThreadStart", "Waiters",     "ActiveTasks",
-                                 "RegisteredThreads", "SharedJobs",  "PushedJobs",  "Sleep",
-                                 "ReaderWriter",      "OnceTold",    "Notify",      "ThreadRecords",
-                                 "LogChunks",         "Observers",   "Singletons",  "Names"};
+constexpr const char* Names[] = {
+    "TrackQueue",    "TrackInput", "TrackOutput",  "FrameReader",       "TypeSystem",
+    "ModelPlaces",   "Services",   "Statistics",   "GlobalResult",      "ThreadStart",
+    "Waiters",       "TaskEdges",  "ActiveTasks",  "RegisteredThreads", "SharedJobs",
+    "PushedJobs",    "Sleep",      "ReaderWriter", "OnceTold",          "Notify",
+    "ThreadRecords", "LogChunks",  "Observers",    "Singletons",        "Names"};
 static_assert(std::size(Names) == static_cast<size_t>(LockRank::Names) + 1);
 
 struct HeldLock {

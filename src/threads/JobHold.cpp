@@ -37,7 +37,7 @@
 
 namespace zel {
 
-constinit SpinMutex Job::s_edges;
+constinit RankedMutex<LockRank::TaskEdges, SpinMutex> Job::s_edges;
 
 bool Job::holdBack() noexcept {
     uint32 state = m_numResolved.load(std::memory_order_acquire);
