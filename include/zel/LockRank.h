@@ -15,9 +15,9 @@ namespace zel {
 /// both names where a thread breaks the order, or takes again what it holds and is not recursive. With the
 /// environment variable ZEL_YIELD_AT_LOCKS each thread steps aside ahead of each lock there.
 enum class LockRank : unsigned char {
-    TrackQueue,        ///< the queue and cache of a track of frames
+    TrackOutput,       ///< the writer of a track of frames
+    TrackQueue,        ///< the queue and cache of a track
     TrackInput,        ///< the reader of a track
-    TrackOutput,       ///< the writer of a track
     FrameReader,       ///< the place of a reader in its session
     TypeSystem,        ///< types, models, plug-ins, libraries; recursive
     ModelPlaces,       ///< the places of model files

@@ -13,7 +13,7 @@ namespace zel {
 namespace {
 
 constexpr const char* Names[] = {
-    "TrackQueue",    "TrackInput", "TrackOutput",  "FrameReader",       "TypeSystem",
+    "TrackOutput",   "TrackQueue", "TrackInput",   "FrameReader",       "TypeSystem",
     "ModelPlaces",   "Services",   "Statistics",   "GlobalResult",      "ThreadStart",
     "Waiters",       "TaskEdges",  "ActiveTasks",  "RegisteredThreads", "SharedJobs",
     "PushedJobs",    "Sleep",      "ReaderWriter", "OnceTold",          "Notify",
