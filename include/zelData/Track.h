@@ -32,8 +32,8 @@ namespace zelData {
 /// but by flush(true), by a jump, or when an end has failed: an exception on one of the threads goes to the
 /// exception handler, ends the stream, and from then on nothing is pushed or popped.
 /// @threads any thread, but for construction, destruction, start, stop and the setters of ends and handlers:
-///     owner thread. Callbacks of the two events run under the lock of the queue: they may read the counters
-///     and nothing else of the track
+///     owner thread. A writer may stop its track; a reader may read its counters and stride. Callbacks of the
+///     two events run under the lock of the queue: they may read the counters and nothing else of the track
 class ZEL_CORE_API Track : public zel::Object {
 public:
     using FrameEvent = zel::EventT<zel::Callback1<Frame*>>;

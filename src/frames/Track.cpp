@@ -9,8 +9,9 @@
 #include <algorithm>
 #include <utility>
 
-// The queue, and those who push and pop. The order of the locks is queue, input, output; none of the latter
-// two is held while the first is taken.
+// The queue, and those who push and pop. The order of the locks is output, queue, input. The track itself
+// takes the first of them alone, so that a writer may stop its track; and it gives the queue back while a
+// frame is read.
 
 namespace zelData {
 
