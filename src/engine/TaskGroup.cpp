@@ -228,14 +228,13 @@ bool TaskGroup::removeSubtask(const Name& name) {
 void TaskGroup::removeAllSubtasks() {
     // The callbacks may take out others, add some, and let go of the group.
     const ref_ptr<TaskGroup> keep(referenceCount() > 0 ? this : nullptr);
-    Vector<ref_ptr<Task>> subtasks;
-    subtasks.reserve(m_subtasks.size());
-    for (Task* subtask : m_subtasks)
-        subtasks.push_back(ref_ptr<Task>(subtask));
+    // Not held, so that leave sees which of them survive: only looked for among those that are there.
+    const Vector<Task*> subtasks = m_subtasks;
     FirstException failure;
-    while (!subtasks.empty()) {
-        failure.run([this, &subtasks] { removeSubtask(subtasks.back().get()); });
-        subtasks.pop_back();
+    for (size_t i = subtasks.size(); i-- > 0;) {
+        Task* const subtask = subtasks[i];
+        if (!m_subtasks.empty() && (m_subtasks.back() == subtask || m_subtasks.contains(subtask)))
+            failure.run([this, subtask] { removeSubtask(subtask); });
     }
     failure.rethrow();
 }
