@@ -32,7 +32,7 @@ public:
     [[nodiscard]] T peek() const {
         static_assert(std::is_trivially_copyable_v<T>);
         verifyRoomFor<T>();
-        T value;
+        T value{};
         std::memcpy(&value, m_head, sizeof(T));
         return value;
     }

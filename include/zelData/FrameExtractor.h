@@ -43,8 +43,8 @@ public:
 
 private:
     struct Common {
-        zel::uint32 type;
-        zel::uint32 id;
+        zel::uint32 type = 0;
+        zel::uint32 id = 0;
         zel::Name name;
     };
     [[nodiscard]] Node* extractValue(const Common& common, bool skip);

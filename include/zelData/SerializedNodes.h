@@ -77,6 +77,8 @@ private:
 /// A node with elements, somewhere in a data segment.
 class ZEL_CORE_API SerializedFrame::DataNode : public Node {
 public:
+    ~DataNode() override;
+
     void writeDataSegment(std::ostream& stream, zel::uint64 baseOffset) const override;
 
     [[nodiscard]] const Format* getFormat() const noexcept { return m_format.get(); }
@@ -94,7 +96,6 @@ protected:
              zel::uint64 numBytes,
              zel::uint64 offset,
              const BinaryData* data);
-    ~DataNode() override;
     void writeDataNode(ByteStream& stream, NameTable& names) const;
     void writeDataAttributes(TiXmlElement* element) const;
 

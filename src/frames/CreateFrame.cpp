@@ -190,7 +190,7 @@ private:
     /// Brings numbers of 32 bits, as older files hold them, to 64.
     zel::ref_ptr<zelData::Buffer> createNumbers(const Buffer* node) {
         const Format* wide = zelData::getFormat("UInt");
-        const zel::ref_ptr<zelData::Buffer> buffer = createBuffer(node);
+        zel::ref_ptr<zelData::Buffer> buffer = createBuffer(node);
         if (buffer->getFormat() == wide)
             return buffer;
         if (buffer->getFormat() != zelData::getFormat("UInt:32bit"))
@@ -308,8 +308,7 @@ private:
                                     characters->getFormat()->fullName().c_str(),
                                     node->getPath().c_str()));
         const uint64 numCharacters = characters ? characters->size() : 0;
-        const zel::ref_ptr<zelData::Buffer> buffer =
-            makeBuffer(node->getName(), node->getFormat(), ranges->size());
+        zel::ref_ptr<zelData::Buffer> buffer = makeBuffer(node->getName(), node->getFormat(), ranges->size());
         for (uint64 i = 0; i < ranges->size(); ++i) {
             const Range& range = ranges->data<Range>()[i];
             if (range.begin() > range.end() || range.end() > numCharacters)

@@ -173,7 +173,7 @@ zel::ref_ptr<Frame> DiskFrameReader::mergeFrameSequence(uint64 start) {
             break;
         updateExclusions(frame.get(), frame.get());
     }
-    const zel::ref_ptr<Frame> merged = m_frames.back();
+    zel::ref_ptr<Frame> merged = m_frames.back();
     for (zel::size_t i = m_frames.size() - 1; i-- > 0;)
         overlay(merged.get(), m_frames[i].get());
     return merged;

@@ -85,7 +85,7 @@ private:
     }
 
     /// A component enters only with children.
-    void add(Component* parent, zel::ref_ptr<Component> node, const zel::Component* source) {
+    void add(Component* parent, const zel::ref_ptr<Component>& node, const zel::Component* source) {
         addChildren(node.get(), source);
         if (!node->getChildren().empty())
             parent->addChild(node.get());

@@ -30,7 +30,7 @@ const zel::Name& popFrameEventName() {
 }
 
 zel::ref_ptr<Frame> copyOf(const Frame* frame) {
-    const zel::ref_ptr<Frame> copy(new Frame(frame->getIndex(), frame->getTimeStamp(), frame->getTimeStep()));
+    zel::ref_ptr<Frame> copy(new Frame(frame->getIndex(), frame->getTimeStamp(), frame->getTimeStep()));
     copy->merge(frame, true);
     copy->setSerialized(frame->isSerialized());
     copy->setJumpFrame(frame->isJumpFrame());
