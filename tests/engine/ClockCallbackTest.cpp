@@ -115,7 +115,7 @@ TEST_F(ClockCallbackTest, ASlaveGoesToTheMasterThatACallbackHasChosen) {
 
 TEST_F(ClockCallbackTest, StepsWithASwitchThatStaysBound) {
     const ref_ptr<Component> top(new Component("top"));
-    top->addObject(new zelData::Val<bool>("on", true));
+    top->addObject(new zelData::ValueT<bool>("on", true));
     top->addObject(clock.get());
     auto* const on = dynamic_cast<zelData::ValueT<bool>*>(top->findObject("on"));
     auto* const enable = valueOf<bool>(clock.get(), "enable");
