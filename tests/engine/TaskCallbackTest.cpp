@@ -213,9 +213,11 @@ TEST_F(TaskCallbackTest, ACallbackMayTakeOutTheTaskThatReplacesAnother) {
 
 TEST_F(TaskCallbackTest, ACallbackOfALeavingSubtaskMayRemoveThemAll) {
     const ref_ptr<TaskGroup> group(groupOfThree());
-    group->removeObjectEvent.connect([&](Component*, Object*) { group->removeAllSubtasks(); });
+    const zel::uint64 connection =
+        group->removeObjectEvent.connect([&](Component*, Object*) { group->removeAllSubtasks(); });
     group->removeSubtask(Name("b"));
     EXPECT_EQ(group->getNumSubtasks(), 0U);
+    group->removeObjectEvent.disconnect(connection); // it would meet the end of the group
 }
 
 TEST_F(TaskCallbackTest, AGroupThatACallbackLetsGoOfStaysUntilItsSubtasksAreOut) {
