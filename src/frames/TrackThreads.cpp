@@ -64,6 +64,13 @@ void Track::start() {
         m_inputThread = std::make_unique<Thread>(this, "InputThread", &Track::readFrames);
     if (writesFrames && !m_outputThread)
         m_outputThread = std::make_unique<Thread>(this, "OutputThread", &Track::writeFrames);
+    if (!isRunning()) {
+        // Those that have stopped the track themselves have still to be joined.
+        if (m_inputThread)
+            m_inputThread->end();
+        if (m_outputThread)
+            m_outputThread->end();
+    }
     {
         const QueueLock lock(m_queueMutex);
         if (!m_running) {
@@ -136,8 +143,11 @@ void Track::fail(const std::exception_ptr& exception) {
     try {
         std::rethrow_exception(exception);
     } catch (std::exception& error) {
-        if (m_exceptionHandler)
-            m_exceptionHandler(this, error);
+        try {
+            if (m_exceptionHandler)
+                m_exceptionHandler(this, error);
+        } catch (...) { // the first one is what has ended the track, and what getException tells
+        }
     } catch (...) { // of a kind that nobody can be told of
     }
     const QueueLock lock(m_queueMutex);

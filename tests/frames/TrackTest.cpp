@@ -65,6 +65,15 @@ protected:
 };
 using TrackDeathTest = TrackTest;
 
+/// Stops its track at each frame.
+class StoppingWriter : public CollectingWriter {
+public:
+    void writeFrame(const Frame* frame) override {
+        CollectingWriter::writeFrame(frame);
+        getTrack()->stop();
+    }
+};
+
 TEST_F(TrackTest, BeginsStoppedAndEmpty) {
     track = new Track("mine");
     EXPECT_EQ(track->getName(), "mine");
@@ -551,15 +560,6 @@ TEST_F(TrackTest, AFreeSlotComesWhenAFrameLeaves) {
 }
 
 TEST_F(TrackTest, MayBeStoppedByItsWriter) {
-    makeRecording();
-    track->popFrameEvent.connect([](Frame*) {});
-    class StoppingWriter : public CollectingWriter {
-    public:
-        void writeFrame(const Frame* frame) override {
-            CollectingWriter::writeFrame(frame);
-            getTrack()->stop();
-        }
-    };
     const ref_ptr<StoppingWriter> stopping(new StoppingWriter);
     track = new Track(nullptr, stopping.get());
     for (uint64 i = 0; i < 3; ++i)
@@ -570,6 +570,35 @@ TEST_F(TrackTest, MayBeStoppedByItsWriter) {
     EXPECT_EQ(stopping->indices(), upTo(3));
     track->stop();
     EXPECT_EQ(stopping->numEnds, 1);
+}
+
+TEST_F(TrackTest, MayBeStartedAgainWhereItsWriterHasStoppedIt) {
+    const ref_ptr<StoppingWriter> stopping(new StoppingWriter);
+    track = new Track(nullptr, stopping.get());
+    for (uint64 i = 0; i < 3; ++i) {
+        track->start();
+        track->pushFrame(frameOf(i, 0).get());
+        while (track->isRunning())
+            std::this_thread::yield();
+    }
+    track->stop();
+    EXPECT_EQ(stopping->indices(), upTo(3));
+    EXPECT_EQ(stopping->numEnds, 3);
+}
+
+TEST_F(TrackTest, AHandlerThatThrowsEndsTheTrackAllTheSame) {
+    makeRecording();
+    writer->failsAt = 0;
+    track->setExceptionHandler([](Track*, std::exception&) { throw std::logic_error("the handler's own"); });
+    track->start();
+    track->pushFrame(frameOf(0, 0).get());
+    track->flush(false);
+    try {
+        std::rethrow_exception(track->getException());
+    } catch (const std::exception& error) {
+        EXPECT_STREQ(error.what(), "the disk is full");
+    }
+    track->stop();
 }
 
 TEST_F(TrackDeathTest, MisuseEndsTheProcess) {
