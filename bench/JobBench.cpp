@@ -285,24 +285,24 @@ BENCHMARK(axpyTbb)->Name("BM_Axpy/tbb")->Apply(axpyArguments);
 /// Two bodies that meet, and the time from the call until they have met.
 class Meeting {
 public:
-    void begin() {
-        m_met.store(false, std::memory_order_relaxed);
-        m_arrived.store(0, std::memory_order_relaxed);
-        m_start = std::chrono::steady_clock::now();
-    }
+    void begin() { m_start = std::chrono::steady_clock::now(); }
     void arrive() {
+        // The round is noted ahead of the arrival, so that one who still waits when the next begins sees that
+        // it ended.
+        const unsigned round = m_round.load(std::memory_order_acquire);
         if (m_arrived.fetch_add(1, std::memory_order_acq_rel) == 1) {
             m_end = std::chrono::steady_clock::now();
-            m_met.store(true, std::memory_order_release);
+            m_arrived.store(0, std::memory_order_relaxed);
+            m_round.store(round + 1, std::memory_order_release);
         }
-        while (!m_met.load(std::memory_order_acquire)) {
+        while (m_round.load(std::memory_order_acquire) == round) {
         }
     }
     [[nodiscard]] double seconds() const { return std::chrono::duration<double>(m_end - m_start).count(); }
 
 private:
     std::atomic<int> m_arrived{0};
-    std::atomic<bool> m_met{false};
+    std::atomic<unsigned> m_round{0};
     std::chrono::steady_clock::time_point m_start;
     std::chrono::steady_clock::time_point m_end;
 };
