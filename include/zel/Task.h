@@ -369,6 +369,9 @@ private:
     VectorPOD<Clock*> m_frameClocks; // of whose frames the task is part; each takes itself off
     int64 m_numThreadTasks = 0;      // this task and below it: those with a job for each thread
     int64 m_numOuterEdges = 0;       // of this task and of what is below it; see isOuterEdge
+    // Whether edges lead from below the task to outside of it, as it was found last; see RunRoot.
+    enum class Leaving : uint8 { Unknown, None, Some };
+    std::atomic<Leaving> m_leaving{Leaving::Unknown};
     // The run of several roots of which this task is one; see RunRoot. Relaxed, but for join: other runs
     // only compare it with their own.
     std::atomic<Task*> m_run{nullptr};

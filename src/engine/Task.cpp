@@ -168,7 +168,7 @@ public:
         , m_thread(thread)
         , m_oldTarget(m_postJob->getTargetThread()) {
         m_postJob->setTargetThread(thread);
-        if (RunRoot::hasEdgesBelow(task)) {
+        if (RunRoot::hasLeavingEdges(task)) {
             const auto lock = RunRoot::lockEdges();
             m_root.emplace(task, task).cut();
         }

@@ -9,8 +9,10 @@
 namespace zel {
 
 void Task::countOuterEdges(int64 number) noexcept {
-    for (Task* task = this; task != nullptr; task = task->m_group)
+    for (Task* task = this; task != nullptr; task = task->m_group) {
         task->m_numOuterEdges += number;
+        task->m_leaving.store(Leaving::Unknown, std::memory_order_relaxed);
+    }
 }
 
 void Task::countThreadTasks(int64 number) noexcept {
@@ -45,13 +47,33 @@ void Task::RunRoot::leave(Task& task) noexcept {
     task.m_run.store(nullptr, std::memory_order_release);
 }
 
-bool Task::RunRoot::hasEdgesBelow(const Task& task) noexcept {
+/// Whether one of the tasks below that have edges out of their groups answers true; the others are not asked
+/// then.
+template <typename Visit>
+bool Task::RunRoot::anyBelow(Task& task, const Visit& visit) {
     if (task.m_numOuterEdges == 0)
         return false;
     const auto* group = dynamic_cast<const TaskGroup*>(&task);
-    return group != nullptr && std::any_of(group->getSubtasks().begin(),
-                                           group->getSubtasks().end(),
-                                           [](const Task* subtask) { return subtask->m_numOuterEdges != 0; });
+    return group != nullptr &&
+           std::any_of(group->getSubtasks().begin(), group->getSubtasks().end(), [&visit](Task* subtask) {
+               return subtask->m_numOuterEdges != 0 && (visit(*subtask) || anyBelow(*subtask, visit));
+           });
+}
+
+// Found out once for each shape of the tree: groups whose subtasks depend on each other in all directions are
+// the common case, and nothing is to be taken out of them.
+bool Task::RunRoot::hasLeavingEdges(Task& task) {
+    Leaving leaving = task.m_leaving.load(std::memory_order_relaxed);
+    if (leaving == Leaving::Unknown) {
+        const auto isOutside = [&task](const Task* other) { return !other->runsIn(&task); };
+        const bool any = anyBelow(task, [&isOutside](const Task& below) {
+            return std::any_of(below.m_parents.begin(), below.m_parents.end(), isOutside) ||
+                   std::any_of(below.m_children.begin(), below.m_children.end(), isOutside);
+        });
+        leaving = any ? Leaving::Some : Leaving::None;
+        task.m_leaving.store(leaving, std::memory_order_relaxed);
+    }
+    return leaving == Leaving::Some;
 }
 
 /// The task, and those below it that have edges out of their groups. But not one that is the run itself: it
@@ -60,12 +82,11 @@ template <typename Visit>
 void Task::RunRoot::visitTasks(Task& task, const Visit& visit) const {
     if (&task != m_run)
         visit(task);
-    if (task.m_numOuterEdges == 0)
-        return;
-    if (auto* group = dynamic_cast<TaskGroup*>(&task))
-        for (Task* subtask : group->getSubtasks())
-            if (subtask->m_numOuterEdges != 0)
-                visitTasks(*subtask, visit);
+    if (hasLeavingEdges(task))
+        anyBelow(task, [&visit](Task& below) {
+            visit(below);
+            return false;
+        });
 }
 
 void Task::RunRoot::cutChildren(Task& task) const {

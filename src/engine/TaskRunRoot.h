@@ -28,8 +28,8 @@ public:
     static void markJobs(Task& task) { task.markJobs(); }
     /// To be held while edges of a task change that somebody may execute by itself.
     [[nodiscard]] static auto lockEdges() { return std::unique_lock(Job::s_edges); }
-    /// Whether there can be anything to take out below the task.
-    [[nodiscard]] static bool hasEdgesBelow(const Task& task) noexcept;
+    /// Whether edges lead from below the task to outside of it: then there is something to take out there.
+    [[nodiscard]] static bool hasLeavingEdges(Task& task);
 
     /// Whether the main thread must be at work for the run.
     [[nodiscard]] static bool needsMainThread(const Task& task) noexcept {
@@ -46,6 +46,8 @@ public:
     void restore();
 
 private:
+    template <typename Visit>
+    static bool anyBelow(Task& task, const Visit& visit);
     template <typename Visit>
     void visitTasks(Task& task, const Visit& visit) const;
     void cutChildren(Task& task) const;

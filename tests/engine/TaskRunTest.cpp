@@ -216,6 +216,32 @@ TEST_P(TaskRunTest, AnEdgeDeepInTwoGroupsCountsWhereBothRun) {
     EXPECT_EQ(run(h), "b");
 }
 
+TEST_P(TaskRunTest, EdgesOutOfAGroupCountAsTheyComeAndGoBetweenRuns) {
+    const ref_ptr<TaskGroup> top(new TaskGroup("top"));
+    TaskGroup* g = new TaskGroup("g");
+    TaskGroup* h = new TaskGroup("h");
+    top->addSubtask(g);
+    top->addSubtask(h);
+    SerialTask* a = noting("a");
+    SerialTask* b = noting("b");
+    g->addSubtask(a);
+    h->addSubtask(b);
+    b->addDependency(a); // stays within top
+    const ref_ptr<SerialTask> outside(noting("o"));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(run(top.get()), "ab");
+        outside->addDependency(b);
+        EXPECT_EQ(run(top.get()), "ab");
+        EXPECT_EQ(run(outside.get()), "o");
+        outside->removeDependency(b);
+        a->addDependency(outside.get());
+        EXPECT_EQ(run(top.get()), "ab");
+        EXPECT_EQ(run(outside.get()), "o");
+        a->removeDependency(outside.get());
+        EXPECT_EQ(run(h), "b");
+    }
+}
+
 // Loops
 
 TEST_F(TaskRunDeathTest, ALoopThatASubtaskClosesIsRefused) {
