@@ -1,3 +1,5 @@
+#include "support/Soak.h"
+
 #include <zelData/Format.h>
 #include <zelData/Type.h>
 #include <zelData/Value.h>
@@ -115,9 +117,9 @@ private:
     size_t m_serial = 0;
 };
 
-class ValueGraphTest : public testing::TestWithParam<unsigned> {
-protected:
-    ValueGraphTest() : m_random(GetParam()) {
+class Graph {
+public:
+    explicit Graph(unsigned seed) : m_seed(seed), m_random(seed) {
         for (size_t i = 0; i < NumValues; ++i) {
             const size_t format = pick(Formats.size());
             m_model.values[i].format = format;
@@ -126,6 +128,26 @@ protected:
         }
     }
 
+    void agreesWithTheModel(int steps) {
+        for (int step = 0; step < steps; ++step) {
+            for (size_t n = pick(3); n > 0; --n) { // changes that wait for their value's next update
+                const size_t where = pick(NumValues);
+                Change change = randomChange();
+                if (change.kind == 8)
+                    change.kind = 0; // a callback that is connected while its event runs is called at once
+                m_callbacks[where] = [this, change] { apply(change); };
+                m_model.values[where].callback = [this, change] { expect(change); };
+            }
+            const Change change = randomChange();
+            SCOPED_TRACE("seed " + std::to_string(m_seed) + ", step " + std::to_string(step) + ", kind " +
+                         std::to_string(change.kind));
+            apply(change);
+            expect(change);
+            ASSERT_NO_FATAL_FAILURE(compare());
+        }
+    }
+
+private:
     void connect(size_t i) {
         m_ids[i] = m_values[i]->updateEvent.connect([this, i](Value*) {
             ++m_updates[i];
@@ -237,6 +259,7 @@ protected:
         ASSERT_EQ(m_refused, m_expectedRefused);
     }
 
+    unsigned m_seed;
     std::mt19937 m_random;
     Model m_model;
     std::array<ref_ptr<Value>, NumValues> m_values;
@@ -247,25 +270,16 @@ protected:
     int m_expectedRefused = 0;
 };
 
+class ValueGraphTest : public testing::TestWithParam<unsigned> {};
+
 } // namespace
 
 TEST_P(ValueGraphTest, AgreesWithTheModel) {
-    for (int step = 0; step < 3000; ++step) {
-        for (size_t n = pick(3); n > 0; --n) { // changes that wait for their value's next update
-            const size_t where = pick(NumValues);
-            Change change = randomChange();
-            if (change.kind == 8)
-                change.kind = 0; // a callback that is connected while its event runs is called at once
-            m_callbacks[where] = [this, change] { apply(change); };
-            m_model.values[where].callback = [this, change] { expect(change); };
-        }
-        const Change change = randomChange();
-        SCOPED_TRACE("seed " + std::to_string(GetParam()) + ", step " + std::to_string(step) + ", kind " +
-                     std::to_string(change.kind));
-        apply(change);
-        expect(change);
-        ASSERT_NO_FATAL_FAILURE(compare());
-    }
+    Graph(GetParam()).agreesWithTheModel(3000);
+}
+
+TEST(ValueGraphSoakTest, DISABLED_AgreesWithTheModel) {
+    zelTest::soak([](unsigned seed) { Graph(seed).agreesWithTheModel(3000); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ValueGraphTest, testing::Range(1U, 13U));

@@ -1,5 +1,5 @@
 // A clock beside a plain list of what is to happen when, over many frames of random changes.
-#include "support/Stress.h"
+#include "support/Soak.h"
 
 #include <zel/Clock.h>
 #include <zel/ref_ptr.h>
@@ -252,6 +252,16 @@ TEST(ClockScheduleTest, FiresWhatAPlainListWouldFireWhereEventsThrow) {
             pair.frame();
         EXPECT_GT(pair.numFired(), 4000U / zelTest::StressDivisor);
     }
+    zelCore::shutdown();
+}
+
+TEST(ClockScheduleSoakTest, DISABLED_FiresWhatAPlainListWouldFireWhereEventsThrow) {
+    zelCore::init();
+    zelTest::soak([](unsigned seed) {
+        Pair pair(seed, 10, seed % 64);
+        for (int i = 0; i < 5000 && !testing::Test::HasFailure(); ++i)
+            pair.frame();
+    });
     zelCore::shutdown();
 }
 

@@ -1,4 +1,5 @@
 #include "support/ModelFiles.h"
+#include "support/Soak.h"
 
 #include <zel/Component.h>
 #include <zel/UnresolvedParameter.h>
@@ -49,11 +50,9 @@ std::string textOf(const Sum& sum) {
     return "Math.Add(@" + nameOf(sum.left) + ", @" + nameOf(sum.right) + ")";
 }
 
-class FunctionValueGraphTest : public zelTest::ModelFiles, public testing::WithParamInterface<unsigned> {
-protected:
-    void SetUp() override {
-        ModelFiles::SetUp();
-        top = new Component("top");
+class Graph {
+public:
+    explicit Graph(unsigned seed) : m_seed(seed), random(seed), top(new Component("top")) {
         for (size_t i = 0; i < NumValues; ++i) {
             const bool typed = pick(3) != 0;
             values[i] = new Value(nameOf(i), typed ? zelData::getFormat("Real:64bit") : nullptr);
@@ -62,12 +61,11 @@ protected:
             top->addObject(values[i].get());
         }
     }
-    void TearDown() override {
-        values = {};
-        top = nullptr;
-        ModelFiles::TearDown();
-    }
 
+    void agreesWithTheModel();
+    void survivesCallbacksThatChangeAnything();
+
+private:
     size_t pick(size_t n) { return random() % n; }
 
     void set(size_t i, double content) {
@@ -132,18 +130,17 @@ protected:
 
     bool hasContent(size_t i) const { return !std::holds_alternative<std::monostate>(meanings[i]); }
 
-    std::mt19937 random{GetParam()};
+    unsigned m_seed;
+    std::mt19937 random;
     ref_ptr<Component> top;
     std::array<ref_ptr<Value>, NumValues> values;
     std::array<Meaning, NumValues> meanings;
 };
 
-} // namespace
-
-TEST_P(FunctionValueGraphTest, AgreesWithTheModel) {
+void Graph::agreesWithTheModel() {
     int refused = 0;
     for (int step = 0; step < 400; ++step) {
-        SCOPED_TRACE("seed " + std::to_string(GetParam()) + ", step " + std::to_string(step));
+        SCOPED_TRACE("seed " + std::to_string(m_seed) + ", step " + std::to_string(step));
         const size_t i = pick(NumValues);
         const size_t left = pick(NumValues);
         const size_t right = pick(NumValues);
@@ -198,7 +195,7 @@ TEST_P(FunctionValueGraphTest, AgreesWithTheModel) {
     EXPECT_GT(refused, 0);
 }
 
-TEST_P(FunctionValueGraphTest, SurvivesCallbacksThatChangeAnything) {
+void Graph::survivesCallbacksThatChangeAnything() {
     std::array<std::function<void()>, NumValues> callbacks;
     std::array<bool, NumValues> gone{};
     const auto connect = [&](size_t i) {
@@ -241,7 +238,7 @@ TEST_P(FunctionValueGraphTest, SurvivesCallbacksThatChangeAnything) {
     };
     int compared = 0;
     for (int round = 0; round < 40; ++round) {
-        SCOPED_TRACE("seed " + std::to_string(GetParam()) + ", round " + std::to_string(round));
+        SCOPED_TRACE("seed " + std::to_string(m_seed) + ", round " + std::to_string(round));
         for (int step = 0; step < 30; ++step) {
             for (size_t n = pick(4); n > 0; --n)
                 callbacks[pick(NumValues)] = [&change,
@@ -293,6 +290,26 @@ TEST_P(FunctionValueGraphTest, SurvivesCallbacksThatChangeAnything) {
         }
     }
     EXPECT_GT(compared, 10);
+}
+
+class FunctionValueGraphTest : public zelTest::ModelFiles, public testing::WithParamInterface<unsigned> {};
+class FunctionValueGraphSoakTest : public zelTest::ModelFiles {};
+
+} // namespace
+
+TEST_P(FunctionValueGraphTest, AgreesWithTheModel) {
+    Graph(GetParam()).agreesWithTheModel();
+}
+
+TEST_P(FunctionValueGraphTest, SurvivesCallbacksThatChangeAnything) {
+    Graph(GetParam()).survivesCallbacksThatChangeAnything();
+}
+
+TEST_F(FunctionValueGraphSoakTest, DISABLED_AgreesAndSurvives) {
+    zelTest::soak([](unsigned seed) {
+        Graph(seed).agreesWithTheModel();
+        Graph(seed).survivesCallbacksThatChangeAnything();
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, FunctionValueGraphTest, testing::Range(1U, 7U));

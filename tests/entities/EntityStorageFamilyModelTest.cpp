@@ -4,11 +4,9 @@
 #include <zelData/EntityRange.h>
 #include <zelData/ScalarAttribute.h>
 
-#include <support/Stress.h>
+#include <support/Soak.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -37,7 +35,7 @@ namespace {
 
 zelData::EntityModel::LoaderT<zelTest::FragileModel> s_familyLoader("FragileFamily");
 
-String titleText(int title) {
+String familyTitle(int title) {
     return title < 0 ? String("a title that has memory of its own")
                      : String("a title with the number " + std::to_string(title));
 }
@@ -54,7 +52,7 @@ struct Row {
 };
 
 using EventRow = std::vector<uint64>;
-enum EventKind : uint64 { Create, CreateRange, Destroy, DestroyRange, DestroyList, Permute };
+enum FamilyEvent : uint64 { Create, CreateRange, Destroy, DestroyRange, DestroyList, Permute };
 
 /// One of the storages: which id stands at which index, those behind the size being free.
 struct Member : EntityStorage::EventListener {
@@ -109,7 +107,7 @@ struct Member : EntityStorage::EventListener {
     }
     void permuteCallback(EntityStorage* from, Array<uint32> permutation) override {
         from->verifyConsistency();
-        told.push_back({EventKind::Permute, permutation.size()});
+        told.push_back({FamilyEvent::Permute, permutation.size()});
     }
 
     ref_ptr<EntityStorage> storage;
@@ -269,7 +267,7 @@ private:
         row.own = static_cast<double>(m_random());
         column<double>("mass")[index] = row.mass;
         std::copy_n(row.triple, 3, column<uint32>("triple") + 3 * index);
-        column<String>("title")[index] = titleText(row.title);
+        column<String>("title")[index] = familyTitle(row.title);
         column<Fragile>("glass")[index] = Fragile(row.glass);
         for (uint64 k = 0; k < 2; ++k)
             column<Fragile>("pair")[2 * index + k] = Fragile(row.pair[k]);
@@ -371,7 +369,7 @@ private:
         std::shuffle(permutation.begin(), permutation.end(), m_random);
         if (!attempt([&] { member.storage->reorder(permutation); }))
             return;
-        expectAll({EventKind::Permute, m_rows.size()});
+        expectAll({FamilyEvent::Permute, m_rows.size()});
         const std::vector<Row> rows(m_rows);
         for (const auto& other : m_members) {
             const std::vector<uint32> ids(other->ids);
@@ -470,7 +468,7 @@ private:
             const Row& row = m_rows[i];
             ASSERT_EQ(column<double>("mass")[i], row.mass) << "at index " << i;
             ASSERT_TRUE(std::equal(row.triple, row.triple + 3, column<uint32>("triple") + 3 * i));
-            ASSERT_EQ(column<String>("title")[i], titleText(row.title)) << "at index " << i;
+            ASSERT_EQ(column<String>("title")[i], familyTitle(row.title)) << "at index " << i;
             ASSERT_EQ(column<Fragile>("glass")[i].number(), row.glass) << "at index " << i;
             for (uint64 k = 0; k < 2; ++k)
                 ASSERT_EQ(column<Fragile>("pair")[2 * i + k].number(), row.pair[k]) << "at index " << i;
@@ -513,14 +511,7 @@ TEST_F(EntityStorageFamilySoakTest, DoesWhatThePlainModelDoesFromAFreshSeed) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, EntityStorageFamilyModelTest, testing::Range(1U, 9U));
 
-/// As long as ZEL_SOAK_SECONDS says, with fresh seeds. Only script/test --soak runs it.
 TEST_F(EntityStorageFamilySoakTest, DISABLED_DoesWhatThePlainModelDoes) {
-    const char* wanted = std::getenv("ZEL_SOAK_SECONDS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
-    ASSERT_NE(wanted, nullptr);
     EntityModel* model = loadFamily();
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::strtol(wanted, nullptr, 10));
-    do {
-        drive(model, zelTest::stressSeed(), 50'000);
-    } while (!HasFailure() && std::chrono::steady_clock::now() < end);
+    zelTest::soak([model](unsigned seed) { drive(model, seed, 50'000); });
 }

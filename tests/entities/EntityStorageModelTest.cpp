@@ -5,11 +5,9 @@
 #include <zelData/EntityStorageEvents.h>
 #include <zelData/ValueT.h>
 
-#include <support/Stress.h>
+#include <support/Soak.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <numeric>
 #include <random>
 #include <unordered_map>
@@ -463,14 +461,7 @@ TEST_P(EntityStorageModelTest, DoesWhatThePlainModelDoes) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, EntityStorageModelTest, testing::Range(1U, 21U));
 
-/// As long as ZEL_SOAK_SECONDS says, with fresh seeds. Only script/test --soak runs it.
 TEST_F(EntityStorageSoakTest, DISABLED_DoesWhatThePlainModelDoes) {
-    const char* wanted = std::getenv("ZEL_SOAK_SECONDS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
-    ASSERT_NE(wanted, nullptr);
     EntityModel* model = loadModel();
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::strtol(wanted, nullptr, 10));
-    do {
-        Driver(model, zelTest::stressSeed()).run(500'000, 250);
-    } while (!HasFailure() && std::chrono::steady_clock::now() < end);
+    zelTest::soak([model](unsigned seed) { Driver(model, seed).run(500'000, 250); });
 }

@@ -10,11 +10,10 @@
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 
-#include <support/Stress.h>
+#include <support/Soak.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <random>
 #include <thread>
@@ -27,7 +26,7 @@ using zel::Thread;
 
 namespace {
 
-class Gate : public zel::SyncTag {
+class NodeGate : public zel::SyncTag {
 public:
     zel::int32 getStatus() override { return m_open ? 1 : 0; }
     void set(bool open) { m_open = open; }
@@ -44,7 +43,7 @@ struct Node {
     Node* opener = nullptr; // of the gate
     std::vector<Node*> spawned;
     std::vector<Node*> opened;
-    ref_ptr<Gate> gate;
+    ref_ptr<NodeGate> gate;
     int target = -1;              // of the pool, or behind it an outside thread
     size_t driver = 0;            // an outside thread that has to bring the job in; 0 for any
     ParallelTask* task = nullptr; // that it executes
@@ -186,7 +185,7 @@ private:
             return;
         }
         // A job that is not ready keeps those of lower priority waiting, so it has the lowest.
-        node.gate = new Gate;
+        node.gate = new NodeGate;
         node.job.setSyncTag(node.gate.get());
         node.opener = any();
         node.opener->opened.push_back(&node);
@@ -333,13 +332,7 @@ protected:
     void TearDown() override { zelCore::shutdown(); }
 
     static void soak(Way way) {
-        const char* wanted = std::getenv("ZEL_SOAK_SECONDS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
-        ASSERT_NE(wanted, nullptr);
-        const auto end =
-            std::chrono::steady_clock::now() + std::chrono::seconds(std::strtol(wanted, nullptr, 10));
-        do {
-            Driver(zelTest::stressSeed(), way).run(50);
-        } while (!HasFailure() && std::chrono::steady_clock::now() < end);
+        zelTest::soak([way](unsigned seed) { Driver(seed, way).run(50); });
     }
 };
 
@@ -357,7 +350,6 @@ TEST_P(JobModelTest, RunsEachJobOnceAndInOrderWhereSeveralThreadsExecuteTasks) {
 
 INSTANTIATE_TEST_SUITE_P(Rounds, JobModelTest, testing::Range(0, 4));
 
-/// As long as ZEL_SOAK_SECONDS says, with fresh seeds. Only script/test --soak runs these.
 TEST_F(JobSoakTest, DISABLED_RunsEachJobOnceAndInOrder) {
     soak(Way::Work);
 }

@@ -1,6 +1,6 @@
 // A tree that its own callbacks change, against a plain model of it: events and rebinds add, remove, rename
 // and let go of whatever they like, and throw.
-#include "support/Stress.h"
+#include "support/Soak.h"
 
 #include <zel/Component.h>
 #include <zel/Notify.h>
@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <iterator>
 #include <map>
 #include <random>
@@ -422,13 +420,6 @@ TEST(ComponentModelTest, IsWhatThePlainModelIs) {
         Driver(seed + round).run(4'000 / zelTest::StressDivisor, 10);
 }
 
-/// As long as ZEL_SOAK_SECONDS says, with fresh seeds. Only script/test --soak runs it.
 TEST(ComponentSoakTest, DISABLED_IsWhatThePlainModelIs) {
-    const char* wanted = std::getenv("ZEL_SOAK_SECONDS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
-    ASSERT_NE(wanted, nullptr);
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::strtol(wanted, nullptr, 10));
-    do {
-        Driver(zelTest::stressSeed()).run(4'000, 10);
-    } while (!HasFailure() && std::chrono::steady_clock::now() < end);
+    zelTest::soak([](unsigned seed) { Driver(seed).run(4'000, 10); });
 }
