@@ -5,9 +5,9 @@ script/bootstrap
 
 jobs="${ZEL_JOBS:-$(nproc)}"
 
-# Configures a preset where that has not been done: configure_preset NAME
+# Configures a preset where that has not been done, with the option ZEL_CMAKE_OPTION beside: configure_preset NAME
 configure_preset() {
-    [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >"/tmp/zel-configure-$1.$$.log" 2>&1 || {
+    [ -f "build/$1/build.ninja" ] || cmake --preset "$1" ${ZEL_CMAKE_OPTION:+"$ZEL_CMAKE_OPTION"} >"/tmp/zel-configure-$1.$$.log" 2>&1 || {
         cat "/tmp/zel-configure-$1.$$.log"
         return 1
     }

@@ -27,8 +27,6 @@ using zel::uint64;
 
 namespace {
 
-std::atomic<zel::Model*> s_model{nullptr};
-
 const zel::Name& numElementsName() {
     static const zel::Name name("numElements");
     return name;
@@ -510,6 +508,7 @@ void Buffer::setOriginalBuffer(Buffer* original) {
 }
 
 zel::Model* Buffer::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
     return zel::Model::createBuiltinModel("zelData.Buffer", Component::ClassModel(), s_model);
 }
 

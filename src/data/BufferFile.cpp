@@ -31,12 +31,12 @@ using zel::uint64;
 
 namespace {
 
-const zel::XmlLoaderRegistrator s_loader("Buffer", &Buffer::load);
+const zel::XmlLoaderRegistrator s_bufferFileLoader("Buffer", &Buffer::load);
 
 constexpr const char* ElementArraySize = "elementArraySize";
 constexpr const char* DefaultValue = "defaultValue";
 
-String typeName(const Buffer* buffer) {
+String elementTypeName(const Buffer* buffer) {
     return buffer->getType() == nullptr ? buffer->getFormat()->fullName()
                                         : String(buffer->getType()->getName().str());
 }
@@ -61,7 +61,7 @@ void Buffer::writeBinaryDump(const String& path) const {
         zelAbort("%s: Could not write %u elements of type '%s' to file '%s'",
                  getPath().c_str(),
                  static_cast<unsigned>(m_numElements),
-                 typeName(this).c_str(),
+                 elementTypeName(this).c_str(),
                  path.c_str());
 }
 
@@ -72,7 +72,7 @@ void Buffer::readBinaryDump(const String& path) {
         zelAbort("%s: Could not read %u elements of type '%s' from file '%s'",
                  getPath().c_str(),
                  static_cast<unsigned>(m_numElements),
-                 typeName(this).c_str(),
+                 elementTypeName(this).c_str(),
                  path.c_str());
     commit();
 }
@@ -153,7 +153,7 @@ void Buffer::configureData(TiXmlElement* element) {
         ZEL_XML_ERROR(element,
                       String::format("Buffer '%s': elements of type '%s' can not be read from a file",
                                      getPath().c_str(),
-                                     typeName(this).c_str()));
+                                     elementTypeName(this).c_str()));
     if (!zelIO::FileSystem::exists(file) || zelIO::FileSystem::isDir(file))
         ZEL_XML_ERROR(element,
                       String::format("Buffer '%s': there is no file '%s'", getPath().c_str(), file.c_str()));
@@ -166,7 +166,7 @@ void Buffer::configureData(TiXmlElement* element) {
                            file.c_str(),
                            size,
                            m_numElements,
-                           typeName(this).c_str(),
+                           elementTypeName(this).c_str(),
                            m_numElements * m_elementSize));
     readBinaryDump(file);
 }
@@ -192,7 +192,7 @@ void Buffer::snapshot(TiXmlNode* node, const String& directory) {
         writeBinaryDump(bufferDir + "/" + name);
         child->SetAttribute("data", "buffers/" + name);
     } else {
-        ZEL_LOG_WARNING(getPath() << ": the snapshot has no elements of type '" << typeName(this)
+        ZEL_LOG_WARNING(getPath() << ": the snapshot has no elements of type '" << elementTypeName(this)
                                   << "', which are no plain bytes");
     }
     if (m_elementArraySize)
@@ -211,7 +211,7 @@ void Buffer::print() const {
 void Buffer::print(const Range& range) const {
     const Format* ascii = asciiFormat(m_format.get());
     if (ascii == nullptr) {
-        ZEL_LOG_INFO(getName() << ": Can not print buffer of type '" << typeName(this)
+        ZEL_LOG_INFO(getName() << ": Can not print buffer of type '" << elementTypeName(this)
                                << "', does not have an ascii format...");
         return;
     }

@@ -29,8 +29,6 @@ namespace {
 
 constexpr zel::uint32 NotOwned = 0xFFFFFFFFU;
 
-std::atomic<zel::Model*> s_model{nullptr};
-
 // Bindings that destructors on the way have let go of.
 constinit thread_local zel::VectorPOD<const Value*>* t_released = nullptr;
 
@@ -612,6 +610,7 @@ std::ostream& operator<<(std::ostream& stream, const Value& value) {
 }
 
 zel::Model* Value::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
     return zel::Model::createBuiltinModel("zelData.Value", Object::ClassModel(), s_model);
 }
 

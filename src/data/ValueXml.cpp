@@ -17,7 +17,7 @@ namespace zelData {
 
 namespace {
 
-const zel::XmlLoaderRegistrator s_loader("Value", &Value::load);
+const zel::XmlLoaderRegistrator s_valueLoader("Value", &Value::load);
 
 } // namespace
 

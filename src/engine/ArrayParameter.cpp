@@ -17,9 +17,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Parameter.Array", &ArrayParameter::load);
+const XmlLoaderRegistrator s_arrayParameterLoader("Parameter.Array", &ArrayParameter::load);
 
 const zelData::Format* defaultFormat(const zelData::Type* type) {
     return type == nullptr ? nullptr : type->getDefaultFormat();
@@ -197,6 +195,7 @@ ArrayParameter* ArrayParameter::load(TiXmlElement* element, Device* device) {
 }
 
 Model* ArrayParameter::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter.Array", Parameter::ClassModel(), s_model);
 }
 

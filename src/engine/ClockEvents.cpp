@@ -17,7 +17,7 @@ namespace zel {
 namespace {
 
 /// Whether the time is no number, which is told.
-bool isRefused(const char* what, double time) {
+bool isRefusedTime(const char* what, double time) {
     if (!std::isnan(time))
         return false;
     ZEL_LOG_WARNING("Tried setting the " << what << " to " << time << ", but the " << what
@@ -91,7 +91,7 @@ void Clock::schedule(Event* event) {
 void Clock::schedule(Event* event, double delay) {
     zelVerifyN(
         event->m_clock == this, "%s: The event does not belong to the clock", event->getPath().c_str());
-    if (isRefused("delay", delay))
+    if (isRefusedTime("delay", delay))
         return;
     unschedule(event);
     const double timeStep = m_presentTimeStep;
@@ -266,12 +266,12 @@ void Clock::Event::stop() {}
 void Clock::Event::reset() {}
 
 void Clock::Event::setStartDelay(double delay) {
-    if (!isRefused("start delay", delay))
+    if (!isRefusedTime("start delay", delay))
         m_startDelay.set(delay);
 }
 
 void Clock::Event::setInterval(double interval) {
-    if (!isRefused("interval", interval))
+    if (!isRefusedTime("interval", interval))
         m_interval.set(interval);
 }
 
@@ -285,7 +285,7 @@ void Clock::Event::setEnable(bool enable) {
 
 void Clock::Event::valueCallback(zelData::Value* value) {
     if (value == &m_startDelay) {
-        if (isRefused("start delay", m_startDelay.get())) {
+        if (isRefusedTime("start delay", m_startDelay.get())) {
             takeBack(m_startDelay, m_presentStartDelay);
             return;
         }
@@ -295,7 +295,7 @@ void Clock::Event::valueCallback(zelData::Value* value) {
         return;
     }
     if (value == &m_interval) {
-        if (isRefused("interval", m_interval.get()))
+        if (isRefusedTime("interval", m_interval.get()))
             takeBack(m_interval, m_presentInterval);
         else
             m_presentInterval = m_interval.get();

@@ -14,8 +14,6 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
 constexpr size_t SizeGranularity = 16;
 
 // How jobs are put into rows, in milliseconds. Below the first time a second thread does not pay, above the
@@ -152,6 +150,7 @@ void CpuKernel::addJobs(const Cut& cut) {
 }
 
 Model* CpuKernel::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.CpuKernel", Kernel::ClassModel(), s_model);
 }
 

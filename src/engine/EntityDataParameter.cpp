@@ -21,9 +21,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Parameter.EntityData", &EntityDataParameter::load);
+const XmlLoaderRegistrator s_entityDataParameterLoader("Parameter.EntityData", &EntityDataParameter::load);
 
 } // namespace
 
@@ -185,6 +183,7 @@ EntityDataParameter* EntityDataParameter::load(TiXmlElement* element, Device*) {
 }
 
 Model* EntityDataParameter::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter.EntityData", Parameter::ClassModel(), s_model);
 }
 

@@ -14,8 +14,6 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
 constexpr uint64 Granularity = 64;
 
 constexpr uint64 roundUp(uint64 n) {
@@ -342,6 +340,7 @@ void GlobalResult::finalizeTransactions() {
 }
 
 Model* GlobalResult::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.GlobalResult", Object::ClassModel(), s_model);
 }
 

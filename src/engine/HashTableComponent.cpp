@@ -18,9 +18,8 @@ template class HashTableComponent<int, int, HashFn<int>>;
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Parameter.HashTable", &AbstractHashTableComponent::load);
+const XmlLoaderRegistrator s_hashTableComponentLoader("Parameter.HashTable",
+                                                      &AbstractHashTableComponent::load);
 
 /// The largest power of two that divides the size, at most 16: what a C++ class of the size may be aligned
 /// to.
@@ -79,6 +78,7 @@ AbstractHashTableComponent* AbstractHashTableComponent::load(TiXmlElement* eleme
 }
 
 Model* AbstractHashTableComponent::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter.HashTable", Component::ClassModel(), s_model);
 }
 

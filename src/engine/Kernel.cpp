@@ -25,12 +25,6 @@ namespace zel {
 using zelData::Val;
 using zelData::ValueT;
 
-namespace {
-
-std::atomic<Model*> s_model{nullptr};
-
-} // namespace
-
 Kernel::Kernel(const Name& name, Device* device, Callback dispatch)
     : ParallelTask(
           name,
@@ -142,6 +136,7 @@ const GlobalResultBuffer* Kernel::findResult(const zelData::Buffer* buffer) cons
 }
 
 Model* Kernel::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.Kernel", Task::ClassModel(), s_model);
 }
 

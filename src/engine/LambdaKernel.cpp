@@ -6,12 +6,6 @@
 
 namespace zel {
 
-namespace {
-
-std::atomic<Model*> s_model{nullptr};
-
-} // namespace
-
 LambdaKernel::LambdaKernel(const Name& name, Function function, Device* device)
     : CpuKernel(
           name, Callback1<const RangeJob&>([this](const RangeJob& job) { callOnJobRange(job); }), device)
@@ -34,6 +28,7 @@ RangeJob* LambdaKernel::allocateRangeJobs(size_t count) {
 }
 
 Model* LambdaKernel::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.LambdaKernel", CpuKernel::ClassModel(), s_model);
 }
 

@@ -31,8 +31,6 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
 const Name& bindEventName() {
     static const Name name("BindEvent");
     return name;
@@ -298,6 +296,7 @@ void Parameter::buildNavigationTree(Json::Value& json) const {
 }
 
 Model* Parameter::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter", Object::ClassModel(), s_model);
 }
 

@@ -17,9 +17,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Pointer", &Pointer::load);
+const XmlLoaderRegistrator s_pointerLoader("Pointer", &Pointer::load);
 
 } // namespace
 
@@ -99,6 +97,7 @@ Pointer* Pointer::load(TiXmlElement* element, Device*) {
 }
 
 Model* Pointer::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.Pointer", zelData::Value::ClassModel(), s_model);
 }
 

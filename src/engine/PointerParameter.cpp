@@ -13,9 +13,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Parameter.Pointer", &PointerParameter::load);
+const XmlLoaderRegistrator s_pointerParameterLoader("Parameter.Pointer", &PointerParameter::load);
 
 } // namespace
 
@@ -78,6 +76,7 @@ PointerParameter* PointerParameter::load(TiXmlElement* element, Device*) {
 }
 
 Model* PointerParameter::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter.Pointer", Parameter::ClassModel(), s_model);
 }
 

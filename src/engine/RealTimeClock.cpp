@@ -13,7 +13,7 @@ namespace zel {
 
 namespace {
 
-constinit ServicePointer<RealTimeClock> s_instance; // counted
+constinit ServicePointer<RealTimeClock> s_realTimeClock; // counted
 
 constexpr double LongestElapsed = 0.03333333333333333;
 constexpr double InstanceFrequency = 60;
@@ -21,18 +21,18 @@ constexpr double InstanceFrequency = 60;
 } // namespace
 
 ZEL_SHUTDOWN_CALLBACK {
-    if (RealTimeClock* clock = s_instance.find()) {
-        s_instance.forget(clock);
+    if (RealTimeClock* clock = s_realTimeClock.find()) {
+        s_realTimeClock.forget(clock);
         clock->unreference();
     }
 }
 
 RealTimeClock* RealTimeClock::instance() {
-    if (RealTimeClock* clock = s_instance.find())
+    if (RealTimeClock* clock = s_realTimeClock.find())
         return clock;
     // Its constructor looks types up.
     const std::lock_guard lock(getTypeSystemMutex());
-    return s_instance.get([] {
+    return s_realTimeClock.get([] {
         auto* clock = new RealTimeClock("RealTimeClock", InstanceFrequency);
         clock->reference();
         return clock;

@@ -18,9 +18,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Parameter.Scalar", &ScalarParameter::load);
+const XmlLoaderRegistrator s_scalarParameterLoader("Parameter.Scalar", &ScalarParameter::load);
 
 } // namespace
 
@@ -142,6 +140,7 @@ void ScalarParameter::buildNavigationTree(Json::Value& json) const {
 }
 
 Model* ScalarParameter::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter.Scalar", Parameter::ClassModel(), s_model);
 }
 

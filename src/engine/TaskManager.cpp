@@ -31,7 +31,7 @@ namespace zel {
 
 namespace {
 
-constinit ServicePointer<TaskManager> s_instance;
+constinit ServicePointer<TaskManager> s_taskManager;
 
 /// What a task is asked for with: bindings by name, or by position.
 struct Request {
@@ -260,7 +260,7 @@ Task* createTask(Request request) {
 TaskManager::TaskManager() = default;
 
 TaskManager* TaskManager::instance() {
-    return s_instance.get([] { return new TaskManager; });
+    return s_taskManager.get([] { return new TaskManager; });
 }
 
 void TaskManager::shutdown() {
@@ -268,7 +268,7 @@ void TaskManager::shutdown() {
         const std::lock_guard lock(getMutex());
         forgetPluginLibraries();
     }
-    s_instance.forget(this);
+    s_taskManager.forget(this);
 }
 
 std::string TaskManager::getClassName() const {

@@ -26,9 +26,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Parameter.Unresolved", &UnresolvedParameter::load);
+const XmlLoaderRegistrator s_unresolvedParameterLoader("Parameter.Unresolved", &UnresolvedParameter::load);
 
 constexpr std::string_view UnresolvedTag = "Parameter.Unresolved";
 
@@ -234,6 +232,7 @@ UnresolvedParameter* UnresolvedParameter::load(TiXmlElement* element, Device*) {
 }
 
 Model* UnresolvedParameter::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("Parameter.Unresolved", Parameter::ClassModel(), s_model);
 }
 

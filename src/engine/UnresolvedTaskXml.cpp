@@ -20,7 +20,7 @@ namespace zel {
 
 namespace {
 
-const XmlLoaderRegistrator s_loader("Task", &UnresolvedTask::load);
+const XmlLoaderRegistrator s_unresolvedTaskLoader("Task", &UnresolvedTask::load);
 
 /// The tags that bind the parameters of a task.
 constexpr std::array<std::string_view, 7> BindingTags{

@@ -17,7 +17,7 @@ namespace zelData {
 
 namespace {
 
-const Type* typeOf(const Format* format) {
+const Type* checkedTypeOf(const Format* format) {
     zelVerify(format);
     return format->getType();
 }
@@ -25,7 +25,7 @@ const Type* typeOf(const Format* format) {
 } // namespace
 
 SharedAttribute::SharedAttribute(const zel::Name& name, const Format* format, const zel::String& expression)
-    : Attribute(name, typeOf(format), format), m_expression(expression) {
+    : Attribute(name, checkedTypeOf(format), format), m_expression(expression) {
     setModel(ClassModel());
 }
 

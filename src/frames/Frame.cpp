@@ -17,8 +17,6 @@ namespace zelData {
 
 namespace {
 
-std::atomic<zel::Model*> s_model{nullptr};
-
 zel::uint64 numBytesOf(const Buffer* buffer) {
     if (buffer == nullptr)
         return 0;
@@ -188,6 +186,7 @@ zel::uint64 Frame::calculateNumBytes(const zel::Object* object) {
 }
 
 zel::Model* Frame::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
     return zel::Model::createBuiltinModel("Frame", Component::ClassModel(), s_model);
 }
 

@@ -17,8 +17,6 @@ namespace zelData {
 
 namespace {
 
-std::atomic<zel::Model*> s_model{nullptr};
-
 const zel::Name& pushFrameEventName() {
     static const zel::Name name("PushFrameEvent");
     return name;
@@ -393,6 +391,7 @@ void Track::setEnableLooping(bool enable) {
 }
 
 zel::Model* Track::ClassModel() {
+    static std::atomic<zel::Model*> s_model{nullptr};
     return zel::Model::createBuiltinModel("Track", Object::ClassModel(), s_model);
 }
 

@@ -13,7 +13,7 @@ namespace zel {
 
 namespace {
 
-constinit ServicePointer<ComponentManager> s_instance;
+constinit ServicePointer<ComponentManager> s_componentManager;
 
 /// Made by the first static plug-in, and never destroyed: those may be the last to go.
 HashTable<String, AbstractComponentPlugin*>& plugins() {
@@ -34,11 +34,11 @@ AbstractComponentPlugin::~AbstractComponentPlugin() {
 ComponentManager::ComponentManager() = default;
 
 ComponentManager* ComponentManager::instance() {
-    return s_instance.get([] { return new ComponentManager; });
+    return s_componentManager.get([] { return new ComponentManager; });
 }
 
 void ComponentManager::shutdown() {
-    s_instance.forget(this);
+    s_componentManager.forget(this);
 }
 
 std::string ComponentManager::getClassName() const {

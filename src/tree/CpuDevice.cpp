@@ -20,16 +20,15 @@ namespace {
 constexpr unsigned JobChunk = 18944;
 constexpr int32 DevicePriority = 9985;
 
-std::atomic<Model*> s_model{nullptr};
-constinit ServicePointer<CpuDevice> s_instance; // counted
+constinit ServicePointer<CpuDevice> s_cpuDevice; // counted
 
 /// Lets go of the device when those that use it have gone.
 class CpuDeviceSingleton : public Singleton {
 public:
     CpuDeviceSingleton() : Singleton(DevicePriority) {}
     void shutdown() override {
-        if (CpuDevice* device = s_instance.find()) {
-            s_instance.forget(device);
+        if (CpuDevice* device = s_cpuDevice.find()) {
+            s_cpuDevice.forget(device);
             device->unreference();
         }
     }
@@ -70,11 +69,11 @@ CpuDevice::CpuDevice(const Name& name)
 CpuDevice::~CpuDevice() = default;
 
 CpuDevice* CpuDevice::instance() {
-    if (CpuDevice* device = s_instance.find())
+    if (CpuDevice* device = s_cpuDevice.find())
         return device;
     // Its constructor looks types up; a storage, which asks for the device, holds the mutex already.
     const std::lock_guard lock(getTypeSystemMutex());
-    return s_instance.get([] {
+    return s_cpuDevice.get([] {
         auto* device = new CpuDevice("CpuDevice");
         device->reference();
         return device;
@@ -110,6 +109,7 @@ void CpuDevice::wait(bool) {
 }
 
 Model* CpuDevice::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.CpuDevice", Device::ClassModel(), s_model);
 }
 

@@ -18,9 +18,7 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
-const XmlLoaderRegistrator s_loader("Device", &Device::load);
+const XmlLoaderRegistrator s_deviceLoader("Device", &Device::load);
 
 } // namespace
 
@@ -105,6 +103,7 @@ Device* Device::load(TiXmlElement* element, Device*) {
 }
 
 Model* Device::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.Device", Component::ClassModel(), s_model);
 }
 

@@ -8,8 +8,6 @@ namespace zel {
 
 namespace {
 
-std::atomic<Model*> s_model{nullptr};
-
 [[noreturn]] void refuse() {
     zelAbort("%s", "DeviceGroup");
 }
@@ -54,6 +52,7 @@ void DeviceGroup::addDevice(Device* device) {
 }
 
 Model* DeviceGroup::ClassModel() {
+    static std::atomic<Model*> s_model{nullptr};
     return Model::createBuiltinModel("zel.DeviceGroup", Device::ClassModel(), s_model);
 }
 

@@ -22,7 +22,7 @@ struct ByValue {
 };
 
 template <typename Table>
-std::vector<std::string> keysOf(const Table& table) {
+std::vector<std::string> namesIn(const Table& table) {
     std::vector<std::string> keys;
     for (const auto& pair : table)
         keys.push_back(pair.key);
@@ -33,7 +33,7 @@ TEST(HashVectorTest, KeepsTheOrderOfInsertion) {
     HashVector<zel::String, int> table;
     for (const char* key : {"mass", "position", "velocity", "age"})
         table.push_back(key, 0);
-    EXPECT_THAT(keysOf(table), ElementsAre("mass", "position", "velocity", "age"));
+    EXPECT_THAT(namesIn(table), ElementsAre("mass", "position", "velocity", "age"));
     EXPECT_EQ(table[1].key, "position");
     EXPECT_EQ(table.indexOf("velocity"), 2U);
     EXPECT_EQ(table.size(), 4U);

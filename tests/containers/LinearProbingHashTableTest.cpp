@@ -22,7 +22,7 @@ using zel::uint32;
 using zel::uint64;
 
 /// The hash is the key, so that a test can say where a key goes.
-struct Plain {
+struct PlainKey {
     uint32 operator()(uint64 key) const { return static_cast<uint32>(key); }
     uint32 operator()(const Counted& key) const { return static_cast<uint32>(key.value); }
     template <typename T>
@@ -30,7 +30,7 @@ struct Plain {
         return a == b;
     }
 };
-using PlainTable = LinearProbingHashTable<uint64, int, Plain>;
+using PlainTable = LinearProbingHashTable<uint64, int, PlainKey>;
 
 /// Gives null for every request from the given one on.
 struct FailingAllocator {
@@ -52,7 +52,7 @@ struct FailingAllocator {
 };
 
 template <typename Table>
-std::vector<uint64> keysOf(const Table& table) {
+std::vector<uint64> tableKeys(const Table& table) {
     std::vector<uint64> keys;
     for (const auto& entry : table)
         keys.push_back(entry.key);
@@ -222,7 +222,7 @@ TEST(LinearProbingHashTableTest, IteratesInSlotOrder) {
     table.clearResize(8);
     for (const uint64 key : {9U, 2U, 5U, 0U})
         table.insert(key, 0);
-    EXPECT_THAT(keysOf(table), ElementsAre(0, 2, 5, 9));
+    EXPECT_THAT(tableKeys(table), ElementsAre(0, 2, 5, 9));
     EXPECT_EQ(table.end().index(), table.capacity());
     EXPECT_EQ(table.find(7), table.end());
 }
@@ -240,14 +240,14 @@ TEST(LinearProbingHashTableTest, ValuesAreWrittenThroughPositions) {
 TEST(LinearProbingHashTableTest, PairsLiveInFilledSlotsAlone) {
     Counted::reset();
     {
-        LinearProbingHashTable<Counted, Counted, Plain> table;
+        LinearProbingHashTable<Counted, Counted, PlainKey> table;
         for (int i = 0; i < 50; ++i)
             table.insert(Counted(i), Counted(i));
         EXPECT_EQ(Counted::alive, 100);
         for (int i = 0; i < 20; ++i)
             table.erase(Counted(i));
         EXPECT_EQ(Counted::alive, 60);
-        const LinearProbingHashTable<Counted, Counted, Plain> copy(table);
+        const LinearProbingHashTable<Counted, Counted, PlainKey> copy(table);
         EXPECT_EQ(Counted::alive, 120);
         table.clear();
         EXPECT_EQ(Counted::alive, 60);
@@ -259,11 +259,11 @@ TEST(LinearProbingHashTableTest, PairsLiveInFilledSlotsAlone) {
 TEST(LinearProbingHashTableTest, ACopyThatThrowsLeaksNothing) {
     Counted::reset();
     {
-        LinearProbingHashTable<Counted, int, Plain> table;
+        LinearProbingHashTable<Counted, int, PlainKey> table;
         for (int i = 0; i < 20; ++i)
             table.insert(Counted(i), i);
         Counted::throwAfter = 10;
-        EXPECT_THROW((LinearProbingHashTable<Counted, int, Plain>(table)), std::runtime_error);
+        EXPECT_THROW((LinearProbingHashTable<Counted, int, PlainKey>(table)), std::runtime_error);
         EXPECT_EQ(Counted::alive, 20);
     }
     EXPECT_EQ(Counted::alive, 0);
@@ -292,7 +292,7 @@ TEST(LinearProbingHashTableTest, CopiesSlotBySlotAndMovesAsAWhole) {
         table.insert(key, static_cast<int>(key));
     table.erase(3);
     PlainTable copy(table);
-    EXPECT_EQ(keysOf(copy), keysOf(table));
+    EXPECT_EQ(tableKeys(copy), tableKeys(table));
     EXPECT_EQ(copy.maxProbeLength(), table.maxProbeLength());
     PlainTable moved(std::move(table));
     EXPECT_EQ(table.capacity(), 0U); // NOLINT(bugprone-use-after-move): a moved-from table is empty
@@ -420,7 +420,7 @@ void compareWithModel(uint64 keyMask, int steps) {
         const auto found = table.find(key);
         ASSERT_EQ(found != table.end(), content.count(key) == 1);
         if (step % 97 == 0) {
-            ASSERT_EQ(keysOf(table), model.keys()) << "step " << step;
+            ASSERT_EQ(tableKeys(table), model.keys()) << "step " << step;
             std::map<uint64, int> iterated;
             for (const auto& entry : table)
                 iterated[entry.key] = entry.value;
@@ -431,7 +431,7 @@ void compareWithModel(uint64 keyMask, int steps) {
 
 TEST(LinearProbingHashTableTest, FollowsItsRulesSlotBySlot) {
     compareWithModel<zel::HashFn<uint64>>(0x3FF, 30'000);
-    compareWithModel<Plain>(0x1FFF, 30'000);
+    compareWithModel<PlainKey>(0x1FFF, 30'000);
 }
 
 TEST(LinearProbingHashTableTest, FollowsItsRulesUnderCollisions) {

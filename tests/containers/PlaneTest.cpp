@@ -4,7 +4,7 @@
 
 namespace {
 
-using Line = zel::LineT<double>;
+using Segment = zel::LineT<double>;
 using Plane = zel::PlaneT<double>;
 using zel::Vec3d;
 
@@ -39,10 +39,10 @@ TEST(PlaneTest, ProjectsToTheNearestPoint) {
 }
 
 TEST(PlaneTest, MeetsALineBetweenItsEndsAlone) {
-    EXPECT_EQ(AtTwo.intersect(Line({0, 0, 0}, {0, 0, 8})), 0.25);
-    EXPECT_EQ(AtTwo.intersect(Line({0, 0, 2}, {0, 0, 8})), 0.0);
-    EXPECT_FALSE(AtTwo.intersect(Line({0, 0, 3}, {0, 0, 8})).has_value());
-    EXPECT_FALSE(AtTwo.intersect(Line({0, 0, 2}, {5, 5, 2})).has_value());
+    EXPECT_EQ(AtTwo.intersect(Segment({0, 0, 0}, {0, 0, 8})), 0.25);
+    EXPECT_EQ(AtTwo.intersect(Segment({0, 0, 2}, {0, 0, 8})), 0.0);
+    EXPECT_FALSE(AtTwo.intersect(Segment({0, 0, 3}, {0, 0, 8})).has_value());
+    EXPECT_FALSE(AtTwo.intersect(Segment({0, 0, 2}, {5, 5, 2})).has_value());
 }
 
 } // namespace

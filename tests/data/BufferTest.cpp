@@ -1,3 +1,5 @@
+#include "BufferContent.h"
+
 #include <zel/Component.h>
 #include <zel/CpuDevice.h>
 #include <zel/Model.h>
@@ -30,17 +32,13 @@ using zelData::Value;
 using zelData::ValueT;
 using zelTest::LogCapture;
 
+using zelTest::contentOf;
 using zelTest::whatOf;
 
 namespace {
 
 ref_ptr<Buffer> make(const char* format = "Real:64bit") {
     return new Buffer("b", getFormat(format));
-}
-
-template <typename T>
-std::vector<T> contentOf(const ref_ptr<Buffer>& buffer) {
-    return {buffer->data<T>(), buffer->data<T>() + buffer->size()};
 }
 
 /// Writes down what it is told.

@@ -1,3 +1,5 @@
+#include "BufferContent.h"
+
 #include <zel/CpuDevice.h>
 #include <zelData/Buffer.h>
 #include <zelData/Channel.h>
@@ -22,6 +24,7 @@ using zel::ref_ptr;
 using zelData::Buffer;
 using zelData::Channel;
 using zelData::getFormat;
+using zelTest::contentOf;
 using zelTest::MemoryDevice;
 
 namespace {
@@ -30,7 +33,7 @@ constexpr auto OtherByteOrder = Device::NativeByteOrder == Device::ByteOrder::Li
                                     ? Device::ByteOrder::BigEndian
                                     : Device::ByteOrder::LittleEndian;
 
-ref_ptr<Buffer> make(const char* format, Device* device = nullptr) {
+ref_ptr<Buffer> makeOn(const char* format, Device* device = nullptr) {
     ref_ptr<Buffer> buffer(new Buffer("b", getFormat(format)));
     if (device != nullptr)
         buffer->setDevice(device);
@@ -38,7 +41,7 @@ ref_ptr<Buffer> make(const char* format, Device* device = nullptr) {
 }
 
 ref_ptr<Buffer> numbers(std::initializer_list<double> values) {
-    ref_ptr<Buffer> buffer = make("Real:64bit");
+    ref_ptr<Buffer> buffer = makeOn("Real:64bit");
     buffer->resize(values.size());
     std::copy(values.begin(), values.end(), buffer->data<double>());
     return buffer;
@@ -49,11 +52,6 @@ T swapped(T value) {
     auto* bytes = reinterpret_cast<unsigned char*>(&value);
     std::reverse(bytes, bytes + sizeof(T));
     return value;
-}
-
-template <typename T>
-std::vector<T> contentOf(const ref_ptr<Buffer>& buffer) {
-    return {buffer->data<T>(), buffer->data<T>() + buffer->size()};
 }
 
 void run(Channel& channel, zel::uint64 targetOffset, zel::uint64 sourceOffset, zel::uint64 n, bool blocking) {
@@ -80,11 +78,11 @@ TEST_P(ChannelTest, CopiesInMainMemory) {
 
 TEST_P(ChannelTest, ConvertsInMainMemory) {
     const ref_ptr<Buffer> source = numbers({1, 2.5});
-    const ref_ptr<Buffer> texts = make("Real:ascii");
+    const ref_ptr<Buffer> texts = makeOn("Real:ascii");
     Channel toText(texts.get(), source.get());
     run(toText, 0, 0, 2, GetParam());
     EXPECT_THAT(contentOf<zel::String>(texts), ElementsAre("1", "2.5"));
-    const ref_ptr<Buffer> narrow = make("Real:32bit");
+    const ref_ptr<Buffer> narrow = makeOn("Real:32bit");
     Channel toNarrow(narrow.get(), texts.get());
     run(toNarrow, 0, 1, 1, GetParam());
     EXPECT_THAT(contentOf<float>(narrow), ElementsAre(2.5F));
@@ -92,11 +90,11 @@ TEST_P(ChannelTest, ConvertsInMainMemory) {
 
 TEST_P(ChannelTest, SendsAndReceivesDirectly) {
     const ref_ptr<MemoryDevice> device(new MemoryDevice);
-    const ref_ptr<Buffer> there = make("Real:64bit", device.get());
+    const ref_ptr<Buffer> there = makeOn("Real:64bit", device.get());
     Channel channel(there.get(), numbers({1, 2, 3}).get());
     run(channel, 1, 0, 3, GetParam());
     EXPECT_THAT(device->content<double>(there.get()), ElementsAre(0, 1, 2, 3));
-    const ref_ptr<Buffer> back = make("Real:64bit");
+    const ref_ptr<Buffer> back = makeOn("Real:64bit");
     Channel other(back.get(), there.get());
     run(other, 0, 2, 2, GetParam());
     EXPECT_THAT(contentOf<double>(back), ElementsAre(2, 3));
@@ -105,11 +103,11 @@ TEST_P(ChannelTest, SendsAndReceivesDirectly) {
 
 TEST_P(ChannelTest, SwapsForADeviceOfTheOtherByteOrder) {
     const ref_ptr<MemoryDevice> device(new MemoryDevice(OtherByteOrder));
-    const ref_ptr<Buffer> there = make("Real:64bit", device.get());
+    const ref_ptr<Buffer> there = makeOn("Real:64bit", device.get());
     Channel channel(there.get(), numbers({1.5, -2}).get());
     run(channel, 0, 0, 2, GetParam());
     EXPECT_THAT(device->content<double>(there.get()), ElementsAre(swapped(1.5), swapped(-2.0)));
-    const ref_ptr<Buffer> back = make("Real:64bit");
+    const ref_ptr<Buffer> back = makeOn("Real:64bit");
     Channel other(back.get(), there.get());
     run(other, 0, 0, 2, GetParam());
     EXPECT_THAT(contentOf<double>(back), ElementsAre(1.5, -2));
@@ -117,13 +115,13 @@ TEST_P(ChannelTest, SwapsForADeviceOfTheOtherByteOrder) {
 
 TEST_P(ChannelTest, SwapsAndConverts) {
     const ref_ptr<MemoryDevice> device(new MemoryDevice(OtherByteOrder));
-    const ref_ptr<Buffer> there = make("Real:32bit", device.get());
+    const ref_ptr<Buffer> there = makeOn("Real:32bit", device.get());
     Channel channel(there.get(), numbers({1.5, -2}).get());
     run(channel, 0, 0, 2, GetParam());
     EXPECT_THAT(
         device->content<zel::uint32>(there.get()),
         ElementsAre(swapped(std::bit_cast<zel::uint32>(1.5F)), swapped(std::bit_cast<zel::uint32>(-2.0F))));
-    const ref_ptr<Buffer> back = make("Real:64bit");
+    const ref_ptr<Buffer> back = makeOn("Real:64bit");
     Channel other(back.get(), there.get());
     run(other, 0, 0, 2, GetParam());
     EXPECT_THAT(contentOf<double>(back), ElementsAre(1.5, -2));
@@ -135,9 +133,9 @@ TEST_P(ChannelTest, GoesBetweenDevices) {
             for (const char* format : {"Real:64bit", "Real:32bit"}) {
                 const ref_ptr<MemoryDevice> first(new MemoryDevice(firstOrder));
                 const ref_ptr<MemoryDevice> second(new MemoryDevice(secondOrder));
-                const ref_ptr<Buffer> a = make("Real:64bit", first.get());
-                const ref_ptr<Buffer> b = make(format, second.get());
-                const ref_ptr<Buffer> result = make("Real:64bit");
+                const ref_ptr<Buffer> a = makeOn("Real:64bit", first.get());
+                const ref_ptr<Buffer> b = makeOn(format, second.get());
+                const ref_ptr<Buffer> result = makeOn("Real:64bit");
                 Channel in(a.get(), numbers({1, 2, 3, 4}).get());
                 run(in, 0, 0, 4, GetParam());
                 Channel across(b.get(), a.get());
@@ -151,11 +149,11 @@ TEST_P(ChannelTest, GoesBetweenDevices) {
 TEST_P(ChannelTest, ACpuDeviceMayHaveTheOtherByteOrderToo) {
     const ref_ptr<zel::CpuDevice> device(new zel::CpuDevice("other"));
     device->setByteOrder(OtherByteOrder);
-    const ref_ptr<Buffer> there = make("Real:32bit", device.get());
+    const ref_ptr<Buffer> there = makeOn("Real:32bit", device.get());
     Channel channel(there.get(), numbers({3}).get());
     run(channel, 0, 0, 1, GetParam());
     EXPECT_EQ(std::bit_cast<zel::uint32>(there->data<float>()[0]), swapped(std::bit_cast<zel::uint32>(3.0F)));
-    const ref_ptr<Buffer> back = make("Real:64bit");
+    const ref_ptr<Buffer> back = makeOn("Real:64bit");
     Channel other(back.get(), there.get());
     run(other, 0, 0, 1, GetParam());
     EXPECT_THAT(contentOf<double>(back), ElementsAre(3));
@@ -164,12 +162,12 @@ TEST_P(ChannelTest, ACpuDeviceMayHaveTheOtherByteOrderToo) {
 TEST_P(ChannelTest, RandomTransfersKeepTheContent) {
     std::mt19937 random(11);
     const ref_ptr<MemoryDevice> device(new MemoryDevice(OtherByteOrder));
-    const ref_ptr<Buffer> here = make("Int:32bit");
-    const ref_ptr<Buffer> there = make("Int:64bit", device.get());
+    const ref_ptr<Buffer> here = makeOn("Int:32bit");
+    const ref_ptr<Buffer> there = makeOn("Int:64bit", device.get());
     here->resize(64);
     there->resize(64);
     std::vector<zel::int64> expectedThere(64, 0);
-    Channel clear(there.get(), make("Int:32bit").get());
+    Channel clear(there.get(), makeOn("Int:32bit").get());
     Channel out(there.get(), here.get());
     Channel in(here.get(), there.get());
     run(out, 0, 0, 64, GetParam());
@@ -216,10 +214,10 @@ TEST(ChannelBasicsTest, Flips) {
 
 TEST(ChannelBasicsTest, ATransferFinishesTheOneBefore) {
     const ref_ptr<MemoryDevice> device(new MemoryDevice(OtherByteOrder));
-    const ref_ptr<Buffer> there = make("Real:64bit", device.get());
+    const ref_ptr<Buffer> there = makeOn("Real:64bit", device.get());
     Channel out(there.get(), numbers({1, 2}).get());
     run(out, 0, 0, 2, true);
-    const ref_ptr<Buffer> back = make("Real:64bit");
+    const ref_ptr<Buffer> back = makeOn("Real:64bit");
     Channel in(back.get(), there.get());
     EXPECT_TRUE(in.transfer(0, 0, 1, false));
     EXPECT_TRUE(in.transfer(1, 1, 1, false));
@@ -229,7 +227,7 @@ TEST(ChannelBasicsTest, ATransferFinishesTheOneBefore) {
 
 TEST(ChannelDeathTest, ConnectsBuffersOfOneType) {
     EXPECT_DEATH(
-        Channel(numbers({1}).get(), make("Int").get()),
+        Channel(numbers({1}).get(), makeOn("Int").get()),
         "zelVerify failed: `target->getType\\(\\) == source->getType\\(\\)', Channels can only connect two "
         "buffers of the same type");
 }
@@ -245,9 +243,9 @@ TEST(ChannelDeathTest, StaysWithinTheSource) {
 
 TEST(ChannelDeathTest, SendsPlainBytesOnly) {
     const ref_ptr<MemoryDevice> device(new MemoryDevice(OtherByteOrder));
-    const ref_ptr<Buffer> texts = make("Real:ascii");
+    const ref_ptr<Buffer> texts = makeOn("Real:ascii");
     texts->resize(1);
-    const ref_ptr<Buffer> there = make("Real:64bit", device.get());
+    const ref_ptr<Buffer> there = makeOn("Real:64bit", device.get());
     Channel channel(there.get(), texts.get());
     EXPECT_DEATH(channel.transfer(0, 0, 1, true),
                  "b: elements of format 'Real:ascii' can not be transferred to other devices");
@@ -256,7 +254,7 @@ TEST(ChannelDeathTest, SendsPlainBytesOnly) {
 TEST(ChannelDeathTest, StaysWithinAColumnOfAStorage) {
     const ref_ptr<zelData::EntityStorage> storage(new zelData::EntityStorage("s"));
     storage->resize(2);
-    const ref_ptr<Buffer> column = make("Real:64bit");
+    const ref_ptr<Buffer> column = makeOn("Real:64bit");
     column->setContext(storage.get());
     column->connect(storage.get(), nullptr);
     const ref_ptr<Buffer> source = numbers({1, 2, 3});
@@ -268,7 +266,7 @@ TEST(ChannelDeathTest, StaysWithinAColumnOfAStorage) {
 }
 
 TEST(ChannelTest, GrowsATargetOfSeveralElementsForEachEntry) {
-    const ref_ptr<Buffer> target = make("Real:64bit");
+    const ref_ptr<Buffer> target = makeOn("Real:64bit");
     const ref_ptr<zelData::ValueT<zel::uint64>> two(new zelData::ValueT<zel::uint64>("two", 2));
     target->setElementArraySize(two.get());
     const ref_ptr<Buffer> source = numbers({1, 2, 3});

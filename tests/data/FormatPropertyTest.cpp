@@ -29,7 +29,7 @@ using zelTest::Elements;
 namespace {
 
 /// The numbers that elements consist of, as far as a test needs them.
-struct Numbers {
+struct NumbersOfFormat {
     bool known = false;
     size_t size = 0;   ///< of a number
     size_t stride = 0; ///< numbers in an element
@@ -53,8 +53,8 @@ bool hasPrimitives(const Format* format) {
     return format->getSwapFunction() != nullptr;
 }
 
-Numbers numbersOf(const Format* format) {
-    Numbers numbers;
+NumbersOfFormat numbersOf(const Format* format) {
+    NumbersOfFormat numbers;
     if (!hasPrimitives(format))
         return numbers;
     const auto list = CallbackList::forAll([&numbers]<typename T>(unsigned int stride, unsigned int padding) {
@@ -407,7 +407,7 @@ TEST(FormatPropertyTest, ZeroElementsAreNotLookedAt) {
 
 TEST(FormatPropertyTest, PrimitivesFillTheElementAndKeepItsPaddingZero) {
     for (const Format* format : allFormats()) {
-        const Numbers numbers = numbersOf(format);
+        const NumbersOfFormat numbers = numbersOf(format);
         if (!numbers.known)
             continue;
         EXPECT_EQ(numbers.size * numbers.stride, format->getSize()) << format->fullName();
@@ -420,7 +420,7 @@ TEST(FormatPropertyTest, PrimitivesFillTheElementAndKeepItsPaddingZero) {
 TEST(FormatPropertyTest, SwappingReversesEachNumberAndTwiceIsNothing) {
     std::mt19937_64 random(1);
     for (const Format* format : allFormats()) {
-        const Numbers numbers = numbersOf(format);
+        const NumbersOfFormat numbers = numbersOf(format);
         if (!numbers.known)
             continue;
         Elements source(format, 5);
@@ -455,8 +455,8 @@ TEST(FormatPropertyTest, NumbersConvertOneByOne) {
             if (function == nullptr || !numbersOf(target).known || target == source)
                 continue;
             ++pairs;
-            const Numbers to = numbersOf(target);
-            const Numbers from = numbersOf(source);
+            const NumbersOfFormat to = numbersOf(target);
+            const NumbersOfFormat from = numbersOf(source);
             const bool widens = from.stride == 1 && to.stride > 1;
             Elements in(source, 100);
             fillWild(in, random);
@@ -521,7 +521,7 @@ TEST(FormatPropertyTest, TextsOfWildNumbersAreWrittenAndRead) {
             EXPECT_FALSE(texts.as<zel::String>()[i].empty()) << format->fullName();
         Elements back(format, 200);
         texts.transformTo(back);
-        const Numbers numbers = numbersOf(format);
+        const NumbersOfFormat numbers = numbersOf(format);
         const std::string type = typeOf(format);
         if (numbers.isReal || type.starts_with("Bound"))
             continue; // six digits do not hold a real

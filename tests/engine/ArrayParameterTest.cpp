@@ -1,3 +1,4 @@
+#include "CountCommits.h"
 #include "ParameterFixture.h"
 
 #include <zel/ArrayParameter.h>
@@ -10,6 +11,7 @@ using zel::Parameter;
 using zel::ref_ptr;
 using zelData::Buffer;
 using zelData::getFormat;
+using zelTest::CountCommits;
 using zelTest::ParameterEvents;
 
 namespace {
@@ -23,11 +25,6 @@ protected:
     }
 };
 using ArrayParameterDeathTest = ArrayParameterTest;
-
-struct CountCommits : Buffer::EventListener {
-    void updateCallback(Buffer*) override { ++count; }
-    int count = 0;
-};
 
 } // namespace
 

@@ -1,3 +1,4 @@
+#include "CountCommits.h"
 #include "ParameterFixture.h"
 
 #include <zel/ArrayParameter.h>
@@ -17,11 +18,12 @@ using zelData::EntityModel;
 using zelData::EntityStorage;
 using zelData::getFormat;
 using zelData::ScalarAttribute;
+using zelTest::CountCommits;
 using zelTest::ParameterEvents;
 
 namespace {
 
-constexpr zel::uint32 Written = zelData::AccessMode::READ_WRITE;
+constexpr zel::uint32 WrittenTo = zelData::AccessMode::READ_WRITE;
 
 class EntityDataParameterTest : public zelTest::ParameterFixture {
 protected:
@@ -52,11 +54,6 @@ protected:
     ref_ptr<EntityStorage> storage;
 };
 using EntityDataParameterDeathTest = EntityDataParameterTest;
-
-struct CountCommits : zelData::Buffer::EventListener {
-    void updateCallback(zelData::Buffer*) override { ++count; }
-    int count = 0;
-};
 
 } // namespace
 
@@ -97,8 +94,8 @@ TEST_F(EntityDataParameterTest, UpdateFollowsTheStorage) {
 }
 
 TEST_F(EntityDataParameterTest, CommitAnnouncesWrittenColumns) {
-    EntityDataParameter* parameter = make(Written, "particles");
-    column(parameter, "mass", Written);
+    EntityDataParameter* parameter = make(WrittenTo, "particles");
+    column(parameter, "mass", WrittenTo);
     column(parameter, "position");
     EXPECT_TRUE(parameter->needsCommit());
     CountCommits mass;
@@ -113,7 +110,7 @@ TEST_F(EntityDataParameterTest, CommitAnnouncesWrittenColumns) {
 }
 
 TEST_F(EntityDataParameterTest, DoesNotKeepTheStorageAlive) {
-    EntityDataParameter* parameter = make(Written, "particles");
+    EntityDataParameter* parameter = make(WrittenTo, "particles");
     column(parameter, "mass");
     parameter->setGlobalResultMode(GlobalResult::APPEND);
     const ParameterEvents events(parameter);
@@ -165,7 +162,7 @@ TEST_F(EntityDataParameterTest, ViewMayBeSetByItself) {
 }
 
 TEST_F(EntityDataParameterTest, GlobalResultComesWithStorageAndMode) {
-    EntityDataParameter* parameter = make(Written);
+    EntityDataParameter* parameter = make(WrittenTo);
     parameter->setGlobalResultMode(GlobalResult::TRUNCATE);
     EXPECT_FALSE(parameter->hasGlobalResult());
     parameter->bind(storage.get());

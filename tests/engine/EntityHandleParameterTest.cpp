@@ -1,3 +1,4 @@
+#include "CountCommits.h"
 #include "ParameterFixture.h"
 
 #include <zel/EntityInstanceParameter.h>
@@ -21,6 +22,7 @@ using zelData::EntityStorage;
 using zelData::getFormat;
 using zelData::ScalarAttribute;
 using zelData::Value;
+using zelTest::CountCommits;
 using zelTest::ParameterEvents;
 
 namespace {
@@ -53,11 +55,6 @@ protected:
     EntityPtr handle;
 };
 using EntityHandleParameterDeathTest = EntityHandleParameterTest;
-
-struct CountCommits : zelData::Buffer::EventListener {
-    void updateCallback(zelData::Buffer*) override { ++count; }
-    int count = 0;
-};
 
 } // namespace
 

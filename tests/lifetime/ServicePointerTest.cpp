@@ -24,16 +24,16 @@ using zel::ServicePointer;
 
 namespace {
 
-struct Service {
+struct Counter {
     int number = 0;
 };
 
-constinit ServicePointer<Service> s_pointer;
+constinit ServicePointer<Counter> s_pointer;
 
 } // namespace
 
 TEST(ServicePointerTest, MakesTheServiceAtFirstUseAndNeverAgain) {
-    Service first{1}, second{2};
+    Counter first{1}, second{2};
     EXPECT_EQ(s_pointer.find(), nullptr);
     EXPECT_EQ(s_pointer.get([&first] { return &first; }), &first);
     EXPECT_EQ(s_pointer.get([&second] { return &second; }), &first);
@@ -42,7 +42,7 @@ TEST(ServicePointerTest, MakesTheServiceAtFirstUseAndNeverAgain) {
 }
 
 TEST(ServicePointerTest, ForgetsOnlyTheServiceThatIsNamed) {
-    Service first{1}, second{2};
+    Counter first{1}, second{2};
     ASSERT_EQ(s_pointer.get([&first] { return &first; }), &first);
     s_pointer.forget(&second);
     EXPECT_EQ(s_pointer.find(), &first);
@@ -53,8 +53,8 @@ TEST(ServicePointerTest, ForgetsOnlyTheServiceThatIsNamed) {
 }
 
 TEST(ServicePointerTest, AMakerThatThrowsLeavesNothing) {
-    Service service;
-    const auto fail = []() -> Service* { throw std::runtime_error("no service"); };
+    Counter service;
+    const auto fail = []() -> Counter* { throw std::runtime_error("no service"); };
     EXPECT_THROW(static_cast<void>(s_pointer.get(fail)), std::runtime_error);
     EXPECT_EQ(s_pointer.get([&service] { return &service; }), &service);
     s_pointer.forget(&service);

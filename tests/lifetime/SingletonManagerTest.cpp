@@ -30,10 +30,10 @@ namespace {
 std::vector<std::string>& s_log = *new std::vector<std::string>;
 
 /// Notes its end, and does something of the test's when it is shut down.
-struct Service : Singleton {
-    Service(std::string name, int priority, std::function<void()> action = {})
+struct LoggedService : Singleton {
+    LoggedService(std::string name, int priority, std::function<void()> action = {})
         : Singleton(priority), m_name(std::move(name)), m_action(std::move(action)) {}
-    ~Service() override { s_log.push_back("~" + m_name); }
+    ~LoggedService() override { s_log.push_back("~" + m_name); }
     void shutdown() override {
         s_log.push_back(m_name);
         if (m_action)
@@ -62,30 +62,30 @@ TEST_F(SingletonManagerTest, TheInstanceHasOneOwner) {
 }
 
 TEST_F(SingletonManagerTest, DestroysByDescendingPriority) {
-    new Service("b", 20000);
-    new Service("d", 5);
-    new Service("a", 30000);
-    new Service("c", 9000);
+    new LoggedService("b", 20000);
+    new LoggedService("d", 5);
+    new LoggedService("a", 30000);
+    new LoggedService("c", 9000);
     manager().shutdown();
     EXPECT_THAT(s_log, ElementsAre("a", "~a", "b", "~b", "c", "~c", "d", "~d"));
 }
 
 TEST_F(SingletonManagerTest, Priority10000GoesBefore9999WhateverCameFirst) {
-    new Service("lower", 9999);
-    new Service("upper", 10000);
+    new LoggedService("lower", 9999);
+    new LoggedService("upper", 10000);
     manager().shutdown();
     EXPECT_THAT(s_log, ElementsAre("upper", "~upper", "lower", "~lower"));
 }
 
 TEST_F(SingletonManagerTest, UnregisteringFromTheUpperListDeletes) {
-    auto* service = new Service("a", 10000);
+    auto* service = new LoggedService("a", 10000);
     EXPECT_TRUE(manager().unregisterSingleton(service));
     EXPECT_THAT(s_log, ElementsAre("~a")); // deleted and not shut down
     EXPECT_FALSE(manager().unregisterSingleton(service));
 }
 
 TEST_F(SingletonManagerTest, UnregisteringFromTheLowerListOnlyForgets) {
-    auto* service = new Service("a", 9999);
+    auto* service = new LoggedService("a", 9999);
     EXPECT_FALSE(manager().unregisterSingleton(service));
     EXPECT_TRUE(s_log.empty());
     manager().shutdown();
@@ -94,7 +94,7 @@ TEST_F(SingletonManagerTest, UnregisteringFromTheLowerListOnlyForgets) {
 }
 
 TEST_F(SingletonManagerTest, UnregisteringAnUnknownServiceIsFalse) {
-    auto* service = new Service("a", 9999);
+    auto* service = new LoggedService("a", 9999);
     EXPECT_FALSE(manager().unregisterSingleton(service));
     EXPECT_FALSE(manager().unregisterSingleton(service));
     EXPECT_FALSE(manager().unregisterSingleton(nullptr));
@@ -102,28 +102,28 @@ TEST_F(SingletonManagerTest, UnregisteringAnUnknownServiceIsFalse) {
 }
 
 TEST_F(SingletonManagerTest, AServiceMadeDuringShutdownComesAfterTheUpperList) {
-    new Service("first", 30000, [] { new Service("late", 40000); });
-    new Service("second", 20000);
+    new LoggedService("first", 30000, [] { new LoggedService("late", 40000); });
+    new LoggedService("second", 20000);
     manager().shutdown();
     // The first is visited twice, as the lists moved under its shutdown, and shut down once.
     EXPECT_THAT(s_log, ElementsAre("first", "~first", "second", "~second", "late", "~late"));
 }
 
 TEST_F(SingletonManagerTest, UnregisteringDuringShutdownLeavesTheListsWhole) {
-    auto* victim = new Service("victim", 20000);
-    new Service("killer", 30000, [victim] { manager().unregisterSingleton(victim); });
-    new Service("last", 10000);
+    auto* victim = new LoggedService("victim", 20000);
+    new LoggedService("killer", 30000, [victim] { manager().unregisterSingleton(victim); });
+    new LoggedService("last", 10000);
     manager().shutdown();
     EXPECT_THAT(s_log, ElementsAre("killer", "~victim", "~killer", "last", "~last"));
 }
 
 TEST_F(SingletonManagerTest, AServiceMayUnregisterItselfWhenItIsShutDown) {
-    Service* lower = nullptr;
-    Service* upper = nullptr;
-    upper =
-        new Service("upper", 20000, [&] { manager().unregisterSingleton(std::exchange(upper, nullptr)); });
-    lower = new Service("lower", 9995, [&] { manager().unregisterSingleton(lower); });
-    new Service("last", 9990);
+    LoggedService* lower = nullptr;
+    LoggedService* upper = nullptr;
+    upper = new LoggedService(
+        "upper", 20000, [&] { manager().unregisterSingleton(std::exchange(upper, nullptr)); });
+    lower = new LoggedService("lower", 9995, [&] { manager().unregisterSingleton(lower); });
+    new LoggedService("last", 9990);
     manager().shutdown();
     // One of the lower list is forgotten, and its maker's to destroy.
     EXPECT_THAT(s_log, ElementsAre("upper", "~upper", "lower", "last", "~last"));
@@ -131,18 +131,18 @@ TEST_F(SingletonManagerTest, AServiceMayUnregisterItselfWhenItIsShutDown) {
 }
 
 TEST_F(SingletonManagerTest, AServiceIsShutDownOnceAlsoFromItsOwnShutdown) {
-    Service* service = nullptr;
-    service = new Service("a", 20000, [&] { service->_shutdown(); });
+    LoggedService* service = nullptr;
+    service = new LoggedService("a", 20000, [&] { service->_shutdown(); });
     manager().shutdown();
     EXPECT_THAT(s_log, ElementsAre("a", "~a"));
 }
 
 namespace {
-std::vector<Service*> s_bred;
+std::vector<LoggedService*> s_bred;
 /// Makes a successor each time it is shut down.
 void breed() {
     const int generation = static_cast<int>(s_bred.size()) + 1;
-    s_bred.push_back(new Service("hydra" + std::to_string(generation), generation, breed));
+    s_bred.push_back(new LoggedService("hydra" + std::to_string(generation), generation, breed));
 }
 } // namespace
 
@@ -157,13 +157,13 @@ TEST_F(SingletonManagerTest, TheLowerListIsGivenUpAfter200Passes) {
     const StreamCapture capture(std::cerr);
     manager().print();
     EXPECT_EQ(capture.text(), ""); // nobody owns the rest any more
-    for (const Service* service : s_bred)
+    for (const LoggedService* service : s_bred)
         delete service;
 }
 
 TEST_F(SingletonManagerTest, StaysShutDown) {
     manager().shutdown();
-    auto* late = new Service("late", 20000);
+    auto* late = new LoggedService("late", 20000);
     manager().shutdown();
     EXPECT_TRUE(s_log.empty());
     EXPECT_FALSE(manager().unregisterSingleton(late)); // of the lower list, whatever its priority
@@ -171,10 +171,10 @@ TEST_F(SingletonManagerTest, StaysShutDown) {
 }
 
 TEST_F(SingletonManagerTest, PrintsTheUpperAndThenTheLowerList) {
-    auto* b = new Service("b", 20000);
-    auto* a = new Service("a", 10000);
-    new Service("c", 7);
-    new Service("d", 8);
+    auto* b = new LoggedService("b", 20000);
+    auto* a = new LoggedService("a", 10000);
+    new LoggedService("c", 7);
+    new LoggedService("d", 8);
     {
         const StreamCapture capture(std::cerr);
         manager().print();
@@ -189,7 +189,7 @@ TEST_F(SingletonManagerTest, PrintsTheUpperAndThenTheLowerList) {
 TEST_F(SingletonManagerTest, AMessageAfterNotifyIsGoneGetsAFreshNotify) {
     zelCore::init();
     const Notify* fresh = nullptr;
-    new Service("late", 100, [&fresh] {
+    new LoggedService("late", 100, [&fresh] {
         const StreamCapture quiet(std::cerr);
         ZEL_LOG_WARNING("after the end");
         fresh = Notify::instance();
@@ -209,7 +209,7 @@ TEST(SingletonManagerStressTest, ServicesRegisterFromManyThreads) {
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
             for (int i = 0; i < 100; ++i)
-                new Service("s", 10000 + 4 * i + t);
+                new LoggedService("s", 10000 + 4 * i + t);
         });
     for (std::thread& thread : threads)
         thread.join();
@@ -221,10 +221,10 @@ TEST(SingletonManagerDeathTest, HasNoInstanceAfterItsDestruction) {
     EXPECT_EXIT(
         {
             s_log.clear();
-            new Service("a", 20000);
+            new LoggedService("a", 20000);
             SingletonManager::instance()->unreference(); // as its only owner does at exit
             const bool late = SingletonManager::instance() == nullptr;
-            const Service service("unregistered", 20000);
+            const LoggedService service("unregistered", 20000);
             ZEL_LOG_WARNING("even now a message arrives");
             _exit(late && s_log.size() == 2 ? 0 : 1);
         },
@@ -239,8 +239,8 @@ TEST(SingletonManagerDeathTest, AfterAForcedShutdownNoServiceIsShutDownUpToTheEn
     EXPECT_EXIT(
         {
             zelCore::init();
-            static const Service* const upper = new Service("upper", 20000, [] { _exit(1); });
-            static const Service* const lower = new Service("lower", 5, [] { _exit(2); });
+            static const LoggedService* const upper = new LoggedService("upper", 20000, [] { _exit(1); });
+            static const LoggedService* const lower = new LoggedService("lower", 5, [] { _exit(2); });
             const ref_ptr<SerialTask> task(new SerialTask("ends the library", [] {
                 zelCore::shutdown(); // forced, as this task is active
                 manager().shutdown();
@@ -254,10 +254,10 @@ TEST(SingletonManagerDeathTest, AfterAForcedShutdownNoServiceIsShutDownUpToTheEn
 }
 
 TEST_F(SingletonManagerTest, AServiceThatThrowsDoesNotKeepTheOthersFromTheirShutdown) {
-    new Service("upper", 20001);
-    new Service("thrower", 20000, [] { throw std::runtime_error("disk full"); });
-    new Service("second", 19999, [] { throw std::runtime_error("and again"); });
-    new Service("lower", 50);
+    new LoggedService("upper", 20001);
+    new LoggedService("thrower", 20000, [] { throw std::runtime_error("disk full"); });
+    new LoggedService("second", 19999, [] { throw std::runtime_error("and again"); });
+    new LoggedService("lower", 50);
     zelCore::init();
     const StreamCapture errors(std::cerr);
     zelCore::shutdown();

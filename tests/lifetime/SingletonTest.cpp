@@ -7,9 +7,9 @@ using namespace zel;
 
 namespace {
 
-struct Service : Singleton {
-    explicit Service(int priority) : Singleton(priority) {}
-    Service() = default;
+struct PlainService : Singleton {
+    explicit PlainService(int priority) : Singleton(priority) {}
+    PlainService() = default;
     void shutdown() override { ++shutdowns; }
     [[nodiscard]] std::string getClassName() const override { return __PRETTY_FUNCTION__; }
     int shutdowns = 0;
@@ -18,7 +18,7 @@ struct Service : Singleton {
 } // namespace
 
 TEST(SingletonTest, IsShutDownOnceOnly) {
-    auto* service = new Service(20000);
+    auto* service = new PlainService(20000);
     service->_shutdown();
     service->_shutdown();
     EXPECT_EQ(service->shutdowns, 1);
@@ -26,8 +26,8 @@ TEST(SingletonTest, IsShutDownOnceOnly) {
 }
 
 TEST(SingletonTest, KnowsItsPriority) {
-    auto* wish = new Service(20000);
-    auto* none = new Service;
+    auto* wish = new PlainService(20000);
+    auto* none = new PlainService;
     EXPECT_EQ(wish->getPriority(), 20000);
     EXPECT_EQ(none->getPriority(), 1073741824);
     EXPECT_NE(none->getClassName().find("Service"), std::string::npos);

@@ -45,12 +45,12 @@ std::string thrownBy(Function function) {
     return "no error";
 }
 
-struct LevelCase {
+struct NotifyLevelCase {
     Notify::NotifyLevel level;
     int value;
     const char* word;
 };
-constexpr LevelCase Levels[] = {{Notify::Debug, 1, "Debug"},
+constexpr NotifyLevelCase Levels[] = {{Notify::Debug, 1, "Debug"},
                                 {Notify::Info, 2, "Info"},
                                 {Notify::Warning, 4, "Warning"},
                                 {Notify::Error, 8, "Error"}};
@@ -58,7 +58,7 @@ constexpr LevelCase Levels[] = {{Notify::Debug, 1, "Debug"},
 } // namespace
 
 TEST_F(NotifyTest, LevelsAreBitsWithNames) {
-    for (const LevelCase& c : Levels) {
+    for (const NotifyLevelCase& c : Levels) {
         EXPECT_EQ(c.level, c.value);
         EXPECT_EQ(notify->setDebugStrings(c.level, "f", 1, "g"), "");
         EXPECT_EQ(Notify::getThreadData().levelName, c.word);
@@ -113,7 +113,7 @@ TEST_F(NotifyTest, SetDebugStringsStoresALineBelowOneAsMinusOne) {
 TEST_F(NotifyTest, TheSelectionMaskHasTheBitOfTheLevelValue) {
     Notify::PrintSelection selection;
     EXPECT_EQ(selection.getMask(), (1U << 1) | (1U << 2) | (1U << 4) | (1U << 8));
-    for (const LevelCase& c : Levels)
+    for (const NotifyLevelCase& c : Levels)
         EXPECT_TRUE(selection.isSet(c.level));
     EXPECT_FALSE(selection.isSet(0));
     selection.setMask(Notify::Info, false);
@@ -131,7 +131,7 @@ TEST_F(NotifyTest, TheSelectionMaskHasTheBitOfTheLevelValue) {
 
 TEST_F(NotifyTest, PopRefusesToRemoveTheLastSelection) {
     EXPECT_FALSE(notify->popPrintSelection());
-    for (const LevelCase& c : Levels)
+    for (const NotifyLevelCase& c : Levels)
         EXPECT_FALSE(notify->popPrintSelection(c.level));
 }
 

@@ -134,7 +134,7 @@ TEST_F(ThreadSharingTest, SeveralOutsideThreadsDoNotKeepThePoolAsleep) {
 namespace {
 
 /// Holds jobs back till it is opened, and knows whether a thread outside the pool has had one in hand.
-class Gate : public zel::SyncTag {
+class SharedGate : public zel::SyncTag {
 public:
     zel::int32 getStatus() override {
         if (Thread::getCurrentThread()->getId() == zel::InvalidIndex)
@@ -151,7 +151,7 @@ TEST_F(ThreadSharingTest, AThreadOutsideThePoolLeavesNoJobsOfOthersBehind) {
     for (const size_t threads : {1U, 2U})
         for (const bool registered : {false, true}) {
             zel::setNumThreads(threads);
-            const ref_ptr<Gate> gate(new Gate);
+            const ref_ptr<SharedGate> gate(new SharedGate);
             std::atomic<int> runs{0};
             std::vector<std::unique_ptr<Job>> jobs;
             for (int i = 0; i < 6; ++i) {

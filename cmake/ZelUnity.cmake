@@ -1,0 +1,20 @@
+# Compiles the sources of each folder of a target several at a time: most of a build's time is the reading of headers.
+# The library's own build, and clang-tidy, compile each source alone, and so check that it includes what it uses.
+function(zel_unite target)
+    set(together 8)
+    get_target_property(sources ${target} SOURCES)
+    foreach(source IN LISTS sources)
+        if(source MATCHES "/([^/]+)/[^/]+\\.cpp$")
+            set(folder ${CMAKE_MATCH_1})
+            if(NOT DEFINED ${folder}_count)
+                set(${folder}_count 0)
+            endif()
+            math(EXPR group "${${folder}_count} / ${together}")
+            math(EXPR ${folder}_count "${${folder}_count} + 1")
+            set_source_files_properties(${source} PROPERTIES UNITY_GROUP ${folder}${group})
+        endif()
+    endforeach()
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+    # A class of an unnamed namespace is no mistake in a source that is included.
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+endfunction()
