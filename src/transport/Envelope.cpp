@@ -1,0 +1,33 @@
+#include "Envelope.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <memory>
+
+namespace zelNet {
+
+std::string writeJsonLine(const Json::Value& json) {
+    return Json::FastWriter().write(json);
+}
+
+bool parseJson(std::string_view text, int maxDepth, Json::Value& json) {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["allowTrailingCommas"] = false;
+    builder["stackLimit"] = maxDepth;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &json, nullptr);
+    } catch (const Json::Exception&) {
+        return false; // nested too deep
+    }
+}
+
+zelData::BinaryData* viewOf(const zel::uint8* bytes, zel::size_t size) {
+    // The view's type knows no constant bytes; readers do not write to them.
+    return new zelData::BinaryData(
+        const_cast<zel::uint8*>(bytes), size, static_cast<const zel::Referenced*>(nullptr)); // NOLINT
+}
+
+} // namespace zelNet
