@@ -3,6 +3,7 @@ find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(tinyxml REQUIRED IMPORTED_TARGET tinyxml)
 pkg_check_modules(jsoncpp REQUIRED IMPORTED_TARGET jsoncpp)
+pkg_check_modules(zlib REQUIRED IMPORTED_TARGET zlib)
 
 # pystring ships neither a CMake package nor a .pc file.
 find_library(ZEL_PYSTRING_LIBRARY pystring REQUIRED)

@@ -1,6 +1,6 @@
 #include "Fault.h"
+#include "ForeignName.h"
 #include "data/FormatLookup.h"
-#include "entities/EntityXml.h"
 
 #include <zel/Log.h>
 #include <zelData/EntityModel.h>
@@ -9,8 +9,6 @@
 #include <zelData/FrameIO.h>
 #include <zelData/Type.h>
 
-#include <algorithm>
-#include <cctype>
 #include <string_view>
 #include <utility>
 
@@ -320,12 +318,7 @@ EntityModel* FrameExtractor::getEntityModel(uint32 id) const {
     const zel::Name name = getName(id);
     if (name.empty())
         return nullptr;
-    // A name from a file does not choose what file is looked at beyond the folders of models.
-    const std::string_view text(name.c_str());
-    const bool isPath = std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return std::isalnum(c) != 0 || c == '_' || c == '.';
-    });
-    EntityModel* model = isPath ? loadEntity(zel::Path(name)) : nullptr;
+    EntityModel* model = findForeignEntity(name);
     if (model == nullptr)
         fail(m_onFault, "model", "No entity with name '%s'", name.c_str());
     return model;

@@ -1,7 +1,6 @@
 #include "SerializedFixture.h"
 
-#include <fstream>
-#include <iterator>
+#include <support/Golden.h>
 
 // Bytes that stay as they are, for files are read for years. The listings in tests/golden tell each byte.
 
@@ -15,22 +14,10 @@ using zelData::EntityStorage;
 using zelData::Frame;
 using zelData::SerializedFrame;
 using zelTest::elementsOf;
+using zelTest::readListing;
 using BatchEvent = SerializedFrame::StorageBatchEvent;
 
 namespace {
-
-/// The bytes of a listing: hexadecimal numbers of two digits, and notes behind "#".
-std::string readListing(const std::string& name) {
-    std::ifstream file(std::string(ZEL_TEST_SOURCES) + "/golden/" + name);
-    EXPECT_TRUE(file.good()) << name;
-    std::string bytes;
-    for (std::string line; std::getline(file, line);) {
-        std::istringstream numbers(line.substr(0, line.find('#')));
-        for (std::string number; numbers >> number;)
-            bytes += static_cast<char>(std::stoi(number, nullptr, 16));
-    }
-    return bytes;
-}
 
 class FrameGoldenTest : public zelTest::SerializedFixture {
 protected:

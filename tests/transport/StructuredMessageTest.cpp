@@ -1,0 +1,247 @@
+#include "StructuredMessageFixture.h"
+
+#include <zelNet/NetError.h>
+
+#include <gtest/gtest.h>
+#include <support/LogCapture.h>
+#include <support/WhatOf.h>
+
+#include <string>
+#include <type_traits>
+
+using zel::ref_ptr;
+using zelData::BinaryData;
+using zelNet::NetError;
+using zelNet::StructuredMessage;
+using zelTest::Envelope;
+using zelTest::parseMessage;
+using zelTest::textOf;
+using zelTest::whatOf;
+
+namespace {
+
+constexpr const char* InvalidPreHeader = "Structured message has invalid pre-header!";
+constexpr const char* InvalidJson = "Structured message header is not valid JSON!";
+
+std::string errorOf(const Envelope& envelope) {
+    return whatOf([&] { (void)parseMessage(envelope.bytes()); });
+}
+
+// The object
+
+TEST(StructuredMessageTest, BeginsEmptyAndWithoutNumbers) {
+    const StructuredMessage message;
+    EXPECT_EQ(message.getUri(), "");
+    EXPECT_TRUE(message.getHeader().isNull());
+    EXPECT_EQ(message.getBinarySegment(), nullptr);
+    EXPECT_EQ(message.getMessageId(), 0xFFFFFFFFU);
+    EXPECT_EQ(message.getResponseId(), 0xFFFFFFFFU);
+    EXPECT_EQ(StructuredMessage("a.b").getUri(), "a.b");
+}
+
+TEST(StructuredMessageTest, KeepsWhatItIsGiven) {
+    const ref_ptr<BinaryData> payload(new BinaryData(3));
+    Json::Value header;
+    header["a"] = 1;
+    const StructuredMessage made("uri", header, payload.get());
+    EXPECT_EQ(made.getHeader()["a"].asInt(), 1);
+    EXPECT_EQ(made.getBinarySegment(), payload.get());
+    EXPECT_EQ(payload->referenceCount(), 2);
+
+    StructuredMessage set;
+    set.setUri("uri");
+    set.setHeader(header);
+    set.setBinarySegment(payload.get());
+    set.setResponseId(5);
+    set.getHeader()["b"] = 2;
+    EXPECT_EQ(set.getUri(), "uri");
+    EXPECT_EQ(set.getHeader()["a"].asInt(), 1);
+    EXPECT_EQ(set.getHeader()["b"].asInt(), 2);
+    EXPECT_EQ(set.getBinarySegment(), payload.get());
+    EXPECT_EQ(set.getResponseId(), 5U);
+}
+
+TEST(StructuredMessageTest, AMessageThatDoesNotChangeTakesItsNumber) {
+    const StructuredMessage message;
+    message.setMessageId(9);
+    EXPECT_EQ(message.getMessageId(), 9U);
+}
+
+TEST(StructuredMessageTest, AResponseHasTheUriAndAnswersTheNumber) {
+    const ref_ptr<BinaryData> payload(new BinaryData(3));
+    StructuredMessage message("uri", Json::Value("header"), payload.get());
+    message.setMessageId(9);
+    message.setResponseId(4);
+    const ref_ptr<StructuredMessage> response(message.createResponse());
+    EXPECT_EQ(response->referenceCount(), 1);
+    EXPECT_EQ(response->getUri(), "uri");
+    EXPECT_EQ(response->getResponseId(), 9U);
+    EXPECT_EQ(response->getMessageId(), 0xFFFFFFFFU);
+    EXPECT_TRUE(response->getHeader().isNull());
+    EXPECT_EQ(response->getBinarySegment(), nullptr);
+}
+
+TEST(StructuredMessageTest, ThePreHeaderHasTwentyFourBytesAndNoNumbers) {
+    static_assert(sizeof(StructuredMessage::PreHeader) == 24);
+    zel::uint8 bytes[24];
+    StructuredMessage::PreHeader().write(bytes);
+    EXPECT_EQ(std::string(bytes, bytes + 24), std::string(8, '\xFF') + std::string(16, '\0'));
+}
+
+// Reading
+
+TEST(StructuredMessageTest, ParseReadsWhatStandsThere) {
+    Envelope envelope("uri", R"({"a":[1,"b"]})", "payload");
+    envelope.preHeader.messageId = 5;
+    envelope.preHeader.responseId = 6;
+    const auto message = parseMessage(envelope.bytes());
+    EXPECT_EQ(message->referenceCount(), 1);
+    EXPECT_EQ(message->getUri(), "uri");
+    EXPECT_EQ(message->getHeader()["a"][1].asString(), "b");
+    EXPECT_EQ(message->getMessageId(), 5U);
+    EXPECT_EQ(message->getResponseId(), 6U);
+    EXPECT_EQ(textOf(message->getBinarySegment()), "payload");
+}
+
+TEST(StructuredMessageTest, ParseCopiesThePayloadIfToldSo) {
+    std::string bytes = Envelope("", "{}", "payload").bytes();
+    const auto copy = parseMessage(bytes, true);
+    const auto view = parseMessage(bytes, false);
+    EXPECT_EQ(view->getBinarySegment()->getData(), reinterpret_cast<const zel::uint8*>(bytes.data()) + 32);
+    EXPECT_EQ(view->getBinarySegment()->getAllocationType(), zelData::DataAllocationType::Owner);
+    bytes[32] = 'P';
+    EXPECT_EQ(textOf(view->getBinarySegment()), "Payload");
+    EXPECT_EQ(textOf(copy->getBinarySegment()), "payload");
+}
+
+TEST(StructuredMessageTest, ParseMakesAPayloadOfSizeZeroToo) {
+    for (const bool copies : {true, false}) {
+        const auto message = parseMessage(Envelope("", "{}", "").bytes(), copies);
+        ASSERT_NE(message->getBinarySegment(), nullptr);
+        EXPECT_EQ(message->getBinarySegment()->getSize(), 0U);
+    }
+}
+
+TEST(StructuredMessageTest, ParseAcceptsBytesThatFollow) {
+    Envelope envelope("", "{}", "payload");
+    envelope.rest += "more";
+    EXPECT_EQ(textOf(parseMessage(envelope.bytes())->getBinarySegment()), "payload");
+}
+
+TEST(StructuredMessageTest, ParseTakesThePayloadFromWhereverItsOffsetSays) {
+    Envelope envelope("uri", "{}", "payload");
+    envelope.preHeader.payloadOffset = 24;
+    envelope.preHeader.payloadSize = 3;
+    EXPECT_EQ(textOf(parseMessage(envelope.bytes())->getBinarySegment()), "uri");
+}
+
+TEST(StructuredMessageTest, ParseAcceptsNullAndObjectsAsHeader) {
+    EXPECT_TRUE(parseMessage(Envelope("", "null\n", "").bytes())->getHeader().isNull());
+    EXPECT_TRUE(parseMessage(Envelope("", "{}\n", "").bytes())->getHeader().isObject());
+    for (const char* json : {"[]", "1", "1.5", "\"text\"", "true", "[{}]"})
+        EXPECT_EQ(errorOf(Envelope("", json, "")), InvalidJson) << json;
+}
+
+TEST(StructuredMessageTest, ParseAcceptsAUriUpToTheEndAheadOfTheJson) {
+    // The sizes fit; what fails is the JSON, which is empty.
+    EXPECT_EQ(errorOf(Envelope("the whole rest", "", "")), InvalidJson);
+}
+
+TEST(StructuredMessageTest, APreHeaderAloneHasNoJson) {
+    EXPECT_EQ(errorOf(Envelope()), InvalidJson);
+}
+
+TEST(StructuredMessageTest, ErrorsAreNetErrorsWithoutSocket) {
+    try {
+        (void)parseMessage("short");
+        ADD_FAILURE() << "no exception";
+    } catch (const NetError& error) {
+        EXPECT_EQ(error.getSocket(), nullptr);
+    }
+}
+
+// Bytes that lie
+
+TEST(StructuredMessageMaliciousTest, TooFewBytesForAPreHeader) {
+    EXPECT_EQ(whatOf([] { (void)StructuredMessage::parse(nullptr, 0, true); }), InvalidPreHeader);
+    EXPECT_EQ(whatOf([] { (void)parseMessage(std::string(23, '\0')); }), InvalidPreHeader);
+}
+
+TEST(StructuredMessageMaliciousTest, AUriThatReachesBeyondTheEnd) {
+    Envelope envelope;
+    envelope.rest = std::string("a\0b\n\x7F", 5) + "\xC3\xA4";
+    envelope.preHeader.uriSize = 8;
+    EXPECT_EQ(errorOf(envelope),
+              "Structured message has invalid pre-header! URI size: 8, remaining message size: 7. Printable "
+              "data: a0b..\xC3\xA4");
+    envelope.preHeader.uriSize = 0xFFFFFFFF;
+    EXPECT_EQ(errorOf(envelope),
+              "Structured message has invalid pre-header! URI size: 4294967295, remaining message size: 7. "
+              "Printable data: a0b..\xC3\xA4");
+}
+
+TEST(StructuredMessageMaliciousTest, AHeaderThatReachesBeyondTheEnd) {
+    Envelope envelope("some\turi", "{}", "");
+    envelope.preHeader.headerSize = 3;
+    EXPECT_EQ(errorOf(envelope),
+              "Structured message has invalid pre-header! URI: some.uri, message size: 0KB");
+    envelope.rest += std::string(5000, ' ');
+    envelope.preHeader.headerSize = 0xFFFFFFFF;
+    EXPECT_EQ(errorOf(envelope),
+              "Structured message has invalid pre-header! URI: some.uri, message size: 4KB");
+}
+
+TEST(StructuredMessageMaliciousTest, APayloadThatReachesBeyondTheEnd) {
+    Envelope envelope("", "{}", "payload");
+    ++envelope.preHeader.payloadSize;
+    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    --envelope.preHeader.payloadSize;
+    ++envelope.preHeader.payloadOffset;
+    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    envelope.preHeader.payloadOffset = 0xFFFFFFFF;
+    envelope.preHeader.payloadSize = 0;
+    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+}
+
+TEST(StructuredMessageMaliciousTest, SumsThatWrapInThirtyTwoBits) {
+    Envelope envelope("uri", "{}", "payload");
+    envelope.preHeader.payloadOffset = 0xFFFFFFF0;
+    envelope.preHeader.payloadSize = 0x20;
+    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    envelope.preHeader.payloadOffset = 0x20;
+    envelope.preHeader.payloadSize = 0xFFFFFFF0;
+    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+}
+
+TEST(StructuredMessageMaliciousTest, TextThatIsNoJson) {
+    for (const char* json :
+         {"", "{", "{\"a\":}", "{,}", "nul", "}", "\xFF\xFE", "{\"a\":1,}", "{'a':1}", "NaN"})
+        EXPECT_EQ(errorOf(Envelope("", json, "")), InvalidJson) << json;
+}
+
+TEST(StructuredMessageMaliciousTest, JsonThatIsNestedTooDeep) {
+    const auto nested = [](int depth) {
+        std::string json;
+        for (int i = 0; i < depth - 1; ++i)
+            json += "{\"a\":";
+        json += "1";
+        return json + std::string(static_cast<std::size_t>(depth - 1), '}');
+    };
+    EXPECT_NO_THROW((void)parseMessage(Envelope("", nested(64), "").bytes()));
+    EXPECT_EQ(errorOf(Envelope("", nested(65), "")), InvalidJson);
+    EXPECT_EQ(errorOf(Envelope("", std::string(1 << 20, '['), "")), InvalidJson);
+}
+
+TEST(StructuredMessageMaliciousTest, JsonThatIsTooLong) {
+    const auto header = [](std::size_t size) { return "{}" + std::string(size - 2, ' '); };
+    EXPECT_NO_THROW((void)parseMessage(Envelope("", header(1 << 20), "").bytes()));
+    EXPECT_EQ(errorOf(Envelope("", header((1 << 20) + 1), "")), InvalidJson);
+}
+
+TEST(StructuredMessageMaliciousTest, EachCutGivesAMessageOrAnError) {
+    const std::string bytes = Envelope("uri", "{\"a\":1}", "payload").bytes();
+    for (std::size_t size = 0; size < bytes.size(); ++size)
+        EXPECT_THROW((void)parseMessage(bytes.substr(0, size)), NetError) << size;
+}
+
+} // namespace
