@@ -83,6 +83,7 @@ Compress::Data::~Data() {
 bool Compress::Data::init(int level) {
     if (m_initialised)
         finalize();
+    endStream(); // of a start that nobody finished
     *m_stream = z_stream{};
     constexpr int StreamSize = sizeof(z_stream);
     const bool compresses = m_mode == ToCompress;

@@ -11,14 +11,30 @@ std::string writeJsonLine(const Json::Value& json) {
     return Json::FastWriter().write(json);
 }
 
+namespace {
+
+/// A parser, which takes longer to make than most texts to read.
+struct Parser {
+    explicit Parser(int depth) : maxDepth(depth) {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["allowTrailingCommas"] = false;
+        builder["stackLimit"] = depth;
+        reader.reset(builder.newCharReader());
+    }
+
+    int maxDepth;
+    std::unique_ptr<Json::CharReader> reader;
+};
+
+} // namespace
+
 bool parseJson(std::string_view text, int maxDepth, Json::Value& json) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["allowTrailingCommas"] = false;
-    builder["stackLimit"] = maxDepth;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    thread_local Parser parser(maxDepth);
+    if (parser.maxDepth != maxDepth)
+        parser = Parser(maxDepth);
     try {
-        return reader->parse(text.data(), text.data() + text.size(), &json, nullptr);
+        return parser.reader->parse(text.data(), text.data() + text.size(), &json, nullptr);
     } catch (const Json::Exception&) {
         return false; // nested too deep
     }

@@ -187,6 +187,18 @@ TEST_F(FramePacketMaliciousTest, ElementsThatAreNoPlainBytes) {
               "SerializedFrame: elements of format 'String:default' can not stand as bytes in node n");
 }
 
+TEST_F(FramePacketMaliciousTest, ElementsWithoutSize) {
+    const auto parse = [](const std::string& number) {
+        return parseChild(
+            R"({"nodeType":"Buffer","name":"v","type":"Void:void","numBytes":0,"numElements":)" + number +
+                "}",
+            OnFault::Throw);
+    };
+    EXPECT_EQ(parse("1000000000")->getBuffer("v")->size(), 1'000'000'000U);
+    EXPECT_EQ(whatOf([&] { (void)parse("18446744073709551615"); }),
+              "v: 18446744073709551615 elements of format 'Void:void' do not fit in memory");
+}
+
 TEST_F(FramePacketMaliciousTest, EachCutIsRefused) {
     const auto frame = fullFrame();
     const std::string bytes = bytesOf(frame.get());
