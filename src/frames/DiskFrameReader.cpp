@@ -1,3 +1,4 @@
+#include "FrameNames.h"
 #include "FrameOverlay.h"
 
 #include <zel/InvalidIndex.h>
@@ -22,11 +23,6 @@ constexpr uint64 None = zel::InvalidIndex;
 
 /// Always wanted, whatever is bound.
 const char* const ObserverPath = "DynamicsSystem.ObserverFrame";
-
-const zel::Name& incrementalName() {
-    static const zel::Name name("Incremental");
-    return name;
-}
 
 } // namespace
 

@@ -1,3 +1,5 @@
+#include "FrameNames.h"
+
 #include <zel/Exception.h>
 #include <zel/HashSet.h>
 #include <zel/Model.h>
@@ -15,12 +17,6 @@
 namespace zelData {
 
 namespace {
-
-/// Buffers of this name stand beside each other.
-const zel::Name& incrementalName() {
-    static const zel::Name name("Incremental");
-    return name;
-}
 
 [[noreturn]] void throwCollision(const zel::Object* node, const zel::Object* existing) {
     ZEL_THROW(Frame::MergeException, node, existing);
