@@ -52,10 +52,15 @@ std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& er
     std::string text;
     if (!readChecked(file, text, error))
         return nullptr;
+    return parseXmlText(text, file, error);
+}
+
+std::unique_ptr<TiXmlDocument>
+parseXmlText(const std::string& text, const String& name, XmlFileError& error) {
     if (!checkXml(text, error))
         return nullptr;
-    auto document = std::make_unique<TiXmlDocument>(file.c_str());
-    document->Parse(text.c_str());
+    auto document = std::make_unique<TiXmlDocument>(name.c_str());
+    document->Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8); // as it has been found to be
     if (document->Error())
         error = {static_cast<size_t>(std::max(0, document->ErrorRow())), document->ErrorDesc()};
     else

@@ -19,6 +19,11 @@ struct XmlFileError {
 /// @return null, with the reason in `error`, if that fails
 [[nodiscard]] std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& error);
 
+/// The same of a text that has been read already, up to its checks of size.
+/// @param name  of the document, for messages
+[[nodiscard]] std::unique_ptr<TiXmlDocument>
+parseXmlText(const std::string& text, const String& name, XmlFileError& error);
+
 /// What is said of a model file that can not be read.
 [[nodiscard]] std::string describeXmlFileError(const String& file, const XmlFileError& error);
 
