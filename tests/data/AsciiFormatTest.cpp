@@ -12,11 +12,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/CommaLocale.h>
 #include <support/LogCapture.h>
-#include <support/TempDirectory.h>
 
 #include <cfloat>
-#include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -420,26 +419,9 @@ TEST(AsciiFormatTest, NoTextGivesAPointerToAnObject) {
 
 namespace {
 
-/// A program that writes its numbers with a comma.
 class AsciiLocaleTest : public testing::Test {
-protected:
-    void SetUp() override {
-        for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8"})
-            if (choose(name))
-                return;
-        const std::string command =
-            "localedef -i de_DE -f UTF-8 --no-archive '" + m_directory.path("comma") + "' >/dev/null 2>&1";
-        ::setenv("LOCPATH", m_directory.path().c_str(), 1); // NOLINT(concurrency-mt-unsafe): one thread
-        if (std::system(command.c_str()) != 0 || !choose("comma")) // NOLINT(concurrency-mt-unsafe)
-            FAIL() << "no locale with a comma can be made here: the package of locales is missing";
-    }
-    void TearDown() override { std::setlocale(LC_ALL, "C"); } // NOLINT(concurrency-mt-unsafe)
-
-    static bool choose(const char* name) {
-        return std::setlocale(LC_ALL, name) != nullptr && printed("%.1f", 1.5) == "1,5"; // NOLINT
-    }
-
-    zelTest::TempDirectory m_directory;
+private:
+    zelTest::CommaLocale m_locale;
 };
 
 } // namespace

@@ -1,18 +1,16 @@
+#include "FrameModelFixture.h"
 #include "MemoryJournal.h"
 
 #include <support/Stress.h>
 
 #include <algorithm>
 #include <random>
-#include <variant>
 
 // Reading the frames of a session in any order.
 
 using zel::ref_ptr;
 using zel::uint64;
-using zelData::Buffer;
 using zelData::Frame;
-using zelTest::elementsOf;
 using zelTest::frameOf;
 using zelTest::MemoryReader;
 using zelTest::MemorySession;
@@ -148,168 +146,31 @@ TEST_F(DiskFrameReaderTest, FindsTheNearestFrameInTime) {
 
 // Random sessions against a model.
 
-/// What stands at a path: a number, or a buffer in whole or in part.
-struct Content {
-    double value = 0;
-    std::vector<double> elements;
-    std::map<uint64, double> part;
-    uint64 fullSize = 0;
-    enum { Value, Whole, Part } kind = Value;
-    bool operator==(const Content&) const = default;
-};
-using State = std::map<std::string, Content>;
-
-/// What a frame holds, in the terms of the model.
-void describe(const zel::Component* node, const zel::Path& path, State& state) {
-    for (zel::size_t i = 0; i < node->getNumObjects(); ++i) {
-        zel::Object* child = node->getObject(i);
-        const zel::Path childPath = path + child->getName();
-        Content content;
-        if (auto* value = dynamic_cast<zelData::Value*>(child)) {
-            content.value = *static_cast<const double*>(value->getData());
-        } else if (const auto* part = dynamic_cast<const Frame::PartialBuffer*>(child)) {
-            content.kind = Content::Part;
-            content.fullSize = part->getFullSize();
-            for (uint64 k = 0; k < part->size(); ++k)
-                content.part[part->getIndexBuffer()->data<uint64>()[k]] =
-                    part->getDataBuffer()->data<double>()[k];
-        } else if (const auto* buffer = dynamic_cast<const Buffer*>(child)) {
-            content.kind = Content::Whole;
-            content.elements = elementsOf<double>(buffer);
-        } else {
-            describe(dynamic_cast<const zel::Component*>(child), childPath, state);
-            continue;
-        }
-        state[childPath.str()] = content;
-    }
-}
-
-/// What a frame changes, applied to what was there.
-void apply(State& state, const State& change) {
-    for (const auto& [path, content] : change) {
-        Content& present = state[path];
-        if (content.kind != Content::Part || (present.kind == Content::Value && present == Content())) {
-            present = content;
-            continue;
-        }
-        if (present.kind == Content::Whole) {
-            present.elements.resize(content.fullSize);
-            for (const auto& [place, element] : content.part)
-                present.elements[place] = element;
-            continue;
-        }
-        std::erase_if(present.part, [&](const auto& entry) { return entry.first >= content.fullSize; });
-        for (const auto& [place, element] : content.part)
-            present.part[place] = element;
-        present.fullSize = content.fullSize;
-    }
-}
-
-class DiskFrameReaderModelTest : public DiskFrameReaderTest {
+class DiskFrameReaderModelTest : public zelTest::FrameModelFixture {
 protected:
-    /// A session of increments between key frames, and what each frame changes.
+    void TearDown() override {
+        reader = nullptr;
+        session = nullptr;
+        FrameModelFixture::TearDown();
+    }
     void recordAtRandom(std::mt19937& random) {
-        const auto draw = [&random](uint64 n) { return static_cast<uint64>(random() % n); };
-        std::map<std::string, uint64> sizes{{"a.x", 5}, {"a.y", 1}, {"s.mass", 8}};
-        auto* model = entity("Bodies", "<Attribute.Scalar name='mass' type='Real'/>");
-        uint64 index = draw(5);
-        const uint64 numFrames = 1 + draw(30);
-        for (uint64 i = 0; i < numFrames; ++i, index += draw(8) == 0 ? 2U : 1U) {
-            const bool isKeyFrame = i == 0 || draw(7) == 0;
-            const ref_ptr<Frame> frame(new Frame(index, 0.5 * static_cast<double>(index), 0.5));
-            frame->setKeyFrame(isKeyFrame);
-            State change;
-            for (const char* path : {"v", "a.w"})
-                if (isKeyFrame || draw(3) == 0) {
-                    change[path].value = static_cast<double>(random());
-                    frame->addValue(real(zel::Path(path).back(), change[path].value).get(), path);
-                }
-            for (auto& [path, size] : sizes) {
-                if (!isKeyFrame && draw(3) == 0)
-                    continue;
-                Content& content = change[path];
-                const uint64 oldSize = size;
-                if (draw(3) == 0)
-                    size = 1 + draw(10);
-                zel::Component* context = frame->getContext(path);
-                if (path == "s.mass") {
-                    const ref_ptr<Frame::EntityStorage> storage(
-                        new Frame::EntityStorage("s", model, size, 16));
-                    frame->removeNode(context);
-                    frame->addStorage(storage.get(), "s");
-                    context = storage.get();
-                }
-                if (isKeyFrame || draw(2) == 0) {
-                    content.kind = Content::Whole;
-                    for (uint64 k = 0; k < size; ++k)
-                        content.elements.push_back(static_cast<double>(random()));
-                    const auto buffer = reals(zel::Path(path).back(), {});
-                    buffer->resize(size);
-                    std::copy(content.elements.begin(), content.elements.end(), buffer->data<double>());
-                    frame->addNode(context, buffer.get());
-                    continue;
-                }
-                content.kind = Content::Part;
-                content.fullSize = size;
-                for (uint64 k = 0; k < size; ++k)
-                    if (k >= oldSize || draw(3) == 0)
-                        content.part[k] = static_cast<double>(random());
-                if (content.part.empty())
-                    content.part[0] = 1;
-                const ref_ptr<Frame::PartialBuffer> part(new Frame::PartialBuffer(
-                    zel::Path(path).back(), zelData::getFormat("Real"), content.part.size(), size));
-                uint64 k = 0;
-                for (const auto& [place, element] : content.part) {
-                    part->getIndexBuffer()->data<uint64>()[k] = place;
-                    part->getDataBuffer()->data<double>()[k++] = element;
-                }
-                frame->addNode(context, part.get());
-            }
-            changes.push_back(change);
-            indices.push_back(index);
-            keys.push_back(isKeyFrame);
-            session->append(frame.get());
-        }
+        clearModel();
+        session = new MemorySession;
+        startAt(random() % 5);
+        const uint64 numFrames = 1 + random() % 30;
+        for (uint64 i = 0; i < numFrames; ++i)
+            session->append(makeAtRandom(random, i == 0 || random() % 7 == 0).get());
         reader = new MemoryReader(session.get());
     }
-    void TearDown() override {
-        changes.clear();
-        DiskFrameReaderTest::TearDown();
-    }
-    /// The changes of the frames from the last key frame, or the one given if that comes later, up to the
-    /// place.
-    State between(zel::size_t first, zel::size_t last) const {
-        zel::size_t begin = last;
-        while (begin > first && !keys[begin])
-            --begin;
-        State state;
-        for (zel::size_t i = begin; i <= last; ++i)
-            apply(state, changes[i]);
-        return state;
-    }
-    void expectState(const Frame* frame, const State& expected, const char* how) {
-        ASSERT_NE(frame, nullptr) << how;
-        State state;
-        describe(frame, zel::Path(), state);
-        EXPECT_TRUE(state == expected) << how << " of frame " << frame->getIndex();
-        expectWhole(frame);
-    }
-    void clear() {
-        changes.clear();
-        indices.clear();
-        keys.clear();
-        session = new MemorySession;
-    }
+    ref_ptr<Frame> read() { return ref_ptr<Frame>(reader->readFrame()); }
 
-    std::vector<State> changes;
-    std::vector<uint64> indices;
-    std::vector<bool> keys;
+    ref_ptr<MemorySession> session;
+    ref_ptr<MemoryReader> reader;
 };
 
 TEST_F(DiskFrameReaderModelTest, EachWayToAFrameGivesWhatTheModelHas) {
     std::mt19937 random(zelTest::stressSeed());
     for (int round = 0; round < 60 && !HasFailure(); ++round) {
-        clear();
         recordAtRandom(random);
         // In order, each frame alone.
         for (zel::size_t i = 0; i < indices.size(); ++i) {
