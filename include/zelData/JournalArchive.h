@@ -124,6 +124,8 @@ public:
     virtual void finalizeHeader() = 0;
     virtual void transferDiskData(JournalArchive* target) = 0;
     virtual void copyDiskData(JournalArchive* target) = 0;
+    /// What is told of the simulation that is recorded: components and values by name.
+    virtual void setSimulationHeader(zel::Component* header);
 
     [[nodiscard]] const zel::Name& getName() const noexcept { return m_name; }
     [[nodiscard]] JournalArchive* getJournal() const noexcept { return m_journal; }
@@ -176,7 +178,6 @@ public:
     void setHeaderFormat(SerializedFrame::HeaderFormat format) noexcept { m_headerFormat = format; }
     void setComputationTime(double seconds) noexcept { m_computationTime = seconds; }
     void setFrameIO(FrameIO* frameIO);
-    void setSimulationHeader(zel::Component* header);
 
 protected:
     void setName(const zel::Name& name) { m_name = name; }
