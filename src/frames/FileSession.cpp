@@ -1,5 +1,4 @@
 #include "JournalMeta.h"
-#include "data/Ascii.h"
 #include "files/DiskFile.h"
 
 #include <zel/Exception.h>

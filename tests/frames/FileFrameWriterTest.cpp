@@ -3,11 +3,9 @@
 #include <zelData/SerializedNodes.h>
 #include <zelData/Track.h>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 
 // Writing frames, and going on with what others have left.
@@ -444,26 +442,6 @@ TEST_F(FileFrameWriterTest, ACrashAtAnyStepOfAppendingInventsNoFrame) {
 
 // Where the file fails
 
-/// No file grows above the limit while it lives.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t size) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
-        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &m_former), 0);
-        const rlimit limit{size, m_former.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() {
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &m_former), 0);
-        std::signal(SIGXFSZ, m_handler);
-    }
-
-private:
-    rlimit m_former{};
-    void (*m_handler)(int);
-};
-
 TEST_F(FileFrameWriterTest, AFrameThatDoesNotFitOnTheDiskIsCutOffAgain) {
     make();
     beginWriting();
@@ -472,7 +450,7 @@ TEST_F(FileFrameWriterTest, AFrameThatDoesNotFitOnTheDiskIsCutOffAgain) {
     const std::string before = bytes();
     const auto frameSize = session->getFrameHead() - session->getFrameInfo(1)->headerOffset;
     for (const uint64 room : {uint64{0}, uint64{1}, uint64{56}, frameSize - 1}) {
-        const FileSizeLimit limit(before.size() + room);
+        const zelTest::FileSizeLimit limit(before.size() + room);
         EXPECT_EQ(whatOf([&] { write(2, 2); }), failed(2) + "File too large") << room;
         EXPECT_TRUE(bytes().substr(FirstFrame) == before.substr(FirstFrame)) << room;
         EXPECT_EQ(session->getFrameHead(), before.size());

@@ -1,4 +1,4 @@
-#include "GoldenListing.h"
+#include <support/Golden.h>
 #include "JournalFixture.h"
 
 #include <zelCore/Version.h>

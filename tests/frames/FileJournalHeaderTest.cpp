@@ -410,6 +410,19 @@ TEST_F(FileJournalHeaderTest, NumbersHaveAPointInEveryLocale) {
     EXPECT_EQ(session->getTimeStep(), 0.125);
 }
 
+TEST_F(FileJournalHeaderTest, AHeaderThatCannotBeWrittenIsTold) {
+    const std::string other = directory.path("other.journal");
+    {
+        // These words stand for the tag that could not be written.
+        const zelTest::FileSizeLimit limit(0);
+        EXPECT_EQ(whatOf([&] { FileJournal journalThere(other); }),
+                  "Failed to read journal header from '" + other + "'.");
+    }
+    const zelTest::FileSizeLimit limit(20);
+    EXPECT_EQ(whatOf([&] { (void)FileJournal::Session::create("run", other); }),
+              "Failed to write journal header '" + other + "'.");
+}
+
 TEST_F(FileJournalHeaderTest, AFileThatIsGoneIsTold) {
     make();
     std::filesystem::remove(path());

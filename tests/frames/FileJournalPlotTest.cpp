@@ -3,9 +3,7 @@
 #include <zelNet/StructuredMessage.h>
 
 #include <json/value.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <filesystem>
 
 // Plots, and how they share the end of the file with frames.
@@ -125,15 +123,11 @@ TEST_F(FileJournalPlotTest, APlotThatCannotBeWrittenLeavesNothing) {
     record(1);
     save("p", 1, "old");
     const std::string before = bytes();
-    rlimit former{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &former), 0);
-    auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{before.size() + 10, former.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    EXPECT_EQ(whatOf([&] { save("p", 2, "new"); }), "Could not write plot data to '" + path() + "'.");
-    EXPECT_EQ(whatOf([&] { save("q", 2, "new"); }), "Could not write plot data to '" + path() + "'.");
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &former), 0);
-    std::signal(SIGXFSZ, handler);
+    {
+        const zelTest::FileSizeLimit limit(before.size() + 10);
+        EXPECT_EQ(whatOf([&] { save("p", 2, "new"); }), "Could not write plot data to '" + path() + "'.");
+        EXPECT_EQ(whatOf([&] { save("q", 2, "new"); }), "Could not write plot data to '" + path() + "'.");
+    }
     EXPECT_TRUE(bytes() == before);
     expectPlot("p", 1, "old");
     EXPECT_EQ(names(), (Names{"p"}));

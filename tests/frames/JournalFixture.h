@@ -8,9 +8,11 @@
 #include <zelData/FileJournal.h>
 
 #include <support/StreamCapture.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -34,6 +36,26 @@ public:
 
 private:
     uid_t m_user;
+};
+
+/// No file grows above the limit while it lives.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t size) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &m_former), 0);
+        const rlimit limit{size, m_former.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+    ~FileSizeLimit() {
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &m_former), 0);
+        std::signal(SIGXFSZ, m_handler);
+    }
+
+private:
+    rlimit m_former{};
+    void (*m_handler)(int);
 };
 
 /// Journals in files of a directory of the test's own.

@@ -1,0 +1,284 @@
+// Journals in files: writing large and small frames, reading them at random and opening, each beside the same
+// system calls by hand. The files lie in the directory for temporary files.
+#include <zelCore/zelCore.h>
+#include <zelData/Buffer.h>
+#include <zelData/FileFrameReader.h>
+#include <zelData/FileFrameWriter.h>
+#include <zelData/FileJournal.h>
+#include <zelData/Frame.h>
+#include <zelData/SerializedFrame.h>
+#include <zelData/Type.h>
+#include <zelData/ValueT.h>
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using zel::ref_ptr;
+using zel::uint64;
+using zelData::FileFrameReader;
+using zelData::FileFrameWriter;
+using zelData::FileJournal;
+using zelData::Frame;
+
+constexpr uint64 NumLargeFrames = 100;
+constexpr uint64 NumColumns = 19;
+constexpr uint64 ColumnSize = 50'000; // 19 columns of doubles are 7.6 MB
+constexpr uint64 NumSmallFrames = 2'000;
+constexpr uint64 NumFramesToOpen = 100'000;
+constexpr uint64 NumRandomReads = 200;
+
+void require(bool good) {
+    if (!good)
+        std::abort();
+}
+
+/// A file of the benchmark's own.
+class ScratchFile {
+public:
+    ScratchFile()
+        : m_path((std::filesystem::temp_directory_path() / ("zelJournalBench-" + std::to_string(getpid())))
+                     .string()) {}
+    ScratchFile(const ScratchFile&) = delete;
+    ScratchFile& operator=(const ScratchFile&) = delete;
+    ~ScratchFile() { unlink(m_path.c_str()); }
+    [[nodiscard]] const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+ref_ptr<Frame> makeLargeFrame() {
+    ref_ptr<Frame> frame(new Frame(0, 0, 0.1));
+    frame->setKeyFrame(true);
+    for (uint64 i = 0; i < NumColumns; ++i) {
+        const zel::Name name("column" + std::to_string(i));
+        const ref_ptr<zelData::Buffer> buffer(new zelData::Buffer(name, zelData::getFormat("Real:64bit")));
+        buffer->resize(ColumnSize);
+        frame->addBuffer(buffer.get(), name);
+    }
+    return frame;
+}
+
+/// 50 values.
+ref_ptr<Frame> makeSmallFrame() {
+    ref_ptr<Frame> frame(new Frame(0, 0, 0.1));
+    frame->setKeyFrame(true);
+    for (int i = 0; i < 50; ++i) {
+        const zel::Name name("value" + std::to_string(i));
+        frame->addValue(ref_ptr<zelData::Value>(new zelData::ValueT<double>(name, i)).get(), name);
+    }
+    return frame;
+}
+
+struct Recording {
+    explicit Recording(const std::string& path) {
+        unlink(path.c_str());
+        std::ostringstream quiet;
+        auto* const former = std::cout.rdbuf(quiet.rdbuf()); // each new journal tells of the file it replaces
+        journal = new FileJournal(path);
+        session = journal->createNewFileSession("bench");
+        std::cout.rdbuf(former);
+        std::istringstream scene;
+        session->packSceneData(scene);
+        writer = new FileFrameWriter(session);
+    }
+    void write(Frame* frame, uint64 numFrames) {
+        for (uint64 i = 0; i < numFrames; ++i) {
+            frame->setIndex(i);
+            writer->writeFrame(frame);
+        }
+        writer->endOfStream();
+    }
+    ref_ptr<FileJournal> journal;
+    FileJournal::Session* session = nullptr;
+    ref_ptr<FileFrameWriter> writer;
+};
+
+/// The same bytes by hand: for each frame the file is opened, written at its end in one gathered write,
+/// closed.
+class Plain {
+public:
+    explicit Plain(const Frame* frame)
+        : m_serialized(new zelData::SerializedFrame(frame)), m_header(m_serialized->writeBinaryHeader()) {}
+
+    void write(const std::string& path, uint64 numFrames) {
+        off_t offset = 10274;
+        std::vector<iovec> parts;
+        for (uint64 i = 0; i < numFrames; ++i) {
+            const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+            require(file >= 0);
+            parts.clear();
+            parts.push_back({m_header->getData(), m_header->getSize()});
+            for (const auto& segment : m_serialized->getSegments())
+                parts.push_back({segment.data->getData(), segment.data->getSize()});
+            const ssize_t count = pwritev(file, parts.data(), static_cast<int>(parts.size()), offset);
+            require(count > 0);
+            offset += count;
+            require(close(file) == 0);
+        }
+    }
+
+private:
+    ref_ptr<zelData::SerializedFrame> m_serialized;
+    ref_ptr<zelData::BinaryData> m_header;
+};
+
+void zelWriteFrames(benchmark::State& state, const ref_ptr<Frame>& frame, uint64 numFrames) {
+    const ScratchFile file;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Recording recording(file.path());
+        state.ResumeTiming();
+        recording.write(frame.get(), numFrames);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * numFrames));
+}
+
+void plainWriteFrames(benchmark::State& state, const ref_ptr<Frame>& frame, uint64 numFrames) {
+    const ScratchFile file;
+    Plain plain(frame.get());
+    for (auto _ : state) {
+        state.PauseTiming();
+        unlink(file.path().c_str());
+        state.ResumeTiming();
+        plain.write(file.path(), numFrames);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * numFrames));
+}
+
+void zelWrite(benchmark::State& state) {
+    zelWriteFrames(state, makeLargeFrame(), NumLargeFrames);
+}
+BENCHMARK(zelWrite)->Name("BM_JournalWrite/zel")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void plainWrite(benchmark::State& state) {
+    plainWriteFrames(state, makeLargeFrame(), NumLargeFrames);
+}
+BENCHMARK(plainWrite)->Name("BM_JournalWrite/writev")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void zelWriteSmall(benchmark::State& state) {
+    zelWriteFrames(state, makeSmallFrame(), NumSmallFrames);
+}
+BENCHMARK(zelWriteSmall)->Name("BM_JournalWriteSmall/zel")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void plainWriteSmall(benchmark::State& state) {
+    plainWriteFrames(state, makeSmallFrame(), NumSmallFrames);
+}
+BENCHMARK(plainWriteSmall)->Name("BM_JournalWriteSmall/writev")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Reading
+
+std::vector<uint64> randomIndices(uint64 numFrames) {
+    std::mt19937 random(1); // NOLINT: the same in each run
+    std::vector<uint64> indices(NumRandomReads);
+    for (uint64& index : indices)
+        index = random() % numFrames;
+    return indices;
+}
+
+void zelRead(benchmark::State& state) {
+    const ScratchFile file;
+    Recording recording(file.path());
+    recording.write(makeLargeFrame().get(), NumLargeFrames);
+    const ref_ptr<FileFrameReader> reader(new FileFrameReader(recording.session));
+    for (auto _ : state)
+        for (const uint64 index : randomIndices(NumLargeFrames))
+            benchmark::DoNotOptimize(ref_ptr<Frame>(reader->readFrame(index)));
+}
+BENCHMARK(zelRead)->Name("BM_JournalRead/zel")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+/// Header and elements into fresh memory, and the elements copied once more, as a frame holds its own.
+void plainRead(benchmark::State& state) {
+    const ScratchFile file;
+    Recording recording(file.path());
+    recording.write(makeLargeFrame().get(), NumLargeFrames);
+    const int descriptor = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+    require(descriptor >= 0);
+    for (auto _ : state)
+        for (const uint64 index : randomIndices(NumLargeFrames)) {
+            const auto& info = *recording.session->getFrameInfo(index);
+            const std::unique_ptr<char[]> header(new char[info.meta.headerSize]);
+            const std::unique_ptr<char[]> data(new char[info.meta.dataSize]);
+            require(
+                pread(descriptor, header.get(), info.meta.headerSize, static_cast<off_t>(info.headerOffset)) >
+                0);
+            require(pread(descriptor, data.get(), info.meta.dataSize, static_cast<off_t>(info.dataOffset)) >
+                    0);
+            const std::unique_ptr<char[]> copy(new char[info.meta.dataSize]);
+            std::copy_n(data.get(), info.meta.dataSize, copy.get());
+            benchmark::DoNotOptimize(copy.get());
+        }
+    close(descriptor);
+}
+BENCHMARK(plainRead)->Name("BM_JournalRead/pread")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Opening
+
+void recordForOpening(const std::string& path, bool isLarge) {
+    Recording recording(path);
+    const ref_ptr<Frame> frame = isLarge ? makeSmallFrame() : ref_ptr<Frame>(new Frame(0, 0, 0.1));
+    frame->setKeyFrame(true);
+    recording.write(frame.get(), NumFramesToOpen);
+}
+
+void zelOpen(benchmark::State& state) {
+    const ScratchFile file;
+    recordForOpening(file.path(), state.range(0) != 0);
+    for (auto _ : state) {
+        const ref_ptr<FileJournal> journal(new FileJournal(file.path()));
+        require(journal->getSessions().front()->getNumFrames() == NumFramesToOpen);
+    }
+}
+BENCHMARK(zelOpen)->Name("BM_JournalOpen/zel")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+/// From one record to the next.
+void plainOpen(benchmark::State& state) {
+    const ScratchFile file;
+    recordForOpening(file.path(), state.range(0) != 0);
+    for (auto _ : state) {
+        const int descriptor = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+        require(descriptor >= 0);
+        std::vector<zelData::SerializedFrame::BinaryHeader::Frame> records;
+        for (uint64 offset = 10274; records.size() < NumFramesToOpen;) {
+            auto& record = records.emplace_back();
+            require(pread(descriptor, &record, sizeof(record), static_cast<off_t>(offset)) ==
+                    static_cast<ssize_t>(sizeof(record)));
+            offset = (offset + record.headerSize + 31) / 32 * 32 + record.dataSize;
+        }
+        benchmark::DoNotOptimize(records.data());
+        close(descriptor);
+    }
+}
+BENCHMARK(plainOpen)
+    ->Name("BM_JournalOpen/pread")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+} // namespace
+
+int main(int argc, char** argv) {
+    zelCore::init();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    zelCore::shutdown();
+    return 0;
+}
