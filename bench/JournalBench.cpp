@@ -100,6 +100,7 @@ struct Recording {
     void write(Frame* frame, uint64 numFrames) {
         for (uint64 i = 0; i < numFrames; ++i) {
             frame->setIndex(i);
+            frame->setKeyFrame(i % 100 == 0);
             writer->writeFrame(frame);
         }
         writer->endOfStream();
@@ -232,7 +233,6 @@ BENCHMARK(plainRead)->Name("BM_JournalRead/pread")->Unit(benchmark::kMillisecond
 void recordForOpening(const std::string& path, bool isLarge) {
     Recording recording(path);
     const ref_ptr<Frame> frame = isLarge ? makeSmallFrame() : ref_ptr<Frame>(new Frame(0, 0, 0.1));
-    frame->setKeyFrame(true);
     recording.write(frame.get(), NumFramesToOpen);
 }
 

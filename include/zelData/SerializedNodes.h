@@ -87,6 +87,8 @@ public:
     [[nodiscard]] zel::uint64 getOffset() const noexcept { return m_offset; }
     /// Of a node that is to be written: its elements. Of one that was read: the whole segment.
     [[nodiscard]] const BinaryData* getData() const noexcept { return m_data.get(); }
+    /// The full name of the format, for makers of many nodes who know it: it is put together each time.
+    void setFormatName(const zel::Name& name) { m_formatName = name; }
 
 protected:
     DataNode(Type type,
@@ -104,6 +106,7 @@ private:
     zel::uint64 m_numBytes;
     zel::uint64 m_offset;
     zel::ref_ptr<const BinaryData> m_data;
+    zel::Name m_formatName; // empty if nobody has told it
 };
 
 class ZEL_CORE_API SerializedFrame::Value : public DataNode {

@@ -103,7 +103,7 @@ private:
         const uint64 size = format->getSize();
         const zel::ref_ptr<BinaryData> data = view(content, size, value);
         const uint64 offset = place(data, size, size);
-        parent->addChild(new Value(value->getId(), value->getName(), format, offset, data.get()));
+        addNode(parent, new Value(value->getId(), value->getName(), format, offset, data.get()));
     }
 
     void add(Component* parent, const zelData::Buffer* buffer, const zel::Name& name) {
@@ -138,8 +138,17 @@ private:
         const uint64 size = buffer->getElementSize();
         const zel::ref_ptr<BinaryData> data = view(buffer->getPtr(), size * buffer->size(), buffer);
         const uint64 offset = place(data, size, data->getSize());
-        parent->addChild(
-            new Buffer(buffer->getId(), name, buffer->getFormat(), buffer->size(), offset, data.get()));
+        addNode(parent,
+                new Buffer(buffer->getId(), name, buffer->getFormat(), buffer->size(), offset, data.get()));
+    }
+
+    void addNode(Component* parent, DataNode* node) {
+        parent->addChild(node);
+        if (node->getFormat() != m_lastFormat) {
+            m_lastFormat = node->getFormat();
+            m_lastFormatName = m_lastFormat->fullName();
+        }
+        node->setFormatName(m_lastFormatName);
     }
 
     void add(Component* parent, const Frame::PartialBuffer* partial) {
@@ -243,6 +252,8 @@ private:
     SerializedFrame& m_target;
     bool m_serialized;
     uint32 m_depth = 0;
+    const Format* m_lastFormat = nullptr; // most nodes have that of the one ahead
+    zel::Name m_lastFormatName;
 };
 
 SerializedFrame::SerializedFrame(const Frame* frame)

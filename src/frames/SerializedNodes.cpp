@@ -87,7 +87,8 @@ void SerializedFrame::DataNode::writeDataSegment(std::ostream& stream, uint64 ba
 
 void SerializedFrame::DataNode::writeDataNode(ByteStream& stream, NameTable& names) const {
     writeNode(stream, names);
-    stream.write<uint32>(BinaryHeader::getNameId(m_format->fullName(), names));
+    stream.write<uint32>(m_formatName.empty() ? BinaryHeader::getNameId(m_format->fullName(), names)
+                                              : BinaryHeader::getNameId(m_formatName, names));
     writeNumber(stream, m_numBytes);
     writeNumber(stream, m_offset);
 }
