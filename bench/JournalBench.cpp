@@ -97,10 +97,10 @@ struct Recording {
         session->packSceneData(scene);
         writer = new FileFrameWriter(session);
     }
-    void write(Frame* frame, uint64 numFrames) {
+    void write(Frame* frame, uint64 numFrames, uint64 keyEvery = 100) {
         for (uint64 i = 0; i < numFrames; ++i) {
             frame->setIndex(i);
-            frame->setKeyFrame(i % 100 == 0);
+            frame->setKeyFrame(i % keyEvery == 0);
             writer->writeFrame(frame);
         }
         writer->endOfStream();
@@ -195,7 +195,7 @@ std::vector<uint64> randomIndices(uint64 numFrames) {
 void zelRead(benchmark::State& state) {
     const ScratchFile file;
     Recording recording(file.path());
-    recording.write(makeLargeFrame().get(), NumLargeFrames);
+    recording.write(makeLargeFrame().get(), NumLargeFrames, 1); // each is read by itself
     const ref_ptr<FileFrameReader> reader(new FileFrameReader(recording.session));
     for (auto _ : state)
         for (const uint64 index : randomIndices(NumLargeFrames))
@@ -207,7 +207,7 @@ BENCHMARK(zelRead)->Name("BM_JournalRead/zel")->Unit(benchmark::kMillisecond)->U
 void plainRead(benchmark::State& state) {
     const ScratchFile file;
     Recording recording(file.path());
-    recording.write(makeLargeFrame().get(), NumLargeFrames);
+    recording.write(makeLargeFrame().get(), NumLargeFrames, 1); // each is read by itself
     const int descriptor = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
     require(descriptor >= 0);
     for (auto _ : state)
