@@ -1,10 +1,11 @@
-#include <support/Golden.h>
 #include "JournalFixture.h"
 
 #include <zelCore/Version.h>
 #include <zelNet/StructuredMessage.h>
 
 #include <json/value.h>
+
+#include <support/Golden.h>
 
 #include <cstdlib>
 #include <ctime>
