@@ -3,6 +3,7 @@
 #include <zel/Export.h>
 #include <zel/Object.h>
 #include <zel/Path.h>
+#include <zel/String.h>
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelData/Frame.h>
@@ -49,6 +50,18 @@ public:
     bool removeDataBinding(const zel::Path& internalPath, const zel::Path& externalPath);
     bool removeDataBinding(const zel::Path& path) { return removeDataBinding(path, path); }
     void clearDataBindings() { m_dataBindings.clear(); }
+    /// Adds the bindings of an XML file, all or none:
+    ///
+    ///     <DataFrame>
+    ///         <DataBinding path="Sun.mass"/>
+    ///         <DataBinding internal="Sun.planets" external="planets" recursive="true"/>
+    ///     </DataFrame>
+    ///
+    /// A file with another root has none, which is told by a warning.
+    /// @throws std::runtime_error with file and, for a fault in it, the row
+    void loadDataBindings(const zel::String& file);
+    /// The same from a JSON file: {"DataPaths": ["Sun.mass", {"path": "Sun.planets", "recursive": true}]}
+    void loadDataBindingsJSON(const zel::String& file);
     [[nodiscard]] const BindingVector& getDataBindings() const noexcept { return m_dataBindings; }
     /// Whether the first stands ahead of the second: by the text of the internal paths, then of the external
     /// ones.
@@ -58,6 +71,9 @@ protected:
     void setEndOfFile(bool flag) noexcept { m_isEOF.store(flag, std::memory_order_relaxed); }
 
 private:
+    [[nodiscard]] zel::ref_ptr<Frame::DataBinding>
+    makeBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive);
+
     Track* m_track = nullptr;
     SerializedFrame::HeaderFormat m_headerFormat = SerializedFrame::INVALID;
     bool m_threaded;

@@ -31,10 +31,15 @@ void FrameIO::addDataBinding(Frame::DataBinding* binding) {
         (*place)->setRecursive(true);
 }
 
-void FrameIO::addDataBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive) {
-    const zel::ref_ptr<Frame::DataBinding> binding(createDataBinding(internalPath, externalPath));
+zel::ref_ptr<Frame::DataBinding>
+FrameIO::makeBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive) {
+    zel::ref_ptr<Frame::DataBinding> binding(createDataBinding(internalPath, externalPath));
     binding->setRecursive(recursive);
-    addDataBinding(binding.get());
+    return binding;
+}
+
+void FrameIO::addDataBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive) {
+    addDataBinding(makeBinding(internalPath, externalPath, recursive).get());
 }
 
 void FrameIO::addDataBinding(const zel::Path& path, bool recursive) {

@@ -257,25 +257,38 @@ private:
 
 } // namespace
 
-bool checkXml(std::string_view text, XmlFileError& error) {
-    const auto fail = [&](size_t offset, std::string reason) {
-        const auto above = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(offset), '\n');
-        error = {1 + static_cast<size_t>(above), std::move(reason)};
-        return false;
-    };
+namespace {
+
+bool failAt(std::string_view text, size_t offset, std::string reason, XmlFileError& error) {
+    const auto above = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(offset), '\n');
+    error = {1 + static_cast<size_t>(above), std::move(reason)};
+    return false;
+}
+
+} // namespace
+
+bool checkText(std::string_view text, XmlFileError& error) {
     if (text.empty())
-        return fail(0, "the file is empty");
+        return failAt(text, 0, "the file is empty", error);
     if (isUtf16(text))
-        return fail(0, "the text is UTF-16; it must be saved as UTF-8");
+        return failAt(text, 0, "the text is UTF-16; it must be saved as UTF-8", error);
     const size_t bad = firstBadByte(text);
-    if (bad != None && text[bad] == '\0')
-        return fail(bad, "there is a NUL byte, which is no text");
-    if (bad != None)
-        return fail(bad,
-                    String::format("the byte 0x%02X is not UTF-8; the text must be saved as UTF-8",
-                                   static_cast<unsigned>(static_cast<unsigned char>(text[bad]))));
+    if (bad == None)
+        return true;
+    if (text[bad] == '\0')
+        return failAt(text, bad, "there is a NUL byte, which is no text", error);
+    return failAt(text,
+                  bad,
+                  String::format("the byte 0x%02X is not UTF-8; the text must be saved as UTF-8",
+                                 static_cast<unsigned>(static_cast<unsigned char>(text[bad]))),
+                  error);
+}
+
+bool checkXml(std::string_view text, XmlFileError& error) {
+    if (!checkText(text, error))
+        return false;
     StructureCheck structure(text);
-    return structure.run() || fail(structure.offset(), structure.reason());
+    return structure.run() || failAt(text, structure.offset(), structure.reason(), error);
 }
 
 } // namespace zel

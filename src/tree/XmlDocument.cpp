@@ -21,7 +21,10 @@ namespace zel {
 namespace {
 
 constexpr size_t MaximumSize = size_t{64} << 20;
-bool readChecked(const String& file, std::string& text, XmlFileError& error) {
+
+} // namespace
+
+bool readTextFile(const String& file, std::string& text, XmlFileError& error) {
     // A pipe would be waited for.
     struct ::stat data {};
     if (zelIO::FileSystem::stat(file, data) && !S_ISREG(data.st_mode)) {
@@ -46,11 +49,9 @@ bool readChecked(const String& file, std::string& text, XmlFileError& error) {
     return error.reason.empty();
 }
 
-} // namespace
-
 std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& error) {
     std::string text;
-    if (!readChecked(file, text, error))
+    if (!readTextFile(file, text, error))
         return nullptr;
     return parseXmlText(text, file, error);
 }

@@ -15,6 +15,10 @@ struct XmlFileError {
     std::string reason;
 };
 
+/// Reads the text of a regular file of at most 64 MiB.
+/// @return false, with the reason in `error`, if that fails
+[[nodiscard]] bool readTextFile(const String& file, std::string& text, XmlFileError& error);
+
 /// Reads an XML document. Refuses files above 64 MiB and elements nested more than 512 deep.
 /// @return null, with the reason in `error`, if that fails
 [[nodiscard]] std::unique_ptr<TiXmlDocument> parseXmlFile(const String& file, XmlFileError& error);

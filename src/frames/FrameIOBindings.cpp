@@ -1,0 +1,169 @@
+#include "tree/XmlCheck.h"
+#include "tree/XmlDocument.h"
+#include "tree/XmlPlace.h"
+
+#include <zel/Exception.h>
+#include <zel/Log.h>
+#include <zel/XmlLoader.h>
+#include <zelData/FrameIO.h>
+
+#include <json/reader.h>
+#include <json/value.h>
+#include <tinyxml.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+// Bindings that stand in files.
+
+namespace zelData {
+
+namespace {
+
+[[noreturn]] void throwUnreadable(const zel::String& file, const zel::XmlFileError& error) {
+    if (error.row == 0)
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("Could not load file '%s': %s", file.c_str(), error.reason.c_str()));
+    ZEL_THROW(std::runtime_error,
+              zel::String::format("[%s:%u] XML error: %s. Error at row %llu\nFile: %s",
+                                  __FILE__,
+                                  static_cast<unsigned>(__LINE__),
+                                  error.reason.c_str(),
+                                  static_cast<unsigned long long>(error.row),
+                                  file.c_str()));
+}
+
+zel::Path pathOf(const TiXmlElement* element, const char* attribute) {
+    const std::string* text = element->Attribute(std::string(attribute));
+    if (text == nullptr)
+        ZEL_XML_ERROR(element, zel::String::format("Could not locate attribute '%s'", attribute));
+    const zel::Path path(*text);
+    if (path.empty() || text->find('\0') != std::string::npos)
+        ZEL_XML_ERROR(element, zel::String::format("Unable to parse attribute %s", attribute));
+    return path;
+}
+
+bool has(const TiXmlElement* element, const char* attribute) {
+    return element->Attribute(attribute) != nullptr;
+}
+
+// JSON
+
+[[noreturn]] void throwUnloadable(const zel::String& file, const std::string& reason) {
+    ZEL_THROW(std::runtime_error,
+              zel::String::format("Unable to load document '%s', error: %s", file.c_str(), reason.c_str()));
+}
+
+/// A document, and the places of the values in it.
+class JsonDocument {
+public:
+    explicit JsonDocument(const zel::String& file) : m_file(file) {
+        zel::XmlFileError error;
+        if (!zel::readTextFile(file, m_text, error))
+            throwUnloadable(file, error.reason);
+        if (!zel::checkText(m_text, error))
+            throwUnloadable(file, "row " + std::to_string(error.row) + ": " + error.reason);
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["failIfExtra"] = true;
+        builder["rejectDupKeys"] = true;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        std::string fault;
+        bool isRead = false;
+        try {
+            isRead = reader->parse(m_text.data(), m_text.data() + m_text.size(), &m_root, &fault);
+        } catch (const std::exception& exception) { // nested too deep
+            fault = exception.what();
+        }
+        while (fault.ends_with('\n'))
+            fault.pop_back();
+        if (!isRead)
+            throwUnloadable(file, fault);
+    }
+
+    [[nodiscard]] const Json::Value& root() const { return m_root; }
+    [[noreturn]] void fail(const Json::Value& value, const std::string& reason) const {
+        throwUnloadable(m_file, "row " + std::to_string(rowOf(value)) + ": " + reason);
+    }
+    [[nodiscard]] zel::Path pathOf(const Json::Value& value) const {
+        const std::string text = value.asString();
+        const zel::Path path(text);
+        if (path.empty() || text.find('\0') != std::string::npos)
+            fail(value, "a data path is empty, or holds a NUL");
+        return path;
+    }
+
+private:
+    [[nodiscard]] std::ptrdiff_t rowOf(const Json::Value& value) const {
+        const auto offset = static_cast<std::size_t>(std::max<std::ptrdiff_t>(value.getOffsetStart(), 0));
+        const auto end = m_text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, m_text.size()));
+        return 1 + std::count(m_text.begin(), end, '\n');
+    }
+
+    zel::String m_file;
+    std::string m_text;
+    Json::Value m_root;
+};
+
+} // namespace
+
+void FrameIO::loadDataBindings(const zel::String& file) {
+    zel::XmlFileError error;
+    const std::unique_ptr<TiXmlDocument> document = zel::parseXmlFile(file, error);
+    if (!document)
+        throwUnreadable(file, error);
+    const TiXmlElement* root = document->RootElement();
+    if (root == nullptr || root->ValueStr() != "DataFrame") {
+        ZEL_LOG_WARNING("The file '" << file << "' holds no data bindings: its root is not 'DataFrame'");
+        return;
+    }
+    BindingVector bindings;
+    for (const TiXmlElement* element = root->FirstChildElement(); element != nullptr;
+         element = element->NextSiblingElement()) {
+        if (element->ValueStr() != "DataBinding") {
+            zel::warnAt(element, "'" + element->ValueStr() + "' is no 'DataBinding' and is passed over");
+            continue;
+        }
+        const bool isPair = has(element, "internal") || has(element, "external");
+        if (isPair && has(element, "path"))
+            ZEL_XML_ERROR(element, "A data binding has either 'path' or the pair 'internal' and 'external'");
+        const zel::Path internalPath = pathOf(element, isPair ? "internal" : "path");
+        const zel::Path externalPath = isPair ? pathOf(element, "external") : internalPath;
+        const bool recursive = has(element, "recursive") && zel::parseAttribute<bool>(element, "recursive");
+        bindings.push_back(makeBinding(internalPath, externalPath, recursive));
+    }
+    for (const zel::ref_ptr<Frame::DataBinding>& binding : bindings)
+        addDataBinding(binding.get());
+}
+
+void FrameIO::loadDataBindingsJSON(const zel::String& file) {
+    const JsonDocument document(file);
+    const Json::Value& root = document.root();
+    if (!root.isObject())
+        document.fail(root, "the document is no object with an array 'DataPaths'");
+    if (!root.isMember("DataPaths")) {
+        ZEL_LOG_WARNING("The file '" << file << "' holds no data bindings: it has no 'DataPaths'");
+        return;
+    }
+    const Json::Value& entries = root["DataPaths"];
+    if (!entries.isArray())
+        document.fail(entries, "'DataPaths' is no array");
+    BindingVector bindings;
+    for (const Json::Value& entry : entries) {
+        const Json::Value& path = entry.isObject() ? entry["path"] : entry;
+        if (!path.isString())
+            document.fail(entry, "a data path is a text, or an object with a text 'path'");
+        const bool hasFlag = entry.isObject() && entry.isMember("recursive");
+        if (hasFlag && !entry["recursive"].isBool())
+            document.fail(entry["recursive"], "'recursive' is neither true nor false");
+        const zel::Path name = document.pathOf(path);
+        bindings.push_back(makeBinding(name, name, hasFlag && entry["recursive"].asBool()));
+    }
+    for (const zel::ref_ptr<Frame::DataBinding>& binding : bindings)
+        addDataBinding(binding.get());
+}
+
+} // namespace zelData
