@@ -1,4 +1,5 @@
 #include "FrameNames.h"
+#include "FrameOverlay.h"
 
 #include <zel/Exception.h>
 #include <zel/HashSet.h>
@@ -30,7 +31,8 @@ const Format* formatOf(const zel::Object* node) {
     return buffer == nullptr ? nullptr : buffer->getFormat();
 }
 
-/// Writes the elements of a partial buffer to their places in the whole.
+} // namespace
+
 void scatter(const Frame::PartialBuffer* source, Buffer* target) {
     const Buffer* data = source->getDataBuffer();
     if (target->size() != source->getFullSize())
@@ -43,8 +45,6 @@ void scatter(const Frame::PartialBuffer* source, Buffer* target) {
     }
     target->commit();
 }
-
-} // namespace
 
 Frame::MergeException::MergeException(const zel::Object* node, const zel::Object* collisionNode)
     : std::runtime_error("MergeException"), m_node(node), m_collisionNode(collisionNode) {}

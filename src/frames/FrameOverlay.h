@@ -1,11 +1,15 @@
 #pragma once
 
-namespace zelData {
+#include <zelData/FrameNodes.h>
 
-class Frame;
+namespace zelData {
 
 /// Applies a newer frame onto an older one, as time did: what the newer one holds wins, elements of partial
 /// buffers included, and the header becomes the newer one's.
 void overlay(Frame* target, const Frame* newer);
+
+/// Writes the elements of a partial buffer to their places in the whole, which gets its full size, or more
+/// where a place lies beyond it, and commits.
+void scatter(const Frame::PartialBuffer* source, Buffer* target);
 
 } // namespace zelData
