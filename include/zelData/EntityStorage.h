@@ -189,6 +189,15 @@ public:
     /// For readers that replace all content: sets size and capacity; buffers keep their memory if only the
     /// capacity changes.
     void keyFrameResize(zel::uint64 size, zel::uint64 capacity);
+    /// For readers of frames: brings the storage back to a size, a capacity and a table of ids that it, or
+    /// one like it, had. The same ids are alive at the same indices as then, and the ids that are created
+    /// next are those that would have been created then. Of the columns, new elements get default values, for
+    /// the reader to write over; columns of a storage that shares them are resized, too. No event tells of
+    /// it, no instance is constructed, and a size that is bound is not written.
+    /// @param idToIndex  the index of each id below the capacity, free ids included: those from `size` on
+    /// @throws std::runtime_error, with nothing changed, if not each index below the capacity is that of one
+    ///     id; else as resize
+    void restoreInstances(zel::uint64 size, const zel::VectorPOD<zel::uint32>& idToIndex);
 
     /// Kernels have filled the storage, and its columns have got memory for `capacity` instances: makes the
     /// ids of the new ones. Size and capacity values follow when the batch is committed.
@@ -385,7 +394,8 @@ private:
     [[nodiscard]] bool resizeColumns(zel::uint64 n, bool initialize);
     void setSize(zel::uint64 n);
     void changeCapacity(zel::uint64 n);
-    void setCapacity(zel::uint64 capacity);
+    void setCapacity(zel::uint64 capacity, bool family);
+    void verifyTable(zel::uint64 size, const zel::VectorPOD<zel::uint32>& idToIndex) const;
     void showSize(zel::uint64 n);
     void showCapacity(zel::uint64 n);
     void syncViews();

@@ -388,17 +388,80 @@ void EntityStorage::keyFrameResize(zel::uint64 size, zel::uint64 capacity) {
     if (size < m_capacity)
         resize(size, true);
     if (capacity != m_capacity)
-        setCapacity(capacity);
+        setCapacity(capacity, true);
     if (size != m_size)
         resize(size, false);
 }
 
-/// Gives this storage, and all that share its columns, another capacity. The columns keep their memory; the
-/// tables of ids are whole at any time, whatever the key frame brings next.
-void EntityStorage::setCapacity(zel::uint64 capacity) {
+void EntityStorage::restoreInstances(zel::uint64 size, const zel::VectorPOD<zel::uint32>& idToIndex) {
+    zelVerifyN(
+        m_instanceBuffer && m_idToIndexBuffer, "%s: the storage has no table of ids", getPath().c_str());
+    zelVerifyN(!isBatchOpen(), "%s: a batch is open", getPath().c_str());
+    verifyNoPermutation();
+    const zel::uint64 capacity = idToIndex.size();
+    verifyTable(size, idToIndex);
+    const Operation operation(*this);
+    hold();
+    zel::FirstException failure;
+    forEachRelative([&](EntityStorage* storage) {
+        if (storage != this && storage->m_capacity < size)
+            storage->reserve(size);
+    });
+    const auto changeCapacity = [&] {
+        failure.run([&] { setCapacity(capacity, false); });
+        if (m_capacity != capacity)
+            failure.rethrow();
+    };
+    if (capacity > m_capacity)
+        changeCapacity();
+    const zel::uint64 old = m_size;
+    const bool isHeard = resizeColumns(size, true);
+    setSize(size);
+    if (capacity != m_capacity)
+        changeCapacity();
+    for (zel::uint64 id = 0; id < capacity; ++id) {
+        m_idToIndexPtr[id] = idToIndex[id];
+        m_instancePtr[idToIndex[id]] = EntityPtr(this, static_cast<zel::uint32>(id));
+    }
+    syncViews();
+    forEachRelative([&failure](EntityStorage* storage) {
+        // One that follows another value stays with it.
+        if (storage->m_sizeValue->getBinding() == nullptr)
+            failure.run([storage] { storage->showSize(storage->m_size); });
+    });
+    if (isHeard && old != size)
+        tellColumns(old, size, false, failure);
+    for (Buffer* buffer : {m_instanceBuffer.get(), m_idToIndexBuffer.get()})
+        failure.run([buffer] { buffer->commit(); });
+    failure.rethrow();
+}
+
+/// Each index must be that of one id.
+void EntityStorage::verifyTable(zel::uint64 size, const zel::VectorPOD<zel::uint32>& idToIndex) const {
+    zel::VectorPOD<bool> isTaken(idToIndex.size());
+    bool isWhole = size <= idToIndex.size() && idToIndex.size() <= MaximumCapacity;
+    for (zel::uint64 id = 0; isWhole && id < idToIndex.size(); ++id) {
+        isWhole = idToIndex[id] < idToIndex.size() && !isTaken[idToIndex[id]];
+        if (isWhole)
+            isTaken[idToIndex[id]] = true;
+    }
+    if (!isWhole)
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("%s: the table of ids is none of a storage of %llu instances",
+                                      getPath().c_str(),
+                                      static_cast<unsigned long long>(size)));
+}
+
+/// Gives this storage another capacity. The columns keep their memory; the tables of ids are whole at any
+/// time, whatever the key frame brings next.
+/// @param family  whether all that share its columns get it, too
+void EntityStorage::setCapacity(zel::uint64 capacity, bool family) {
+    const auto changes = [this, family](const EntityStorage* storage) { return family || storage == this; };
     zel::VectorPOD<zel::uint64> capacities;
     try {
-        forEachRelative([capacity](EntityStorage* storage) {
+        forEachRelative([&](EntityStorage* storage) {
+            if (!changes(storage))
+                return;
             storage->provideIds(capacity);
             if (storage->m_instanceBuffer && storage->m_capacity < capacity) {
                 storage->m_instanceBuffer->reserveColumn(capacity);
@@ -406,7 +469,7 @@ void EntityStorage::setCapacity(zel::uint64 capacity) {
             }
         });
         forEachOwnBuffer([&](Buffer* buffer) {
-            if (buffer == buffer->getStorage()->m_instanceBuffer)
+            if (!changes(buffer->getStorage()) || buffer == buffer->getStorage()->m_instanceBuffer)
                 return;
             capacities.push_back(buffer->capacity());
             buffer->keyFrameReserve(capacity);
@@ -414,6 +477,8 @@ void EntityStorage::setCapacity(zel::uint64 capacity) {
     } catch (...) {
         zel::uint64 i = 0;
         forEachOwnBuffer([&](Buffer* buffer) {
+            if (!changes(buffer->getStorage()))
+                return;
             if (buffer == buffer->getStorage()->m_instanceBuffer)
                 buffer->restoreColumn(buffer->size(), buffer->getStorage()->m_capacity, false);
             else if (i < capacities.size())
@@ -424,6 +489,8 @@ void EntityStorage::setCapacity(zel::uint64 capacity) {
     }
     zel::FirstException failure;
     forEachRelative([&](EntityStorage* storage) {
+        if (!changes(storage))
+            return;
         const zel::uint64 old = std::exchange(storage->m_capacity, capacity);
         if (storage->m_instanceBuffer) {
             failure.run([storage, capacity] {
