@@ -3,7 +3,6 @@
 #include "FrameWalk.h"
 
 #include <zel/Clock.h>
-#include <zel/Log.h>
 #include <zel/Verify.h>
 #include <zelData/FrameCapture.h>
 
@@ -21,11 +20,7 @@ FrameCapture::FrameCapture(zel::Component* root)
 FrameCapture::~FrameCapture() = default;
 
 void FrameCapture::omit(const zel::Path& path, const zel::String& reason) {
-    zel::String text = zel::String::format("'%s' is not recorded: %s", path.c_str(), reason.c_str());
-    if (m_omissions.contains(text))
-        return;
-    ZEL_LOG_WARNING(text);
-    m_omissions.push_back(std::move(text));
+    noteOmission(m_omissions, path, "recorded", reason);
 }
 
 zel::ref_ptr<Frame> FrameCapture::capture(zel::uint64 index, double timeStamp, double timeStep) {

@@ -2,6 +2,7 @@
 
 #include "ElementForm.h"
 
+#include <zel/Log.h>
 #include <zel/Model.h>
 #include <zelData/Buffer.h>
 #include <zelData/EntityData.h>
@@ -13,6 +14,7 @@
 #include <zelData/ValueT.h>
 
 #include <string_view>
+#include <utility>
 
 namespace zelData {
 
@@ -97,6 +99,17 @@ Recordable recordableOf(zel::Component* parent, zel::Object* object) {
     if (result.kind == RecordKind::Component && !holdsData(static_cast<zel::Component*>(object)))
         return {};
     return {RecordKind::Omitted, result.format, std::move(fault)};
+}
+
+void noteOmission(zel::Vector<zel::String>& list,
+                  const zel::Path& path,
+                  const char* verb,
+                  const zel::String& reason) {
+    zel::String text = zel::String::format("'%s' is not %s: %s", path.c_str(), verb, reason.c_str());
+    if (list.contains(text))
+        return;
+    ZEL_LOG_WARNING(text);
+    list.push_back(std::move(text));
 }
 
 } // namespace zelData

@@ -2,7 +2,9 @@
 
 #include <zel/Component.h>
 #include <zel/Integers.h>
+#include <zel/Path.h>
 #include <zel/String.h>
+#include <zel/Vector.h>
 
 namespace zelData {
 
@@ -26,5 +28,11 @@ struct Recordable {
 
 /// @param parent  the component whose child the object is; null for one that is looked at by itself
 [[nodiscard]] Recordable recordableOf(zel::Component* parent, zel::Object* object);
+
+/// Enters "'PATH' is not VERB: REASON", with a warning, unless the list has it.
+void noteOmission(zel::Vector<zel::String>& list,
+                  const zel::Path& path,
+                  const char* verb,
+                  const zel::String& reason);
 
 } // namespace zelData
