@@ -116,7 +116,7 @@ public:
     [[nodiscard]] zel::uint64 getFirstRow() const noexcept { return m_firstRow; }
 
 protected:
-    explicit Track(const zel::Path& path);
+    explicit Track(const zel::Path& path) : m_path(path) {}
 
 private:
     friend class FrameTranspose;
@@ -139,7 +139,6 @@ private:
     void clear();
 
     zel::Path m_path;
-    zel::Vector<zel::Name> m_names; // the parts of the path
     zel::ref_ptr<Buffer> m_buffer;
     zel::uint64 m_firstRow = zel::InvalidIndex;
     const Format* m_format = nullptr; // of the buffer
@@ -152,7 +151,13 @@ private:
 
 class ZEL_CORE_API FrameTranspose::ValueTrack : public FrameTranspose::Track {
 public:
-    explicit ValueTrack(const zel::Path& path) : Track(path) {}
+    explicit ValueTrack(const zel::Path& path);
+    ~ValueTrack() override;
+
+private:
+    friend class FrameTranspose;
+
+    zel::Vector<zel::Name> m_names; // the parts of the path
 };
 
 /// An attribute with several elements for each instance gives as many for each row.

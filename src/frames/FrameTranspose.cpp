@@ -30,9 +30,8 @@ namespace {
 
 using zel::uint64;
 
-/// For each track, at first and at most.
-constexpr uint64 FirstGatheredBytes = 512;
-constexpr uint64 GatheredBytes = 16384;
+/// For each track: those of a thousand tracks stay in the cache.
+constexpr uint64 GatheredBytes = 1024;
 
 void append(Buffer* buffer, const void* element) {
     const uint64 size = buffer->size();
@@ -176,9 +175,11 @@ private:
 
 // Tracks
 
-FrameTranspose::Track::Track(const zel::Path& path) : m_path(path), m_names(namesOf(path)) {}
-
 FrameTranspose::Track::~Track() = default;
+
+FrameTranspose::ValueTrack::ValueTrack(const zel::Path& path) : Track(path), m_names(namesOf(path)) {}
+
+FrameTranspose::ValueTrack::~ValueTrack() = default;
 
 FrameTranspose::AttributeTrack::~AttributeTrack() = default;
 
@@ -202,7 +203,7 @@ void FrameTranspose::Track::appendSlowly(const Format* format,
         m_elementSize = format->getSize();
         m_firstRow = row;
         m_numElements = numElements;
-        m_gathered.resize(m_buffer->hasPlainElements() ? FirstGatheredBytes : 0);
+        m_gathered.resize(m_buffer->hasPlainElements() ? GatheredBytes : 0);
         if (numElements != 1) {
             const zel::ref_ptr<Value> count(new ValueT<uint64>("elementArraySize", numElements));
             m_buffer->setElementArraySize(count.get());
@@ -215,17 +216,11 @@ void FrameTranspose::Track::appendSlowly(const Format* format,
                                       m_format->fullName().c_str(),
                                       format->fullName().c_str()));
     const uint64 numBytes = numElements * m_elementSize;
-    if (m_buffer->hasPlainElements() && m_numGathered + numBytes > m_gathered.size()) {
-        if (m_gathered.size() < GatheredBytes)
-            m_gathered.resize(m_gathered.size() * 4);
-        else
-            flush();
-    }
-    if (m_numGathered + numBytes <= m_gathered.size()) {
+    flush();
+    if (numBytes <= m_gathered.size()) {
         append(format, elements, numElements, row);
         return;
     }
-    flush();
     const uint64 size = m_buffer->size();
     m_buffer->resize(size / numElements + 1);
     format->copyElements(m_buffer->getElement(size), elements, numElements);
@@ -236,8 +231,8 @@ void FrameTranspose::Track::flush() {
         return;
     const uint64 size = m_buffer->size();
     const uint64 numRows = (size + m_numGathered / m_elementSize) / m_numElements;
-    if (size == 0)
-        m_buffer->reserve(numRows); // exactly: most series end here
+    if (numRows * m_numElements > m_buffer->capacity() && size != 0)
+        m_buffer->reserve(2 * numRows);
     m_buffer->resize(numRows, false);
     std::memcpy(m_buffer->getElement(size), m_gathered.data(), m_numGathered);
     m_numGathered = 0;
