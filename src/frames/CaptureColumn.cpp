@@ -65,6 +65,11 @@ void gather(zel::HashTable<const EntityStorage*, uint32>& ids, const EntityModel
 
 // Pieces
 
+void CapturePiece::provide(uint64 n) {
+    if (changed.size() < numChanged + n)
+        changed.resize(std::max(numChanged + n, 2 * changed.size()));
+}
+
 CapturePiece& CapturePieces::add(CaptureColumn* column, uint64 begin, uint64 end) {
     if (m_size == m_pieces.size())
         m_pieces.push_back(std::make_unique<CapturePiece>());
@@ -197,11 +202,13 @@ void CaptureColumn::startCompare(CapturePieces& pieces) {
         m_elements->startCompare(pieces);
 }
 
-template <typename Compare>
-void CaptureColumn::listChanged(CapturePiece& piece, const Compare& differs) {
-    for (uint64 i = piece.begin; i < piece.end; ++i)
-        if (differs(i))
-            piece.changed[piece.numChanged++] = static_cast<uint32>(i - piece.begin);
+void CaptureColumn::compareTexts(CapturePiece& piece) {
+    for (uint64 i = piece.begin; i < piece.end; ++i) {
+        if (textAt(i) == m_texts[i])
+            continue;
+        piece.provide(1);
+        piece.changed[piece.numChanged++] = static_cast<uint32>(i - piece.begin);
+    }
 }
 
 void CaptureColumn::compare(CapturePiece& piece) {
@@ -211,10 +218,8 @@ void CaptureColumn::compare(CapturePiece& piece) {
     if (piece.begin >= m_shadowSize) {
         piece.numChanged = piece.end - piece.begin; // all of them, without a list
     } else {
-        if (piece.changed.size() < piece.end - piece.begin)
-            piece.changed.resize(piece.end - piece.begin);
         if (m_form == ElementForm::Text)
-            listChanged(piece, [this](uint64 i) { return textAt(i) != m_texts[i]; });
+            compareTexts(piece);
         else
             comparePlain(piece);
     }
@@ -226,8 +231,10 @@ void CaptureColumn::comparePlain(CapturePiece& piece) {
     const uint64 step = std::max<uint64>(BlockBytes / std::max<uint64>(m_elementSize, 1), 1);
     for (uint64 begin = piece.begin; begin < piece.end; begin += step) {
         const uint64 end = std::min(piece.end, begin + step);
-        if (std::memcmp(live(begin), shadow(begin), (end - begin) * m_elementSize) != 0)
-            compareBlock(piece, begin, end);
+        if (std::memcmp(live(begin), shadow(begin), (end - begin) * m_elementSize) == 0)
+            continue;
+        piece.provide(end - begin);
+        compareBlock(piece, begin, end);
     }
 }
 

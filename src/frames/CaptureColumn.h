@@ -30,6 +30,9 @@ struct CapturePiece {
     zel::uint64 offset = 0; // of the changed ones among those of the column
     zel::uint64 numChanged = 0;
     zel::VectorPOD<zel::uint32> changed; // counted from begin; longer than that, from earlier frames
+
+    /// Makes room for that many more in the list.
+    void provide(zel::uint64 n);
 };
 
 /// Pieces, whose memory stays from frame to frame.
@@ -125,8 +128,7 @@ private:
     [[nodiscard]] std::string_view textAt(zel::uint64 i) const;
     void takeHandles(const void* data, StorageIds& storages);
     void takeArrays(const void* data, Buffer* elements, StorageIds& storages, const Complaint& complaint);
-    template <typename Compare>
-    void listChanged(CapturePiece& piece, const Compare& differs);
+    void compareTexts(CapturePiece& piece);
     void comparePlain(CapturePiece& piece);
     void compareBlock(CapturePiece& piece, zel::uint64 begin, zel::uint64 end);
     void copyElements(zel::uint64 target, zel::uint64 begin, zel::uint64 n);
