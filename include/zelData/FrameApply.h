@@ -49,8 +49,8 @@ public:
     explicit FrameApply(zel::Component* root);
     ~FrameApply() override;
 
-    /// @throws std::runtime_error  for a table of ids that is none; nothing is written then. What listeners
-    ///     throw, the first of them once all is written
+    /// @throws std::runtime_error  for a table of ids that is none: storages ahead of it are as the frame tells
+    ///     then, and nothing else is written. What listeners throw, the first of them once all is written
     void writeFrame(const Frame* frame) override;
 
     /// What has not been written, one entry for each: "'PATH' is not replayed: REASON", with the path in the
