@@ -305,14 +305,13 @@ void CaptureColumn::decide(bool isKeyFrame, bool followedChanged, const CaptureP
     const bool isArray = m_form == ElementForm::Array;
     if (isKeyFrame)
         m_wasTold = false;
-    if (m_size == 0)
+    const bool mustBeWhole = isKeyFrame || !m_wasTold || (!m_follows && followedChanged);
+    const bool isSame =
+        numChanged == 0 && (m_follows || m_size == m_shadowSize) &&
+        !(m_elements && (m_elements->hasChanged() || m_elements->m_size != m_elements->m_shadowSize));
+    if (m_size == 0 || (isSame && !mustBeWhole))
         m_mode = Mode::Nothing;
-    else if (isKeyFrame || !m_wasTold || (!m_follows && followedChanged))
-        m_mode = Mode::Whole;
-    else if (numChanged == 0 && (m_follows || m_size == m_shadowSize) &&
-             !(m_elements && (m_elements->hasChanged() || m_elements->m_size != m_elements->m_shadowSize)))
-        m_mode = Mode::Nothing;
-    else if (numChanged == 0 || numChanged * 2 >= m_size || isArray)
+    else if (mustBeWhole || numChanged == 0 || numChanged * 2 >= m_size || isArray)
         m_mode = Mode::Whole;
     else
         m_mode = Mode::Part;
@@ -448,7 +447,7 @@ void CaptureColumn::copy(const CapturePiece& piece) {
 uint64 CaptureColumn::getMemory() const {
     uint64 sum = m_shadow.capacity() + m_numbers.capacity() + (m_elements ? m_elements->getMemory() : 0);
     for (const std::string& text : m_texts)
-        sum += sizeof text + text.capacity();
+        sum += sizeof(std::string) + text.capacity();
     for (const zel::ref_ptr<Buffer>& buffer : m_buffers)
         sum += buffer->capacity() * m_elementSize;
     return sum;

@@ -22,8 +22,8 @@ using Batch = SerializedFrame::StorageBatchEvent;
 
 /// What stands for a storage in a frame that nobody follows.
 EntityStorage* numberOf(const EntityStorage* storage) {
-    return reinterpret_cast<EntityStorage*>(
-        uint64{static_cast<const zel::Object*>(storage)->getId()}); // NOLINT
+    const uint64 id = static_cast<const zel::Object*>(storage)->getId();
+    return reinterpret_cast<EntityStorage*>(id); // NOLINT(performance-no-int-to-ptr)
 }
 
 bool isReady(zel::Object* object) {

@@ -1,3 +1,4 @@
+#include "JournalMeta.h"
 #include "files/DiskFile.h"
 
 #include <zel/Exception.h>
@@ -22,8 +23,6 @@ using zelIO::DiskFile;
 
 namespace {
 
-constexpr uint64 DataAlignment = 32;
-
 /// What stands between the header and the elements, and between those: up to 127 of these.
 constexpr std::array<zel::uint8, 128> Zeros{};
 
@@ -38,7 +37,8 @@ public:
         m_shortPieces.reset(new zel::uint8[2 * ShortPiece * (1 + segments.size())]);
         m_shortEnd = m_shortPieces.get();
         add(header->getData(), header->getSize());
-        fillTo((m_end + DataAlignment - 1) / DataAlignment * DataAlignment);
+        fillTo((m_end + JournalMeta::DataAlignment - 1) / JournalMeta::DataAlignment *
+               JournalMeta::DataAlignment);
         m_dataOffset = m_end;
         for (const SerializedFrame::BinarySegment& segment : segments) {
             fillTo(m_dataOffset + segment.offset);

@@ -173,7 +173,7 @@ void Session::endWriting() {
 // The scene
 
 zel::String Session::getCustomFilesPath(bool create) {
-    const zel::String path =
+    zel::String path =
         FileSystem::getPath(m_path) + "/" + FileSystem::getFileWithoutExtension(m_path) + ".files";
     if (create)
         FileSystem::mkdir(path, true);

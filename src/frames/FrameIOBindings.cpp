@@ -40,7 +40,7 @@ zel::Path pathOf(const TiXmlElement* element, const char* attribute) {
     const std::string* text = element->Attribute(std::string(attribute));
     if (text == nullptr)
         ZEL_XML_ERROR(element, zel::String::format("Could not locate attribute '%s'", attribute));
-    const zel::Path path(*text);
+    zel::Path path(*text);
     if (path.empty() || text->find('\0') != std::string::npos)
         ZEL_XML_ERROR(element, zel::String::format("Unable to parse attribute %s", attribute));
     return path;
@@ -90,7 +90,7 @@ public:
     }
     [[nodiscard]] zel::Path pathOf(const Json::Value& value) const {
         const std::string text = value.asString();
-        const zel::Path path(text);
+        zel::Path path(text);
         if (path.empty() || text.find('\0') != std::string::npos)
             fail(value, "a data path is empty, or holds a NUL");
         return path;

@@ -27,7 +27,7 @@ namespace {
 
 /// The header of a frame without nodes and events.
 constexpr uint64 SmallestHeader = 96;
-constexpr uint64 DataAlignment = 32;
+constexpr uint64 DataAlignment = JournalMeta::DataAlignment;
 constexpr uint64 LargestOffset = static_cast<uint64>(std::numeric_limits<zel::int64>::max());
 
 /// Reads records one behind the other: each alone where frames are large, many at once where they are small.
@@ -271,8 +271,11 @@ uint64 Session::refresh() {
         const FrameInfo& last = m_frameTable.back();
         DiskFile file(m_path, DiskFile::Mode::Read);
         Record record{};
-        goesOn = file.isOpen() && file.readAt(last.headerOffset, &record, sizeof(record)) &&
-                 std::memcmp(&record, &last.meta, sizeof(record)) == 0 && m_frameHead > last.headerOffset;
+        // Both come from the file: bytes that are equal.
+        // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+        const auto isLast = [&] { return std::memcmp(&record, &last.meta, sizeof(record)) == 0; };
+        goesOn = file.isOpen() && file.readAt(last.headerOffset, &record, sizeof(record)) && isLast() &&
+                 m_frameHead > last.headerOffset;
     }
     const zel::Name name = getName();
     load(meta.document.RootElement());

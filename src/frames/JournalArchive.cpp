@@ -16,8 +16,6 @@
 
 namespace zelData {
 
-using Session = JournalArchive::Session;
-
 JournalArchive::~JournalArchive() {
     for (const auto& entry : m_sessions)
         entry.value->m_journal = nullptr;
@@ -32,14 +30,14 @@ zel::Vector<zel::Name> JournalArchive::listSessionNames() const {
     return names;
 }
 
-zel::Vector<Session*> JournalArchive::getSessions() const {
+zel::Vector<JournalArchive::Session*> JournalArchive::getSessions() const {
     zel::Vector<Session*> sessions;
     for (const zel::Name& name : listSessionNames())
         sessions.push_back(getSession(name));
     return sessions;
 }
 
-Session* JournalArchive::getSession(const zel::Name& name) const {
+JournalArchive::Session* JournalArchive::getSession(const zel::Name& name) const {
     const auto entry = m_sessions.find(name);
     return entry == m_sessions.end() ? nullptr : entry->value.get();
 }
@@ -115,7 +113,7 @@ bool JournalArchive::transferSession(Session* session, JournalArchive* target) {
 
 // Session
 
-Session::Session(const zel::Name& name, JournalArchive* journal)
+JournalArchive::Session::Session(const zel::Name& name, JournalArchive* journal)
     : m_journal(journal)
     , m_name(name)
     , m_date(zel::Date::now())
@@ -124,21 +122,21 @@ Session::Session(const zel::Name& name, JournalArchive* journal)
     , m_versionString(zelCore::zelGetVersion(true))
     , m_versionNumber(zelCore::zelGetVersionNumber()) {}
 
-Session::~Session() = default;
+JournalArchive::Session::~Session() = default;
 
-bool Session::copyTo(JournalArchive* target) {
+bool JournalArchive::Session::copyTo(JournalArchive* target) {
     return m_journal != nullptr && m_journal->copySession(this, target);
 }
 
-bool Session::transferTo(JournalArchive* target) {
+bool JournalArchive::Session::transferTo(JournalArchive* target) {
     return m_journal != nullptr && m_journal->transferSession(this, target);
 }
 
-bool Session::rename(const zel::Name& name) {
+bool JournalArchive::Session::rename(const zel::Name& name) {
     return m_journal != nullptr && m_journal->renameSession(this, name);
 }
 
-void Session::recordExtraDataAsJSon(const zel::String& key, const Json::Value& value) {
+void JournalArchive::Session::recordExtraDataAsJSon(const zel::String& key, const Json::Value& value) {
     Json::Value json;
     json["name"] = std::string(key);
     json["value"] = value;
@@ -147,7 +145,7 @@ void Session::recordExtraDataAsJSon(const zel::String& key, const Json::Value& v
     recordExtraData(key, Json::writeString(builder, json));
 }
 
-bool Session::retrieveExtraDataAsJSon(const zel::String& key, Json::Value& value) const {
+bool JournalArchive::Session::retrieveExtraDataAsJSon(const zel::String& key, Json::Value& value) const {
     const zel::String text = retrieveExtraData(key);
     Json::Value json;
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
@@ -158,17 +156,17 @@ bool Session::retrieveExtraDataAsJSon(const zel::String& key, Json::Value& value
     return true;
 }
 
-zel::String Session::generateNameFromCurrentDate() {
+zel::String JournalArchive::Session::generateNameFromCurrentDate() {
     const zel::Date now = zel::Date::now();
     return zel::String::format(
         "%s-%06u", now.toStringDateAndTime().c_str(), static_cast<unsigned>(now.getMicroSeconds()));
 }
 
-void Session::setFrameIO(FrameIO* frameIO) {
+void JournalArchive::Session::setFrameIO(FrameIO* frameIO) {
     m_frameIO = frameIO;
 }
 
-void Session::setSimulationHeader(zel::Component* header) {
+void JournalArchive::Session::setSimulationHeader(zel::Component* header) {
     m_simulationHeader = header;
 }
 

@@ -20,10 +20,12 @@ namespace zelData {
 class JournalMeta {
 public:
     static constexpr zel::uint64 JournalHeaderSize = 34;
+    /// Where the data segment of a frame may begin in the file, so that it can be mapped and used in place.
+    static constexpr zel::uint64 DataAlignment = 32;
     static constexpr zel::uint64 MaxHeaderSize = FileJournal::Session::MaxHeaderSize;
 
     /// @throws std::runtime_error  for a file that is no journal
-    void read(const zel::String& path, bool readSessionHeader);
+    void read(const zel::String& path, bool withSessionHeader);
     /// Reads the document alone, once the rest has been read.
     /// @throws std::runtime_error  for a block or a text that cannot be read
     void readSessionHeader(const zel::String& path);

@@ -17,8 +17,6 @@ using zelTest::whatOf;
 
 namespace {
 
-using Contents = std::vector<std::pair<uint64, double>>;
-
 class FileFrameReaderTest : public zelTest::JournalFixture {
 protected:
     /// Frame 0 is a key frame, the others each bring a name of their own.

@@ -20,8 +20,6 @@ using zelTest::whatOf;
 
 namespace {
 
-using Contents = std::vector<std::pair<uint64, double>>;
-
 class FileFrameWriterTest : public zelTest::JournalFixture {
 protected:
     [[nodiscard]] std::string failed(uint64 index) const {

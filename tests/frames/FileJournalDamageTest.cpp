@@ -18,8 +18,6 @@ using zelTest::whatOf;
 
 namespace {
 
-using Contents = std::vector<std::pair<uint64, double>>;
-
 class FileJournalDamageTest : public zelTest::JournalFixture {
 protected:
     /// Three frames of the model behind a scene.

@@ -4,7 +4,6 @@
 #include <zelNet/StructuredMessage.h>
 
 #include <json/value.h>
-
 #include <support/Golden.h>
 
 #include <cstdlib>

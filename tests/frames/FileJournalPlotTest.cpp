@@ -17,8 +17,6 @@ using zelTest::whatOf;
 
 namespace {
 
-using Contents = std::vector<std::pair<uint64, double>>;
-
 class FileJournalPlotTest : public zelTest::JournalFixture {
 protected:
     static ref_ptr<StructuredMessage> plot(const std::string& name, int id, const std::string& data = "") {

@@ -65,6 +65,7 @@ protected:
     using Session = zelData::FileJournal::Session;
     using FileFrameReader = zelData::FileFrameReader;
     using FileFrameWriter = zelData::FileFrameWriter;
+    using Contents = std::vector<std::pair<zel::uint64, double>>; // index and value of each frame
 
     /// Where the frames begin in a journal whose scene is empty.
     static constexpr zel::uint64 FirstFrame = 34 + 10240;
@@ -165,8 +166,8 @@ protected:
         return zel::ref_ptr<zelData::Frame>(reader->readFrame(index));
     }
     /// The frames of the session, each with the value that it holds.
-    std::vector<std::pair<zel::uint64, double>> contents() {
-        std::vector<std::pair<zel::uint64, double>> all;
+    Contents contents() {
+        Contents all;
         beginReading();
         for (const auto& info : session->getFrameTable())
             all.emplace_back(info.index, contentOf(read(info.index)->findObject("value")));
