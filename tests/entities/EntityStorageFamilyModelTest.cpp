@@ -1,3 +1,4 @@
+#include "EntityStorageEventRow.h"
 #include "Fragile.h"
 
 #include <zelData/EntityData.h>
@@ -30,6 +31,9 @@ using zelData::EntityRange;
 using zelData::EntityStorage;
 using zelTest::Fault;
 using zelTest::Fragile;
+using enum zelTest::EventKind;
+using zelTest::EventKind;
+using zelTest::EventRow;
 
 namespace {
 
@@ -50,9 +54,6 @@ struct Row {
     double extra = 3; // a column of the first storage that came later
     double own = 4;   // a column that one of the others has for itself
 };
-
-using EventRow = std::vector<uint64>;
-enum FamilyEvent : uint64 { Create, CreateRange, Destroy, DestroyRange, DestroyList, Permute };
 
 /// One of the storages: which id stands at which index, those behind the size being free.
 struct Member : EntityStorage::EventListener {
@@ -107,7 +108,7 @@ struct Member : EntityStorage::EventListener {
     }
     void permuteCallback(EntityStorage* from, Array<uint32> permutation) override {
         from->verifyConsistency();
-        told.push_back({FamilyEvent::Permute, permutation.size()});
+        told.push_back({EventKind::Permute, permutation.size()});
     }
 
     ref_ptr<EntityStorage> storage;
@@ -369,7 +370,7 @@ private:
         std::shuffle(permutation.begin(), permutation.end(), m_random);
         if (!attempt([&] { member.storage->reorder(permutation); }))
             return;
-        expectAll({FamilyEvent::Permute, m_rows.size()});
+        expectAll({EventKind::Permute, m_rows.size()});
         const std::vector<Row> rows(m_rows);
         for (const auto& other : m_members) {
             const std::vector<uint32> ids(other->ids);

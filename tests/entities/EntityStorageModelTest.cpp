@@ -1,4 +1,5 @@
 #include "EntityFixture.h"
+#include "EntityStorageEventRow.h"
 
 #include <zelData/Buffer.h>
 #include <zelData/EntityData.h>
@@ -23,6 +24,9 @@ using zelData::EntityModel;
 using zelData::EntityPtr;
 using zelData::EntityRange;
 using zelData::EntityStorage;
+using enum zelTest::EventKind;
+using zelTest::EventKind;
+using zelTest::EventRow;
 
 namespace {
 
@@ -43,10 +47,6 @@ std::string titleText(int title) {
     // Long enough for memory of its own.
     return title < 0 ? "a title of no number at all" : "a title with the number " + std::to_string(title);
 }
-
-/// One event, as a row of numbers.
-using EventRow = std::vector<uint64>;
-enum EventKind : uint64 { Create, CreateRange, CreateList, Destroy, DestroyRange, DestroyList, Permute };
 
 /// What a storage promises, in the plainest form: which id stands at which index, which ids are free and in
 /// which order, and the values by id.

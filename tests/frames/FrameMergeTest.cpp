@@ -54,7 +54,7 @@ protected:
 };
 class FrameMergeDeathTest : public FrameMergeTest {};
 
-struct Mark : Object::Event {};
+struct MergedMark : Object::Event {};
 
 TEST_F(FrameMergeTest, IdIsTakenWhereThereIsOne) {
     source->setId(0xFFFFFFFFU);
@@ -85,8 +85,8 @@ TEST_F(FrameMergeTest, IndexAndTimesStay) {
 }
 
 TEST_F(FrameMergeTest, EventsAreAppended) {
-    const ref_ptr<Object::Event> first(new Mark);
-    const ref_ptr<Object::Event> second(new Mark);
+    const ref_ptr<Object::Event> first(new MergedMark);
+    const ref_ptr<Object::Event> second(new MergedMark);
     target->addEvent(first.get());
     source->addEvent(second.get());
     target->merge(source.get(), false);

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* InvalidPreHeader = "Structured message has invalid pre-header!";
 constexpr const char* InvalidJson = "Structured message header is not valid JSON!";
 
-std::string errorOf(const Envelope& envelope) {
+std::string refusalOf(const Envelope& envelope) {
     return whatOf([&] { (void)parseMessage(envelope.bytes()); });
 }
 
@@ -139,16 +139,16 @@ TEST(StructuredMessageTest, ParseAcceptsNullAndObjectsAsHeader) {
     EXPECT_TRUE(parseMessage(Envelope("", "null\n", "").bytes())->getHeader().isNull());
     EXPECT_TRUE(parseMessage(Envelope("", "{}\n", "").bytes())->getHeader().isObject());
     for (const char* json : {"[]", "1", "1.5", "\"text\"", "true", "[{}]"})
-        EXPECT_EQ(errorOf(Envelope("", json, "")), InvalidJson) << json;
+        EXPECT_EQ(refusalOf(Envelope("", json, "")), InvalidJson) << json;
 }
 
 TEST(StructuredMessageTest, ParseAcceptsAUriUpToTheEndAheadOfTheJson) {
     // The sizes fit; what fails is the JSON, which is empty.
-    EXPECT_EQ(errorOf(Envelope("the whole rest", "", "")), InvalidJson);
+    EXPECT_EQ(refusalOf(Envelope("the whole rest", "", "")), InvalidJson);
 }
 
 TEST(StructuredMessageTest, APreHeaderAloneHasNoJson) {
-    EXPECT_EQ(errorOf(Envelope()), InvalidJson);
+    EXPECT_EQ(refusalOf(Envelope()), InvalidJson);
 }
 
 TEST(StructuredMessageTest, ErrorsAreNetErrorsWithoutSocket) {
@@ -171,11 +171,11 @@ TEST(StructuredMessageMaliciousTest, AUriThatReachesBeyondTheEnd) {
     Envelope envelope;
     envelope.rest = std::string("a\0b\n\x7F", 5) + "\xC3\xA4";
     envelope.preHeader.uriSize = 8;
-    EXPECT_EQ(errorOf(envelope),
+    EXPECT_EQ(refusalOf(envelope),
               "Structured message has invalid pre-header! URI size: 8, remaining message size: 7. Printable "
               "data: a0b..\xC3\xA4");
     envelope.preHeader.uriSize = 0xFFFFFFFF;
-    EXPECT_EQ(errorOf(envelope),
+    EXPECT_EQ(refusalOf(envelope),
               "Structured message has invalid pre-header! URI size: 4294967295, remaining message size: 7. "
               "Printable data: a0b..\xC3\xA4");
 }
@@ -183,40 +183,40 @@ TEST(StructuredMessageMaliciousTest, AUriThatReachesBeyondTheEnd) {
 TEST(StructuredMessageMaliciousTest, AHeaderThatReachesBeyondTheEnd) {
     Envelope envelope("some\turi", "{}", "");
     envelope.preHeader.headerSize = 3;
-    EXPECT_EQ(errorOf(envelope),
+    EXPECT_EQ(refusalOf(envelope),
               "Structured message has invalid pre-header! URI: some.uri, message size: 0KB");
     envelope.rest += std::string(5000, ' ');
     envelope.preHeader.headerSize = 0xFFFFFFFF;
-    EXPECT_EQ(errorOf(envelope),
+    EXPECT_EQ(refusalOf(envelope),
               "Structured message has invalid pre-header! URI: some.uri, message size: 4KB");
 }
 
 TEST(StructuredMessageMaliciousTest, APayloadThatReachesBeyondTheEnd) {
     Envelope envelope("", "{}", "payload");
     ++envelope.preHeader.payloadSize;
-    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    EXPECT_EQ(refusalOf(envelope), InvalidPreHeader);
     --envelope.preHeader.payloadSize;
     ++envelope.preHeader.payloadOffset;
-    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    EXPECT_EQ(refusalOf(envelope), InvalidPreHeader);
     envelope.preHeader.payloadOffset = 0xFFFFFFFF;
     envelope.preHeader.payloadSize = 0;
-    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    EXPECT_EQ(refusalOf(envelope), InvalidPreHeader);
 }
 
 TEST(StructuredMessageMaliciousTest, SumsThatWrapInThirtyTwoBits) {
     Envelope envelope("uri", "{}", "payload");
     envelope.preHeader.payloadOffset = 0xFFFFFFF0;
     envelope.preHeader.payloadSize = 0x20;
-    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    EXPECT_EQ(refusalOf(envelope), InvalidPreHeader);
     envelope.preHeader.payloadOffset = 0x20;
     envelope.preHeader.payloadSize = 0xFFFFFFF0;
-    EXPECT_EQ(errorOf(envelope), InvalidPreHeader);
+    EXPECT_EQ(refusalOf(envelope), InvalidPreHeader);
 }
 
 TEST(StructuredMessageMaliciousTest, TextThatIsNoJson) {
     for (const char* json :
          {"", "{", "{\"a\":}", "{,}", "nul", "}", "\xFF\xFE", "{\"a\":1,}", "{'a':1}", "NaN"})
-        EXPECT_EQ(errorOf(Envelope("", json, "")), InvalidJson) << json;
+        EXPECT_EQ(refusalOf(Envelope("", json, "")), InvalidJson) << json;
 }
 
 TEST(StructuredMessageMaliciousTest, JsonThatIsNestedTooDeep) {
@@ -228,15 +228,15 @@ TEST(StructuredMessageMaliciousTest, JsonThatIsNestedTooDeep) {
         return json + std::string(static_cast<std::size_t>(depth - 1), '}');
     };
     EXPECT_NO_THROW((void)parseMessage(Envelope("", nested(64), "").bytes()));
-    EXPECT_EQ(errorOf(Envelope("", nested(65), "")), InvalidJson);
-    EXPECT_EQ(errorOf(Envelope("", std::string(1 << 20, '['), "")), InvalidJson);
+    EXPECT_EQ(refusalOf(Envelope("", nested(65), "")), InvalidJson);
+    EXPECT_EQ(refusalOf(Envelope("", std::string(1 << 20, '['), "")), InvalidJson);
     EXPECT_NO_THROW((void)parseMessage(Envelope("", nested(64), "").bytes())) << "the failure left traces";
 }
 
 TEST(StructuredMessageMaliciousTest, JsonThatIsTooLong) {
     const auto header = [](std::size_t size) { return "{}" + std::string(size - 2, ' '); };
     EXPECT_NO_THROW((void)parseMessage(Envelope("", header(1 << 20), "").bytes()));
-    EXPECT_EQ(errorOf(Envelope("", header((1 << 20) + 1), "")), InvalidJson);
+    EXPECT_EQ(refusalOf(Envelope("", header((1 << 20) + 1), "")), InvalidJson);
 }
 
 TEST(StructuredMessageMaliciousTest, EachCutGivesAMessageOrAnError) {
