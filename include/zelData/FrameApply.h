@@ -49,7 +49,8 @@ public:
     explicit FrameApply(zel::Component* root);
     ~FrameApply() override;
 
-    /// @throws std::runtime_error  for a table of ids that is none: storages ahead of it are as the frame tells
+    /// @throws std::runtime_error  for a table of ids that is none: storages ahead of it are as the frame
+    /// tells
     ///     then, and nothing else is written. What listeners throw, the first of them once all is written
     void writeFrame(const Frame* frame) override;
 

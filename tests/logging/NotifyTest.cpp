@@ -51,9 +51,9 @@ struct NotifyLevelCase {
     const char* word;
 };
 constexpr NotifyLevelCase Levels[] = {{Notify::Debug, 1, "Debug"},
-                                {Notify::Info, 2, "Info"},
-                                {Notify::Warning, 4, "Warning"},
-                                {Notify::Error, 8, "Error"}};
+                                      {Notify::Info, 2, "Info"},
+                                      {Notify::Warning, 4, "Warning"},
+                                      {Notify::Error, 8, "Error"}};
 
 } // namespace
 
