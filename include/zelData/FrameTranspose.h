@@ -116,7 +116,7 @@ public:
     [[nodiscard]] zel::uint64 getFirstRow() const noexcept { return m_firstRow; }
 
 protected:
-    explicit Track(const zel::Path& path) : m_path(path) {}
+    explicit Track(const zel::Path& path);
 
 private:
     friend class FrameTranspose;
@@ -163,8 +163,7 @@ private:
 /// An attribute with several elements for each instance gives as many for each row.
 class ZEL_CORE_API FrameTranspose::AttributeTrack : public FrameTranspose::Track {
 public:
-    AttributeTrack(const zel::Path& path, const zel::Name& name, zel::uint32 instanceId)
-        : Track(path), m_name(name), m_instanceId(instanceId) {}
+    AttributeTrack(const zel::Path& path, const zel::Name& name, zel::uint32 instanceId);
     ~AttributeTrack() override;
 
     [[nodiscard]] const zel::Name& getName() const noexcept { return m_name; }

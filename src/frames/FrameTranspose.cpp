@@ -175,11 +175,18 @@ private:
 
 // Tracks
 
+FrameTranspose::Track::Track(const zel::Path& path) : m_path(path) {}
+
 FrameTranspose::Track::~Track() = default;
 
 FrameTranspose::ValueTrack::ValueTrack(const zel::Path& path) : Track(path), m_names(namesOf(path)) {}
 
 FrameTranspose::ValueTrack::~ValueTrack() = default;
+
+FrameTranspose::AttributeTrack::AttributeTrack(const zel::Path& path,
+                                               const zel::Name& name,
+                                               zel::uint32 instanceId)
+    : Track(path), m_name(name), m_instanceId(instanceId) {}
 
 FrameTranspose::AttributeTrack::~AttributeTrack() = default;
 
