@@ -42,12 +42,20 @@ public:
 
 private:
     [[nodiscard]] SerializedFrame::OnFault onFault() const;
-    [[nodiscard]] zel::ref_ptr<BinaryData>
-    readBlock(zel::uint64 frameIndex, zel::uint64 offset, zel::uint64 numBytes);
+    /// Bytes of a frame, whose memory is used again once nobody else has them: the pages of a large block
+    /// cost more than what stands in them.
+    struct Block {
+        zel::ref_ptr<BinaryData> data;
+        zel::uint64 capacity = 0;
+    };
+    [[nodiscard]] BinaryData*
+    readBlock(Block& block, zel::uint64 frameIndex, zel::uint64 offset, zel::uint64 numBytes);
 
     zel::ref_ptr<FileJournal::Session> m_session;
     std::unique_ptr<zelIO::DiskFile> m_file;
     BinaryReadStrategy m_strategy = BinaryReadStrategy::PlainRead;
+    Block m_header;
+    Block m_data;
     SerializedFrame::NameLookup m_names;
     bool m_sequenceMode = false;
 };

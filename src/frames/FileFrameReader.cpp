@@ -61,7 +61,7 @@ bool FileFrameReader::jumpToTime(double time) {
     return isValidFrame(index);
 }
 
-zel::ref_ptr<BinaryData> FileFrameReader::readBlock(uint64 frameIndex, uint64 offset, uint64 numBytes) {
+BinaryData* FileFrameReader::readBlock(Block& block, uint64 frameIndex, uint64 offset, uint64 numBytes) {
     const auto refuse = [&] {
         fail(onFault(),
              "m_journalFile.good()",
@@ -72,10 +72,15 @@ zel::ref_ptr<BinaryData> FileFrameReader::readBlock(uint64 frameIndex, uint64 of
     uint64 size = 0;
     if (!m_file->size(size) || offset > size || numBytes > size - offset)
         refuse();
-    zel::ref_ptr<BinaryData> block(new BinaryData(numBytes));
-    if (!m_file->readAt(offset, block->getData(), numBytes))
+    if (!block.data || block.data->referenceCount() != 1 || block.capacity < numBytes) {
+        block.capacity = 0;
+        block.data = new BinaryData(numBytes);
+        block.capacity = numBytes;
+    }
+    block.data->setApparentSize(numBytes);
+    if (!m_file->readAt(offset, block.data->getData(), numBytes))
         refuse();
-    return block;
+    return block.data.get();
 }
 
 Frame* FileFrameReader::readFrame(uint64 index) {
@@ -84,9 +89,9 @@ Frame* FileFrameReader::readFrame(uint64 index) {
     zelVerifyAs(getHeaderFormat() == SerializedFrame::BINARY_HEADER,
                 "this->getHeaderFormat() == SerializedFrame::BINARY_HEADER");
     const FileJournal::FrameInfo& info = *m_session->getFrameInfo(index);
-    const zel::ref_ptr<BinaryData> header = readBlock(index, info.headerOffset, info.meta.headerSize);
-    const zel::ref_ptr<BinaryData> data = readBlock(index, info.dataOffset, info.meta.dataSize);
-    return SerializedFrame::extractFrame(header.get(), data.get(), m_names, !m_sequenceMode, this, onFault());
+    BinaryData* header = readBlock(m_header, index, info.headerOffset, info.meta.headerSize);
+    BinaryData* data = readBlock(m_data, index, info.dataOffset, info.meta.dataSize);
+    return SerializedFrame::extractFrame(header, data, m_names, !m_sequenceMode, this, onFault());
 }
 
 void FileFrameReader::prepareSequence(uint64 first, uint64 last) {
@@ -98,8 +103,8 @@ void FileFrameReader::prepareSequence(uint64 first, uint64 last) {
         info = m_session->getFrameInfo(index);
         if (info == nullptr)
             break;
-        const zel::ref_ptr<BinaryData> header = readBlock(index, info->headerOffset, info->meta.headerSize);
-        SerializedFrame::updateNameTable(header.get(), m_names, onFault());
+        const BinaryData* header = readBlock(m_header, index, info->headerOffset, info->meta.headerSize);
+        SerializedFrame::updateNameTable(header, m_names, onFault());
         if (index == last)
             break;
     }

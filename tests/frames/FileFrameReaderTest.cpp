@@ -224,6 +224,18 @@ TEST_F(FileFrameReaderTest, FramesThatAreWrittenMeanwhileAreTakenIn) {
     EXPECT_EQ(contents(), (Contents{{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}}));
 }
 
+TEST_F(FileFrameReaderTest, AFrameKeepsItsElementsWhileOthersAreRead) {
+    record(3);
+    open();
+    beginReading();
+    const ref_ptr<zelData::Frame> first = read(2);
+    const ref_ptr<zelData::Frame> second = read(1);
+    const ref_ptr<zelData::Frame> third = read(2);
+    EXPECT_EQ(contentOf(first->findObject("value")), 2);
+    EXPECT_EQ(contentOf(second->findObject("value")), 1);
+    EXPECT_EQ(contentOf(third->findObject("value")), 2);
+}
+
 TEST_F(FileFrameReaderTest, AFrameThatIsNotCompleteYetIsLeftForTheNextTime) {
     recordWithoutEnd(1);
     const std::string one = bytes();
