@@ -35,11 +35,13 @@ uint64 lowHalf(const void* reference) {
     return static_cast<uint32>(reinterpret_cast<std::uintptr_t>(reference));
 }
 
-/// What stands for a storage or a buffer: its object id, or the number that the reference is already.
-uint64 idOf(const zel::Object* object, bool serialized) {
+/// What stands for a storage or a buffer: its object id, or the number that the reference is already, and
+/// which is not to be taken for an object.
+template <typename T>
+uint64 idOf(const T* object, bool serialized) {
     if (serialized)
         return lowHalf(object);
-    return object == nullptr ? Frame::NoId : object->getId();
+    return object == nullptr ? Frame::NoId : static_cast<const zel::Object*>(object)->getId();
 }
 
 } // namespace
