@@ -3,6 +3,7 @@
 
 #include <zel/Log.h>
 #include <zel/Verify.h>
+#include <zelCore/Version.h>
 #include <zelData/FileFrameWriter.h>
 
 #include <algorithm>
@@ -123,7 +124,7 @@ void Session::walkFrames(uint64 offset, uint64 limit, bool quiet) {
         throw std::runtime_error(failText() + " " + stream.getReason());
     zelVerifyNAs(good, "stream.good()", "%s", failText().c_str());
     const bool isOpen = limit == zel::InvalidIndex;
-    if (isOpen)
+    if (isOpen || getZelVersionNumber() < ZEL_CALC_VERSION(2, 6, 1, 0)) // such a one does not tell the number
         size = std::min(size, limitOfPlots());
 
     RecordReader records(stream);

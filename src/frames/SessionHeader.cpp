@@ -234,8 +234,11 @@ void Session::load(const TiXmlElement* element) {
     const double computationTime = element->FirstChildElement("computationTime") == nullptr
                                        ? 0
                                        : parse<double>(element, "computationTime");
-    const uint64 numFrames =
-        versionNumber < ZEL_CALC_VERSION(2, 6, 1, 0) ? 0 : parse<uint64>(element, "numFrames");
+    uint64 numFrames = 0;
+    if (versionNumber >= ZEL_CALC_VERSION(2, 6, 1, 0))
+        numFrames = parse<uint64>(element, "numFrames");
+    else if (endFrame != zel::InvalidIndex && endFrame >= startFrame)
+        numFrames = endFrame - startFrame + 1; // at most
     const uint64 frameStride =
         versionNumber < ZEL_CALC_VERSION(2, 6, 3, 0) ? 1 : parse<uint64>(element, "frameStride");
     const auto headerFormat = formatOf(parse<zel::String>(element, "headerFormat"), m_mode);

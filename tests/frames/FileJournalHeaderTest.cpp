@@ -1,7 +1,9 @@
 #include "JournalFixture.h"
 
 #include <zelCore/Version.h>
+#include <zelNet/StructuredMessage.h>
 
+#include <json/value.h>
 #include <support/CommaLocale.h>
 
 #include <filesystem>
@@ -340,8 +342,25 @@ TEST_F(FileJournalHeaderTest, OldHeadersDoNotTellNumberAndStride) {
     ofVersion(ZEL_CALC_VERSION(2, 6, 1, 0));
     EXPECT_EQ(session->getNumFrames(), 3U);
     ofVersion(ZEL_CALC_VERSION(2, 6, 0, 255));
-    EXPECT_EQ(session->getNumFrames(), 0U);
-    EXPECT_EQ(session->getFrameTable().size(), 0U);
+    EXPECT_EQ(session->getNumFrames(), 3U);
+    EXPECT_EQ(session->getFrameTable().size(), 3U);
+}
+
+TEST_F(FileJournalHeaderTest, ASessionOfAnOldVersionGoesOnWithAllItsFrames) {
+    record(2);
+    replaceElement("versionNumber", std::to_string(ZEL_CALC_VERSION(2, 6, 0, 255)));
+    open();
+    zelNet::StructuredMessage plot;
+    Json::Value header;
+    header["name"] = "p";
+    plot.setHeader(header);
+    session->savePlot(&plot);
+    beginWriting();
+    write(10, 10);
+    writer->endOfStream();
+    open();
+    EXPECT_EQ(contents(), (Contents{{0, 0}, {1, 1}, {10, 10}}));
+    EXPECT_EQ(session->getNumFrames(), 3U);
 }
 
 TEST_F(FileJournalHeaderTest, TheOtherByteOrderIsRefused) {
