@@ -1,4 +1,5 @@
 #include "Fault.h"
+#include "JournalMeta.h"
 #include "files/DiskFile.h"
 
 #include <zel/Verify.h>
@@ -12,14 +13,7 @@ namespace zelData {
 using zel::uint64;
 using zelIO::DiskFile;
 
-FileFrameReader::FileFrameReader(JournalArchive::Session* session)
-    : m_session(FileJournal::downcastSession(session)) {
-    zelVerifyNAs(session != nullptr,
-                 "m_session",
-                 "FileFrameReader: Given a nullptr session to read from. Cannot read from nullptr.");
-    zelVerifyNAs(m_session || session == nullptr,
-                 "m_session || !session",
-                 "FileFrameReader: Given a session that isn't a File session. Cannot read from it.");
+FileFrameReader::FileFrameReader(JournalArchive::Session* session) : m_session(requireFileSession(session)) {
     m_file = std::make_unique<DiskFile>(m_session->getPath(), DiskFile::Mode::Read);
     if (!m_file->isOpen())
         fail(onFault(),

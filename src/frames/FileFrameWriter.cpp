@@ -86,13 +86,7 @@ private:
 } // namespace
 
 FileFrameWriter::FileFrameWriter(JournalArchive::Session* session)
-    : writeFrameEvent("WriteFrameEvent", this), m_session(FileJournal::downcastSession(session)) {
-    zelVerifyNAs(session != nullptr,
-                 "m_session",
-                 "FileFrameReader: Given a nullptr session to read from. Cannot read from nullptr.");
-    zelVerifyNAs(m_session || session == nullptr,
-                 "m_session || !session",
-                 "FileFrameReader: Given a session that isn't a File session. Cannot read from it.");
+    : writeFrameEvent("WriteFrameEvent", this), m_session(requireFileSession(session)) {
     setHeaderFormat(SerializedFrame::BINARY_HEADER);
     requireSoleWriter();
 }

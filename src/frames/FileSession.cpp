@@ -29,6 +29,17 @@ constexpr uint64 BlockSize = 65536;
 
 } // namespace
 
+Session* requireFileSession(JournalArchive::Session* session) {
+    Session* fileSession = FileJournal::downcastSession(session);
+    zelVerifyNAs(session != nullptr,
+                 "m_session",
+                 "FileFrameReader: Given a nullptr session to read from. Cannot read from nullptr.");
+    zelVerifyNAs(fileSession != nullptr,
+                 "m_session || !session",
+                 "FileFrameReader: Given a session that isn't a File session. Cannot read from it.");
+    return fileSession;
+}
+
 Session::Session(const zel::Name& name, const zel::String& path, OpenMode mode)
     : JournalArchive::Session(name), m_path(path), m_mode(mode) {}
 

@@ -52,4 +52,7 @@ private:
     [[nodiscard]] TiXmlElement* childOfRoot(const char* name);
 };
 
+/// The session that a reader or writer of files is given; any other is a fatal verification.
+[[nodiscard]] FileJournal::Session* requireFileSession(JournalArchive::Session* session);
+
 } // namespace zelData

@@ -154,8 +154,7 @@ TEST(SocketTest, DescriptorsAboveThoseOfASetWork) {
     constexpr int High = 1500;
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    if (limit.rlim_max <= High)
-        GTEST_SKIP() << "the system has no such descriptors";
+    ASSERT_GT(limit.rlim_max, rlim_t{High});
     limit.rlim_cur = limit.rlim_max;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     Pipe pipe;
