@@ -49,6 +49,28 @@ protected:
         return m_order;
     }
 
+    /// Two groups below one, with a task each, of which the second waits for the first: an edge within "top".
+    struct TwoGroups {
+        ref_ptr<TaskGroup> top;
+        TaskGroup* g;
+        TaskGroup* h;
+        SerialTask* a;
+        SerialTask* b;
+    };
+    TwoGroups twoGroups() {
+        TwoGroups all{ref_ptr<TaskGroup>(new TaskGroup("top")),
+                      new TaskGroup("g"),
+                      new TaskGroup("h"),
+                      noting("a"),
+                      noting("b")};
+        all.top->addSubtask(all.g);
+        all.top->addSubtask(all.h);
+        all.g->addSubtask(all.a);
+        all.h->addSubtask(all.b);
+        all.b->addDependency(all.a);
+        return all;
+    }
+
     std::string m_order;
     std::mutex m_mutex;
 };
@@ -192,16 +214,7 @@ TEST_P(TaskRunTest, ATaskOutsideMayDependOnASubtask) {
 }
 
 TEST_P(TaskRunTest, AnEdgeDeepInTwoGroupsCountsWhereBothRun) {
-    const ref_ptr<TaskGroup> top(new TaskGroup("top"));
-    TaskGroup* g = new TaskGroup("g");
-    TaskGroup* h = new TaskGroup("h");
-    top->addSubtask(g);
-    top->addSubtask(h);
-    SerialTask* a = noting("a");
-    SerialTask* b = noting("b");
-    g->addSubtask(a);
-    h->addSubtask(b);
-    b->addDependency(a);
+    const auto [top, g, h, a, b] = twoGroups();
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(run(h), "b");
         EXPECT_EQ(run(top.get()), "ab");
@@ -217,16 +230,7 @@ TEST_P(TaskRunTest, AnEdgeDeepInTwoGroupsCountsWhereBothRun) {
 }
 
 TEST_P(TaskRunTest, EdgesOutOfAGroupCountAsTheyComeAndGoBetweenRuns) {
-    const ref_ptr<TaskGroup> top(new TaskGroup("top"));
-    TaskGroup* g = new TaskGroup("g");
-    TaskGroup* h = new TaskGroup("h");
-    top->addSubtask(g);
-    top->addSubtask(h);
-    SerialTask* a = noting("a");
-    SerialTask* b = noting("b");
-    g->addSubtask(a);
-    h->addSubtask(b);
-    b->addDependency(a); // stays within top
+    const auto [top, g, h, a, b] = twoGroups();
     const ref_ptr<SerialTask> outside(noting("o"));
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(run(top.get()), "ab");
@@ -238,6 +242,7 @@ TEST_P(TaskRunTest, EdgesOutOfAGroupCountAsTheyComeAndGoBetweenRuns) {
         EXPECT_EQ(run(top.get()), "ab");
         EXPECT_EQ(run(outside.get()), "o");
         a->removeDependency(outside.get());
+        EXPECT_EQ(run(g), "a");
         EXPECT_EQ(run(h), "b");
     }
 }
