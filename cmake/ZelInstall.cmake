@@ -12,6 +12,9 @@ install(DIRECTORY Components/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATC
         PATTERN "Math" EXCLUDE)
 install(DIRECTORY Components/ DESTINATION ${ZEL_INSTALL_DATADIR}/Components
         PATTERN "*.h" EXCLUDE PATTERN "*.cpp" EXCLUDE PATTERN "Math" EXCLUDE)
+# One file that needs no library: to be copied, or to stand in PYTHONPATH.
+install(FILES ${PROJECT_SOURCE_DIR}/python/zeljournal.py DESTINATION ${ZEL_INSTALL_DATADIR}/python)
+
 install(EXPORT zelCoreTargets NAMESPACE zelCore:: DESTINATION ${ZEL_INSTALL_CMAKEDIR})
 
 configure_package_config_file(cmake/zelCoreConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/zelCoreConfig.cmake
