@@ -12,9 +12,14 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#ifdef ZEL_BENCH_HDF5
+#include <hdf5.h>
+#endif
 
 #include <array>
 #include <cstdlib>
@@ -207,26 +212,35 @@ void zelRead(benchmark::State& state) {
 }
 BENCHMARK(zelRead)->Name("BM_JournalRead/zel")->Unit(benchmark::kMillisecond)->UseRealTime();
 
-/// Header and elements into fresh memory, and the elements copied once more, as a frame holds its own.
+/// The bytes of the frame into memory of a block of its own: from the heap, which keeps its pages from frame
+/// to frame, or fresh from the system.
+template <bool IsFresh>
 void plainRead(benchmark::State& state) {
     const ScratchFile file;
     Recording recording(file.path());
     recording.write(makeLargeFrame().get(), NumLargeFrames, 1); // each is read by itself
     const int descriptor = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
     require(descriptor >= 0);
+    const auto read = [&](void* bytes, uint64 numBytes, uint64 offset) {
+        require(pread(descriptor, bytes, numBytes, static_cast<off_t>(offset)) ==
+                static_cast<ssize_t>(numBytes));
+        benchmark::DoNotOptimize(bytes);
+    };
     const auto readAll = [&] {
         for (const uint64 index : randomIndices(NumLargeFrames)) {
             const auto& info = *recording.session->getFrameInfo(index);
             const std::unique_ptr<char[]> header(new char[info.meta.headerSize]);
-            const std::unique_ptr<char[]> data(new char[info.meta.dataSize]);
-            require(
-                pread(descriptor, header.get(), info.meta.headerSize, static_cast<off_t>(info.headerOffset)) >
-                0);
-            require(pread(descriptor, data.get(), info.meta.dataSize, static_cast<off_t>(info.dataOffset)) >
-                    0);
-            const std::unique_ptr<char[]> copy(new char[info.meta.dataSize]);
-            std::copy_n(data.get(), info.meta.dataSize, copy.get());
-            benchmark::DoNotOptimize(copy.get());
+            read(header.get(), info.meta.headerSize, info.headerOffset);
+            const uint64 size = info.meta.dataSize;
+            if constexpr (IsFresh) {
+                void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                require(data != MAP_FAILED);
+                read(data, size, info.dataOffset);
+                munmap(data, size);
+            } else {
+                const std::unique_ptr<char[]> data(new char[size]);
+                read(data.get(), size, info.dataOffset);
+            }
         }
     };
     readAll();
@@ -234,7 +248,103 @@ void plainRead(benchmark::State& state) {
         readAll();
     close(descriptor);
 }
-BENCHMARK(plainRead)->Name("BM_JournalRead/pread")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(plainRead<false>)->Name("BM_JournalRead/pread_heap")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(plainRead<true>)->Name("BM_JournalRead/pread_fresh")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+#ifdef ZEL_BENCH_HDF5
+
+/// A data set for each column: a row for each frame, in chunks of one row.
+class ChunkedFile {
+public:
+    ChunkedFile(const std::string& path, uint64 numFrames)
+        : m_file(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT)) {
+        require(m_file >= 0);
+        const std::array<hsize_t, 2> size{numFrames, ColumnSize};
+        const std::array<hsize_t, 2> chunk{1, ColumnSize};
+        const hid_t properties = H5Pcreate(H5P_DATASET_CREATE);
+        require(H5Pset_chunk(properties, 2, chunk.data()) >= 0);
+        require(H5Pset_fill_time(properties, H5D_FILL_TIME_NEVER) >= 0);
+        const hid_t space = H5Screate_simple(2, size.data(), nullptr);
+        for (uint64 i = 0; i < NumColumns; ++i)
+            m_columns.push_back(H5Dcreate2(m_file,
+                                           ("column" + std::to_string(i)).c_str(),
+                                           H5T_NATIVE_DOUBLE,
+                                           space,
+                                           H5P_DEFAULT,
+                                           properties,
+                                           H5P_DEFAULT));
+        H5Sclose(space);
+        H5Pclose(properties);
+    }
+    ChunkedFile(const ChunkedFile&) = delete;
+    ChunkedFile& operator=(const ChunkedFile&) = delete;
+    ~ChunkedFile() {
+        for (const hid_t column : m_columns)
+            H5Dclose(column);
+        H5Fclose(m_file);
+    }
+
+    void write(uint64 frame, const std::vector<double>& elements) {
+        transfer(frame, H5Dwrite, elements.data());
+    }
+    void read(uint64 frame, double* elements) { transfer(frame, H5Dread, elements); }
+
+private:
+    template <typename Function, typename Elements>
+    void transfer(uint64 frame, Function function, Elements* elements) {
+        const std::array<hsize_t, 2> begin{frame, 0};
+        const std::array<hsize_t, 2> count{1, ColumnSize};
+        const hid_t memory = H5Screate_simple(1, &count[1], nullptr);
+        for (uint64 i = 0; i < NumColumns; ++i) {
+            const hid_t place = H5Dget_space(m_columns[i]);
+            require(H5Sselect_hyperslab(
+                        place, H5S_SELECT_SET, begin.data(), nullptr, count.data(), nullptr) >= 0);
+            require(
+                function(
+                    m_columns[i], H5T_NATIVE_DOUBLE, memory, place, H5P_DEFAULT, elements + i * ColumnSize) >=
+                0);
+            H5Sclose(place);
+        }
+        H5Sclose(memory);
+    }
+
+    hid_t m_file;
+    std::vector<hid_t> m_columns;
+};
+
+void hdf5Write(benchmark::State& state) {
+    const ScratchFile scratch;
+    const std::vector<double> elements(NumColumns * ColumnSize);
+    for (auto _ : state) {
+        state.PauseTiming();
+        unlink(scratch.path().c_str());
+        state.ResumeTiming();
+        ChunkedFile file(scratch.path(), NumLargeFrames);
+        for (uint64 i = 0; i < NumLargeFrames; ++i)
+            file.write(i, elements);
+    }
+}
+BENCHMARK(hdf5Write)->Name("BM_JournalWrite/hdf5")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void hdf5Read(benchmark::State& state) {
+    const ScratchFile scratch;
+    ChunkedFile file(scratch.path(), NumLargeFrames);
+    for (uint64 i = 0; i < NumLargeFrames; ++i)
+        file.write(i, std::vector<double>(NumColumns * ColumnSize));
+    const auto readAll = [&] {
+        for (const uint64 index : randomIndices(NumLargeFrames)) {
+            const std::unique_ptr<double[]> elements(new double[NumColumns * ColumnSize]);
+            file.read(index, elements.get());
+            benchmark::DoNotOptimize(elements.get());
+        }
+    };
+    readAll();
+    for (auto _ : state)
+        readAll();
+}
+BENCHMARK(hdf5Read)->Name("BM_JournalRead/hdf5")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+#endif
 
 // Opening
 

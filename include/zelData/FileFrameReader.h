@@ -1,6 +1,7 @@
 #pragma once
 
 #include <zel/Export.h>
+#include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelData/DiskFrameReader.h>
 #include <zelData/FileJournal.h>
@@ -42,20 +43,24 @@ public:
 
 private:
     [[nodiscard]] SerializedFrame::OnFault onFault() const;
-    /// Bytes of a frame, whose memory is used again once nobody else has them: the pages of a large block
-    /// cost more than what stands in them.
+    class Segment;
+
+    /// A part of the file that lies in memory.
     struct Block {
         zel::ref_ptr<BinaryData> data;
         zel::uint64 capacity = 0;
     };
-    [[nodiscard]] BinaryData*
-    readBlock(Block& block, zel::uint64 frameIndex, zel::uint64 offset, zel::uint64 numBytes);
+    [[noreturn]] void refuse(zel::uint64 frameIndex) const;
+    /// Whether the file is so long.
+    [[nodiscard]] bool reaches(zel::uint64 offset, zel::uint64 numBytes);
+    /// The header of the frame, whose memory is used again once nobody else has it.
+    [[nodiscard]] BinaryData* readHeader(const FileJournal::FrameInfo& info);
 
     zel::ref_ptr<FileJournal::Session> m_session;
     std::unique_ptr<zelIO::DiskFile> m_file;
     BinaryReadStrategy m_strategy = BinaryReadStrategy::PlainRead;
     Block m_header;
-    Block m_data;
+    zel::VectorPOD<zel::uint8> m_window; // of the segment that is being read
     SerializedFrame::NameLookup m_names;
     bool m_sequenceMode = false;
 };

@@ -22,6 +22,7 @@
 namespace zelData {
 
 class Buffer;
+class ElementSource;
 class Format;
 class FrameReader;
 class Value;
@@ -124,12 +125,15 @@ public:
     static void
     updateNameTable(const BinaryData* header, NameLookup& names, OnFault onFault = OnFault::EndProcess);
     /// The frame that a tree of nodes tells.
+    /// @param source  where the elements are in place of the memory that the nodes lead to; may be null
     /// @return a new frame without owner
+    /// @throws std::runtime_error  for nodes with more bytes than their segment has
     [[nodiscard]] static Frame* createFrame(const Component* root,
                                             zel::uint64 index,
                                             double timeStamp,
                                             double timeStep,
-                                            OnFault onFault = OnFault::EndProcess);
+                                            OnFault onFault = OnFault::EndProcess,
+                                            ElementSource* source = nullptr);
 
 private:
     class Builder;

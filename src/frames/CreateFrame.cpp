@@ -1,4 +1,5 @@
 #include "ElementForm.h"
+#include "ElementSource.h"
 #include "Fault.h"
 
 #include <zel/String.h>
@@ -33,10 +34,6 @@ bool liesInSegment(const SerializedFrame::DataNode* node) {
     return node->getOffset() <= size && node->getNumBytes() <= size - node->getOffset();
 }
 
-const zel::uint8* bytesOf(const SerializedFrame::DataNode* node) {
-    return node->getData()->getData() + node->getOffset();
-}
-
 void requirePlain(const SerializedFrame::DataNode* node) {
     if (elementFormOf(node->getFormat()) != ElementForm::Plain)
         throw std::runtime_error(
@@ -57,7 +54,7 @@ void requirePlain(const SerializedFrame::DataNode* node) {
 /// Makes the nodes of a frame.
 class SerializedFrame::Creator {
 public:
-    explicit Creator(OnFault onFault) : m_onFault(onFault) {}
+    Creator(OnFault onFault, ElementSource* source) : m_onFault(onFault), m_source(source) {}
 
     /// @return the payload of what it has made, in bytes
     uint64 createChildren(zel::Component* target, const Component* source) {
@@ -116,7 +113,7 @@ private:
         requirePlain(serializedValue);
         const zel::ref_ptr<zelData::Value> value(
             new zelData::Value(serializedValue->getName(), serializedValue->getFormat()));
-        std::memcpy(value->getData(), bytesOf(serializedValue), serializedValue->getNumBytes());
+        copyElements(serializedValue, value->getData());
         return value;
     }
 
@@ -129,12 +126,33 @@ private:
                  static_cast<unsigned long long>(serializedBuffer->getOffset()),
                  serializedBuffer->getPath().c_str());
         requirePlain(serializedBuffer);
+        count(serializedBuffer);
         zel::ref_ptr<zelData::Buffer> buffer = makeBuffer(
             serializedBuffer->getName(), serializedBuffer->getFormat(), serializedBuffer->getNumElements());
         if (!buffer->empty())
-            std::memcpy(buffer->getPtr(), bytesOf(serializedBuffer), serializedBuffer->getNumBytes());
+            copyElements(serializedBuffer, buffer->getPtr());
         buffer->commit();
         return buffer;
+    }
+
+    void copyElements(const DataNode* node, void* target) {
+        if (m_source != nullptr)
+            m_source->read(node->getOffset(), target, node->getNumBytes());
+        else
+            std::memcpy(target, node->getData()->getData() + node->getOffset(), node->getNumBytes());
+    }
+
+    /// Buffers may show the same bytes, but not so often that a small file asks for any amount of memory.
+    void count(const DataNode* node) {
+        if (m_countedData != node->getData()) {
+            m_countedData = node->getData();
+            m_numCounted = 0;
+        }
+        m_numCounted += node->getNumBytes();
+        if (m_numCounted > MaxOverlap * m_countedData->getSize())
+            throw std::runtime_error(zel::String::format(
+                "SerializedFrame: the buffers up to node %s show the same bytes again and again",
+                node->getPath().c_str()));
     }
 
     static zel::ref_ptr<zelData::Buffer>
@@ -321,13 +339,22 @@ private:
         return buffer;
     }
 
+    static constexpr uint64 MaxOverlap = 16;
+
     OnFault m_onFault;
+    ElementSource* m_source;
+    const BinaryData* m_countedData = nullptr; // whose buffers have been counted
+    uint64 m_numCounted = 0;
 };
 
-Frame* SerializedFrame::createFrame(
-    const Component* root, zel::uint64 index, double timeStamp, double timeStep, OnFault onFault) {
+Frame* SerializedFrame::createFrame(const Component* root,
+                                    zel::uint64 index,
+                                    double timeStamp,
+                                    double timeStep,
+                                    OnFault onFault,
+                                    ElementSource* source) {
     zel::ref_ptr<Frame> frame(new Frame(index, timeStamp, timeStep));
-    frame->setNumBytes(Creator(onFault).createChildren(frame.get(), root));
+    frame->setNumBytes(Creator(onFault, source).createChildren(frame.get(), root));
     frame->setSerialized(true);
     return frame.release_nodelete();
 }

@@ -89,7 +89,7 @@ void FrameExtractor::expectEndTag() {
     expectTag(m_onFault, m_stream);
 }
 
-Frame* FrameExtractor::extract(bool clearNameTableOnKeyFrame) {
+Frame* FrameExtractor::extract(bool clearNameTableOnKeyFrame, ElementSource* source) {
     const Frame meta = extractMeta();
     if (meta.isKeyFrame != 0 && clearNameTableOnKeyFrame)
         m_names.clear();
@@ -101,7 +101,7 @@ Frame* FrameExtractor::extract(bool clearNameTableOnKeyFrame) {
     expect(m_onFault, root != nullptr, "rootNode->is<SerializedFrame::Component>()");
 
     zel::ref_ptr<zelData::Frame> frame(
-        createFrame(root, meta.index, meta.timeStamp, meta.timeStep, m_onFault));
+        createFrame(root, meta.index, meta.timeStamp, meta.timeStep, m_onFault, source));
     frame->setKeyFrame(meta.isKeyFrame != 0);
     frame->addEvents(m_events);
     frame->setId(meta.id);

@@ -309,6 +309,16 @@ TEST_F(SerializedFrameFaultTest, PartsHaveAsManyElementsAsTheWhole) {
               "SerializedFrame: 'id' has 2 elements, and not 4294967295, in node custom");
 }
 
+TEST_F(SerializedFrameFaultTest, TheSameBytesAreNotShownAgainAndAgain) {
+    for (int i = 0; i < 16; ++i)
+        addBuffer(root.get(), ("b" + std::to_string(i)).c_str(), "Real", 2);
+    create(OnFault::Throw);
+    addBuffer(root.get(), "c", "UInt:8bit", 1);
+    for (const OnFault onFault : {OnFault::Throw, OnFault::EndProcess})
+        EXPECT_EQ(zelTest::whatOf([&] { create(onFault); }),
+                  "SerializedFrame: the buffers up to node c show the same bytes again and again");
+}
+
 TEST_F(SerializedFrameFaultTest, PartsAreOfTheRightFormat) {
     auto* custom = addCustom("String", 1);
     addBuffer(custom, "range", "UInt", 1);
