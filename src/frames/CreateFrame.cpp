@@ -1,9 +1,11 @@
 #include "ElementForm.h"
 #include "ElementSource.h"
 #include "Fault.h"
+#include "FrameWalk.h"
 
 #include <zel/String.h>
 #include <zelData/Array.h>
+#include <zelData/ArrayFormat.h>
 #include <zelData/Buffer.h>
 #include <zelData/EntityPtr.h>
 #include <zelData/Format.h>
@@ -287,6 +289,16 @@ private:
         return ranges;
     }
 
+    /// Arrays take their elements for what their own format says.
+    static void requireElements(const CustomBuffer* node, const zelData::Buffer* elements) {
+        const auto* format = dynamic_cast<const ArrayFormat*>(node->getFormat());
+        if (format == nullptr || elements->getFormat() != format->getElementFormat())
+            throw std::runtime_error(
+                zel::String::format("SerializedFrame: format '%s' is not that of the elements in node %s",
+                                    elements->getFormat()->fullName().c_str(),
+                                    node->getPath().c_str()));
+    }
+
     zel::ref_ptr<zelData::Buffer> createArrayBuffer(const CustomBuffer* node) {
         const auto ranges = createRanges(node);
         zel::ref_ptr<zelData::Buffer> buffers;
@@ -294,10 +306,14 @@ private:
             buffers = createNumbers(part);
             requireSize(node, buffers.get());
         }
-        const zel::ref_ptr<zelData::Buffer> elements = createElements(node->findChild("elements"));
+        const Node* elementNode = node->findChild("elements");
+        const zel::ref_ptr<zelData::Buffer> elements = createElements(elementNode);
         zel::ref_ptr<zelData::Buffer> buffer = makeBuffer(node->getName(), node->getFormat(), ranges->size());
-        if (elements)
+        if (elements) {
+            requireElements(node, elements.get());
+            elements->setId(elementNode->getId());
             buffer->setElementBuffer(elements.get());
+        }
         for (uint64 i = 0; i < ranges->size(); ++i) {
             const Range& range = ranges->data<Range>()[i];
             auto& array = buffer->data<AbstractArray>()[i];
@@ -309,6 +325,9 @@ private:
             if (range.begin() > range.end() || range.end() > elements->size())
                 throwRange(node, i);
             array.bind(elements.get(), range);
+            // The arrays know the elements by this number, also where the node has none.
+            if (elements->getId() == Frame::NoId && buffers)
+                elements->setId(static_cast<uint32>(buffers->data<uint64>()[i]));
         }
         buffer->commit();
         return buffer;
@@ -353,6 +372,7 @@ Frame* SerializedFrame::createFrame(const Component* root,
                                     double timeStep,
                                     OnFault onFault,
                                     ElementSource* source) {
+    const RebindOff rebindOff;
     zel::ref_ptr<Frame> frame(new Frame(index, timeStamp, timeStep));
     frame->setNumBytes(Creator(onFault, source).createChildren(frame.get(), root));
     frame->setSerialized(true);

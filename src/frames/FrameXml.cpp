@@ -105,9 +105,7 @@ public:
     explicit XmlHeader(const BinaryData* data) : m_data(data) {}
 
     void extractChildren(SerializedFrame::Component* parent, TiXmlElement* element) {
-        if (++m_depth > SerializedFrame::MaxDepth)
-            throw std::runtime_error(zel::String::format("SerializedFrame: nodes lie more than %u deep",
-                                                         SerializedFrame::MaxDepth));
+        ++m_depth;
         for (TiXmlElement* child = element->FirstChildElement(); child != nullptr;
              child = child->NextSiblingElement())
             if (m_depth > 1 || child->ValueStr() != "Events")
@@ -117,6 +115,9 @@ public:
 
 private:
     zel::ref_ptr<Node> extractNode(TiXmlElement* element) {
+        if (m_depth >= SerializedFrame::MaxDepth)
+            throw std::runtime_error(zel::String::format("SerializedFrame: nodes lie more than %u deep",
+                                                         SerializedFrame::MaxDepth));
         const std::string& tag = element->ValueStr();
         const auto id = parseAttribute<uint32>(element, "id");
         const auto name = zel::Name(parseAttribute<zel::String>(element, "name"));

@@ -52,17 +52,27 @@ public:
     Builder(SerializedFrame& target, bool serialized) : m_target(target), m_serialized(serialized) {}
 
     void addChildren(Component* parent, const zel::Component* source) {
-        if (++m_depth > MaxDepth)
-            throw std::runtime_error(
-                zel::String::format("SerializedFrame: the nodes of %s lie more than %u deep",
-                                    source->getPath().c_str(),
-                                    MaxDepth));
+        const Level level(m_depth, source);
         for (zel::size_t i = 0; i < source->getNumObjects(); ++i)
             add(parent, source->getObject(i));
-        --m_depth;
     }
 
 private:
+    /// One node further down, of which a reader takes so many and no more.
+    struct Level {
+        Level(uint32& numLevels, const zel::Object* source) : depth(numLevels) {
+            if (++depth > MaxDepth)
+                throw std::runtime_error(
+                    zel::String::format("SerializedFrame: the nodes of %s lie more than %u deep",
+                                        source->getPath().c_str(),
+                                        MaxDepth));
+        }
+        Level(const Level&) = delete;
+        Level& operator=(const Level&) = delete;
+        ~Level() { --depth; }
+        uint32& depth;
+    };
+
     void add(Component* parent, const zel::Object* object) {
         if (const auto* value = dynamic_cast<const zelData::Value*>(object))
             add(parent, value);
@@ -102,6 +112,7 @@ private:
             warn(value, format);
             return;
         }
+        const Level level(m_depth, value);
         const uint64 size = format->getSize();
         const zel::ref_ptr<BinaryData> data = view(content, size, value);
         const uint64 offset = place(data, size, size);
@@ -111,6 +122,7 @@ private:
     void add(Component* parent, const zelData::Buffer* buffer, const zel::Name& name) {
         if (buffer->empty())
             return;
+        const Level level(m_depth, buffer);
         switch (elementFormOf(buffer->getFormat())) {
         case ElementForm::Plain:
             addPlainBuffer(parent, buffer, name);
@@ -157,6 +169,7 @@ private:
         const zelData::Buffer* data = partial->getDataBuffer();
         if (data == nullptr || data->empty())
             return;
+        const Level level(m_depth, partial);
         const zel::ref_ptr<PartialBuffer> node(new PartialBuffer(
             partial->getId(), partial->getName(), data->getFormat(), data->size(), partial->getFullSize()));
         add(node.get(), partial->getIndexBuffer(), partial->getIndexBuffer()->getName());
@@ -193,7 +206,10 @@ private:
         const auto* elements = buffer->data<AbstractArray>();
         for (uint64 i = 0; i < buffer->size(); ++i) {
             ranges->data<zel::IndexRangeT<uint32>>()[i] = elements[i].range();
-            buffers->data<uint64>()[i] = idOf(elements[i].buffer(), m_serialized);
+            // Those that were read show the elements, also where all other references are numbers.
+            const bool isOwn =
+                elements[i].buffer() != nullptr && elements[i].buffer() == buffer->getElementBuffer();
+            buffers->data<uint64>()[i] = idOf(elements[i].buffer(), m_serialized && !isOwn);
         }
         const zel::ref_ptr<CustomBuffer> node = makeCustom(buffer, name);
         add(node.get(), ranges, ranges->getName());

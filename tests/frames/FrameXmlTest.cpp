@@ -141,6 +141,13 @@ TEST_F(FrameXmlTest, TreesAreAtMost512Deep) {
     for (int i = 0; i < 511; ++i)
         end += "</Component>";
     EXPECT_NO_THROW((void)read(deep + end));
+    EXPECT_EQ(zelTest::whatOf([&] {
+                  (void)read(deep +
+                             "<Buffer name='b' id='1' type='Real' numElements='0' numBytes='0' "
+                             "byteOffset='0'/>" +
+                             end);
+              }),
+              "SerializedFrame: nodes lie more than 512 deep");
     EXPECT_EQ(
         zelTest::whatOf([&] { (void)read("<Component name='x' id='1'>" + deep + end + "</Component>"); }),
         "SerializedFrame: nodes lie more than 512 deep");

@@ -319,6 +319,14 @@ TEST_F(SerializedFrameFaultTest, TheSameBytesAreNotShownAgainAndAgain) {
                   "SerializedFrame: the buffers up to node c show the same bytes again and again");
 }
 
+TEST_F(SerializedFrameFaultTest, ElementsAreOfTheFormatOfTheirArrays) {
+    auto* arrays = addCustom("Array<Real>", 1);
+    addBuffer(arrays, "range", "IndexRange:32bit", 1);
+    addBuffer(arrays, "elements", "UInt:8bit", 16);
+    EXPECT_EQ(zelTest::whatOf([&] { create(OnFault::Throw); }),
+              "SerializedFrame: format 'UInt:8bit' is not that of the elements in node custom");
+}
+
 TEST_F(SerializedFrameFaultTest, PartsAreOfTheRightFormat) {
     auto* custom = addCustom("String", 1);
     addBuffer(custom, "range", "UInt", 1);

@@ -243,6 +243,32 @@ TEST_F(SerializedFrameTest, ArraysWithoutElementsKeepTheNumberOfTheirBuffer) {
     EXPECT_EQ(reinterpret_cast<uint64>(views[1].buffer()), 0xFFFFFFFFU);
 }
 
+TEST_F(SerializedFrameTest, AFrameThatWasReadIsWrittenByteForByte) {
+    const ref_ptr<Frame> frame = fullFrame();
+    frame->getBuffer("arrays")->getElementBuffer()->setId(99);
+    const auto bytesOf = [](const Frame* written) {
+        const ref_ptr<SerializedFrame> serialized(new SerializedFrame(written));
+        return textOf(serialized->writeBinaryHeader().get()) + textOf(segmentOf(*serialized).get());
+    };
+    const auto copy = throughBytes(frame.get());
+    EXPECT_TRUE(bytesOf(frame.get()) == bytesOf(copy.get()));
+    // Also where it was merged in between.
+    const ref_ptr<Frame> merged(new Frame(frame->getIndex(), frame->getTimeStamp(), frame->getTimeStep()));
+    merged->merge(copy.get(), true);
+    EXPECT_TRUE(bytesOf(frame.get()) == bytesOf(merged.get()));
+    // The recorder's elements have no id of their own; the arrays know them by that of the live ones.
+    frame->getBuffer("arrays")->getElementBuffer()->setId(Frame::NoId);
+    frame->setSerialized(true);
+    frame->removeNode(frame->getBuffer("handles"));
+    auto* const arrays = frame->getBuffer("arrays")->data<zelData::AbstractArray>();
+    for (int i = 0; i < 2; ++i)
+        arrays[i].setReference(reinterpret_cast<Buffer*>(uint64{98}), arrays[i].range()); // NOLINT: a number
+    const auto segmentOfFrame = [](const Frame* written) {
+        return textOf(segmentOf(*ref_ptr<SerializedFrame>(new SerializedFrame(written))).get());
+    };
+    EXPECT_TRUE(segmentOfFrame(frame.get()) == segmentOfFrame(throughBytes(frame.get()).get()));
+}
+
 TEST_F(SerializedFrameTest, NamesComeBackAsNames) {
     const ref_ptr<Frame> frame = makeFrame();
     frame->addBuffer(texts("Name", {"", "earth"}).get(), "texts");
@@ -316,9 +342,22 @@ TEST_F(SerializedFrameTest, TreesAreAtMost512Deep) {
         deepest = next;
     EXPECT_EQ(depth, 510);
     EXPECT_NE(deepest->findObject("value"), nullptr);
+    // What is written can be read: leaves and their parts count as well.
+    const auto expectRefused = [&](Frame* refused) {
+        EXPECT_NE(zelTest::whatOf([&] { SerializedFrame{refused}; }).find("lie more than 512 deep"),
+                  std::string::npos);
+    };
+    const auto withValue = makeFrame();
+    withValue->addValue(real("value", 1).get(), path + "x.value");
+    expectRefused(withValue.get());
+    const auto withPart = makeFrame();
+    withPart->addBuffer(partial("part", {1}, {2}, 3).get(), path + "part");
+    expectRefused(withPart.get());
+    const auto withTexts = makeFrame();
+    withTexts->addBuffer(texts("String", {"text"}).get(), path + "texts");
+    expectRefused(withTexts.get());
     frame->addValue(real("value", 1).get(), path + "x.x.value");
-    EXPECT_NE(zelTest::whatOf([&] { SerializedFrame{frame.get()}; }).find("lie more than 512 deep"),
-              std::string::npos);
+    expectRefused(frame.get());
 }
 
 TEST_F(SerializedFrameTest, PlacesOf32BitsAreRead) {
