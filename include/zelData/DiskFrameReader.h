@@ -21,7 +21,8 @@ public:
     ~DiskFrameReader() override;
 
     [[nodiscard]] virtual JournalArchive::Session* getSession() const = 0;
-    /// The frame of the index as it was written.
+    /// The frame of the index as it was written. The names of its nodes must be known: from the frames that
+    /// were read ahead of it in order, or from an open sequence.
     /// @return a new frame without owner; null if there is none
     [[nodiscard]] virtual Frame* readFrame(zel::uint64 index) = 0;
     /// Opens a sequence: the names of all its frames are known until it ends.
@@ -54,6 +55,9 @@ protected:
     [[nodiscard]] Mutex& getMutex() const noexcept { return m_mutex; }
 
 private:
+    class SequenceScope;
+
+    void catchUp(zel::uint64 start);
     [[nodiscard]] zel::ref_ptr<Frame> mergeFrameSequence(zel::uint64 start);
     void updateExclusions(const Frame* frame, const zel::Component* node);
     void initBindTables();

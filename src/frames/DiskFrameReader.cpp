@@ -88,15 +88,32 @@ uint64 DiskFrameReader::findFrameAtTime(double time) const {
         if (session->getFrameHeader(index).index == None)
             index = first.index;
     }
-    // From there on, as long as it comes nearer; of two at the same distance, to the earlier.
+    // From there on, as long as it comes nearer, over frames of one stamp too; of two at the same distance,
+    // to the earlier.
     for (uint64 next;
-         (next = session->getNextFrameIndex(index, 1)) != None && distance(next) < distance(index);)
+         (next = session->getNextFrameIndex(index, 1)) != None && distance(next) <= distance(index);)
         index = next;
     for (uint64 next;
          (next = session->getNextFrameIndex(index, -1)) != None && distance(next) <= distance(index);)
         index = next;
     return index;
 }
+
+/// A sequence ends with this, whichever way.
+class DiskFrameReader::SequenceScope {
+public:
+    explicit SequenceScope(DiskFrameReader& reader) : m_reader(reader) {}
+    SequenceScope(const SequenceScope&) = delete;
+    SequenceScope& operator=(const SequenceScope&) = delete;
+    ~SequenceScope() {
+        m_reader.m_exclusions.clear();
+        m_reader.m_frames.clear();
+        m_reader.endSequence();
+    }
+
+private:
+    DiskFrameReader& m_reader;
+};
 
 Frame* DiskFrameReader::readFrame() {
     const std::lock_guard lock(m_mutex);
@@ -128,38 +145,30 @@ Frame* DiskFrameReader::readFrame() {
         const uint64 passed =
             session->getNextFrameIndex(m_nextFrameIndex, 1 - static_cast<zel::int64>(stride));
         const uint64 start = getSequenceStartFrame(passed == None ? session->getFirstFrameIndex() : passed);
-        return start == None ? nullptr : passedOn(mergeFrameSequence(start));
+        if (start == None)
+            return nullptr;
+        if (skipped)
+            catchUp(startFrame());
+        return passedOn(mergeFrameSequence(start));
     }
     if (!skipped)
         return passedOn(zel::ref_ptr<Frame>(readFrame(m_nextFrameIndex)));
+    const SequenceScope scope(*this);
     prepareSequence(startFrame(), m_nextFrameIndex);
-    try {
-        zel::ref_ptr<Frame> frame(readFrame(m_nextFrameIndex));
-        endSequence();
-        return passedOn(frame);
-    } catch (...) {
-        endSequence();
-        throw;
-    }
+    return passedOn(zel::ref_ptr<Frame>(readFrame(m_nextFrameIndex)));
+}
+
+/// Takes the names of frames that were passed over.
+void DiskFrameReader::catchUp(uint64 start) {
+    const SequenceScope scope(*this);
+    prepareSequence(start, m_nextFrameIndex);
 }
 
 /// Reads the newest frame first, so that of the older ones only what is needed, and applies them in the order
 /// of time.
 zel::ref_ptr<Frame> DiskFrameReader::mergeFrameSequence(uint64 start) {
-    /// Ends with the sequence, whichever way.
-    struct Scope {
-        explicit Scope(DiskFrameReader& owner) : reader(owner) { reader.m_exclusions.clear(); }
-        Scope(const Scope&) = delete;
-        Scope& operator=(const Scope&) = delete;
-        ~Scope() {
-            reader.m_exclusions.clear();
-            reader.m_frames.clear();
-            reader.endSequence();
-        }
-        DiskFrameReader& reader;
-    };
+    const SequenceScope scope(*this);
     prepareSequence(start, m_nextFrameIndex);
-    const Scope scope(*this);
     for (uint64 index = m_nextFrameIndex;; index = getSession()->getNextFrameIndex(index, -1)) {
         const zel::ref_ptr<Frame> frame(readFrame(index));
         if (!frame)

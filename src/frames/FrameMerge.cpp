@@ -1,5 +1,6 @@
 #include "FrameNames.h"
 #include "FrameOverlay.h"
+#include "FrameWalk.h"
 
 #include <zel/Exception.h>
 #include <zel/HashSet.h>
@@ -21,6 +22,20 @@ namespace {
 
 [[noreturn]] void throwCollision(const zel::Object* node, const zel::Object* existing) {
     ZEL_THROW(Frame::MergeException, node, existing);
+}
+
+/// With those of the parts that belong to a node.
+void copyIds(zel::Object* copy, const zel::Object* node) {
+    copy->setId(node->getId());
+    if (const auto* partial = dynamic_cast<const Frame::PartialBuffer*>(node)) {
+        auto* partialCopy = static_cast<Frame::PartialBuffer*>(copy);
+        copyIds(partialCopy->getIndexBuffer(), partial->getIndexBuffer());
+        if (partial->getDataBuffer() != nullptr)
+            copyIds(partialCopy->getDataBuffer(), partial->getDataBuffer());
+    } else if (const auto* buffer = dynamic_cast<const Buffer*>(node)) {
+        if (buffer->getElementBuffer() != nullptr)
+            copyIds(static_cast<Buffer*>(copy)->getElementBuffer(), buffer->getElementBuffer());
+    }
 }
 
 /// The format of the elements that the node holds, whole or in part.
@@ -62,8 +77,11 @@ void Frame::merge(const Frame* other, bool overwrite) {
         const Frame*& m_slot;
     };
     const SourceScope scope(m_mergeSource, other);
+    const RebindOff rebindOff;
     if (other->isKeyFrame())
         m_isKeyFrame = true;
+    if (other->isSerialized())
+        m_serialized = true;
     addEvents(other->m_events);
     mergeChildren(other, this, overwrite);
     if (other->getId() < NoId)
@@ -93,7 +111,7 @@ void Frame::mergeChildren(const Component* source, Component* target, bool overw
 template <typename Node>
 void Frame::addClone(const Node* node, Component* target) {
     const zel::ref_ptr<Node> clone(node->clone());
-    clone->setId(node->getId());
+    copyIds(clone.get(), node);
     addNode(target, clone.get());
 }
 

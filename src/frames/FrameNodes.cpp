@@ -1,3 +1,5 @@
+#include "FrameOverlay.h"
+
 #include <zel/Model.h>
 #include <zel/Verify.h>
 #include <zelData/Attribute.h>
@@ -36,6 +38,14 @@ Buffer* makeBuffer(const zel::Name& name, const Format* format, zel::uint64 size
 }
 
 } // namespace
+
+zel::uint64
+elementsOfInstance(const Frame::EntityStorage* storage, const zel::Name& column, zel::uint64 numElements) {
+    const EntityModel* model = storage->getModel();
+    const Attribute* attribute = model == nullptr ? nullptr : model->getAttribute(column);
+    const zel::uint64 guess = storage->size() == 0 ? 1 : numElements / storage->size();
+    return std::max<zel::uint64>(attribute == nullptr ? guess : attribute->getNumElements(), 1);
+}
 
 // Partial buffers
 
@@ -136,10 +146,7 @@ void Frame::EntityStorage::addObject(zel::Object* object, bool assignContext) {
     } else if (buffer->getName() == zelData::EntityStorage::IndexToIdName) {
         m_indexToId = buffer;
     } else {
-        const Attribute* attribute = m_model ? m_model->getAttribute(buffer->getName()) : nullptr;
-        const zel::uint64 guess = m_size == 0 ? 1 : buffer->size() / m_size;
-        m_columns.insert(
-            buffer, std::max<zel::uint64>(attribute == nullptr ? guess : attribute->getNumElements(), 1));
+        m_columns.insert(buffer, elementsOfInstance(this, buffer->getName(), buffer->size()));
     }
 }
 

@@ -35,7 +35,28 @@ void dropElements(Frame::PartialBuffer* older, const Frame::PartialBuffer* newer
     older->resize(kept);
 }
 
+/// Parts of columns that the newer frame does not tell of follow the size of their storage, as whole columns
+/// do.
+void followSize(const Frame::EntityStorage* older, const Frame::EntityStorage* newer) {
+    for (zel::size_t i = 0; i < older->getNumObjects(); ++i) {
+        auto* part = dynamic_cast<Frame::PartialBuffer*>(older->getObject(i));
+        if (part == nullptr || newer->size() == older->size())
+            continue;
+        const zel::uint64 fullSize =
+            newer->size() * elementsOfInstance(older, part->getName(), part->getFullSize());
+        const zel::ref_ptr<Frame::PartialBuffer> none(
+            part->getDataBuffer() == nullptr
+                ? new Frame::PartialBuffer(part->getName(), 0, fullSize)
+                : new Frame::PartialBuffer(part->getName(), part->getDataBuffer()->getFormat(), 0, fullSize));
+        part->merge(none.get(), true);
+    }
+}
+
 void dropReplaced(zel::Component* older, const zel::Component* newer) {
+    const auto* oldStorage = dynamic_cast<const Frame::EntityStorage*>(older);
+    const auto* newStorage = dynamic_cast<const Frame::EntityStorage*>(newer);
+    if (oldStorage != nullptr && newStorage != nullptr)
+        followSize(oldStorage, newStorage);
     for (zel::size_t i = 0; i < newer->getNumObjects(); ++i) {
         const zel::Object* node = newer->getObject(i);
         zel::Object* existing = older->findObject(node->getName());
@@ -64,6 +85,7 @@ void overlay(Frame* target, const Frame* newer) {
     target->setIndex(newer->getIndex());
     target->setTimeStamp(newer->getTimeStamp());
     target->setTimeStep(newer->getTimeStep());
+    target->setId(newer->getId());
 }
 
 } // namespace zelData

@@ -12,4 +12,9 @@ void overlay(Frame* target, const Frame* newer);
 /// where a place lies beyond it, and commits.
 void scatter(const Frame::PartialBuffer* source, Buffer* target);
 
+/// How many elements of a column, which has so many by now, belong to one instance: as the model says, or as
+/// there are.
+[[nodiscard]] zel::uint64
+elementsOfInstance(const Frame::EntityStorage* storage, const zel::Name& column, zel::uint64 numElements);
+
 } // namespace zelData

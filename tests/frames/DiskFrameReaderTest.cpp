@@ -1,6 +1,8 @@
 #include "FrameModelFixture.h"
 #include "MemoryJournal.h"
 
+#include <zelData/Track.h>
+
 #include <support/Stress.h>
 
 #include <algorithm>
@@ -11,6 +13,7 @@
 using zel::ref_ptr;
 using zel::uint64;
 using zelData::Frame;
+using zelTest::elementsOf;
 using zelTest::frameOf;
 using zelTest::MemoryReader;
 using zelTest::MemorySession;
@@ -142,6 +145,102 @@ TEST_F(DiskFrameReaderTest, FindsTheNearestFrameInTime) {
                   ->findFrameAtTime(1),
               uint64{zel::InvalidIndex});
     EXPECT_DEATH((void)reader->findFrameAtTime(-1), "time >= 0");
+}
+
+TEST_F(DiskFrameReaderTest, FramesOfOneTimeHideNoneThatIsNearer) {
+    const double stamps[] = {0, 1, 1, 1, 1, 2};
+    for (uint64 i = 0; i < 6; ++i) {
+        const auto frame = frameOf(i, 0);
+        frame->setTimeStamp(stamps[i]);
+        frame->setTimeStep(1);
+        session->append(frame.get());
+    }
+    reader = new MemoryReader(session.get());
+    EXPECT_EQ(reader->findFrameAtTime(0.5), 0U);
+    EXPECT_EQ(reader->findFrameAtTime(1), 1U);
+    EXPECT_EQ(reader->findFrameAtTime(1.5), 1U);
+    EXPECT_EQ(reader->findFrameAtTime(2), 5U);
+}
+
+TEST_F(DiskFrameReaderTest, AMergedFrameHasTheIdOfTheNewest) {
+    for (const zel::uint32 id : {5U, 6U, Frame::NoId}) {
+        const auto frame = frameOf(session->getNumFrames(), 0, id == 5);
+        frame->setId(id);
+        session->append(frame.get());
+    }
+    reader = new MemoryReader(session.get());
+    EXPECT_TRUE(reader->jumpToFrame(1));
+    EXPECT_EQ(read()->getId(), 6U);
+    EXPECT_TRUE(reader->jumpToFrame(2));
+    EXPECT_EQ(read()->getId(), Frame::NoId);
+}
+
+TEST_F(DiskFrameReaderTest, NamesAreCaughtUpWithWhereFramesCameFromACache) {
+    // The names of the first ten come again in the second ten, in another order.
+    for (uint64 i = 0; i < 20; ++i) {
+        const auto frame = frameOf(i, 0, i % 10 == 0);
+        const zel::Name name("own" + std::to_string(i < 10 ? i : 30 - i));
+        frame->addValue(real(name, static_cast<double>(i)).get(), name);
+        if (i == 8) // what only the names of frames that were not read anew tell
+            for (const char* earlier : {"own2", "own4"})
+                frame->addValue(real(earlier, 8).get(), earlier);
+        session->append(frame.get());
+    }
+    reader = new MemoryReader(session.get(), false);
+    const ref_ptr<zelData::Track> track(new zelData::Track(reader.get(), nullptr));
+    track->setFrameStride(2);
+    track->start();
+    uint64 numBytes = 0;
+    for (uint64 i = 0; i < 20; i += 2) {
+        const auto frame = track->popFrame(true);
+        ASSERT_TRUE(frame);
+        ASSERT_EQ(frame->getIndex(), i);
+        if (i == 10)
+            numBytes = track->getNumCachedBytes();
+    }
+    // Frames up to 6 stay in the cache, and those behind them are read again.
+    EXPECT_TRUE(track->jumpToFrame(0));
+    for (uint64 i = 0; i < 8; i += 2)
+        ASSERT_EQ(track->popFrame(true)->getIndex(), i);
+    track->setMaxNumBytes(numBytes / 4);
+    const auto frame = track->popFrame(true);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(namesOf(frame.get()), (std::vector<std::string>{"own2", "own4", "own7", "own8", "value"}));
+}
+
+TEST_F(DiskFrameReaderTest, PartsOfColumnsFollowTheSizeOfTheirStorage) {
+    auto* model = entity("Bodies",
+                         "<Attribute.Scalar name='mass' type='Real'/>"
+                         "<Attribute.Scalar name='place' type='Real' numElements='2'/>");
+    const auto append = [&](uint64 size, std::initializer_list<zel::Object*> columns) {
+        const auto frame = frameOf(session->getNumFrames(), 0, session->getNumFrames() == 0);
+        const ref_ptr<Frame::EntityStorage> storage(new Frame::EntityStorage("s", model, size, 16));
+        frame->addStorage(storage.get(), "s");
+        frame->addNode(storage.get(), numbers("_idToIndex", {0, 1, 2, 3}).get());
+        for (zel::Object* column : columns)
+            frame->addNode(storage.get(), column);
+        session->append(frame.get());
+    };
+    append(4, {reals("mass", {1, 2, 3, 4}).get(), reals("place", {1, 2, 3, 4, 5, 6, 7, 8}).get()});
+    append(4, {partial("mass", {0, 3}, {10, 40}, 4).get(), partial("place", {3, 4}, {40, 50}, 8).get()});
+    append(2, {}); // the last ones were destroyed, and nothing else has changed
+    reader = new MemoryReader(session.get(), false);
+    const ref_ptr<zelData::Track> track(new zelData::Track(reader.get(), nullptr));
+    track->setFrameStride(2);
+    track->start();
+    const auto whole = track->popFrame(true);
+    const auto merged = track->popFrame(true);
+    ASSERT_EQ(merged->getIndex(), 2U);
+    expectWhole(merged.get());
+    const auto& mass = dynamic_cast<Frame::PartialBuffer&>(*merged->getResource("s.mass"));
+    EXPECT_EQ(mass.getFullSize(), 2U);
+    EXPECT_EQ(elementsOf<uint64>(mass.getIndexBuffer()), (std::vector<uint64>{0}));
+    const auto& place = dynamic_cast<Frame::PartialBuffer&>(*merged->getResource("s.place"));
+    EXPECT_EQ(place.getFullSize(), 4U);
+    EXPECT_EQ(elementsOf<uint64>(place.getIndexBuffer()), (std::vector<uint64>{3}));
+    whole->merge(merged.get(), true);
+    EXPECT_EQ(elementsOf<double>(whole->getBuffer("s.mass")), (std::vector<double>{10, 2}));
+    EXPECT_EQ(elementsOf<double>(whole->getBuffer("s.place")), (std::vector<double>{1, 2, 3, 40}));
 }
 
 // Random sessions against a model.

@@ -76,6 +76,32 @@ TEST_F(FrameMergeTest, AKeyFrameMakesAKeyFrameAndNothingClearsIt) {
     EXPECT_TRUE(target->isKeyFrame());
 }
 
+TEST_F(FrameMergeTest, WhatASerializedFrameBringsIsMarked) {
+    source->setSerialized(true);
+    target->merge(source.get(), true);
+    EXPECT_TRUE(target->isSerialized());
+    target->merge(makeFrame().get(), true);
+    EXPECT_TRUE(target->isSerialized());
+}
+
+/// Counts how often it is told to look its paths up.
+class RebindCounter : public Component {
+public:
+    RebindCounter() : Component("counter") {}
+    void rebind() override { ++count; }
+    int count = 0;
+};
+
+TEST_F(FrameMergeTest, NothingIsLookedUpMeanwhile) {
+    const ref_ptr<RebindCounter> counter(new RebindCounter);
+    target->addNode(target.get(), counter.get());
+    counter->count = 0;
+    source->addBuffer(reals("x", {1}).get(), "x");
+    target->merge(source.get(), true);
+    EXPECT_EQ(counter->count, 0);
+    EXPECT_TRUE(Object::getEnableRebind());
+}
+
 TEST_F(FrameMergeTest, IndexAndTimesStay) {
     const ref_ptr<Frame> later(new Frame(9, 4.5, 0.5));
     target->merge(later.get(), true);
@@ -123,6 +149,22 @@ TEST_F(FrameMergeTest, AnEmptyFrameGetsEachNodeWithItsId) {
     EXPECT_EQ(copy.size(), 2U);
     EXPECT_EQ(copy.capacity(), 5U);
     EXPECT_EQ(copy.getIdToIndexBuffer(), target->getBuffer("a.storage._idToIndex"));
+}
+
+TEST_F(FrameMergeTest, PartsOfNodesKeepTheirIdsToo) {
+    const auto part = partial("part", {1}, {2}, 3);
+    part->getIndexBuffer()->setId(11);
+    part->getDataBuffer()->setId(12);
+    source->addBuffer(part.get(), "part");
+    const ref_ptr<Buffer> arrays(new Buffer("arrays", zelData::getFormat("Array<Real>")));
+    const auto elements = reals("elements", {1});
+    arrays->setElementBuffer(elements.get());
+    elements->setId(13);
+    source->addBuffer(arrays.get(), "arrays");
+    target->merge(source.get(), true);
+    EXPECT_EQ(partAt("part").getIndexBuffer()->getId(), 11U);
+    EXPECT_EQ(partAt("part").getDataBuffer()->getId(), 12U);
+    EXPECT_EQ(target->getBuffer("arrays")->getElementBuffer()->getId(), 13U);
 }
 
 TEST_F(FrameMergeTest, ValuesOfTheSameFormatAreReplaced) {
