@@ -35,6 +35,14 @@ class ZEL_CORE_API Clock : public Task {
 public:
     class Event;
 
+    /// Where an event stands in the schedule of its clock.
+    struct EventState {
+        Event* event;
+        uint64 dispatchFrame; ///< the one that it waits for, or the last one that it waited for
+        double residual;      ///< what its delay has beyond whole frames, in seconds
+        bool isScheduled;
+    };
+
     /// @param frequency  frames a second; above 0
     Clock(const Name& name, double frequency);
     ~Clock() override;
@@ -114,6 +122,18 @@ public:
     /// @param oldTimeStep  the step by which they were scheduled
     void rebuild(double oldTimeStep);
     [[nodiscard]] const Vector<Event*>& getEvents() const noexcept { return m_events; }
+    /// Where all events stand: first those that are scheduled, in the order in which they will happen.
+    [[nodiscard]] Vector<EventState> getSchedule() const;
+    /// Puts the clock back to where it was: to the time, the frame and what getSchedule() gave there, so that
+    /// it goes on in the same way. An event that the schedule lacks is taken off it, one whose frame has gone
+    /// by happens in the next tick, and values that are bound keep their bindings. Not within a tick of the
+    /// clock, which is verified.
+    /// @param schedule  of events of this clock, which is verified
+    void restoreSchedule(double time, size_t frame, const Vector<EventState>& schedule);
+    /// Whether the tasks and jobs of this slave wait for the next frame of its master.
+    [[nodiscard]] bool hasJoinedMaster() const;
+    /// Puts a slave back to where it was in this, too: lets them join, or takes them out.
+    void restoreJoined(bool joined);
 
     // Frames
 
@@ -199,6 +219,7 @@ private:
     /// Takes the job out of a frame that the clock has joined and that has not run yet.
     void withdraw(const Job* job);
     void withdraw(const Task* task);
+    void joinFrame();
     void collectFrame();
     void runFrame();
     void dispatchEvents();

@@ -56,8 +56,9 @@ class ZEL_CORE_API FrameCapture : public FrameIO {
 public:
     static constexpr zel::uint64 DefaultKeyFrameInterval = 100;
 
-    /// @param root  where the internal paths begin; kept alive
-    explicit FrameCapture(zel::Component* root);
+    /// @param root       where the internal paths begin
+    /// @param keepsRoot  whether it is kept alive: not by one whom it owns
+    explicit FrameCapture(zel::Component* root, bool keepsRoot = true);
     ~FrameCapture() override;
 
     /// Each n-th frame is a key frame, the first one in any case; 0 for no more than need be.
@@ -82,7 +83,8 @@ private:
     [[nodiscard]] zel::ref_ptr<Frame> fill(zel::ref_ptr<Frame> frame);
     void omit(const zel::Path& path, const zel::String& reason);
 
-    zel::ref_ptr<zel::Component> m_root;
+    zel::ref_ptr<zel::Component> m_keptRoot;
+    zel::Component* m_root;
     zel::uint64 m_keyFrameInterval = DefaultKeyFrameInterval;
     bool m_wantsKeyFrame = true;     // the shadows, or those who read, do not know what was told
     zel::uint64 m_numIncrements = 0; // since the last key frame

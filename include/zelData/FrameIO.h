@@ -5,6 +5,7 @@
 #include <zel/Path.h>
 #include <zel/String.h>
 #include <zel/Vector.h>
+#include <zel/Xml.h>
 #include <zel/ref_ptr.h>
 #include <zelData/Frame.h>
 #include <zelData/SerializedFrame.h>
@@ -60,6 +61,9 @@ public:
     /// A file with another root has none, which is told by a warning.
     /// @throws std::runtime_error with file and, for a fault in it, the row
     void loadDataBindings(const zel::String& file);
+    /// The same from the children of an element.
+    /// @throws std::runtime_error with file and row
+    void loadDataBindings(const TiXmlElement* element);
     /// The same from a JSON file: {"DataPaths": ["Sun.mass", {"path": "Sun.planets", "recursive": true}]}
     void loadDataBindingsJSON(const zel::String& file);
     [[nodiscard]] const BindingVector& getDataBindings() const noexcept { return m_dataBindings; }
@@ -73,6 +77,7 @@ protected:
 private:
     [[nodiscard]] zel::ref_ptr<Frame::DataBinding>
     makeBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive);
+    [[nodiscard]] zel::ref_ptr<Frame::DataBinding> makeBinding(const TiXmlElement* element);
 
     Track* m_track = nullptr;
     SerializedFrame::HeaderFormat m_headerFormat = SerializedFrame::INVALID;

@@ -244,6 +244,12 @@ void Clock::tick(bool) {
 }
 
 void Clock::collectFrame() {
+    joinFrame();
+    if (m_isSlaveTicking && m_joined != m_frameWrapper)
+        m_joined = m_frameWrapper;
+}
+
+void Clock::joinFrame() {
     for (size_t i = 0; i < m_frameTasks.size();) {
         if (Task* task = m_frameTasks[i].get()) {
             m_frameWrapper->add(task, this);
@@ -255,8 +261,27 @@ void Clock::collectFrame() {
     }
     for (Job* job : m_frameJobs)
         m_frameWrapper->add(job, this);
-    if (m_isSlaveTicking && m_joined != m_frameWrapper)
-        m_joined = m_frameWrapper;
+}
+
+bool Clock::hasJoinedMaster() const {
+    return m_joined && m_joined->hasAdded(this);
+}
+
+void Clock::restoreJoined(bool joined) {
+    zelVerifyN(!m_isTicking, "%s: A clock can not be restored within its own tick", getPath().c_str());
+    if (m_joined)
+        m_joined->withdrawAll(this);
+    if (!joined || m_master == nullptr)
+        return;
+    Clock* top = m_master; // whose frame is that of all below
+    while (top->m_master != nullptr)
+        top = top->m_master;
+    if (!top->m_frameWrapper)
+        top->m_frameWrapper = new FrameWrapper;
+    m_joined = top->m_frameWrapper;
+    const ref_ptr<FrameWrapper> own(std::exchange(m_frameWrapper, m_joined));
+    joinFrame();
+    m_frameWrapper = own;
 }
 
 void Clock::runFrame() {

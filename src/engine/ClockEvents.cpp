@@ -176,6 +176,57 @@ void Clock::scheduleAnew(double oldTimeStep, uint64 oldFrame) {
     }
 }
 
+Vector<Clock::EventState> Clock::getSchedule() const {
+    Vector<EventState> schedule;
+    schedule.reserve(m_events.size());
+    const auto add = [&schedule](Event* event, uint64 dispatchFrame) {
+        schedule.push_back({event, dispatchFrame, event->m_residual, event->m_state != Event::State::Idle});
+    };
+    for (Event* event : m_due)
+        if (event != nullptr)
+            add(event, m_presentFrame);
+    Vector<uint64> frames;
+    for (const auto& entry : m_schedule)
+        frames.push_back(entry.key);
+    std::sort(frames.begin(), frames.end());
+    for (const uint64 frame : frames)
+        for (uint32 i = m_schedule.find(frame)->value; i != NoSlot; i = m_slots[i].next)
+            add(m_slots[i].event, frame);
+    for (Event* event : m_events)
+        if (event->m_state == Event::State::Idle)
+            add(event, event->m_dispatchFrame);
+    return schedule;
+}
+
+void Clock::restoreSchedule(double time, size_t frame, const Vector<EventState>& schedule) {
+    zelVerifyN(!m_isTicking, "%s: A clock can not be restored within its own tick", getPath().c_str());
+    zelVerify(frame != InvalidIndex);
+    for (const EventState& state : schedule)
+        zelVerifyN(state.event->m_clock == this,
+                   "%s: The event does not belong to the clock",
+                   state.event->getPath().c_str());
+    const Keep keep(*this);
+    clearSchedule();
+    m_due.clear();
+    for (Event* event : m_events)
+        event->m_state = Event::State::Idle;
+    m_presentFrame = frame;
+    // Each comes to the head of its list.
+    for (size_t i = schedule.size(); i-- > 0;) {
+        Event* const event = schedule[i].event;
+        event->m_residual = std::isfinite(schedule[i].residual) ? schedule[i].residual : 0;
+        event->m_dispatchFrame = schedule[i].dispatchFrame;
+        if (!schedule[i].isScheduled || event->m_state != Event::State::Idle)
+            continue;
+        event->m_dispatchFrame = std::max(event->m_dispatchFrame, m_presentFrame);
+        event->m_state = Event::State::Scheduled;
+        link(event);
+    }
+    // Their callbacks find all as it was.
+    takeBack(m_time, time);
+    takeBack(m_frame, m_presentFrame);
+}
+
 void Clock::collectDue() {
     const auto position = m_schedule.find(m_presentFrame);
     if (position == m_schedule.end())

@@ -40,6 +40,18 @@ void Clock::FrameWrapper::withdraw(const Job* job, const Clock* clock) {
                       m_addedJobs.end());
 }
 
+void Clock::FrameWrapper::withdrawAll(const Clock* clock) {
+    const auto isOfClock = [clock](const auto& added) { return added.clock == clock; };
+    m_added.erase(std::remove_if(m_added.begin(), m_added.end(), isOfClock), m_added.end());
+    m_addedJobs.erase(std::remove_if(m_addedJobs.begin(), m_addedJobs.end(), isOfClock), m_addedJobs.end());
+}
+
+bool Clock::FrameWrapper::hasAdded(const Clock* clock) const {
+    const auto isOfClock = [clock](const auto& added) { return added.clock == clock; };
+    return std::any_of(m_added.begin(), m_added.end(), isOfClock) ||
+           std::any_of(m_addedJobs.begin(), m_addedJobs.end(), isOfClock);
+}
+
 void Clock::FrameWrapper::collectTasks() {
     for (const AddedTask& added : m_added) {
         Task* const task = added.task.get();

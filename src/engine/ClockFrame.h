@@ -27,6 +27,9 @@ public:
     /// Takes out what the clock has added for the next run.
     void withdraw(const Task* task, const Clock* clock);
     void withdraw(const Job* job, const Clock* clock);
+    void withdrawAll(const Clock* clock);
+    /// Whether the clock has added anything for the next run.
+    [[nodiscard]] bool hasAdded(const Clock* clock) const;
     /// Runs what was added, once, however often it was added, and forgets it.
     void runOnce();
 

@@ -9,7 +9,9 @@
 #include <zel/TaskPlugin.h>
 #include <zel/ref_ptr.h>
 
+#include <algorithm>
 #include <exception>
+#include <mutex>
 
 namespace zel {
 
@@ -63,6 +65,15 @@ TaskPlugin* loadPlugin(const Path& path, String& failure) {
 
 bool isPluginLibraryOpen(const String& file) {
     return openedLibraries().contains(file);
+}
+
+Vector<String> listPluginLibraries() {
+    const std::lock_guard lock(TaskManager::getMutex());
+    Vector<String> files;
+    for (const String& file : openedLibraries())
+        files.push_back(file);
+    std::sort(files.begin(), files.end());
+    return files;
 }
 
 String whatIsThrown() {

@@ -3,6 +3,7 @@
 #include <zel/Name.h>
 #include <zel/Path.h>
 #include <zel/String.h>
+#include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 
 namespace zel {
@@ -26,6 +27,9 @@ class TaskPluginImplementation;
 
 /// Whether the file has been opened as a library.
 [[nodiscard]] bool isPluginLibraryOpen(const String& file);
+
+/// The files that have been opened as libraries, in alphabetical order. Takes TaskManager's mutex.
+[[nodiscard]] Vector<String> listPluginLibraries();
 
 /// What the exception that is being handled says. To be called from a handler of all exceptions.
 /// @throws what unwinds a thread that is cancelled, and is no exception

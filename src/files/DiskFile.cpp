@@ -141,6 +141,13 @@ bool DiskFile::cut(uint64 size) {
     return true;
 }
 
+bool DiskFile::sync() {
+    while (fdatasync(m_descriptor) != 0)
+        if (errno != EINTR)
+            return fail(errno);
+    return true;
+}
+
 bool DiskFile::close() {
     const int descriptor = m_descriptor;
     m_descriptor = -1;

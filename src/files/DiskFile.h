@@ -44,6 +44,8 @@ public:
     writeAt(zel::uint64 offset, ::iovec* parts, zel::size_t numParts, zel::uint64& numWritten);
     /// Makes the file so long.
     [[nodiscard]] bool cut(zel::uint64 size);
+    /// Waits until what was written is on the disk.
+    [[nodiscard]] bool sync();
     /// Some systems tell of a full disk only now.
     [[nodiscard]] bool close();
 

@@ -186,7 +186,7 @@ bool CaptureTree::update(const FrameIO::BindingVector& bindings) {
         bind(bindings);
     }
     for (Binding& binding : m_bindings) {
-        zel::Object* object = binding.names.empty() ? m_root.get() : findNode(m_root.get(), binding.names);
+        zel::Object* object = binding.names.empty() ? m_root : findNode(m_root, binding.names);
         if (object == nullptr)
             m_omit(binding.internalPath, zel::String("there is no such object"));
         const Recordable what = object == nullptr ? Recordable() : recordableOf(nullptr, object);
@@ -243,7 +243,7 @@ void CaptureTree::updateChildren(CaptureNode& node, bool recursive, uint32 depth
             if (isBranch && depth + 1 >= SerializedFrame::MaxDepth)
                 what = {RecordKind::Omitted, nullptr, zel::String("it lies too deep")};
             if (what.kind == RecordKind::Omitted)
-                m_omit(child->getPath(m_root.get()), what.reason);
+                m_omit(child->getPath(m_root), what.reason);
             if (what.kind == RecordKind::None || what.kind == RecordKind::Omitted || (isBranch && !recursive))
                 continue;
             const auto found = old.find(child);
@@ -300,7 +300,7 @@ void CaptureTree::look() {
 
 void CaptureTree::look(CaptureNode& node) {
     const auto complain = [this, &node](const char* reason) {
-        m_omit(node.object->getPath(m_root.get()), zel::String(reason));
+        m_omit(node.object->getPath(m_root), zel::String(reason));
     };
     if (node.kind == RecordKind::Value) {
         auto* value = static_cast<Value*>(node.object);

@@ -138,7 +138,7 @@ private:
                        CapturePieces& copies);
     void addEvents(Frame* frame);
 
-    zel::ref_ptr<zel::Component> m_root;
+    zel::Component* m_root;
     Omit m_omit;
     zel::Vector<std::pair<zel::ref_ptr<Frame::DataBinding>, bool>> m_bound; // as they were, and how
     bool m_isBound = false;

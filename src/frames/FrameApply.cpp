@@ -1,6 +1,7 @@
 #include "ElementForm.h"
 #include "FrameWalk.h"
 #include "Recordable.h"
+#include "RunState.h"
 
 #include <zel/FirstException.h>
 #include <zel/Log.h>
@@ -180,7 +181,7 @@ private:
         const bool isStorage = dynamic_cast<const Frame::EntityStorage*>(node) != nullptr;
         for (zel::size_t i = 0; i < node->getNumObjects(); ++i) {
             const zel::Object* child = node->getObject(i);
-            if (isStorage && isTable(child))
+            if ((isStorage && isTable(child)) || (node == m_frame && child->getName() == RunStateName))
                 continue;
             zel::Object* liveChild = live->findObject(child->getName());
             if (liveChild == nullptr && isStorage && child->getName() == "globalOrder")

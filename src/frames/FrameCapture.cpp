@@ -8,8 +8,9 @@
 
 namespace zelData {
 
-FrameCapture::FrameCapture(zel::Component* root)
+FrameCapture::FrameCapture(zel::Component* root, bool keepsRoot)
     : FrameIO(false)
+    , m_keptRoot(keepsRoot ? root : nullptr)
     , m_root(root)
     , m_tree(new CaptureTree(
           root, [this](const zel::Path& path, const zel::String& reason) { omit(path, reason); }))

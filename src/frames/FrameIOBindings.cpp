@@ -46,10 +46,6 @@ zel::Path pathOf(const TiXmlElement* element, const char* attribute) {
     return path;
 }
 
-bool has(const TiXmlElement* element, const char* attribute) {
-    return element->Attribute(attribute) != nullptr;
-}
-
 // JSON
 
 [[noreturn]] void throwUnloadable(const zel::String& file, const std::string& reason) {
@@ -110,6 +106,31 @@ private:
 
 } // namespace
 
+zel::ref_ptr<Frame::DataBinding> FrameIO::makeBinding(const TiXmlElement* element) {
+    const bool isPair =
+        element->Attribute("internal") != nullptr || element->Attribute("external") != nullptr;
+    if (isPair && element->Attribute("path") != nullptr)
+        ZEL_XML_ERROR(element, "A data binding has either 'path' or the pair 'internal' and 'external'");
+    const zel::Path internalPath = pathOf(element, isPair ? "internal" : "path");
+    const zel::Path externalPath = isPair ? pathOf(element, "external") : internalPath;
+    const bool recursive =
+        element->Attribute("recursive") != nullptr && zel::parseAttribute<bool>(element, "recursive");
+    return makeBinding(internalPath, externalPath, recursive);
+}
+
+void FrameIO::loadDataBindings(const TiXmlElement* element) {
+    BindingVector bindings;
+    for (const TiXmlElement* child = element->FirstChildElement(); child != nullptr;
+         child = child->NextSiblingElement()) {
+        if (child->ValueStr() == "DataBinding")
+            bindings.push_back(makeBinding(child));
+        else
+            zel::warnAt(child, "'" + child->ValueStr() + "' is no 'DataBinding' and is passed over");
+    }
+    for (const zel::ref_ptr<Frame::DataBinding>& binding : bindings)
+        addDataBinding(binding.get());
+}
+
 void FrameIO::loadDataBindings(const zel::String& file) {
     zel::XmlFileError error;
     const std::unique_ptr<TiXmlDocument> document = zel::parseXmlFile(file, error);
@@ -120,23 +141,7 @@ void FrameIO::loadDataBindings(const zel::String& file) {
         ZEL_LOG_WARNING("The file '" << file << "' holds no data bindings: its root is not 'DataFrame'");
         return;
     }
-    BindingVector bindings;
-    for (const TiXmlElement* element = root->FirstChildElement(); element != nullptr;
-         element = element->NextSiblingElement()) {
-        if (element->ValueStr() != "DataBinding") {
-            zel::warnAt(element, "'" + element->ValueStr() + "' is no 'DataBinding' and is passed over");
-            continue;
-        }
-        const bool isPair = has(element, "internal") || has(element, "external");
-        if (isPair && has(element, "path"))
-            ZEL_XML_ERROR(element, "A data binding has either 'path' or the pair 'internal' and 'external'");
-        const zel::Path internalPath = pathOf(element, isPair ? "internal" : "path");
-        const zel::Path externalPath = isPair ? pathOf(element, "external") : internalPath;
-        const bool recursive = has(element, "recursive") && zel::parseAttribute<bool>(element, "recursive");
-        bindings.push_back(makeBinding(internalPath, externalPath, recursive));
-    }
-    for (const zel::ref_ptr<Frame::DataBinding>& binding : bindings)
-        addDataBinding(binding.get());
+    loadDataBindings(root);
 }
 
 void FrameIO::loadDataBindingsJSON(const zel::String& file) {

@@ -1,7 +1,9 @@
 #include "Recordable.h"
 
 #include "ElementForm.h"
+#include "RunState.h"
 
+#include <zel/Clock.h>
 #include <zel/Log.h>
 #include <zel/Model.h>
 #include <zelData/Buffer.h>
@@ -79,7 +81,7 @@ zel::String faultOfName(const zel::Component* parent, const zel::Object* object,
         return zel::String("an earlier sibling has its name");
     const bool isTable = dynamic_cast<const EntityStorage*>(parent) != nullptr &&
                          (name == EntityStorage::IdToIndexName || name == EntityStorage::IndexToIdName);
-    if (kind == RecordKind::Buffer && (name == "Incremental" || isTable))
+    if (name == RunStateName || (kind == RecordKind::Buffer && (name == "Incremental" || isTable)))
         return zel::String("frames use its name for something else");
     return {};
 }
@@ -96,6 +98,9 @@ Recordable recordableOf(zel::Component* parent, zel::Object* object) {
     zel::String fault = faultOfName(parent, object, result.kind);
     if (fault.empty())
         return result;
+    // Recorders tell of the events of clocks, which mostly have no name, or the path of a slave.
+    if (dynamic_cast<const zel::Clock::Event*>(object) != nullptr)
+        return {};
     if (result.kind == RecordKind::Component && !holdsData(static_cast<zel::Component*>(object)))
         return {};
     return {RecordKind::Omitted, result.format, std::move(fault)};

@@ -77,6 +77,11 @@ constexpr KnownTag KnownTags[] = {
     {"Kernel", KernelAttributes},
     {"Kernel.Scalar", KernelAttributes},
     {"SolveKernel", KernelAttributes},
+    {"RandomGenerator", "name seed"},
+    {"Recorder",
+     "name clock journal root condition keyFrameInterval stride start end budget maxJournalBytes "
+     "maxJournalTime minFreeBytes resume replace sync enable"},
+    {"DataBinding", "path internal external recursive"},
 };
 
 /// Calls `visit` with each of the words that blanks separate.
@@ -102,7 +107,7 @@ constexpr std::string_view LeafTags =
     "Attribute.Pointer Attribute.Shared Shared.Buffer Shared.Storage Parameter Parameter.Scalar "
     "Parameter.Array "
     "Parameter.Pointer Parameter.EntityPtr Parameter.EntityInstance Pointer EntityPtr EntityInstance "
-    "dependency";
+    "dependency DataBinding";
 
 const KnownTag* findTag(const TiXmlElement& element) {
     const auto* const known =

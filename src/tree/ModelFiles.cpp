@@ -18,6 +18,7 @@
 
 #include <tinyxml.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace zel {
@@ -66,6 +67,15 @@ String describeDuplicate(const Model& other, const Path& space) {
         return text + ": a class of the program has it";
     return text +
            String::format(": see file '%s', row %d", other.getSourcePath().c_str(), other.getSourceRow());
+}
+
+Vector<String> listModelFiles() {
+    const std::lock_guard lock(getTypeSystemMutex());
+    Vector<String> files;
+    for (const String& file : readFiles())
+        files.push_back(file);
+    std::sort(files.begin(), files.end());
+    return files;
 }
 
 void forgetModelFiles() {

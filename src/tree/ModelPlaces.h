@@ -2,6 +2,7 @@
 
 #include <zel/Path.h>
 #include <zel/String.h>
+#include <zel/Vector.h>
 #include <zelIO/Environment.h>
 
 namespace zel {
@@ -33,6 +34,9 @@ findModelFile(const Path& path, const String& category, const String& root, Mode
 
 /// Whether both names lead to one file.
 [[nodiscard]] bool isSameFile(const String& a, const String& b);
+
+/// The model files that have been read, in alphabetical order.
+[[nodiscard]] Vector<String> listModelFiles();
 
 /// Forgets which files have been found.
 void forgetModelPlaces();

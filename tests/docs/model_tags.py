@@ -47,6 +47,8 @@ GROUPS = [
     ({"Parameter.HashTable"}, ["src/engine/HashTableComponent.cpp"]),
     ({"Pointer"}, ["src/engine/Pointer.cpp"]),
     ({"Clock", "Event"}, ["src/engine/ClockXml.cpp"]),
+    ({"Recorder", "DataBinding"}, ["src/frames/RecorderXml.cpp", "src/frames/FrameIOBindings.cpp"]),
+    ({"RandomGenerator"}, ["src/data/RandomGenerator.cpp"]),
     (
         {"Task", "TaskGroup", "Init", "dependency", "Argument", "Storage", "HashTable"},
         [
@@ -70,7 +72,7 @@ ANYWHERE = {"instance"}
 # Tags without attributes of their own.
 BARE_TAGS = {"description"}
 # They read other files than models, or are the helpers that the loaders read with.
-OTHER_SOURCES = {"src/tree/KnownAttributes.cpp", "src/tree/ModelFiles.cpp", "src/tree/XmlLoader.cpp", "src/data/ExpressionCheck.cpp", "src/entities/EntityXml.cpp", "src/entities/TypeMap.cpp", "src/frames/FrameXml.cpp", "src/frames/FrameIOBindings.cpp", "src/frames/SessionHeader.cpp"}
+OTHER_SOURCES = {"src/tree/KnownAttributes.cpp", "src/tree/ModelFiles.cpp", "src/tree/XmlLoader.cpp", "src/data/ExpressionCheck.cpp", "src/entities/EntityXml.cpp", "src/entities/TypeMap.cpp", "src/frames/FrameXml.cpp", "src/frames/SessionHeader.cpp"}
 # `type` may be written as `value` where getFormat reads the element; nobody should.
 UNTOLD = {"src/data/TypeRegistry.cpp": {"value"}}
 

@@ -1,0 +1,371 @@
+#include "RunState.h"
+
+#include "FrameWalk.h"
+
+#include <zel/Exception.h>
+#include <zelData/Buffer.h>
+#include <zelData/Format.h>
+#include <zelData/Type.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <string_view>
+
+namespace zelData {
+
+namespace {
+
+using zel::Clock;
+using zel::uint32;
+using zel::uint64;
+using zel::uint8;
+
+constexpr const char* TextFormat = "String";
+constexpr const char* RealFormat = "Real:64bit";
+constexpr const char* NumberFormat = "UInt:64bit";
+constexpr const char* FlagFormat = "UInt:8bit";
+
+zel::ref_ptr<Buffer> makeColumn(const char* name, const char* format, uint64 numRows) {
+    zel::ref_ptr<Buffer> column(new Buffer(zel::Name(name), getFormat(format)));
+    column->setId(Frame::NoId); // and not that of the object, so that equal runs have equal bytes
+    column->resize(numRows);
+    return column;
+}
+
+/// A column that is filled row by row.
+template <typename T>
+class ColumnOf {
+public:
+    ColumnOf(const char* name, const char* format, uint64 numRows)
+        : m_buffer(makeColumn(name, format, numRows)) {}
+    void push(const T& element) { m_buffer->data<T>()[m_row++] = element; }
+    [[nodiscard]] const zel::ref_ptr<Buffer>& buffer() const { return m_buffer; }
+
+private:
+    zel::ref_ptr<Buffer> m_buffer;
+    uint64 m_row = 0;
+};
+
+bool isEqual(const Buffer* a, const Buffer* b) {
+    if (a->size() != b->size())
+        return false;
+    if (a->getFormat() == getFormat(TextFormat))
+        return std::equal(a->data<zel::String>(), a->data<zel::String>() + a->size(), b->data<zel::String>());
+    return a->empty() || std::memcmp(a->getPtr(), b->getPtr(), a->size() * a->getElementSize()) == 0;
+}
+
+void addFamily(Clock* clock, zel::Vector<Clock*>& clocks) {
+    if (!clocks.contains(clock))
+        clocks.push_back(clock);
+    for (Clock* slave : clock->getSlaves())
+        addFamily(slave, clocks);
+}
+
+/// The events of a clock, by their name and their place among those of the name.
+class EventNumbers {
+public:
+    explicit EventNumbers(const Clock* clock) {
+        for (zel::size_t i = 0; i < clock->getNumObjects(); ++i)
+            if (auto* event = dynamic_cast<Clock::Event*>(clock->getObject(i))) {
+                auto same = m_events.find(event->getName());
+                if (same == m_events.end())
+                    same = m_events.insert(event->getName(), {});
+                m_numbers.insert(event, same->value.size());
+                same->value.push_back(event);
+            }
+    }
+    [[nodiscard]] uint64 numberOf(Clock::Event* event) const {
+        const auto number = m_numbers.find(event);
+        return number == m_numbers.end() ? 0 : number->value;
+    }
+    /// Null if there is none.
+    [[nodiscard]] Clock::Event* find(const zel::Name& name, uint64 number) const {
+        const auto same = m_events.find(name);
+        return same == m_events.end() || number >= same->value.size() ? nullptr : same->value[number];
+    }
+
+private:
+    zel::HashTable<zel::Name, zel::Vector<Clock::Event*>> m_events;
+    zel::HashTable<Clock::Event*, uint64> m_numbers;
+};
+
+} // namespace
+
+zel::Vector<Clock*> clocksOf(zel::Component* root, Clock* clock) {
+    zel::Vector<Clock*> clocks;
+    if (root != nullptr)
+        root->traverse([&clocks](zel::Object* object) {
+            if (auto* found = dynamic_cast<Clock*>(object))
+                clocks.push_back(found);
+        });
+    if (clock != nullptr) {
+        while (clock->getMaster() != nullptr)
+            clock = clock->getMaster();
+        addFamily(clock, clocks);
+    }
+    return clocks;
+}
+
+// Writing
+
+RunStateWriter::RunStateWriter(zel::Component* root, Clock* clock) : m_root(root), m_clock(clock) {
+    const auto changed = [this](zel::Component*, zel::Object*) { m_isKnown = false; };
+    m_added = root->addObjectEvent.connect(changed);
+    m_removed = root->removeObjectEvent.connect(changed);
+}
+
+RunStateWriter::~RunStateWriter() {
+    if (!m_root)
+        return;
+    m_root->addObjectEvent.disconnect(m_added);
+    m_root->removeObjectEvent.disconnect(m_removed);
+}
+
+void RunStateWriter::add(Frame* frame, const char* table, const zel::ref_ptr<Buffer>& column) {
+    const zel::Path path = zel::Path(RunStateName) + zel::Name(table) + column->getName();
+    const auto last = m_last.find(path.str());
+    if (!frame->isKeyFrame() && last != m_last.end() && isEqual(last->value.get(), column.get()))
+        return;
+    m_last.insert(path.str(), column);
+    frame->addBuffer(column.get(), path);
+}
+
+void RunStateWriter::write(Frame* frame) {
+    const RebindOff rebindOff;
+    // Clocks outside of the root may come and go unseen.
+    if (!m_isKnown || frame->isKeyFrame()) {
+        m_clocks.clear();
+        for (Clock* clock : clocksOf(m_root.get(), m_clock.get()))
+            m_clocks.push_back(clock);
+        m_isKnown = true;
+    }
+    for (zel::size_t i = m_clocks.size(); i-- > 0;)
+        if (!m_clocks[i])
+            m_clocks.erase(&m_clocks[i]);
+    addClocks(frame);
+    addEvents(frame);
+}
+
+void RunStateWriter::addClocks(Frame* frame) {
+    const uint64 n = m_clocks.size();
+    if (n == 0)
+        return;
+    ColumnOf<zel::String> paths("path", TextFormat, n);
+    ColumnOf<double> times("time", RealFormat, n);
+    ColumnOf<uint64> frames("frame", NumberFormat, n);
+    ColumnOf<double> frequencies("frequency", RealFormat, n);
+    ColumnOf<double> modulations("timeModulation", RealFormat, n);
+    ColumnOf<uint8> enabled("enabled", FlagFormat, n);
+    ColumnOf<uint8> joined("joined", FlagFormat, n);
+    ColumnOf<uint64> counts("numEvents", NumberFormat, n);
+    for (const zel::observer_ptr<Clock>& clock : m_clocks) {
+        paths.push(clock->getPath(m_root.get()).str());
+        times.push(clock->getTime());
+        frames.push(clock->getFrame());
+        frequencies.push(clock->getFrequency());
+        modulations.push(clock->getTimeModulation());
+        enabled.push(clock->isEnabled() ? 1 : 0);
+        joined.push(clock->hasJoinedMaster() ? 1 : 0);
+        counts.push(clock->getEvents().size());
+    }
+    for (const zel::ref_ptr<Buffer>& column : {paths.buffer(),
+                                               times.buffer(),
+                                               frames.buffer(),
+                                               frequencies.buffer(),
+                                               modulations.buffer(),
+                                               enabled.buffer(),
+                                               joined.buffer(),
+                                               counts.buffer()})
+        add(frame, "clocks", column);
+}
+
+void RunStateWriter::addEvents(Frame* frame) {
+    uint64 n = 0;
+    for (const zel::observer_ptr<Clock>& clock : m_clocks)
+        n += clock->getEvents().size();
+    if (n == 0)
+        return; // which the clocks tell
+    ColumnOf<zel::String> names("name", TextFormat, n);
+    ColumnOf<uint64> numbers("number", NumberFormat, n);
+    ColumnOf<uint64> frames("dispatchFrame", NumberFormat, n);
+    ColumnOf<double> residuals("residual", RealFormat, n);
+    ColumnOf<uint8> scheduled("scheduled", FlagFormat, n);
+    ColumnOf<double> intervals("interval", RealFormat, n);
+    ColumnOf<double> delays("startDelay", RealFormat, n);
+    ColumnOf<uint8> repeating("repeating", FlagFormat, n);
+    ColumnOf<uint8> enabled("enabled", FlagFormat, n);
+    for (const zel::observer_ptr<Clock>& clock : m_clocks) {
+        const EventNumbers known(clock.get());
+        for (const Clock::EventState& state : clock->getSchedule()) {
+            names.push(state.event->getName().str());
+            numbers.push(known.numberOf(state.event));
+            frames.push(state.dispatchFrame);
+            residuals.push(state.residual);
+            scheduled.push(state.isScheduled ? 1 : 0);
+            intervals.push(state.event->getInterval());
+            delays.push(state.event->getStartDelay());
+            repeating.push(state.event->isRepeating() ? 1 : 0);
+            enabled.push(state.event->isEnabled() ? 1 : 0);
+        }
+    }
+    for (const zel::ref_ptr<Buffer>& column : {names.buffer(),
+                                               numbers.buffer(),
+                                               frames.buffer(),
+                                               residuals.buffer(),
+                                               scheduled.buffer(),
+                                               intervals.buffer(),
+                                               delays.buffer(),
+                                               repeating.buffer(),
+                                               enabled.buffer()})
+        add(frame, "events", column);
+}
+
+// Reading
+
+/// The columns, looked at.
+class RunStateReader::Tables {
+public:
+    Tables(const RunStateReader& owner, const Frame* frame) : m_owner(owner), m_frame(frame) {
+        const Buffer* paths = columnAt("clocks", "path");
+        m_numClocks = paths == nullptr ? 0 : paths->size();
+        path = data<zel::String>("clocks", "path", TextFormat, m_numClocks);
+        time = data<double>("clocks", "time", RealFormat, m_numClocks);
+        frameNumber = data<uint64>("clocks", "frame", NumberFormat, m_numClocks);
+        frequency = data<double>("clocks", "frequency", RealFormat, m_numClocks);
+        modulation = data<double>("clocks", "timeModulation", RealFormat, m_numClocks);
+        clockEnabled = data<uint8>("clocks", "enabled", FlagFormat, m_numClocks);
+        joined = data<uint8>("clocks", "joined", FlagFormat, m_numClocks);
+        numEvents = data<uint64>("clocks", "numEvents", NumberFormat, m_numClocks);
+        uint64 n = 0;
+        for (uint64 i = 0; i < m_numClocks; ++i) {
+            if (numEvents[i] > std::numeric_limits<uint32>::max() || frameNumber[i] == zel::InvalidIndex)
+                fail("clocks", "numEvents");
+            n += numEvents[i];
+        }
+        name = data<zel::String>("events", "name", TextFormat, n);
+        number = data<uint64>("events", "number", NumberFormat, n);
+        dispatchFrame = data<uint64>("events", "dispatchFrame", NumberFormat, n);
+        residual = data<double>("events", "residual", RealFormat, n);
+        scheduled = data<uint8>("events", "scheduled", FlagFormat, n);
+        interval = data<double>("events", "interval", RealFormat, n);
+        startDelay = data<double>("events", "startDelay", RealFormat, n);
+        repeating = data<uint8>("events", "repeating", FlagFormat, n);
+        enabled = data<uint8>("events", "enabled", FlagFormat, n);
+    }
+
+    [[nodiscard]] uint64 numClocks() const { return m_numClocks; }
+
+    // One element for each clock
+    const zel::String* path;
+    const double* time;
+    const uint64* frameNumber;
+    const double* frequency;
+    const double* modulation;
+    const uint8* clockEnabled;
+    const uint8* joined;
+    const uint64* numEvents;
+    // One element for each event, those of the first clock in front
+    const zel::String* name;
+    const uint64* number;
+    const uint64* dispatchFrame;
+    const double* residual;
+    const uint8* scheduled;
+    const double* interval;
+    const double* startDelay;
+    const uint8* repeating;
+    const uint8* enabled;
+
+private:
+    [[noreturn]] void fail(const char* table, const char* column) const {
+        ZEL_THROW(std::runtime_error,
+                  zel::String::format("Frame %llu: '%s.%s.%s' does not fit the other columns of the table.",
+                                      static_cast<unsigned long long>(m_frame->getIndex()),
+                                      RunStateName,
+                                      table,
+                                      column));
+    }
+    [[nodiscard]] const Buffer* columnAt(const char* table, const char* column) const {
+        const auto found = m_owner.m_columns.find(zel::String(table) + "." + column);
+        return found == m_owner.m_columns.end() ? nullptr : found->value.get();
+    }
+    template <typename T>
+    const T* data(const char* table, const char* column, const char* format, uint64 numRows) const {
+        if (numRows == 0)
+            return nullptr;
+        const Buffer* buffer = columnAt(table, column);
+        if (buffer == nullptr || buffer->size() != numRows || buffer->getFormat() != getFormat(format))
+            fail(table, column);
+        return buffer->data<T>();
+    }
+
+    const RunStateReader& m_owner;
+    const Frame* m_frame;
+    uint64 m_numClocks = 0;
+};
+
+void RunStateReader::take(const Frame* frame) {
+    if (frame->isKeyFrame())
+        m_columns.clear();
+    const auto* state = dynamic_cast<const zel::Component*>(frame->findObject(zel::Name(RunStateName)));
+    for (const char* table : {"clocks", "events"}) {
+        const auto* component =
+            state == nullptr ? nullptr
+                             : dynamic_cast<const zel::Component*>(state->findObject(zel::Name(table)));
+        for (zel::size_t i = 0; component != nullptr && i < component->getNumObjects(); ++i)
+            if (auto* column = dynamic_cast<Buffer*>(component->getObject(i)))
+                m_columns.insert(zel::String(table) + "." + column->getName().str(),
+                                 zel::ref_ptr<Buffer>(column));
+    }
+}
+
+void RunStateReader::apply(const Frame* frame, const Omit& omit) {
+    take(frame);
+    const Tables tables(*this, frame);
+    zel::HashTable<zel::String, Clock*> clocks;
+    for (Clock* clock : clocksOf(m_root.get(), m_clock.get()))
+        clocks.insert(clock->getPath(m_root.get()).str(), clock);
+    uint64 row = 0;
+    for (uint64 i = 0; i < tables.numClocks(); ++i) {
+        const uint64 begin = row;
+        row += tables.numEvents[i];
+        const auto found = clocks.find(tables.path[i]);
+        if (found == clocks.end()) {
+            omit(zel::Path(tables.path[i]), zel::String("there is no such clock"));
+            continue;
+        }
+        Clock* const clock = found->value;
+        // A clock goes by the quotient of the two: other numbers than its own would be rounded.
+        if (clock->getFrequency() != tables.frequency[i])
+            clock->setFrequency(tables.frequency[i]);
+        if (clock->getTimeModulation() != tables.modulation[i])
+            clock->setTimeModulation(tables.modulation[i]);
+        if (clock->isEnabled() != (tables.clockEnabled[i] != 0))
+            clock->setEnable(tables.clockEnabled[i] != 0);
+        const EventNumbers known(clock);
+        zel::Vector<Clock::EventState> schedule;
+        for (uint64 k = begin; k < row; ++k) {
+            Clock::Event* event = known.find(zel::Name(tables.name[k]), tables.number[k]);
+            if (event == nullptr) {
+                omit(zel::Path(tables.path[i]) + zel::Name(tables.name[k]),
+                     zel::String("the clock has no such event"));
+                continue;
+            }
+            if (event->getInterval() != tables.interval[k])
+                event->setInterval(tables.interval[k]);
+            if (event->getStartDelay() != tables.startDelay[k])
+                event->setStartDelay(tables.startDelay[k]);
+            if (event->isRepeating() != (tables.repeating[k] != 0))
+                event->setRepeating(tables.repeating[k] != 0);
+            if (event->isEnabled() != (tables.enabled[k] != 0))
+                event->setEnable(tables.enabled[k] != 0);
+            schedule.push_back(
+                {event, tables.dispatchFrame[k], tables.residual[k], tables.scheduled[k] != 0});
+        }
+        clock->restoreSchedule(tables.time[i], tables.frameNumber[i], schedule);
+        clock->restoreJoined(tables.joined[i] != 0);
+    }
+}
+
+} // namespace zelData
