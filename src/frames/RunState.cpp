@@ -3,7 +3,6 @@
 #include "FrameWalk.h"
 
 #include <zel/Exception.h>
-#include <zelData/Buffer.h>
 #include <zelData/Format.h>
 #include <zelData/Type.h>
 

@@ -9,13 +9,12 @@
 #include <zel/Vector.h>
 #include <zel/observer_ptr.h>
 #include <zel/ref_ptr.h>
+#include <zelData/Buffer.h>
 #include <zelData/Frame.h>
 
 #include <functional>
 
 namespace zelData {
-
-class Buffer;
 
 /// What a run goes by beside its data: clocks, with the events that they have scheduled. In frames it is the
 /// component "_runState", whose layout docs/recording.md tells: tables in columns, each of which stands in
