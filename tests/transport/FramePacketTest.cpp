@@ -159,7 +159,7 @@ TEST_F(FramePacketTest, AStorageWithoutModelComesBack) {
 TEST_F(FramePacketTest, AFrameOfTheDeepestTreeComesBack) {
     const auto frame = makeFrame();
     ref_ptr<zel::Component> parent(frame.get());
-    for (zel::uint32 depth = 2; depth <= SerializedFrame::MaxDepth; ++depth) {
+    for (zel::uint32 depth = 2; depth < SerializedFrame::MaxDepth; ++depth) {
         const ref_ptr<zel::Component> child(new zel::Component("c"));
         child->setId(Frame::NoId);
         frame->addNode(parent.get(), child.get());
