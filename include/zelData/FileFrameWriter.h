@@ -4,9 +4,13 @@
 #include <zel/Event.h>
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/String.h>
+#include <zel/Vector.h>
 #include <zel/ref_ptr.h>
+#include <zelData/BinaryData.h>
 #include <zelData/DiskFrameReader.h>
 #include <zelData/FileJournal.h>
+#include <zelData/SerializedFrame.h>
 
 namespace zelData {
 
@@ -30,6 +34,18 @@ public:
     /// @throws std::runtime_error  for any other frame, with nothing written; where another writer is at work
     ///     on the session; and where the frame cannot be written, which is cut off again
     void writeFrame(const Frame* frame) override;
+    /// Writes a frame that is in bytes already, as it stands in another journal. An increment goes behind the
+    /// frame that it stood behind there; the next frame of the other kind must be a key frame.
+    /// @param header   with its record, which tells the sizes of both
+    /// @throws std::runtime_error  as the other one
+    void writeFrame(const BinaryData* header, const BinaryData* segment);
+    /// Whether checksums of the frames are written to a file beside the journal, "<journal>.sums": not by
+    /// default. Where that fails, a warning tells so, and the frames that follow have none.
+    /// @cost a look at each byte: about 1 s for each GB, and one more small file that is opened and closed
+    /// for
+    ///     each frame
+    void setChecksums(bool flag) noexcept { m_writesChecksums = flag; }
+    [[nodiscard]] bool hasChecksums() const noexcept { return m_writesChecksums; }
     /// Closes the session in the file, once.
     /// @throws std::runtime_error  where the file cannot be written
     void endOfStream() override;
@@ -42,16 +58,23 @@ public:
     FrameEvent writeFrameEvent;
 
 private:
-    [[noreturn]] void fail(const Frame* frame, const zel::String& reason) const;
+    [[noreturn]] void fail(zel::uint64 index, const zel::String& reason) const;
     void requireSoleWriter() const;
+    /// @return whether the frame is the first one of the writer
+    bool requireNext(zel::uint64 index, bool isKeyFrame, bool namesAreKnown) const;
+    void writeBlocks(const BinaryData* header,
+                     const zel::Vector<SerializedFrame::BinarySegment>& segments,
+                     bool begins);
 
     zel::ref_ptr<FileJournal::Session> m_session;
     SerializedFrame::NameTable m_names;
     zel::uint64 m_numFrames = 0;
-    bool m_goesOn = false;    // whether the frame before the next one was written
-    zel::uint64 m_head = 0;   // the end of that frame
-    zel::uint64 m_device = 0; // of the file in which it stands
-    zel::uint64 m_inode = 0;  // as well
+    bool m_writesChecksums = false;
+    bool m_namesAreForeign = false; // of the frame before the next one: those in the table are of none
+    bool m_goesOn = false;          // whether the frame before the next one was written
+    zel::uint64 m_head = 0;         // the end of that frame
+    zel::uint64 m_device = 0;       // of the file in which it stands
+    zel::uint64 m_inode = 0;        // as well
 };
 
 } // namespace zelData

@@ -100,6 +100,7 @@ private:
 };
 
 class JournalMeta;
+class PlainJournal;
 
 /// The session of a journal in one file.
 /// @threads external lock; while a writer or reader on a track uses it, that track's
@@ -141,6 +142,8 @@ public:
     /// @throws std::runtime_error  for any other, and where it does not fit, with nothing changed
     void recordExtraData(const zel::String& key, const zel::String& value) override;
     [[nodiscard]] zel::String retrieveExtraData(const zel::String& key) const override;
+    /// In alphabetical order.
+    void getExtraDataKeys(zel::Vector<zel::String>& keys) const;
     [[nodiscard]] Frame::Header getFrameHeader(zel::uint64 frameIndex) const override;
     /// Writes the plot, which has a member "name" in its header, behind all else in the file, in place of one
     /// of this name. Its bytes stay in the file even so, and when it is removed.
@@ -186,12 +189,16 @@ public:
     /// @return the number of frames that are new
     /// @throws std::runtime_error  where the file is gone
     zel::uint64 refresh();
+    /// Takes date, versions, stride, computation time, extra data and what was told of the simulation from a
+    /// session of another file.
+    void copyDescription(const Session& other);
     /// Prints sizes on the standard output stream.
     void printFileStatistics() const;
 
 private:
     friend class FileJournal;
     friend class FileFrameWriter;
+    friend class PlainJournal; // reads the header without the frames
 
     Session(const zel::Name& name, const zel::String& path, OpenMode mode);
 
@@ -223,7 +230,7 @@ private:
     // The writer's side
     /// Makes the end of the frames that of the file, and tells in the header that frames follow. Plots are
     /// kept in memory until endWriting.
-    void beginWriting(const Frame* frame, zel::uint64 stride);
+    void beginWriting(const SerializedFrame::BinaryHeader::Frame& first, zel::uint64 stride);
     void endWriting();
 
     // Plots

@@ -1,4 +1,5 @@
 #include "JournalMeta.h"
+#include "JournalSums.h"
 #include "files/DiskFile.h"
 
 #include <zel/Exception.h>
@@ -99,6 +100,7 @@ bool FileJournal::removeSession(JournalArchive::Session* session) {
     DiskFile file(getPath(), DiskFile::Mode::ReadWrite);
     if (!file.isOpen() || !file.cut(JournalMeta::JournalHeaderSize) || !file.close())
         ZEL_THROW(std::runtime_error, "Failed to write journal header '" + getPath() + "'.");
+    JournalSums(getPath()).remove();
     return unregisterSession(session);
 }
 

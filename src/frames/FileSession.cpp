@@ -1,4 +1,5 @@
 #include "JournalMeta.h"
+#include "JournalSums.h"
 #include "files/DiskFile.h"
 
 #include <zel/Exception.h>
@@ -53,6 +54,7 @@ Session* Session::create(const zel::Name& name, const zel::String& path) {
         std::cout << "WARNING: Removing existing journal " << path << std::endl;
         FileSystem::remove(path, false);
     }
+    JournalSums(path).remove();
     JournalMeta meta;
     meta.write(path);
     meta.read(path, false);
@@ -124,6 +126,8 @@ bool Session::truncate(uint64 frameIndex) {
     zelVerify(frameInfo);
     m_frameHead = frameInfo->headerOffset;
     dropFramesFrom(m_frameHead);
+    if (!JournalSums(m_path).cut(m_frameHead))
+        ZEL_LOG_WARNING("Journal '" << m_path << "': the checksums beside it can not be cut");
     setNumFrames(m_frameTable.size());
     if (m_frameTable.empty()) {
         setFirstFrameIndex(0);
@@ -143,7 +147,7 @@ void Session::finalizeHeader() {
     createFrameTable();
 }
 
-void Session::beginWriting(const Frame* frame, uint64 stride) {
+void Session::beginWriting(const SerializedFrame::BinaryHeader::Frame& first, uint64 stride) {
     const JournalMeta meta = readMeta();
     if (meta.sessionHeaderOffset > m_frameDataOffset ||
         m_frameDataOffset - meta.sessionHeaderOffset < MaxHeaderSize)
@@ -154,10 +158,12 @@ void Session::beginWriting(const Frame* frame, uint64 stride) {
     const bool isCut = file.isOpen() && file.size(size) && (size <= m_frameHead || file.cut(m_frameHead));
     if (!isCut || !file.close())
         throw std::runtime_error(file.getReason());
+    if (!JournalSums(m_path).cut(m_frameHead))
+        throw std::runtime_error("The checksums beside it can not be cut.");
     if (m_frameTable.empty()) {
-        setFirstFrameIndex(frame->getIndex());
-        setFirstFrameTimeStamp(frame->getTimeStamp());
-        setTimeStep(frame->getTimeStep());
+        setFirstFrameIndex(first.index);
+        setFirstFrameTimeStamp(first.timeStamp);
+        setTimeStep(first.timeStep);
         setFrameStride(stride);
     }
     setNumFrames(m_frameTable.size());

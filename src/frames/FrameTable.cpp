@@ -1,3 +1,4 @@
+#include "FrameRecord.h"
 #include "JournalMeta.h"
 #include "files/DiskFile.h"
 
@@ -7,9 +8,7 @@
 #include <zelData/FileFrameWriter.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -19,17 +18,12 @@
 namespace zelData {
 
 using Session = FileJournal::Session;
-using Record = SerializedFrame::BinaryHeader::Frame;
+using Record = FrameRecord;
 using zel::uint64;
 using zel::uint8;
 using zelIO::DiskFile;
 
 namespace {
-
-/// The header of a frame without nodes and events.
-constexpr uint64 SmallestHeader = 96;
-constexpr uint64 DataAlignment = JournalMeta::DataAlignment;
-constexpr uint64 LargestOffset = static_cast<uint64>(std::numeric_limits<zel::int64>::max());
 
 /// Reads records one behind the other: each alone where frames are large, many at once where they are small.
 class RecordReader {
@@ -57,35 +51,6 @@ private:
     uint64 m_begin = 0;
     uint64 m_length = 0;
 };
-
-/// What is wrong with a record by itself; null if it can be believed.
-const char* faultOf(const Record& record) {
-    const bool isRecord = record.endTag == SerializedFrame::BinaryHeader::EndTag && record.padding2 == 0 &&
-                          record.isKeyFrame <= 1 &&
-                          std::all_of(std::begin(record.padding1), std::end(record.padding1), [](uint8 byte) {
-                              return byte == 0;
-                          });
-    if (!isRecord || record.index == zel::InvalidIndex)
-        return "is no record of a frame";
-    return record.headerSize < SmallestHeader ? "tells a header that is too short" : nullptr;
-}
-
-/// The places that follow from a record.
-struct Extent {
-    uint64 dataOffset;
-    uint64 end;
-};
-
-/// @return whether there are such places in any file
-bool extentOf(const Record& record, uint64 offset, Extent& extent) {
-    if (offset > LargestOffset || record.headerSize > LargestOffset - offset - (DataAlignment - 1))
-        return false;
-    extent.dataOffset = (offset + record.headerSize + DataAlignment - 1) / DataAlignment * DataAlignment;
-    if (record.dataSize > LargestOffset - extent.dataOffset)
-        return false;
-    extent.end = extent.dataOffset + record.dataSize;
-    return true;
-}
 
 } // namespace
 
@@ -131,7 +96,7 @@ void Session::walkFrames(uint64 offset, uint64 limit, bool quiet) {
     m_frameHead = offset;
     for (; m_frameTable.size() < limit && m_frameHead < size;) {
         Record meta{};
-        Extent extent{};
+        FrameExtent extent{};
         const char* fault = size - m_frameHead < sizeof(meta) || !records.read(m_frameHead, meta)
                                 ? "is cut off within the record of a frame"
                                 : faultOf(meta);
@@ -214,32 +179,12 @@ void Session::recoverHeader() {
     if (!file.isOpen() || !file.size(size))
         throw std::runtime_error("Could not open journal '" + m_path + "'.");
     const uint64 begin = JournalMeta::JournalHeaderSize + MaxHeaderSize;
-    // Each record has this at the same place: its end tag, and the zeros behind it.
-    constexpr std::array<uint8, 8> pattern{0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
-    constexpr uint64 patternOffset = offsetof(Record, endTag);
-    constexpr uint64 blockSize = uint64{1} << 20;
-    const std::unique_ptr<uint8[]> block(new uint8[blockSize]);
-    for (uint64 offset = begin; offset + sizeof(Record) <= size;) {
-        uint64 length = 0;
-        if (!file.readSomeAt(offset, block.get(), blockSize, length) || length < sizeof(Record))
-            return;
-        const uint8* const end = block.get() + length;
-        for (const uint8* at = block.get() + patternOffset;
-             (at = std::search(at, end, pattern.begin(), pattern.end())) != end;
-             ++at) {
-            Record record{};
-            Extent extent{};
-            std::memcpy(&record, at - patternOffset, sizeof(record));
-            const uint64 place = offset + static_cast<uint64>(at - block.get()) - patternOffset;
-            if (faultOf(record) != nullptr || !extentOf(record, place, extent) || extent.end > size)
-                continue;
-            m_sceneDataOffset = begin;
-            m_sceneDataSize = place - begin;
-            m_frameDataOffset = place;
-            return;
-        }
-        offset += length - sizeof(Record) + 1;
-    }
+    const uint64 place = findFrameRecord(file, begin, size);
+    if (place == zel::InvalidIndex)
+        return;
+    m_sceneDataOffset = begin;
+    m_sceneDataSize = place - begin;
+    m_frameDataOffset = place;
 }
 
 uint64 Session::refresh() {

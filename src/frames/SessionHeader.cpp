@@ -470,4 +470,26 @@ void Session::readPlotData(const TiXmlElement* root) {
                                  zel::parseAttribute<uint64>(plot, "dataSize")});
 }
 
+void Session::getExtraDataKeys(zel::Vector<zel::String>& keys) const {
+    keys.clear();
+    for (const auto& entry : m_extraData)
+        keys.push_back(entry.key);
+    std::sort(keys.begin(), keys.end());
+}
+
+void Session::copyDescription(const Session& other) {
+    setDate(other.getDate());
+    set64BitReal(other.is64BitReal());
+    set64BitArchitecture(other.is64BitArchitecture());
+    setZelVersionString(other.getZelVersionString());
+    setZelVersionNumber(other.getZelVersionNumber());
+    setTimeStep(other.getTimeStep());
+    setFrameStride(other.getFrameStride());
+    setComputationTime(other.getComputationTime());
+    m_extraData = other.m_extraData;
+    JournalArchive::Session::setSimulationHeader(other.getSimulationHeader());
+    if (other.m_foreignHeader)
+        m_foreignHeader = std::make_unique<TiXmlElement>(*other.m_foreignHeader);
+}
+
 } // namespace zelData

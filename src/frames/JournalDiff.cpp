@@ -1,0 +1,136 @@
+#include <zelData/JournalDiff.h>
+#include <zelData/PlainElements.h>
+#include <zelData/PlainJournal.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <string>
+
+namespace zelData {
+
+using zel::uint64;
+using Node = PlainFrame::Node;
+
+namespace {
+
+using NodeType = PlainFrame::Type;
+using NodesByPath = std::map<zel::String, const Node*>;
+
+/// All nodes that hold something; of those of one path the first.
+// NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
+void gather(const Node& node, const zel::String& path, NodesByPath& nodes) {
+    for (const Node& child : node.children) {
+        const zel::String childPath = path.empty() ? child.name.str() : path + "." + child.name.str();
+        if (child.type != NodeType::ComponentType)
+            nodes.emplace(childPath, &child);
+        if (child.type == NodeType::ComponentType || child.type == NodeType::EntityStorageType)
+            gather(child, childPath, nodes);
+    }
+}
+
+/// A node but for its elements.
+zel::String describe(const Node& node) {
+    switch (node.type) {
+    case NodeType::ValueType:
+        return "a value of " + node.format.str();
+    case NodeType::EntityStorageType:
+        return "a storage of " + std::to_string(node.numElements) + " " + node.format.str();
+    case NodeType::PartialBufferType:
+        return "a partial buffer of " + node.format.str();
+    default:
+        return std::to_string(node.numElements) + " elements of " + node.format.str();
+    }
+}
+
+class Comparison {
+public:
+    Comparison(JournalDifference& difference, double tolerance)
+        : m_difference(difference), m_tolerance(tolerance) {}
+
+    /// @return whether there is no difference
+    bool areEqual(const PlainFrame& first, const PlainFrame& second) {
+        const auto& a = first.getRecord();
+        const auto& b = second.getRecord();
+        m_difference.frame = a.index;
+        if (!(std::abs(a.timeStamp - b.timeStamp) <= m_tolerance))
+            return tell({}, "time " + text(a.timeStamp), "time " + text(b.timeStamp));
+        NodesByPath firstNodes;
+        NodesByPath secondNodes;
+        gather(first.getRoot(), {}, firstNodes);
+        gather(second.getRoot(), {}, secondNodes);
+        auto i = firstNodes.begin();
+        auto k = secondNodes.begin();
+        while (i != firstNodes.end() || k != secondNodes.end()) {
+            if (k == secondNodes.end() || (i != firstNodes.end() && i->first < k->first))
+                return tell(i->first, describe(*i->second), "nothing");
+            if (i == firstNodes.end() || k->first < i->first)
+                return tell(k->first, "nothing", describe(*k->second));
+            if (!areEqual(i->first, *i->second, *k->second))
+                return false;
+            ++i;
+            ++k;
+        }
+        return true;
+    }
+    bool tell(const zel::String& path, const zel::String& first, const zel::String& second) {
+        m_difference.isDifferent = true;
+        m_difference.path = path;
+        m_difference.first = first;
+        m_difference.second = second;
+        return false;
+    }
+
+private:
+    static std::string text(double number) { return zel::String::format("%.17g", number); }
+
+    bool areEqual(const zel::String& path, const Node& a, const Node& b) {
+        if (describe(a) != describe(b))
+            return tell(path, describe(a), describe(b));
+        const PlainElements first(a);
+        const PlainElements second(b);
+        for (uint64 i = 0; i < first.size(); ++i) {
+            if (!first.differs(i, second, m_tolerance))
+                continue;
+            if (a.type != NodeType::ValueType)
+                m_difference.element = i;
+            return tell(path, first.text(i), second.text(i));
+        }
+        return true;
+    }
+
+    JournalDifference& m_difference;
+    double m_tolerance;
+};
+
+} // namespace
+
+JournalDifference
+diffJournals(const zel::String& firstPath, const zel::String& secondPath, double tolerance) {
+    PlainJournal first(firstPath);
+    PlainJournal second(secondPath);
+    JournalDifference difference;
+    Comparison comparison(difference, tolerance);
+    const auto& firstFrames = first.getFrames();
+    const auto& secondFrames = second.getFrames();
+    for (zel::size_t i = 0; i < firstFrames.size() || i < secondFrames.size(); ++i) {
+        const auto nameOf = [i](const auto& frames) {
+            return i < frames.size() ? "frame " + std::to_string(frames[i].record.index)
+                                     : zel::String("nothing");
+        };
+        if (nameOf(firstFrames) != nameOf(secondFrames)) {
+            difference.frame =
+                std::min(i < firstFrames.size() ? firstFrames[i].record.index : zel::InvalidIndex,
+                         i < secondFrames.size() ? secondFrames[i].record.index : zel::InvalidIndex);
+            comparison.tell({}, nameOf(firstFrames), nameOf(secondFrames));
+            return difference;
+        }
+        if (!comparison.areEqual(first.readComplete(i), second.readComplete(i)))
+            return difference;
+        ++difference.numFrames;
+    }
+    difference.frame = zel::InvalidIndex;
+    return difference;
+}
+
+} // namespace zelData

@@ -1,0 +1,111 @@
+#include "JournalSums.h"
+
+#include "files/DiskFile.h"
+
+#include <zelIO/FileSystem.h>
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <vector>
+
+namespace zelData {
+
+using zel::uint32;
+using zel::uint64;
+using zelIO::DiskFile;
+using zelIO::FileSystem;
+
+namespace {
+
+constexpr std::array<char, 16> SumsTag{'Z', 'e', 'l', 'S', 'u', 'm', 's', '\0', 1}; // and the version
+using Record = JournalSums::Record;
+
+uint32 sumOf(const Record& record) {
+    return JournalSums::add(0, &record, offsetof(Record, sum));
+}
+
+/// All records of the file, whether they are whole or not; none if it is no such file.
+std::vector<Record> readRecords(DiskFile& file) {
+    std::array<char, SumsTag.size()> tag{};
+    uint64 size = 0;
+    if (!file.size(size) || size < SumsTag.size() || !file.readAt(0, tag.data(), tag.size()) ||
+        tag != SumsTag)
+        return {};
+    std::vector<Record> records((size - SumsTag.size()) / sizeof(Record));
+    uint64 numBytes = 0;
+    if (!file.readSomeAt(SumsTag.size(), records.data(), records.size() * sizeof(Record), numBytes))
+        return {};
+    records.resize(numBytes / sizeof(Record));
+    return records;
+}
+
+bool isWhole(const Record& record) {
+    return record.sum == sumOf(record) && record.padding == 0;
+}
+
+} // namespace
+
+uint32 JournalSums::add(uint32 sum, const void* bytes, uint64 numBytes) {
+    return static_cast<uint32>(crc32_z(sum, static_cast<const Bytef*>(bytes), numBytes));
+}
+
+bool JournalSums::exists() const {
+    return FileSystem::exists(m_path);
+}
+
+void JournalSums::load() {
+    DiskFile file(m_path, DiskFile::Mode::Read);
+    if (file.isOpen())
+        for (const Record& record : readRecords(file))
+            if (isWhole(record))
+                m_records.insert(record.offset, record);
+}
+
+const Record* JournalSums::find(uint64 offset) const {
+    const auto entry = m_records.find(offset);
+    return entry == m_records.end() ? nullptr : &entry->value;
+}
+
+bool JournalSums::cut(uint64 offset) const {
+    if (!exists())
+        return true;
+    DiskFile file(m_path, DiskFile::Mode::ReadWrite);
+    if (!file.isOpen())
+        return false;
+    const std::vector<Record> records = readRecords(file);
+    const auto first = std::find_if(records.begin(), records.end(), [offset](const Record& record) {
+        return isWhole(record) && record.offset >= offset;
+    });
+    const auto numKept = static_cast<uint64>(first - records.begin());
+    return file.cut(records.empty() ? 0 : SumsTag.size() + numKept * sizeof(Record)) && file.close();
+}
+
+bool JournalSums::append(Record record) const {
+    record.sum = sumOf(record);
+    record.padding = 0;
+    DiskFile file(m_path, DiskFile::Mode::Create);
+    uint64 size = 0;
+    if (!file.isOpen() || !file.size(size))
+        return false;
+    if (size < SumsTag.size()) {
+        if (!file.writeAt(0, SumsTag.data(), SumsTag.size()))
+            return false;
+        size = SumsTag.size();
+    }
+    const uint64 end = size - (size - SumsTag.size()) % sizeof(Record); // a record may be cut off
+    if (file.writeAt(end, &record, sizeof(record)) && file.close())
+        return true;
+    if (file.isOpen())
+        static_cast<void>(file.cut(end));
+    return false;
+}
+
+void JournalSums::remove() const {
+    if (exists())
+        FileSystem::remove(m_path, false);
+}
+
+} // namespace zelData

@@ -1,0 +1,223 @@
+#include "FrameRecord.h"
+#include "JournalMeta.h"
+#include "files/DiskFile.h"
+
+#include <zelData/PlainJournal.h>
+#include <zelIO/FileSystem.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+// A journal that is opened to be looked at: its headers, and the frames where nothing is wrong.
+
+namespace zelData {
+
+using zel::uint64;
+using zelIO::DiskFile;
+using zelIO::FileSystem;
+
+namespace {
+
+constexpr uint64 EndOfHeaders = JournalMeta::JournalHeaderSize + JournalMeta::MaxHeaderSize;
+
+} // namespace
+
+PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path), m_place(0) {
+    if (!FileSystem::exists(path) || FileSystem::isDir(path))
+        throw std::runtime_error("There is no file '" + path + "'.");
+    m_file = std::make_unique<DiskFile>(path, DiskFile::Mode::Read);
+    if (!m_file->isOpen() || !m_file->size(m_fileSize))
+        throw std::runtime_error("Could not open journal '" + path + "': " + m_file->getReason());
+    m_begin = EndOfHeaders;
+    m_limit = m_fileSize;
+    readHeaders(search);
+    m_endOfFrames = m_begin;
+    m_searchBudget = (uint64{16} << 20) + 16 * m_fileSize;
+    if (search == Search::Scan || !walk())
+        scan();
+    m_place = m_frames.size();
+    std::stable_sort(
+        m_faults.begin(), m_faults.end(), [](const Fault& a, const Fault& b) { return a.offset < b.offset; });
+}
+
+PlainJournal::~PlainJournal() = default;
+
+void PlainJournal::readHeaders(Search search) {
+    JournalMeta meta;
+    try {
+        meta.read(m_path, false);
+    } catch (const std::runtime_error&) {
+        if (search != Search::Scan)
+            throw std::runtime_error("'" + m_path + "' is no journal.");
+        m_beginsAsJournal = false;
+        addFault(0, "the file does not begin as a journal");
+        return;
+    }
+    if (!meta.hasSessionHeader()) {
+        if (m_fileSize > JournalMeta::JournalHeaderSize)
+            addFault(18, "the journal tells of no session");
+        else
+            m_begin = m_limit = m_fileSize;
+        return;
+    }
+    const zel::ref_ptr<FileJournal::Session> session(
+        new FileJournal::Session(FileSystem::getFileWithoutExtension(m_path), m_path, FileJournal::Tolerant));
+    try {
+        meta.readSessionHeader(m_path);
+        const TiXmlElement* root = meta.document.RootElement();
+        if (root == nullptr)
+            throw std::runtime_error("it is empty");
+        session->load(root);
+        session->refuseOtherByteOrder();
+        session->readPlotData(root->FirstChildElement("Plots"));
+        session->readExtraData(root->FirstChildElement("ExtraData"));
+    } catch (const std::runtime_error& error) {
+        addFault(meta.sessionHeaderOffset,
+                 "the session header can not be read: " + zel::String(error.what()));
+        return;
+    }
+    m_session = session;
+    if (meta.sessionHeaderOffset != JournalMeta::JournalHeaderSize)
+        addFault(18, "the session header does not follow on that of the journal");
+    checkSession();
+}
+
+void PlainJournal::checkSession() {
+    m_isClosed = m_session->getLastFrameIndex() != zel::InvalidIndex;
+    const uint64 begin = m_session->getFrameDataOffset();
+    const uint64 scene = m_session->getSceneDataOffset();
+    if (begin == zel::InvalidIndex) {
+        if (m_fileSize > EndOfHeaders || m_session->getNumFrames() != 0)
+            addFault(EndOfHeaders, "the session header does not tell where the frames begin");
+        return;
+    }
+    const bool isAfterScene =
+        scene >= EndOfHeaders && scene <= begin && m_session->getSceneDataSize() == begin - scene;
+    if (begin < EndOfHeaders || begin > m_fileSize || !isAfterScene)
+        addFault(EndOfHeaders,
+                 "the session header tells other places of the scene and the frames than there are");
+    else
+        m_begin = begin;
+    for (const auto& plot : m_session->m_plots) {
+        const FileJournal::PlotEntry& place = plot.value;
+        if (place.offset < m_begin || place.offset > m_fileSize ||
+            place.headerSize > m_fileSize - place.offset ||
+            place.dataSize > m_fileSize - place.offset - place.headerSize)
+            addFault(JournalMeta::JournalHeaderSize, "plot '" + plot.key + "' lies outside of the file");
+        else
+            m_limit = std::min(m_limit, place.offset);
+    }
+}
+
+std::optional<zel::size_t> PlainJournal::findFrame(uint64 index) const {
+    const auto place =
+        std::lower_bound(m_frames.begin(), m_frames.end(), index, [](const FrameEntry& entry, uint64 wanted) {
+            return entry.record.index < wanted;
+        });
+    if (place == m_frames.end() || place->record.index != index)
+        return {};
+    return static_cast<zel::size_t>(place - m_frames.begin());
+}
+
+/// The fast way: from record to record, which must lead to the end that the headers tell.
+bool PlainJournal::walk() {
+    if (!m_faults.empty())
+        return false;
+    const uint64 limit = m_isClosed ? m_session->getNumFrames() : zel::InvalidIndex;
+    uint64 offset = m_begin;
+    while (offset < m_limit && m_frames.size() < limit) {
+        FrameEntry entry{};
+        entry.offset = offset;
+        FrameExtent extent{};
+        const bool stands = m_limit - offset >= sizeof(entry.record) &&
+                            m_file->readAt(offset, &entry.record, sizeof(entry.record)) &&
+                            faultOf(entry.record) == nullptr && extentOf(entry.record, offset, extent) &&
+                            extent.end <= m_limit &&
+                            (m_frames.empty() ? entry.record.isKeyFrame != 0
+                                              : entry.record.index > m_frames.back().record.index);
+        if (!stands)
+            break;
+        entry.dataOffset = extent.dataOffset;
+        m_frames.push_back(entry);
+        offset = extent.end;
+    }
+    const bool isWhole =
+        m_isClosed ? m_frames.size() == limit &&
+                         (m_frames.empty() || m_frames.back().record.index == m_session->getLastFrameIndex())
+                   : offset == m_limit;
+    if (isWhole)
+        m_endOfFrames = offset;
+    else
+        m_frames.clear();
+    return isWhole;
+}
+
+zel::ref_ptr<BinaryData> PlainJournal::readHeader(const FrameEntry& entry) const {
+    const uint64 size = entry.record.headerSize;
+    if (entry.offset > m_fileSize || size > m_fileSize - entry.offset)
+        throw std::runtime_error("the file ends within the header of a frame");
+    zel::ref_ptr<BinaryData> block(new BinaryData(size));
+    if (!m_file->readAt(entry.offset, block->getData(), size))
+        throw std::runtime_error("the header of a frame can not be read: " + m_file->getReason());
+    return block;
+}
+
+zel::ref_ptr<BinaryData> PlainJournal::readSegment(const FrameEntry& entry) const {
+    const uint64 size = entry.record.dataSize;
+    if (entry.dataOffset > m_fileSize || size > m_fileSize - entry.dataOffset)
+        throw std::runtime_error("the file ends within the data of a frame");
+    zel::ref_ptr<BinaryData> block(new BinaryData(size));
+    if (!m_file->readAt(entry.dataOffset, block->getData(), size))
+        throw std::runtime_error("the data of a frame can not be read: " + m_file->getReason());
+    return block;
+}
+
+PlainFrame PlainJournal::read(const FrameEntry& entry, bool withData, PlainFrame::Names& names) const {
+    try {
+        const auto header = readHeader(entry);
+        return {header.get(), withData ? readSegment(entry).get() : nullptr, names};
+    } catch (const std::runtime_error& error) {
+        fail(entry, error);
+    }
+}
+
+void PlainJournal::fail(const FrameEntry& entry, const std::runtime_error& error) {
+    throw std::runtime_error(zel::String::format("frame %llu at offset %llu: %s",
+                                                 static_cast<unsigned long long>(entry.record.index),
+                                                 static_cast<unsigned long long>(entry.offset),
+                                                 error.what()));
+}
+
+zel::size_t PlainJournal::keyFrameOf(zel::size_t place) const {
+    if (place >= m_frames.size())
+        throw std::runtime_error("the journal has no such frame");
+    while (place != 0 && m_frames[place].record.isKeyFrame == 0)
+        --place;
+    return place;
+}
+
+PlainFrame PlainJournal::readAlone(zel::size_t place) const {
+    PlainFrame::Names names;
+    for (zel::size_t i = keyFrameOf(place); i < place; ++i)
+        (void)read(m_frames[i], false, names);
+    return read(m_frames[place], true, names);
+}
+
+const PlainFrame& PlainJournal::readComplete(zel::size_t place) {
+    zel::size_t first = keyFrameOf(place);
+    if (m_place <= place) // which is the number of frames for none
+        first = std::max(first, m_place + 1);
+    m_place = m_frames.size(); // until all went well
+    for (zel::size_t i = first; i <= place; ++i) {
+        const PlainFrame frame = read(m_frames[i], true, m_names);
+        try {
+            m_state.merge(frame, getMaxBytes());
+        } catch (const std::runtime_error& error) {
+            fail(m_frames[i], error);
+        }
+    }
+    m_place = place;
+    return m_state;
+}
+
+} // namespace zelData
