@@ -10,6 +10,7 @@
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 
+#include <atomic>
 #include <iosfwd>
 #include <stdexcept>
 
@@ -32,7 +33,8 @@ class Value;
 /// entities and plain components, and nothing else. See zelData/FrameNodes.h.
 ///
 /// Owned through ref_ptr.
-/// @threads external lock: a frame belongs to whoever holds it
+/// @threads external lock: a frame belongs to whoever holds it; concurrent reads. The marks of tracks: any
+///     thread
 class ZEL_CORE_API Frame : public zel::Component {
 public:
     class DataBinding;
@@ -71,14 +73,18 @@ public:
     [[nodiscard]] bool isKeyFrame() const noexcept { return m_isKeyFrame; }
     void setKeyFrame(bool flag) noexcept { m_isKeyFrame = flag; }
     /// The track that owns or made the frame; not kept alive.
-    [[nodiscard]] Track* getTrack() const noexcept { return m_track; }
-    void setTrack(Track* track) noexcept { m_track = track; }
+    [[nodiscard]] Track* getTrack() const noexcept { return m_track.load(std::memory_order_relaxed); }
+    void setTrack(Track* track) noexcept { m_track.store(track, std::memory_order_relaxed); }
     /// Whether the frame stands in a queue.
-    [[nodiscard]] bool isQueued() const noexcept { return m_queued; }
-    void setQueued(bool flag) noexcept { m_queued = flag; }
+    [[nodiscard]] bool isQueued() const noexcept { return m_queued.load(std::memory_order_relaxed); }
+    void setQueued(bool flag) noexcept { m_queued.store(flag, std::memory_order_relaxed); }
     /// Whether the cache of a reader has dropped the frame.
-    [[nodiscard]] bool isDiscardedFromCache() const noexcept { return m_discardedFromCache; }
-    void setDiscardedFromCache(bool flag) noexcept { m_discardedFromCache = flag; }
+    [[nodiscard]] bool isDiscardedFromCache() const noexcept {
+        return m_discardedFromCache.load(std::memory_order_relaxed);
+    }
+    void setDiscardedFromCache(bool flag) noexcept {
+        m_discardedFromCache.store(flag, std::memory_order_relaxed);
+    }
     /// Whether the frame follows a jump.
     [[nodiscard]] bool isJumpFrame() const noexcept { return m_jumpFrame; }
     void setJumpFrame(bool flag) noexcept { m_jumpFrame = flag; }
@@ -162,9 +168,10 @@ private:
     template <typename Node>
     void addClone(const Node* node, Component* target);
 
-    Track* m_track = nullptr;
-    bool m_queued = false;
-    bool m_discardedFromCache = false;
+    // Of tracks, which may share frames through their caches.
+    std::atomic<Track*> m_track{nullptr};
+    std::atomic<bool> m_queued{false};
+    std::atomic<bool> m_discardedFromCache{false};
     bool m_jumpFrame = false;
     bool m_isKeyFrame = false;
     bool m_serialized = false;

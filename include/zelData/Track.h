@@ -3,6 +3,7 @@
 #include <zel/Callback.h>
 #include <zel/Event.h>
 #include <zel/Export.h>
+#include <zel/HashSet.h>
 #include <zel/Integers.h>
 #include <zel/LockRank.h>
 #include <zel/Object.h>
@@ -181,8 +182,9 @@ private:
     void fail(const std::exception_ptr& exception);
 
     // Guarded by m_queueMutex, but for the atomic ones and what only the owner sets.
-    std::unique_ptr<FrameCache> m_cache;
     std::deque<Queued> m_queue; // the oldest in front
+    zel::HashSet<Frame*> m_queuedFrames;
+    std::unique_ptr<FrameCache> m_cache;
     std::atomic<zel::uint64> m_numQueuedFrames{0};
     std::atomic<zel::uint64> m_numQueuedBytes{0};
     zel::ref_ptr<FrameReader> m_input;

@@ -20,7 +20,7 @@ void Track::FrameCache::addFrame(Frame* frame) {
     if (entry != m_table.end())
         erase(entry->value);
     frame->setDiscardedFromCache(false);
-    m_list.push_back({keep, frame->getIndex(), frame->getNumBytes()});
+    m_list.push_back({keep, frame->getIndex(), frame->getNumBytes(), false});
     m_table.insert(frame->getIndex(), std::prev(m_list.end()));
     m_numBytes += frame->getNumBytes();
 }
@@ -42,18 +42,20 @@ void Track::FrameCache::evictFrame(Frame* frame) {
 bool Track::FrameCache::evictFrame() {
     if (m_list.empty())
         return false;
-    Frame* frame = m_list.front().frame.get();
-    if (frame->isQueued()) {
-        frame->setDiscardedFromCache(true);
+    Entry& oldest = m_list.front();
+    if (m_queued.contains(oldest.frame.get())) {
+        oldest.isDiscarded = true;
+        oldest.frame->setDiscardedFromCache(true);
         return false;
     }
     erase(m_list.begin());
     return true;
 }
 
-bool Track::FrameCache::contains(const Frame* frame) const {
+void Track::FrameCache::release(Frame* frame, bool always) {
     const auto entry = m_table.find(frame->getIndex());
-    return entry != m_table.end() && entry->value->frame == frame;
+    if (entry != m_table.end() && entry->value->frame == frame && (always || entry->value->isDiscarded))
+        evictFrame(frame);
 }
 
 void Track::FrameCache::clear() {

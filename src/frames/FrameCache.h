@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zel/HashSet.h>
 #include <zel/HashTable.h>
 #include <zel/Integers.h>
 #include <zel/ref_ptr.h>
@@ -14,6 +15,9 @@ namespace zelData {
 /// @threads external lock: that of the track's queue
 class Track::FrameCache {
 public:
+    /// @param queued  what stands in the track's own queue; the marks of a frame may come from other tracks
+    explicit FrameCache(const zel::HashSet<Frame*>& queued) : m_queued(queued) {}
+
     /// The frame of the index, or null; the most recent one from now on.
     [[nodiscard]] Frame* getFrame(zel::uint64 index);
     /// Takes the place of one of the same index.
@@ -23,7 +27,8 @@ public:
     /// Lets go of the oldest frame. One that is still queued is marked, for whoever takes it off the queue.
     /// @return whether one has gone
     bool evictFrame();
-    [[nodiscard]] bool contains(const Frame* frame) const;
+    /// Lets go of one that has left the queue, if it was marked, or in any case.
+    void release(Frame* frame, bool always);
     void clear();
     void load(const FrameCache& other);
 
@@ -42,11 +47,13 @@ private:
         zel::ref_ptr<Frame> frame;
         zel::uint64 index;
         zel::uint64 numBytes;
+        bool isDiscarded = false; // while it is queued
     };
     using List = std::list<Entry>; // in order of use, the oldest first
 
     void erase(List::iterator position);
 
+    const zel::HashSet<Frame*>& m_queued;
     zel::uint64 m_numBytes = 0;
     List m_list;
     zel::HashTable<zel::uint64, List::iterator> m_table;

@@ -41,7 +41,7 @@ Track::Track(const zel::Name& name)
     : Object(name, ClassModel())
     , pushFrameEvent(pushFrameEventName(), this)
     , popFrameEvent(popFrameEventName(), this)
-    , m_cache(std::make_unique<FrameCache>()) {}
+    , m_cache(std::make_unique<FrameCache>(m_queuedFrames)) {}
 
 Track::Track(FrameReader* input, FrameWriter* output) : Track() {
     if (input != nullptr)
@@ -71,14 +71,7 @@ void Track::pushFrame(Frame* frame) {
     zelVerify(frame);
     const zel::ref_ptr<Frame> keep(frame);
     const QueueLock lock(m_queueMutex);
-    // The flag alone may be another track's.
-    const auto isQueued = [this, frame] {
-        return frame->isQueued() && std::any_of(m_queue.begin(), m_queue.end(), [frame](const Queued& entry) {
-                   return entry.frame == frame;
-               });
-    };
-    if (!_isInterrupted() && isQueued())
-        m_queueMutex.wait(m_slotAvailable, [&] { return _isInterrupted() || !isQueued(); });
+    m_queueMutex.wait(m_slotAvailable, [&] { return _isInterrupted() || !m_queuedFrames.contains(frame); });
     if (_isInterrupted() || m_jumpPending)
         return;
     _pushFrame(frame);
@@ -90,6 +83,7 @@ void Track::_pushFrame(Frame* frame) {
     _updateDataRate(frame);
     const zel::uint64 numBytes = frame->getNumBytes();
     m_queue.push_back({zel::ref_ptr<Frame>(frame), numBytes});
+    m_queuedFrames.insert(frame);
     if (!frame->isJumpFrame() && !m_expandFrames)
         m_cache->addFrame(frame);
     ++m_numQueuedFrames;
@@ -150,10 +144,10 @@ zel::ref_ptr<Frame> Track::_takeOff(bool newest) {
         m_queue.pop_front();
     --m_numQueuedFrames;
     m_numQueuedBytes -= entry.numBytes;
+    m_queuedFrames.erase(entry.frame.get());
     entry.frame->setQueued(false);
     // A cache in front of which nobody reads serves nothing but the budget.
-    if ((entry.frame->isDiscardedFromCache() || !m_input) && m_cache->contains(entry.frame.get()))
-        m_cache->evictFrame(entry.frame.get());
+    m_cache->release(entry.frame.get(), !m_input);
     m_slotAvailable.notify_all();
     return entry.frame;
 }
@@ -240,7 +234,7 @@ double Track::getCacheHitRate() const {
 }
 
 void Track::loadCache(Track* other) {
-    FrameCache frames;
+    FrameCache frames(other->m_queuedFrames);
     {
         const QueueLock lock(other->m_queueMutex);
         frames.load(*other->m_cache);

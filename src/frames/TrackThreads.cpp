@@ -1,5 +1,6 @@
 #include "FrameCache.h"
 #include "TrackThread.h"
+#include "threads/SignalBlock.h"
 
 #include <zel/Log.h>
 #include <zel/Thread.h>
@@ -40,6 +41,7 @@ void Track::Thread::begin() {
                  "[%p : %s]: Thread is already started",
                  static_cast<const void*>(this),
                  m_name);
+    const zel::SignalBlock signalsWait; // the thread takes this over: handlers run on those of the program
     m_started = start();
 }
 
@@ -199,13 +201,10 @@ void Track::readTurn(QueueLock& lock) {
         endRound(next);
         return;
     }
-    const auto isQueued = [this, &frame] {
-        return std::any_of(
-            m_queue.begin(), m_queue.end(), [&](const Queued& entry) { return entry.frame == frame; });
-    };
     // A frame of the cache that was not popped since the last round. A caller who reads has an empty queue.
-    if (isQueued())
-        m_queueMutex.wait(m_slotAvailable, [&] { return _isInterrupted() || m_jumpPending || !isQueued(); });
+    m_queueMutex.wait(m_slotAvailable, [&] {
+        return _isInterrupted() || m_jumpPending || !m_queuedFrames.contains(frame.get());
+    });
     if (!_isInterrupted() && !m_jumpPending)
         _pushFrame(frame.get());
 }

@@ -2,6 +2,7 @@
 
 #include <zelData/Track.h>
 
+#include <csignal>
 #include <future>
 #include <thread>
 
@@ -348,6 +349,24 @@ TEST_F(TrackTest, AFrameOfTheSameIndexTakesItsPlaceInTheCache) {
     EXPECT_EQ(track->getNumCachedBytes(), 0U);
 }
 
+TEST_F(TrackTest, FramesThatAnotherTrackHasQueuedLeaveTheCacheAllTheSame) {
+    record(10);
+    makeReplay();
+    track->start();
+    while (!track->isEOF()) // with all frames in its queue
+        std::this_thread::yield();
+    const ref_ptr<MemoryReader> otherReader(new MemoryReader(session.get()));
+    const ref_ptr<Track> other(new Track(otherReader.get(), nullptr));
+    other->loadCache(track.get());
+    EXPECT_EQ(other->getNumCachedFrames(), 10U);
+    other->setMaxNumBytes(1);
+    other->start();
+    for (uint64 i = 0; i < 10; ++i)
+        ASSERT_EQ(other->popFrame(true)->getIndex(), i);
+    EXPECT_FALSE(other->popFrame(true));
+    EXPECT_EQ(popAll(), upTo(10));
+}
+
 TEST_F(TrackTest, JumpsDropWhatIsQueued) {
     record(30);
     makeReplay();
@@ -556,6 +575,34 @@ TEST_F(TrackTest, AFreeSlotComesWhenAFrameLeaves) {
     }
     track->stop();
     EXPECT_EQ(writer->indices(), upTo(20));
+}
+
+/// Looks which signals the thread of its track takes.
+class SignalReadingWriter : public CollectingWriter {
+public:
+    void writeFrame(const Frame* frame) override {
+        EXPECT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &signals), 0);
+        CollectingWriter::writeFrame(frame);
+    }
+    sigset_t signals{};
+};
+
+TEST_F(TrackTest, SignalsAreLeftToTheThreadsOfTheProgram) {
+    sigset_t before{};
+    sigset_t after{};
+    EXPECT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &before), 0);
+    const ref_ptr<SignalReadingWriter> observer(new SignalReadingWriter);
+    track = new Track(nullptr, observer.get());
+    track->start();
+    EXPECT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &after), 0);
+    track->pushFrame(frameOf(0, 0).get());
+    track->stop();
+    EXPECT_EQ(observer->indices(), Indices{0});
+    for (const int signal : {SIGINT, SIGTERM, SIGALRM, SIGUSR1}) {
+        EXPECT_EQ(sigismember(&observer->signals, signal), 1) << signal;
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+    }
+    EXPECT_EQ(sigismember(&observer->signals, SIGSEGV), 0);
 }
 
 TEST_F(TrackTest, MayBeStoppedByItsWriter) {
