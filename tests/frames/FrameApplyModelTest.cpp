@@ -3,6 +3,7 @@
 #include "MemoryJournal.h"
 
 #include <zelData/FrameApply.h>
+#include <zelData/Track.h>
 
 #include <support/Stress.h>
 
@@ -11,7 +12,7 @@
 #include <random>
 
 // A random tree is captured step by step; its frames, as bytes and back, bring another tree to each of its
-// states, in order and by jumps.
+// states, in order, by jumps, and through tracks in all their ways.
 
 using zel::ref_ptr;
 using zel::uint64;
@@ -49,6 +50,58 @@ protected:
         expectWhole(frame.get());
         apply.writeFrame(frame.get());
         reader.advanceToNextFrame();
+    }
+
+    /// Frames of a track, with strides, in rounds, from the cache, in whole or not.
+    static void replay(zelTest::MemorySession* session,
+                       zelData::FrameApply& target,
+                       const Tree& replayed,
+                       const std::vector<Snapshot>& snapshots,
+                       std::mt19937& random) {
+        const uint64 numSteps = snapshots.size();
+        const ref_ptr<zelTest::MemoryReader> reader(new zelTest::MemoryReader(session, random() % 4 == 0));
+        const ref_ptr<zelData::Track> track(new zelData::Track(reader.get(), nullptr));
+        track->setExpandFrames(random() % 3 == 0);
+        uint64 stride = random() % 7 + 1;
+        track->setFrameStride(stride);
+        const uint64 budgets[] = {0, 1, 500, 5000};
+        track->setMaxNumBytes(budgets[random() % std::size(budgets)]);
+        track->start();
+        const bool loops = random() % 3 == 0;
+        if (loops)
+            track->setEnableLooping(true);
+        uint64 step = 0;
+        for (uint64 left = random() % 30 + 1; left != 0 && !HasFailure(); --left) {
+            if (random() % 6 == 0) {
+                step = random() % numSteps;
+                ASSERT_TRUE(track->jumpToFrame(step));
+            }
+            if (random() % 12 == 0) { // goes on behind the frame that was popped
+                const uint64 wider = random() % 7 + 1;
+                if (step < numSteps) // at the end it stays there
+                    step = step < stride ? wider : step - stride + wider;
+                stride = wider;
+                // With a thread the reader may be further on.
+                track->setFrameStride(stride);
+                if (reader->isThreaded()) {
+                    step = step < numSteps ? step : 0;
+                    ASSERT_TRUE(track->jumpToFrame(step));
+                }
+            }
+            const ref_ptr<Frame> frame = track->popFrame(true);
+            if (step >= numSteps && !loops) {
+                ASSERT_EQ(frame, nullptr);
+                return;
+            }
+            if (step >= numSteps)
+                step = 0;
+            ASSERT_NE(frame, nullptr);
+            ASSERT_EQ(frame->getIndex(), step);
+            expectWhole(frame.get());
+            target.writeFrame(frame.get());
+            compare(snapshots[step], replayed, step);
+            step += stride;
+        }
     }
 
     void run(zelData::EntityModel* model, unsigned seed) {
@@ -91,6 +144,8 @@ protected:
                 compare(snapshots[step], replayed, step);
             }
         }
+        for (int i = 0; i < 5 && !HasFailure(); ++i)
+            replay(session.get(), *target, replayed, snapshots, random);
         ASSERT_TRUE(target->getOmissions().empty()) << target->getOmissions()[0];
         // From there on both live alike.
         for (const std::string name : RandomTreeNames) {
