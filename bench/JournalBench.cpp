@@ -6,6 +6,7 @@
 #include <zelData/FileFrameWriter.h>
 #include <zelData/FileJournal.h>
 #include <zelData/Frame.h>
+#include <zelData/FrameView.h>
 #include <zelData/SerializedFrame.h>
 #include <zelData/Type.h>
 #include <zelData/ValueT.h>
@@ -250,6 +251,57 @@ void plainRead(benchmark::State& state) {
 }
 BENCHMARK(plainRead<false>)->Name("BM_JournalRead/pread_heap")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(plainRead<true>)->Name("BM_JournalRead/pread_fresh")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Looking at frames where they lie
+
+double sumOf(const double* elements, uint64 count) {
+    double sum = 0;
+    for (uint64 i = 0; i < count; ++i)
+        sum += elements[i];
+    return sum;
+}
+
+void zelView(benchmark::State& state) {
+    const ScratchFile file;
+    Recording recording(file.path());
+    recording.write(makeLargeFrame().get(), NumLargeFrames, 1);
+    std::vector<zel::Path> paths;
+    for (uint64 i = 0; i < NumColumns; ++i)
+        paths.emplace_back("column" + std::to_string(i));
+    for (auto _ : state) {
+        zelData::FrameView view(recording.session);
+        for (const uint64 index : randomIndices(NumLargeFrames)) {
+            view.show(index);
+            for (const zel::Path& path : paths) {
+                const auto elements = view.getElements<double>(path);
+                benchmark::DoNotOptimize(sumOf(elements.data(), elements.size()));
+            }
+        }
+    }
+}
+BENCHMARK(zelView)->Name("BM_JournalView/zel")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void plainView(benchmark::State& state) {
+    const ScratchFile file;
+    Recording recording(file.path());
+    recording.write(makeLargeFrame().get(), NumLargeFrames, 1);
+    const int descriptor = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+    const uint64 size = std::filesystem::file_size(file.path());
+    for (auto _ : state) {
+        void* const bytes = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0);
+        require(bytes != MAP_FAILED);
+        for (const uint64 index : randomIndices(NumLargeFrames)) {
+            const auto& info = *recording.session->getFrameInfo(index);
+            const auto* elements =
+                reinterpret_cast<const double*>(static_cast<const char*>(bytes) + info.dataOffset);
+            for (uint64 i = 0; i < NumColumns; ++i)
+                benchmark::DoNotOptimize(sumOf(elements + i * ColumnSize, ColumnSize));
+        }
+        munmap(bytes, size);
+    }
+    close(descriptor);
+}
+BENCHMARK(plainView)->Name("BM_JournalView/mmap")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 #ifdef ZEL_BENCH_HDF5
 

@@ -3,6 +3,7 @@
 #include <zelIO/FileSystem.h>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,6 +92,14 @@ bool DiskFile::readSomeAt(uint64 offset, void* bytes, uint64 numBytes, uint64& n
 bool DiskFile::readAt(uint64 offset, void* bytes, uint64 numBytes) {
     uint64 numRead = 0;
     return readSomeAt(offset, bytes, numBytes, numRead) && (numRead == numBytes || fail(ENODATA));
+}
+
+void* DiskFile::map(uint64 numBytes) {
+    void* bytes = mmap(nullptr, numBytes, PROT_READ, MAP_SHARED, m_descriptor, 0);
+    if (bytes != MAP_FAILED)
+        return bytes;
+    m_error = errno;
+    return nullptr;
 }
 
 bool DiskFile::writeAt(uint64 offset, const void* bytes, uint64 numBytes) {

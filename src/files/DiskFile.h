@@ -36,6 +36,9 @@ public:
     /// As many bytes as there are, up to the number.
     [[nodiscard]] bool
     readSomeAt(zel::uint64 offset, void* bytes, zel::uint64 numBytes, zel::uint64& numRead);
+    /// The first bytes of the file in memory, read-only, until munmap; null where that is not to be had.
+    /// Above 0.
+    [[nodiscard]] void* map(zel::uint64 numBytes);
     [[nodiscard]] bool writeAt(zel::uint64 offset, const void* bytes, zel::uint64 numBytes);
     /// The same of parts that lie apart in memory, one behind the other in the file.
     /// @param parts       are used up

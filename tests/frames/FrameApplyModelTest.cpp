@@ -55,7 +55,7 @@ protected:
     /// Frames of a track, with strides, in rounds, from the cache, in whole or not.
     static void replay(zelTest::MemorySession* session,
                        zelData::FrameApply& target,
-                       const Tree& replayed,
+                       const RandomTree& replayed,
                        const std::vector<Snapshot>& snapshots,
                        std::mt19937& random) {
         const uint64 numSteps = snapshots.size();
