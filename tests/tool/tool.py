@@ -1,0 +1,344 @@
+#!/usr/bin/env python3
+"""Runs the tool as a user would: tool.py ZEL WRITER SOURCES BUILD CASE"""
+import ast
+import json
+import os
+import pathlib
+import re
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+ZEL, WRITER, SOURCES, BUILD = sys.argv[1:5]
+COMMANDS = ["run", "tree", "journal info", "journal frames", "journal show", "journal verify", "journal recover",
+            "journal cut", "journal export", "journal diff"]
+
+
+def zel(*words, code=0, errors=""):
+    """Runs a command, whose exit code and whose words on the standard error stream must be these."""
+    result = subprocess.run([ZEL, *words], capture_output=True, text=True, timeout=300)
+    assert result.returncode == code, (words, result.returncode, result.stdout, result.stderr)
+    if errors is not None:
+        assert result.stderr == errors, (words, result.stderr)
+    return result.stdout
+
+
+def same(told, expected):
+    assert told == expected, f"\n{told}\n-- instead of\n{expected}"
+
+
+def write(path, *options):
+    subprocess.run([WRITER, path, *options], check=True, timeout=60)
+    return path
+
+
+def damaged(path, offset, value=0x55):
+    content = bytearray(pathlib.Path(path).read_bytes())
+    content[offset] ^= value
+    pathlib.Path("damaged").write_bytes(content)
+    return "damaged"
+
+
+def frames_of(path):
+    return json.loads(zel("journal", "frames", path, "--json"))["frames"]
+
+
+def help_is_there_for_each_command():
+    overview = zel("--help")
+    page = pathlib.Path(ZEL).with_name("zel.1").read_text()
+    script = pathlib.Path(ZEL).with_name("zel.bash").read_text()
+    for command in COMMANDS:
+        assert f"\n  {command} " in overview, command
+        text = zel(*command.split(), "--help")
+        assert text.startswith(f"usage: zel {command} "), text
+        assert f"\n.SS zel {command} ".replace("-", "\\-") in page, command
+        for option in re.findall(r"^  (--[a-z]+)", text, re.M):
+            assert re.search(rf'"{command}"\) options="[^"]*{option}\b', script), (command, option)
+        summary = text.split("\n\n")[1].split(".")[0].replace("\n", " ")
+        assert summary in page, summary
+    subprocess.run(["bash", "-n", str(pathlib.Path(ZEL).with_name("zel.bash"))], check=True)
+    completed = subprocess.run(
+        ["bash", "-c", 'source "$1"; COMP_WORDS=(zel journal re); COMP_CWORD=2; _zel; echo "${COMPREPLY[@]}"', "bash",
+         str(pathlib.Path(ZEL).with_name("zel.bash"))], capture_output=True, text=True, check=True)
+    assert completed.stdout == "recover\n", completed.stdout
+    assert re.fullmatch(r"zel \d+\.\d+\.\d+\.\d+\n", zel("--version"))
+
+
+def wrong_usage_is_told_with_the_usage():
+    info = "usage: zel journal info FILE [--json]\n"
+    for words, errors in (
+            (["fly"], "zel: there is no command 'fly'; see zel --help\n"),
+            (["journal", "fly"], "zel: there is no command 'journal fly'; see zel --help\n"),
+            (["journal", "info"], "zel journal info: an argument lacks\n" + info),
+            (["journal", "info", "a", "b"], "zel journal info: 'b' is one argument too many\n" + info),
+            (["journal", "info", "--fly", "a"], "zel journal info: unknown option --fly\n" + info),
+            (["journal", "info", "--json=1", "a"], "zel journal info: --json takes no value\n" + info),
+            (["journal", "cut", "a", "b", "--from"],
+             "zel journal cut: --from needs a value\nusage: zel journal cut FILE NEW [--from A] [--to B]\n"),
+            (["journal", "cut", "a", "b", "--from", "-1"],
+             "zel journal cut: --from: '-1' is no whole number from 0 on\n"
+             "usage: zel journal cut FILE NEW [--from A] [--to B]\n"),
+            (["journal", "diff", "a", "b", "--tolerance=nan"],
+             "zel journal diff: --tolerance: 'nan' is no number from 0 on\n"
+             "usage: zel journal diff FILE OTHER [--tolerance T]\n"),
+            (["run", "m", "--frames", "1", "--time", "1"],
+             "zel run: --frames and --time are two ways to tell the end\n"
+             "usage: zel run MODEL [--frames N | --time T] [OPTION]...\n")):
+        assert zel(*words, code=2, errors=errors) == ""
+    assert "usage: zel COMMAND" in subprocess.run([ZEL], capture_output=True, text=True, timeout=60).stderr
+
+
+def info_tells_what_is_in_a_journal():
+    path = write("a.journal")
+    size = os.path.getsize(path)
+    same(zel("journal", "info", path), f"""file: a.journal
+size: {size} bytes ({size / 1000:.1f} kB)
+session: drive
+recorded: 1970-01-01 00:00:00, by version {zel("--version").split()[1]}
+computation time: 0 s
+frames: 10, 3 of them key frames
+indices: 0 to 9
+time: 0 to 4.5
+headers of frames: 3723 bytes
+data of frames: 616 bytes
+time step: 0.5
+frame stride: 1
+scene: 7 bytes
+extra data:
+    seed: 42
+""")
+    told = json.loads(zel("journal", "info", path, "--json"))
+    assert told["numFrames"] == 10 and told["numKeyFrames"] == 3 and told["closed"] is True, told
+    assert told["extraData"] == {"seed": "42"} and "faults" not in told, told
+    # One that was torn is told of as far as it can be read.
+    torn = frames_of(path)[9]["offset"]
+    pathlib.Path("torn").write_bytes(pathlib.Path(path).read_bytes()[:torn + 100])
+    fault = f"zel: torn, at offset {torn}: the file is cut off within the frame\n"
+    assert "frames: 9, 3 of them key frames\n" in zel("journal", "info", "torn", code=1, errors=None)
+    told = json.loads(zel("journal", "info", "torn", "--json", code=1, errors=None))
+    assert told["numFrames"] == 9 and told["faults"][-1] == {"offset": torn,
+                                                              "text": "the file is cut off within the frame"}, told
+    assert fault in subprocess.run([ZEL, "journal", "frames", "torn"], capture_output=True, text=True).stderr
+
+
+def frames_are_listed():
+    path = write("a.journal")
+    lines = zel("journal", "frames", path).splitlines()
+    assert len(lines) == 11 and lines[1].split() == ["0", "0", "0.5", "key", "10281", "552", "112"], lines
+    assert lines[2].split()[:3] == ["1", "0.5", "0.5"] and "key" not in lines[2], lines
+    frames = frames_of(path)
+    assert [frame["index"] for frame in frames] == list(range(10))
+    assert [frame["isKeyFrame"] for frame in frames] == [i % 4 == 0 for i in range(10)]
+
+
+def frames_are_shown_complete():
+    path = write("a.journal")
+    assert zel("journal", "show", path, "6") == """frame 6, time 3, step 0.5, 0 events
+car  component
+  speed  Real:64bit = 13
+  driver  String:default[1] = (Ann, "A")
+  wheels  Real:64bit[4] = 1; 2; 3; 3
+stones  storage of 2 instances, room for 3
+  mass  Real:64bit[2] = 8; 10
+  _idToIndex  UInt:64bit[3] = 4294967295; 1; 0
+  _indexToId  UInt:64bit[2] = 2; 1
+"""
+    assert "wheels  Real:64bit[1] of 4\n" in zel("journal", "show", path, "6", "--raw")
+    assert zel("journal", "show", path, "first", "car.wheels", "--elements", "2") == (
+        "frame 0, time 0, step 0.5, a key frame, 0 events\nwheels  Real:64bit[4] = 1; 2; ...\n")
+    zel("journal", "show", path, "last")
+    zel("journal", "show", path, "77", code=3, errors="zel: 'a.journal' has no frame 77, but those from 0 to 9\n")
+    zel("journal", "show", path, "1", "car.x", code=3, errors="zel: frame 1 has no node 'car.x'\n")
+    zel("journal", "show", path, "x", code=2, errors="zel journal show: FRAME: 'x' is no whole number from 0 on\n"
+        "usage: zel journal show FILE FRAME [PATH] [OPTION]...\n")
+
+
+def files_that_are_no_journals_end_with_a_sentence():
+    pathlib.Path("text").write_text("text")
+    for command in ("info", "frames"):
+        zel("journal", command, "none", code=3, errors="zel: There is no file 'none'.\n")
+        zel("journal", command, "text", code=3, errors="zel: 'text' is no journal.\n")
+    zel("journal", "verify", "none", code=3, errors="zel: There is no file 'none'.\n")
+    assert "  at offset 0: the file does not begin as a journal\n" in zel("journal", "verify", "text", code=1)
+    zel("journal", "recover", "text", "new", code=3, errors="zel: No frame of 'text' can be read.\n")
+    zel("journal", "diff", "text", "text", code=3, errors="zel: 'text' is no journal.\n")
+    assert not os.path.exists("new")
+    path = write("a.journal")
+    zel("journal", "recover", path, "text", code=3, errors="zel: There is a file 'text' already.\n")
+    with open("/dev/full", "w") as full:
+        result = subprocess.run([ZEL, "journal", "info", path], stdout=full, stderr=subprocess.PIPE, text=True)
+    assert result.returncode == 3 and result.stderr == "zel: could not write to the standard output\n", result
+
+
+def verify_finds_faults():
+    path = write("a.journal", "--sums")
+    size = os.path.getsize(path)
+    looked = f"Looked at {size} bytes ({size / 1000:.1f} kB): "
+    assert zel("journal", "verify", path) == (
+        looked + "10 frames, 3 key frames, 89 nodes, 0 events, 616 bytes of elements, 10 frames with a checksum.\n"
+        "No fault was found.\n")
+    frame = frames_of(path)[5]
+    data = (frame["offset"] + frame["headerSize"] + 31) // 32 * 32
+    os.rename(path + ".sums", "damaged.sums")
+    told = zel("journal", "verify", damaged(path, data), code=1)
+    assert told.startswith(looked + "7 frames, 3 key frames"), told
+    assert told.endswith(f"1 fault:\n  at offset {frame['offset']}: the checksum of the data differs\n"), told
+    os.remove("damaged.sums")
+    assert "No fault was found." in zel("journal", "verify", "damaged")
+
+
+def recover_tells_what_came_back():
+    path = write("a.journal")
+    frames = frames_of(path)
+    offset = frames[5]["offset"]
+    told = zel("journal", "recover", damaged(path, offset + 48), "new", code=1)
+    same(told, (
+        "7 frames came back: 0 to 4, 8 to 9.\n"
+        "2 frames missing of which a record was found:\n"
+        f"  6, at offset {frames[6]['offset']}: it builds on frames that are gone\n"
+        f"  7, at offset {frames[7]['offset']}: it builds on frames that are gone\n"
+        "Bytes that were left out:\n"
+        f"  {offset} to {frames[6]['offset']}: the file is no record of a frame\n"
+        f"  {frames[6]['offset']} to {frames[8]['offset']}: it builds on frames that are gone\n"
+        "1 fault of damaged:\n"
+        f"  at offset {offset}: the file is no record of a frame\n"
+        "new:\n"
+        f"Looked at {os.path.getsize('new')} bytes ({os.path.getsize('new') / 1000:.1f} kB): "
+        "7 frames, 3 key frames, 65 nodes, 0 events, 496 bytes of elements, 0 frames with a checksum.\n"
+        "No fault was found.\n"))
+    assert [frame["index"] for frame in frames_of("new")] == [0, 1, 2, 3, 4, 8, 9]
+    assert zel("journal", "recover", path, "again").startswith("10 frames came back: 0 to 9.\nagain:\n")
+    assert pathlib.Path("again").read_bytes() == pathlib.Path(path).read_bytes()
+
+
+def cut_begins_with_a_key_frame():
+    path = write("a.journal")
+    assert zel("journal", "cut", path, "part", "--from", "5", "--to", "9") == "Wrote 5 frames to part.\n"
+    assert [(frame["index"], frame["isKeyFrame"]) for frame in frames_of("part")] == [
+        (5, True), (6, False), (7, False), (8, True), (9, False)]
+    shown = zel("journal", "show", path, "7")
+    assert zel("journal", "show", "part", "7") == shown
+    zel("journal", "cut", path, "part", code=3, errors="zel: There is a file 'part' already.\n")
+    zel("journal", "cut", path, "none", "--from", "50", code=3,
+        errors="zel: 'a.journal' has no frame from 50 to 18446744073709551615.\n")
+    zel("journal", "cut", path, "none", "--from", "5", "--to", "4", code=2, errors=None)
+
+
+def series_are_exported_as_text():
+    path = write("a.journal")
+    lines = zel("journal", "export", path, "car.speed", "car.driver", "stones.mass@2", "--csv").splitlines()
+    assert lines[0] == "frame,time,car.speed,car.driver,stones.mass@2", lines
+    assert lines[1:] == [f'{i},{i / 2:g},{10 + i / 2:g},"Ann, ""A""",{5 + i / 2:g}' for i in range(10)], lines
+    assert zel("journal", "export", path, "car.speed", "--output", "x.csv") == "Wrote 10 rows to x.csv.\n"
+    assert pathlib.Path("x.csv").read_text().splitlines()[10] == "9,4.5,14.5"
+    for word, message in (("stones.mass@0", "'stones' has no instance 0 in frame 0"),
+                          ("stones.mass@3", "'stones' has no instance 3 in frame 0"),
+                          ("stones.size@1", "'stones' has no attribute 'size' in frame 0"),
+                          ("car.speed@1", "'car' is no storage in frame 0"),
+                          ("car.wheels", "'car.wheels' is no single value in frame 0"),
+                          ("car.horn", "nothing stands at 'car.horn' in frame 0")):
+        zel("journal", "export", path, word, code=3, errors=f"zel: {message}\n")
+    zel("journal", "export", path, "stones@1", code=2, errors=None)
+
+
+def series_are_exported_as_arrays():
+    path = write("a.journal")
+    zel("journal", "export", path, "car.speed", "stones.mass@1", "--npy", "--output", "x.npy", errors="")
+    content = pathlib.Path("x.npy").read_bytes()
+    assert content[:8] == b"\x93NUMPY\x01\x00"
+    length = struct.unpack("<H", content[8:10])[0]
+    assert (10 + length) % 64 == 0
+    header = ast.literal_eval(content[10:10 + length].decode())
+    assert header == {"descr": [("frame", "<u8"), ("time", "<f8"), ("car.speed", "<f8"), ("stones.mass@1", "<f8")],
+                      "fortran_order": False, "shape": (10,)}, header
+    rows = list(struct.iter_unpack("<Qddd", content[10 + length:]))
+    assert rows == [(i, i / 2, 10 + i / 2, 7 + i / 2) for i in range(10)], rows
+    zel("journal", "export", path, "car.driver", "--npy", "--output", "y.npy", code=3,
+        errors="zel: 'car.driver' is no number; --csv writes texts\n")
+
+
+def differences_are_told():
+    path = write("a.journal")
+    write("same", "--other-keys")
+    assert zel("journal", "diff", path, "same") == "No difference in 10 frames.\n"
+    write("more", "--change")
+    assert zel("journal", "diff", path, "more", code=1) == (
+        "The first difference is in frame 6, at car.more:\n  a.journal: nothing\n  more: a value of Real:64bit\n")
+    frame = frames_of(path)[0]
+    data = (frame["offset"] + frame["headerSize"] + 31) // 32 * 32
+    wheels = pathlib.Path(path).read_bytes().index(struct.pack("<dd", 1, 2), data)
+    assert zel("journal", "diff", path, damaged(path, wheels + 8 + 6, 0x08), code=1) == (
+        "The first difference is in frame 0, at car.wheels, element 1:\n  a.journal: 2\n  damaged: 3\n")
+    assert zel("journal", "diff", path, "damaged", "--tolerance", "1") == "No difference in 10 frames.\n"
+
+
+def foreign_formats_are_shown_as_bytes():
+    content = pathlib.Path(write("a.journal")).read_bytes()
+    pathlib.Path("foreign").write_bytes(content.replace(b"Real:64bit", b"Rxal:64bit"))
+    assert ("  speed  Rxal:64bit = 0x0000000000002440  (a format that is not known, 8 bytes each)\n"
+            in zel("journal", "show", "foreign", "0"))
+    assert "No fault was found." in zel("journal", "verify", "foreign")
+    # Those that are not asked for do no harm.
+    assert zel("journal", "export", "foreign", "car.driver").splitlines()[1] == '0,0,"Ann, ""A"""'
+
+
+MODEL = """<Component name="Counter">
+    <Value name="start" type="Real" value="1"/>
+    <Clock name="clock" frequency="4"/>
+</Component>
+"""
+
+
+def models_run_and_end_on_signals():
+    pathlib.Path("Counter.zelComponent").write_text(MODEL)
+    ran = r"%d frames, up to time %s, in \d+\.\d\d s on %d threads\n"
+    assert re.fullmatch(ran % (10, "2.5", 2), zel("run", "Counter.zelComponent", "--frames", "10", "--threads", "2"))
+    assert re.fullmatch(ran % (12, "3", 1), zel("run", "Counter.zelComponent", "--time", "3", "--threads", "1"))
+    assert re.fullmatch(ran % (0, "0", 1), zel("run", "Counter.zelComponent", "--frames", "0", "--threads", "1"))
+    for words, message in ((["./none"], "there is no file './none'"),
+                           (["Counter.zelComponent", "--set", "end=1"], "the model has nothing at 'end'"),
+                           (["Counter.zelComponent", "--set", "clock=1"], "'clock' is no value of the model"),
+                           (["Counter.zelComponent", "--clock", "start"], "'start' is no clock"),
+                           (["Counter.zelComponent", "--path", "none"], "there is no folder 'none'")):
+        zel("run", *words, "--frames", "1", code=3, errors=f"zel: {message}\n")
+    for number in (signal.SIGINT, signal.SIGTERM):
+        process = subprocess.Popen([ZEL, "run", "Counter.zelComponent"], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        # Asked again until it is heard: the handlers stand once the command has begun.
+        status = pathlib.Path(f"/proc/{process.pid}/status")
+        while int(re.search(r"SigCgt:\s*(\S+)", status.read_text()).group(1), 16) >> (number - 1) & 1 == 0:
+            time.sleep(0.01)
+        process.send_signal(number)
+        output, errors = process.communicate(timeout=60)
+        assert process.returncode == 128 + number and output.startswith("Ended by a signal.\n"), (output, errors)
+
+
+def trees_are_printed():
+    pathlib.Path("Counter.zelComponent").write_text(MODEL)
+    tree = zel("tree", "Counter.zelComponent", "--set", "start=3.5")
+    assert tree.startswith("|-Counter\n| |-start type=Real:64bit, value=3.5\n| |-clock\n"), tree
+    assert zel("tree", "Counter.zelComponent", "clock").startswith("|-clock\n")
+    zel("tree", "Counter.zelComponent", "x.y", code=3, errors="zel: the model has nothing at 'x.y'\n")
+
+
+def the_demonstration_runs_without_its_program():
+    model = os.path.join(SOURCES, "examples/solar/Components/solar/Solar.zelComponent")
+    if not os.path.isdir(os.path.join(BUILD, "examples/solar")):
+        return
+    told = zel("run", model, "--path", os.path.join(BUILD, "examples/solar"), "--frames", "144", "--set",
+               "numParticles=20")
+    assert told.startswith("144 frames, up to time 86400, in "), told
+    zel("run", model, "--frames", "1", code=3, errors=None)  # without the plug-in
+
+
+def main():
+    os.environ.pop("ZEL_FILE_PATH", None)
+    with tempfile.TemporaryDirectory() as directory:
+        os.chdir(directory)
+        globals()[sys.argv[5]]()
+
+
+main()

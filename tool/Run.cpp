@@ -1,0 +1,168 @@
+#include "Command.h"
+#include "Model.h"
+
+#include <zel/Clock.h>
+#include <zel/Statistics.h>
+#include <zel/String.h>
+#include <zel/Task.h>
+#include <zel/Thread.h>
+#include <zel/UnresolvedTask.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <iostream>
+#include <limits>
+#include <system_error>
+
+// zel run.
+
+namespace tool {
+
+namespace {
+
+/// The signal that asks for an end; 0 while there is none. Any thread may get it; nothing else is published
+/// by it.
+constinit std::atomic<int> s_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free); // as a handler needs it
+
+int endSignal() {
+    return s_signal.load(std::memory_order_relaxed);
+}
+
+/// Once: a second signal ends the process as it would without us.
+void endOnSignals() {
+    struct sigaction action {};
+    action.sa_handler = [](int number) { s_signal.store(number, std::memory_order_relaxed); };
+    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    for (const int number : {SIGINT, SIGTERM})
+        if (sigaction(number, &action, nullptr) != 0)
+            throw std::system_error(errno, std::generic_category(), "sigaction");
+}
+
+/// The first clock below the component, depth first.
+// NOLINTNEXTLINE(misc-no-recursion)
+zel::Clock* findClock(const zel::Component* component) {
+    for (std::size_t i = 0; i < component->getNumObjects(); ++i) {
+        if (auto* clock = dynamic_cast<zel::Clock*>(component->getObject(i)))
+            return clock;
+        const auto* below = dynamic_cast<const zel::Component*>(component->getObject(i));
+        zel::Clock* found = below == nullptr ? nullptr : findClock(below);
+        if (found != nullptr)
+            return found;
+    }
+    return nullptr;
+}
+
+/// The first task below the component that has no implementation, depth first.
+// NOLINTNEXTLINE(misc-no-recursion)
+const zel::Object* findUnresolved(const zel::Component* component) {
+    for (std::size_t i = 0; i < component->getNumObjects(); ++i) {
+        const zel::Object* object = component->getObject(i);
+        if (dynamic_cast<const zel::UnresolvedTask*>(object) != nullptr)
+            return object;
+        const auto* below = dynamic_cast<const zel::Component*>(object);
+        const zel::Object* found = below == nullptr ? nullptr : findUnresolved(below);
+        if (found != nullptr)
+            return found;
+    }
+    return nullptr;
+}
+
+zel::Clock& clockOf(const LoadedModel& model, const Arguments& arguments) {
+    auto* clock = arguments.has("--clock") ? dynamic_cast<zel::Clock*>(model.find(arguments.get("--clock")))
+                                           : findClock(model.get());
+    if (clock == nullptr)
+        throw std::runtime_error(arguments.has("--clock") ? "'" + arguments.get("--clock") + "' is no clock"
+                                                          : std::string("the model has no clock"));
+    return *clock;
+}
+
+/// A line on the terminal, if there is one, at most ten times a second.
+class Progress {
+public:
+    void update(const zel::Clock& clock, double share) {
+        const auto now = std::chrono::steady_clock::now();
+        if (!m_isTerminal || now < m_next)
+            return;
+        m_next = now + std::chrono::milliseconds(100);
+        print(clock, share);
+    }
+    void finish(const zel::Clock& clock, double share) const {
+        if (m_isTerminal) {
+            print(clock, share);
+            std::cerr << '\n';
+        }
+    }
+
+private:
+    static void print(const zel::Clock& clock, double share) {
+        std::cerr << (share >= 0 ? zel::String::format("\r%5.1f %%  ", 100 * share) : zel::String("\r"))
+                  << "frame " << clock.getFrame() << ", time " << toText(clock.getTime()) << "        "
+                  << std::flush;
+    }
+
+    bool m_isTerminal = isatty(STDERR_FILENO) != 0;
+    std::chrono::steady_clock::time_point m_next;
+};
+
+void tickThrough(zel::Clock& clock, const Arguments& arguments) {
+    const unsigned long numFrames = arguments.number("--frames", std::numeric_limits<unsigned long>::max());
+    const double endTime = arguments.real("--time", std::numeric_limits<double>::infinity());
+    const double startTime = clock.getTime();
+    const auto share = [&](unsigned long done) {
+        if (arguments.has("--frames"))
+            return numFrames == 0 ? 1.0 : static_cast<double>(done) / static_cast<double>(numFrames);
+        return arguments.has("--time") ? (clock.getTime() - startTime) / (endTime - startTime) : -1.0;
+    };
+    Progress progress;
+    unsigned long done = 0;
+    for (; done < numFrames && clock.getTime() < endTime && endSignal() == 0; ++done) {
+        const std::size_t frame = clock.getFrame();
+        clock.tick();
+        if (clock.getFrame() == frame)
+            throw std::runtime_error("the clock does not go on: is it disabled?");
+        progress.update(clock, share(done + 1));
+    }
+    progress.finish(clock, share(done));
+}
+
+} // namespace
+
+int runModel(const Arguments& arguments) {
+    if (arguments.has("--frames") && arguments.has("--time"))
+        throw UsageError("--frames and --time are two ways to tell the end");
+    const unsigned long numThreads = arguments.number("--threads", 0);
+    (void)arguments.number("--frames", 0); // told ahead of the model
+    (void)arguments.real("--time", 0);
+    endOnSignals();
+    if (arguments.has("--statistics")) {
+        // Ahead of the tasks, which register what they measure.
+        zel::Statistics::setEnable(true);
+        zel::Task::setProfilingMode(zel::Task::ProfilingFull);
+    }
+    const LoadedModel model(arguments);
+    if (const zel::Object* task = findUnresolved(model.get()))
+        throw std::runtime_error("the task '" + task->getPath(zel::root()).str() + "' has no implementation");
+    zel::setNumThreads(numThreads);
+    zel::Clock& clock = clockOf(model, arguments);
+    const std::size_t firstFrame = clock.getFrame();
+
+    const auto start = std::chrono::steady_clock::now();
+    tickThrough(clock, arguments);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+
+    if (endSignal() != 0)
+        std::cout << "Ended by a signal.\n";
+    std::cout << clock.getFrame() - firstFrame << " frames, up to time " << toText(clock.getTime()) << ", in "
+              << zel::String::format("%.2f", elapsed.count()) << " s on " << zel::getNumThreads()
+              << " threads\n";
+    if (arguments.has("--statistics"))
+        zel::Statistics::instance()->print(std::cout, false);
+    return endSignal() == 0 ? static_cast<int>(Done) : BySignal + endSignal();
+}
+
+} // namespace tool
