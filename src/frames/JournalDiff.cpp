@@ -10,17 +10,17 @@
 namespace zelData {
 
 using zel::uint64;
-using Node = PlainFrame::Node;
+using PlainNode = PlainFrame::Node;
 
 namespace {
 
 using NodeType = PlainFrame::Type;
-using NodesByPath = std::map<zel::String, const Node*>;
+using NodesByPath = std::map<zel::String, const PlainNode*>;
 
 /// All nodes that hold something; of those of one path the first.
 // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-void gather(const Node& node, const zel::String& path, NodesByPath& nodes) {
-    for (const Node& child : node.children) {
+void gather(const PlainNode& node, const zel::String& path, NodesByPath& nodes) {
+    for (const PlainNode& child : node.children) {
         const zel::String childPath = path.empty() ? child.name.str() : path + "." + child.name.str();
         if (child.type != NodeType::ComponentType)
             nodes.emplace(childPath, &child);
@@ -30,7 +30,7 @@ void gather(const Node& node, const zel::String& path, NodesByPath& nodes) {
 }
 
 /// A node but for its elements.
-zel::String describe(const Node& node) {
+zel::String describe(const PlainNode& node) {
     switch (node.type) {
     case NodeType::ValueType:
         return "a value of " + node.format.str();
@@ -84,7 +84,7 @@ public:
 private:
     static std::string text(double number) { return zel::String::format("%.17g", number); }
 
-    bool areEqual(const zel::String& path, const Node& a, const Node& b) {
+    bool areEqual(const zel::String& path, const PlainNode& a, const PlainNode& b) {
         if (describe(a) != describe(b))
             return tell(path, describe(a), describe(b));
         const PlainElements first(a);

@@ -21,28 +21,28 @@ using zelIO::FileSystem;
 namespace {
 
 constexpr std::array<char, 16> SumsTag{'Z', 'e', 'l', 'S', 'u', 'm', 's', '\0', 1}; // and the version
-using Record = JournalSums::Record;
+using SumRecord = JournalSums::Record;
 
-uint32 sumOf(const Record& record) {
-    return JournalSums::add(0, &record, offsetof(Record, sum));
+uint32 sumOf(const SumRecord& record) {
+    return JournalSums::add(0, &record, offsetof(SumRecord, sum));
 }
 
 /// All records of the file, whether they are whole or not; none if it is no such file.
-std::vector<Record> readRecords(DiskFile& file) {
+std::vector<SumRecord> readRecords(DiskFile& file) {
     std::array<char, SumsTag.size()> tag{};
     uint64 size = 0;
     if (!file.size(size) || size < SumsTag.size() || !file.readAt(0, tag.data(), tag.size()) ||
         tag != SumsTag)
         return {};
-    std::vector<Record> records((size - SumsTag.size()) / sizeof(Record));
+    std::vector<SumRecord> records((size - SumsTag.size()) / sizeof(SumRecord));
     uint64 numBytes = 0;
-    if (!file.readSomeAt(SumsTag.size(), records.data(), records.size() * sizeof(Record), numBytes))
+    if (!file.readSomeAt(SumsTag.size(), records.data(), records.size() * sizeof(SumRecord), numBytes))
         return {};
-    records.resize(numBytes / sizeof(Record));
+    records.resize(numBytes / sizeof(SumRecord));
     return records;
 }
 
-bool isWhole(const Record& record) {
+bool isWhole(const SumRecord& record) {
     return record.sum == sumOf(record) && record.padding == 0;
 }
 
@@ -59,12 +59,12 @@ bool JournalSums::exists() const {
 void JournalSums::load() {
     DiskFile file(m_path, DiskFile::Mode::Read);
     if (file.isOpen())
-        for (const Record& record : readRecords(file))
+        for (const SumRecord& record : readRecords(file))
             if (isWhole(record))
                 m_records.insert(record.offset, record);
 }
 
-const Record* JournalSums::find(uint64 offset) const {
+const SumRecord* JournalSums::find(uint64 offset) const {
     const auto entry = m_records.find(offset);
     return entry == m_records.end() ? nullptr : &entry->value;
 }
@@ -75,15 +75,15 @@ bool JournalSums::cut(uint64 offset) const {
     DiskFile file(m_path, DiskFile::Mode::ReadWrite);
     if (!file.isOpen())
         return false;
-    const std::vector<Record> records = readRecords(file);
-    const auto first = std::find_if(records.begin(), records.end(), [offset](const Record& record) {
+    const std::vector<SumRecord> records = readRecords(file);
+    const auto first = std::find_if(records.begin(), records.end(), [offset](const SumRecord& record) {
         return isWhole(record) && record.offset >= offset;
     });
     const auto numKept = static_cast<uint64>(first - records.begin());
-    return file.cut(records.empty() ? 0 : SumsTag.size() + numKept * sizeof(Record)) && file.close();
+    return file.cut(records.empty() ? 0 : SumsTag.size() + numKept * sizeof(SumRecord)) && file.close();
 }
 
-bool JournalSums::append(Record record) const {
+bool JournalSums::append(SumRecord record) const {
     record.sum = sumOf(record);
     record.padding = 0;
     DiskFile file(m_path, DiskFile::Mode::Create);
@@ -95,7 +95,7 @@ bool JournalSums::append(Record record) const {
             return false;
         size = SumsTag.size();
     }
-    const uint64 end = size - (size - SumsTag.size()) % sizeof(Record); // a record may be cut off
+    const uint64 end = size - (size - SumsTag.size()) % sizeof(SumRecord); // a record may be cut off
     if (file.writeAt(end, &record, sizeof(record)) && file.close())
         return true;
     if (file.isOpen())

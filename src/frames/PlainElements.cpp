@@ -18,7 +18,7 @@ namespace zelData {
 using zel::uint32;
 using zel::uint64;
 using zel::uint8;
-using Node = PlainFrame::Node;
+using PlainNode = PlainFrame::Node;
 
 struct PlainElements::Numbers {
     uint32 count = 0; // without padding
@@ -59,8 +59,8 @@ std::string toText(const uint8* bytes) {
 }
 
 /// A part with elements of the size.
-const Node* findPart(const Node& node, const char* name, uint64 elementSize) {
-    const Node* part = node.find(name);
+const PlainNode* findPart(const PlainNode& node, const char* name, uint64 elementSize) {
+    const PlainNode* part = node.find(name);
     const bool fits = part != nullptr && part->type == PlainFrame::Type::BufferType && part->data &&
                       part->elementSize() == elementSize && part->numElements == node.numElements;
     return fits ? part : nullptr;
@@ -68,7 +68,7 @@ const Node* findPart(const Node& node, const char* name, uint64 elementSize) {
 
 } // namespace
 
-PlainElements::PlainElements(const Node& node) : m_node(node) {
+PlainElements::PlainElements(const PlainNode& node) : m_node(node) {
     if (node.type == PlainFrame::Type::CustomBufferType) {
         m_range = findPart(node, "range", 2 * sizeof(uint32));
         m_pool = node.find("characters");
@@ -156,7 +156,7 @@ zel::String PlainElements::text(uint64 i) const {
         return text + "]";
     }
     if (m_ids != nullptr && m_storages != nullptr) {
-        const auto numberOf = [i](const Node* part) {
+        const auto numberOf = [i](const PlainNode* part) {
             return std::to_string(readNumber<unsigned long>(part->bytes() + i * sizeof(uint64)));
         };
         return numberOf(m_ids) + "@" + numberOf(m_storages);

@@ -14,7 +14,7 @@ namespace zelData {
 
 using zel::uint32;
 using zel::uint64;
-using Node = PlainFrame::Node;
+using PlainNode = PlainFrame::Node;
 using BinaryHeader = SerializedFrame::BinaryHeader;
 
 class PlainFrame::Parser {
@@ -126,11 +126,11 @@ private:
     }
 
     // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-    Node parseNode(uint32 depth) {
+    PlainNode parseNode(uint32 depth) {
         if (depth > SerializedFrame::MaxDepth)
             fail("nodes lie more than 512 deep");
         ++m_numNodes;
-        Node node;
+        PlainNode node;
         const uint32 type = readNumber();
         if (type > Type::EntityStorageType)
             fail("a node is of no known type");
@@ -156,7 +156,7 @@ private:
         return node;
     }
 
-    void parseElements(Node& node) {
+    void parseElements(PlainNode& node) {
         node.format = readName();
         node.numBytes = readNumber();
         node.offset = readNumber();
@@ -192,14 +192,14 @@ PlainFrame PlainFrame::withoutNames(const BinaryData* header) {
     return frame;
 }
 
-const Node* Node::find(const zel::Name& childName) const {
+const PlainNode* PlainNode::find(const zel::Name& childName) const {
     const auto child = std::find_if(
-        children.begin(), children.end(), [&](const Node& node) { return node.name == childName; });
+        children.begin(), children.end(), [&](const PlainNode& node) { return node.name == childName; });
     return child == children.end() ? nullptr : &*child;
 }
 
-const Node* PlainFrame::find(const zel::Path& path) const {
-    const Node* node = &m_root;
+const PlainNode* PlainFrame::find(const zel::Path& path) const {
+    const PlainNode* node = &m_root;
     for (const zel::Name& name : path)
         if ((node = node->find(name)) == nullptr)
             break;

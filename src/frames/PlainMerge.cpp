@@ -14,25 +14,25 @@ namespace zelData {
 using zel::uint32;
 using zel::uint64;
 using zel::uint8;
-using Node = PlainFrame::Node;
+using PlainNode = PlainFrame::Node;
 
 namespace {
 
 using NodeType = PlainFrame::Type;
 
 /// The part of a buffer in parts that has no element for each of the buffer's, but what those point into.
-bool isPool(const Node& part) {
+bool isPool(const PlainNode& part) {
     const std::string_view name(part.name.c_str());
     return name == "characters" || name == "elements";
 }
 
 /// Whether the ranges of texts and arrays stand in the part.
-bool isRange(const Node& part) {
+bool isRange(const PlainNode& part) {
     return std::string_view(part.name.c_str()) == "range" && part.elementSize() == 2 * sizeof(uint32);
 }
 
 /// These are as long as the capacity, or are told in whole.
-bool isTableOfIds(const Node& column) {
+bool isTableOfIds(const PlainNode& column) {
     const std::string_view name(column.name.c_str());
     return name == "_idToIndex" || name == "_indexToId";
 }
@@ -44,8 +44,8 @@ public:
     explicit Merger(uint64 maxBytes) : m_maxBytes(maxBytes) {}
 
     // NOLINTNEXTLINE(misc-no-recursion): as deep as the frame that was read
-    void mergeChildren(const Node& source, Node& target) {
-        for (const Node& child : source.children) {
+    void mergeChildren(const PlainNode& source, PlainNode& target) {
+        for (const PlainNode& child : source.children) {
             m_path.push_back(&child);
             mergeChild(child, target);
             m_path.pop_back();
@@ -55,27 +55,27 @@ public:
 private:
     [[noreturn]] void fail(const char* what) const {
         zel::String path;
-        for (const Node* node : m_path)
+        for (const PlainNode* node : m_path)
             path += (path.empty() ? "" : ".") + node->name.str();
         throw std::runtime_error(zel::String::format("%s: %s", path.c_str(), what));
     }
 
     // NOLINTNEXTLINE(misc-no-recursion)
-    void mergeChild(const Node& source, Node& target) {
+    void mergeChild(const PlainNode& source, PlainNode& target) {
         const auto place = std::find_if(target.children.begin(),
                                         target.children.end(),
-                                        [&](const Node& node) { return node.name == source.name; });
+                                        [&](const PlainNode& node) { return node.name == source.name; });
         if (place == target.children.end()) {
             target.children.push_back(source);
             return;
         }
-        Node& existing = *place;
+        PlainNode& existing = *place;
         switch (source.type) {
         case NodeType::ValueType:
         case NodeType::BufferType:
         case NodeType::CustomBufferType:
             if (source.name == incrementalName()) {
-                const Node copy = source;
+                const PlainNode copy = source;
                 target.children.push_back(copy);
                 return;
             }
@@ -105,14 +105,14 @@ private:
         }
     }
 
-    static bool isGroup(const Node& node) {
+    static bool isGroup(const PlainNode& node) {
         return node.type == NodeType::ComponentType || node.type == NodeType::EntityStorageType;
     }
 
     /// Gives the node bytes of its own, as many as these elements take.
-    void resize(Node& node, uint64 numElements) {
+    void resize(PlainNode& node, uint64 numElements) {
         if (node.type == NodeType::CustomBufferType) {
-            for (Node& part : node.children)
+            for (PlainNode& part : node.children)
                 if (!isPool(part))
                     resize(part, numElements);
             node.numElements = numElements;
@@ -125,7 +125,7 @@ private:
             fail("the buffer has more elements than such a file can hold");
         replaceBytes(node, numElements * size, numElements);
     }
-    static void replaceBytes(Node& node, uint64 numBytes, uint64 numElements) {
+    static void replaceBytes(PlainNode& node, uint64 numBytes, uint64 numElements) {
         if (node.data && node.data->referenceCount() == 1 && numBytes == node.numBytes) {
             node.numElements = numElements;
             return;
@@ -142,8 +142,8 @@ private:
         node.numElements = numElements;
     }
 
-    void resizeColumns(const Node& source, Node& storage) {
-        for (Node& column : storage.children) {
+    void resizeColumns(const PlainNode& source, PlainNode& storage) {
+        for (PlainNode& column : storage.children) {
             if (isTableOfIds(column) || column.hasChildren() != (column.type == NodeType::CustomBufferType))
                 continue;
             const uint64 each = storage.numElements == 0 ? 0 : column.numElements / storage.numElements;
@@ -155,9 +155,9 @@ private:
     }
 
     /// Writes the elements of a partial buffer into one in whole.
-    void scatter(const Node& source, Node& target) {
-        const Node* index = source.find("index");
-        const Node* data = source.find("data");
+    void scatter(const PlainNode& source, PlainNode& target) {
+        const PlainNode* index = source.find("index");
+        const PlainNode* data = source.find("data");
         if (index == nullptr || data == nullptr)
             fail("the partial buffer lacks a part");
         resize(target, source.fullSize);
@@ -170,7 +170,7 @@ private:
     }
 
     /// @param shift  is added to ranges
-    void scatter(const Node& index, const Node& data, Node& target, uint32 shift) {
+    void scatter(const PlainNode& index, const PlainNode& data, PlainNode& target, uint32 shift) {
         const uint64 size = data.elementSize();
         if (index.numElements != data.numElements || index.elementSize() != sizeof(uint64) || !data.data ||
             !index.data || size != target.elementSize())
@@ -197,12 +197,12 @@ private:
     }
 
     /// What the new elements point into is put behind what is there.
-    void scatterParts(const Node& index, const Node& data, Node& target) {
+    void scatterParts(const PlainNode& index, const PlainNode& data, PlainNode& target) {
         uint64 shift = 0;
-        for (const Node& part : data.children) {
+        for (const PlainNode& part : data.children) {
             if (!isPool(part))
                 continue;
-            Node* pool = findPart(target, part.name);
+            PlainNode* pool = findPart(target, part.name);
             if (pool == nullptr) {
                 target.children.push_back(part);
                 continue;
@@ -218,21 +218,21 @@ private:
             if (part.numBytes != 0) // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): made above
                 std::memcpy(const_cast<uint8*>(pool->bytes()) + numBytes, part.bytes(), part.numBytes);
         }
-        for (const Node& part : data.children) {
+        for (const PlainNode& part : data.children) {
             if (isPool(part))
                 continue;
-            Node* whole = findPart(target, part.name);
+            PlainNode* whole = findPart(target, part.name);
             if (whole == nullptr || whole->type != NodeType::BufferType || part.type != NodeType::BufferType)
                 fail("the partial buffer is made of other parts than the whole");
             scatter(index, part, *whole, isRange(part) ? static_cast<uint32>(shift) : 0);
         }
     }
-    static Node* findPart(Node& node, const zel::Name& name) {
-        return const_cast<Node*>(node.find(name)); // NOLINT: of a node that may change
+    static PlainNode* findPart(PlainNode& node, const zel::Name& name) {
+        return const_cast<PlainNode*>(node.find(name)); // NOLINT: of a node that may change
     }
 
     uint64 m_maxBytes;
-    std::vector<const Node*> m_path;
+    std::vector<const PlainNode*> m_path;
 };
 
 void PlainFrame::merge(const PlainFrame& other, uint64 maxBytes) {

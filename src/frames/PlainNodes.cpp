@@ -18,7 +18,7 @@ namespace zelData {
 
 using zel::uint32;
 using zel::uint64;
-using Node = PlainFrame::Node;
+using PlainNode = PlainFrame::Node;
 using BinaryHeader = SerializedFrame::BinaryHeader;
 
 namespace {
@@ -30,7 +30,7 @@ class FaultFinder {
 public:
     explicit FaultFinder(bool isKeyFrame) : m_isKeyFrame(isKeyFrame) {}
 
-    zel::String find(const Node& root) {
+    zel::String find(const PlainNode& root) {
         visit(root, {});
         if (!m_fault.empty())
             return m_fault;
@@ -45,9 +45,9 @@ public:
 
 private:
     // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-    void visit(const Node& node, const zel::String& path) {
+    void visit(const PlainNode& node, const zel::String& path) {
         if (node.hasChildren()) {
-            for (const Node& child : node.children)
+            for (const PlainNode& child : node.children)
                 visit(child, path.empty() ? child.name.str() : path + "." + child.name.str());
         } else if (node.numBytes != 0) {
             m_places.emplace_back(node.offset, node.numBytes);
@@ -63,7 +63,7 @@ private:
             m_fault = path + ": " + fault;
     }
 
-    const char* faultOfElements(const Node& node) {
+    const char* faultOfElements(const PlainNode& node) {
         if (node.format != m_lastName) { // most nodes have that of the one ahead
             m_lastName = node.format;
             m_lastFormat = findFormat(node.format.c_str());
@@ -74,9 +74,9 @@ private:
                    : nullptr;
     }
 
-    static const char* faultOfPartial(const Node& node) {
-        const Node* index = node.find("index");
-        const Node* data = node.find("data");
+    static const char* faultOfPartial(const PlainNode& node) {
+        const PlainNode* index = node.find("index");
+        const PlainNode* data = node.find("data");
         if (index == nullptr || data == nullptr || node.children.size() != 2)
             return "the partial buffer has other children than index and data";
         if (index->type != NodeType::BufferType || index->numElements != node.numElements ||
@@ -96,13 +96,13 @@ private:
         return nullptr;
     }
 
-    static const char* faultOfParts(const Node& node) {
-        const Node* pool = node.find("characters");
+    static const char* faultOfParts(const PlainNode& node) {
+        const PlainNode* pool = node.find("characters");
         if (pool == nullptr)
             pool = node.find("elements");
         if (node.find("range") == nullptr && (node.find("id") == nullptr || node.find("storage") == nullptr))
             return "a part of the buffer lacks";
-        for (const Node& part : node.children) {
+        for (const PlainNode& part : node.children) {
             if (&part == pool)
                 continue;
             if (part.type != NodeType::BufferType || part.numElements != node.numElements)
@@ -112,7 +112,7 @@ private:
         }
         return nullptr;
     }
-    static bool faultOfRanges(const Node& part, const Node* pool) {
+    static bool faultOfRanges(const PlainNode& part, const PlainNode* pool) {
         if (part.elementSize() != 2 * sizeof(uint32))
             return true;
         for (uint64 i = 0; part.data && i < part.numElements; ++i) {
@@ -188,7 +188,7 @@ private:
     }
 
     // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-    void write(const Node& node) {
+    void write(const PlainNode& node) {
         put(node.type);
         put(node.id);
         putName(node.name);
@@ -210,7 +210,7 @@ private:
         }
         if (node.type == NodeType::PartialBufferType || node.type == NodeType::EntityStorageType)
             putNumber(node.fullSize);
-        for (const Node& child : node.children)
+        for (const PlainNode& child : node.children)
             write(child);
         put(BinaryHeader::EndTag);
     }
@@ -233,7 +233,7 @@ namespace {
 
 using Wants = std::function<bool(const zel::String&)>;
 
-const Format* formatOf(const Node& node, bool& isKnown) {
+const Format* formatOf(const PlainNode& node, bool& isKnown) {
     const Format* format = findFormat(node.format.c_str());
     isKnown = format != nullptr && (node.hasChildren() || format->getSize() == node.elementSize());
     return isKnown ? format : getFormat("UInt:8bit");
@@ -241,7 +241,7 @@ const Format* formatOf(const Node& node, bool& isKnown) {
 
 /// @return null for one that is made of parts, and whose format is not known
 // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-zel::ref_ptr<SerializedFrame::Node> convert(const Node& node) {
+zel::ref_ptr<SerializedFrame::Node> convert(const PlainNode& node) {
     using Plain = SerializedFrame;
     bool isKnown = true;
     zel::ref_ptr<Plain::Component> parent;
@@ -277,7 +277,7 @@ zel::ref_ptr<SerializedFrame::Node> convert(const Node& node) {
     }
     if (!isKnown)
         return {};
-    for (const Node& child : node.children)
+    for (const PlainNode& child : node.children)
         if (const auto made = convert(child))
             parent->addChild(made.get());
     return zel::ref_ptr<Plain::Node>(parent.get());
@@ -285,14 +285,14 @@ zel::ref_ptr<SerializedFrame::Node> convert(const Node& node) {
 
 /// Takes what is wanted: components and storages are ways to it.
 // NOLINTNEXTLINE(misc-no-recursion)
-void select(const Node& source, const zel::String& path, const Wants& wants, Node& target) {
-    for (const Node& child : source.children) {
+void select(const PlainNode& source, const zel::String& path, const Wants& wants, PlainNode& target) {
+    for (const PlainNode& child : source.children) {
         const zel::String childPath = path.empty() ? child.name.str() : path + "." + child.name.str();
         const bool isWay = child.type == NodeType::ComponentType || child.type == NodeType::EntityStorageType;
         if (!isWay && wants(childPath)) {
             target.children.push_back(child);
         } else if (isWay) {
-            Node part = child;
+            PlainNode part = child;
             part.children.clear();
             select(child, childPath, wants, part);
             if (!part.children.empty() || wants(childPath))
@@ -304,7 +304,7 @@ void select(const Node& source, const zel::String& path, const Wants& wants, Nod
 } // namespace
 
 Frame* PlainFrame::createFrame(const Wants& wants) const {
-    Node selected;
+    PlainNode selected;
     select(m_root, {}, wants, selected);
     const auto root = convert(selected);
     zel::ref_ptr<Frame> frame(
