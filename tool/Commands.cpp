@@ -86,7 +86,7 @@ const std::vector<Command>& commands() {
          "told. "
          "Elements of formats that are not known are shown as bytes.\n"
          "\n"
-         "    zel journal show run.journal last Solar.bodies\n",
+         "    zel journal show run.journal last bodies\n",
          {{"--elements", "N", "Shows up to N elements of each buffer; 8 without it."},
           {"--raw", nullptr, "Shows the frame as it stands in the file."}},
          2,
@@ -138,14 +138,14 @@ const std::vector<Command>& commands() {
          "Writes time series",
          "Writes a table with a row for each frame: its index, its time, and what stands at each path. A "
          "path leads "
-         "to a value, as 'Solar.numParticles', or to an attribute of an instance by its id, as "
-         "'Solar.bodies.position@3'. Several numbers of one element stand in columns of their own, with "
+         "to a value, as 'numParticles', or to an attribute of an instance by its id, as "
+         "'bodies.position@3'. Several numbers of one element stand in columns of their own, with "
          "their place "
          "behind the name. With --npy the table is an array of records that numpy.load reads; texts can not "
          "stand "
          "there.\n"
          "\n"
-         "    zel journal export run.journal Solar.bodies.position@3 --output earth.csv\n",
+         "    zel journal export run.journal bodies.position@3 --output earth.csv\n",
          {{"--csv", nullptr, "Writes text, with commas: as without it."},
           {"--npy", nullptr, "Writes an array of numpy."},
           {"--output", "NEW", "Writes to this file, and not to the standard output stream."}},

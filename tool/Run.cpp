@@ -7,6 +7,8 @@
 #include <zel/Task.h>
 #include <zel/Thread.h>
 #include <zel/UnresolvedTask.h>
+#include <zel/ref_ptr.h>
+#include <zelData/Recorder.h>
 
 #include <signal.h>
 #include <unistd.h>
@@ -16,6 +18,7 @@
 #include <chrono>
 #include <iostream>
 #include <limits>
+#include <sstream>
 #include <system_error>
 
 // zel run.
@@ -109,6 +112,21 @@ private:
     std::chrono::steady_clock::time_point m_next;
 };
 
+/// Each new journal makes the library tell of an old one that it removes, which there is none of: the
+/// recorder refuses a file that is there.
+zel::ref_ptr<zelData::Recorder> record(zel::Clock& clock, const std::string& file, zel::Component* model) {
+    const std::ostringstream untold;
+    struct OutputScope {
+        explicit OutputScope(std::streambuf* buffer) : former(std::cout.rdbuf(buffer)) {}
+        OutputScope(const OutputScope&) = delete;
+        OutputScope& operator=(const OutputScope&) = delete;
+        ~OutputScope() { std::cout.rdbuf(former); }
+        std::streambuf* former;
+    };
+    const OutputScope scope(untold.rdbuf());
+    return zelData::Recorder::record(&clock, file, model);
+}
+
 void tickThrough(zel::Clock& clock, const Arguments& arguments) {
     const unsigned long numFrames = arguments.number("--frames", std::numeric_limits<unsigned long>::max());
     const double endTime = arguments.real("--time", std::numeric_limits<double>::infinity());
@@ -150,9 +168,14 @@ int runModel(const Arguments& arguments) {
     zel::setNumThreads(numThreads);
     zel::Clock& clock = clockOf(model, arguments);
     const std::size_t firstFrame = clock.getFrame();
+    zel::ref_ptr<zelData::Recorder> recorder;
+    if (arguments.has("--record"))
+        recorder = record(clock, arguments.get("--record"), model.get());
 
     const auto start = std::chrono::steady_clock::now();
     tickThrough(clock, arguments);
+    if (recorder)
+        recorder->stop(); // all is written, and the journal is closed
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
 
     if (endSignal() != 0)
@@ -160,8 +183,13 @@ int runModel(const Arguments& arguments) {
     std::cout << clock.getFrame() - firstFrame << " frames, up to time " << toText(clock.getTime()) << ", in "
               << zel::String::format("%.2f", elapsed.count()) << " s on " << zel::getNumThreads()
               << " threads\n";
+    if (recorder)
+        std::cout << "Recorded " << recorder->getNumFrames() << " frames in " << arguments.get("--record")
+                  << '\n';
     if (arguments.has("--statistics"))
         zel::Statistics::instance()->print(std::cout, false);
+    if (recorder && !recorder->getMessage().empty())
+        throw std::runtime_error(recorder->getMessage());
     return endSignal() == 0 ? static_cast<int>(Done) : BySignal + endSignal();
 }
 

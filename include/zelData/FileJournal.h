@@ -191,6 +191,7 @@ public:
     zel::uint64 refresh();
     /// Takes date, versions, stride, computation time, extra data and what was told of the simulation from a
     /// session of another file.
+    /// @throws std::runtime_error  where it does not fit into the header
     void copyDescription(const Session& other);
     /// Prints sizes on the standard output stream.
     void printFileStatistics() const;

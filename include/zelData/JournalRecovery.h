@@ -16,7 +16,7 @@ struct ZEL_CORE_API RecoveryReport {
     std::vector<PlainJournal::MissingFrame> missingFrames; ///< those of which a record was found
     std::vector<PlainJournal::Gap> gaps;                   ///< the bytes that were left out
     std::vector<PlainJournal::Fault> faults;               ///< what is wrong with the journal
-    bool hasSession = false; ///< whether the session header could be read; its scene and data come along then
+    bool hasSession = false; ///< whether scene and data of the session came along
     JournalReport check;     ///< of the new journal
 };
 

@@ -21,27 +21,25 @@ using FrameEntry = PlainJournal::FrameEntry;
 /// A journal that is being made, and goes again unless it is finished.
 class NewJournal {
 public:
-    /// @param source  what the session is told of
-    NewJournal(const PlainJournal& source, const zel::String& path) : m_path(path) {
+    /// @param isTolerant  whether a session that can not be described as the source is one without a
+    /// description
+    NewJournal(const PlainJournal& source, const zel::String& path, bool isTolerant) : m_path(path) {
         if (FileSystem::exists(path))
             throw std::runtime_error("There is a file '" + path + "' already.");
-        FileJournal::Session* former = source.getSession();
-        m_session = FileJournal::Session::create(
-            former == nullptr ? zel::Name("recovered") : former->getName(), path);
-        std::stringstream scene;
-        if (former != nullptr) {
-            m_session->copyDescription(*former);
-            try {
-                former->unpackSceneData(scene);
-            } catch (const std::runtime_error&) { // the scene is not whole
-                scene.str({});
+        try {
+            if (!describe(source, isTolerant)) {
+                FileSystem::remove(path, false);
+                m_session = FileJournal::Session::create("recovered", path);
+                setNumbers(source);
             }
+            std::stringstream scene;
+            if (m_isDescribed)
+                copyScene(source, isTolerant, scene);
+            m_session->packSceneData(scene);
+        } catch (...) {
+            FileSystem::remove(path, false);
+            throw;
         }
-        if (former == nullptr && source.getFrames().size() > 1)
-            m_session->setFrameStride(
-                (source.getFrames().back().record.index - source.getFrames().front().record.index) /
-                (source.getFrames().size() - 1));
-        m_session->packSceneData(scene);
         m_writer = new FileFrameWriter(m_session.get());
     }
     NewJournal(const NewJournal&) = delete;
@@ -57,11 +55,52 @@ public:
         m_writer->endOfStream();
         m_isFinished = true;
     }
+    /// Whether the session is told of what the source's was.
+    [[nodiscard]] bool isDescribed() const { return m_isDescribed; }
 
 private:
+    bool describe(const PlainJournal& source, bool isTolerant) {
+        const FileJournal::Session* former = source.getSession();
+        if (former == nullptr)
+            return false;
+        try {
+            m_session = FileJournal::Session::create(former->getName(), m_path);
+            setNumbers(source);
+            m_session->copyDescription(*former);
+            m_isDescribed = true;
+        } catch (const std::runtime_error&) {
+            if (!isTolerant)
+                throw;
+        }
+        return m_isDescribed;
+    }
+
+    /// The writer sets these, but for the stride. They are told ahead so that the header is known to fit.
+    void setNumbers(const PlainJournal& source) {
+        const auto& first = source.getFrames().front().record;
+        const auto& last = source.getFrames().back().record;
+        m_session->setNumFrames(zel::InvalidIndex);
+        m_session->setFirstFrameIndex(first.index);
+        m_session->setFirstFrameTimeStamp(first.timeStamp);
+        m_session->setLastFrameTimeStamp(last.timeStamp);
+        if (source.getFrames().size() > 1)
+            m_session->setFrameStride((last.index - first.index) / (source.getFrames().size() - 1));
+    }
+
+    static void copyScene(const PlainJournal& source, bool isTolerant, std::stringstream& scene) {
+        try {
+            source.getSession()->unpackSceneData(scene);
+        } catch (const std::runtime_error&) { // it is not whole
+            if (!isTolerant)
+                throw;
+            scene.str({});
+        }
+    }
+
     zel::String m_path;
     zel::ref_ptr<FileJournal::Session> m_session;
     zel::ref_ptr<FileFrameWriter> m_writer;
+    bool m_isDescribed = false;
     bool m_isFinished = false;
 };
 
@@ -73,10 +112,10 @@ RecoveryReport recoverJournal(const zel::String& path, const zel::String& newPat
     report.missingFrames = journal.getMissingFrames();
     report.gaps = journal.getGaps();
     report.faults = journal.getFaults();
-    report.hasSession = journal.getSession() != nullptr;
     if (journal.getFrames().empty())
         throw std::runtime_error("No frame of '" + path + "' can be read.");
-    NewJournal target(journal, newPath);
+    NewJournal target(journal, newPath, true);
+    report.hasSession = target.isDescribed();
     for (const FrameEntry& entry : journal.getFrames()) {
         target.write(journal.readHeader(entry).get(), journal.readSegment(entry).get());
         report.frames.push_back(entry.record.index);
@@ -97,7 +136,7 @@ uint64 cutJournal(const zel::String& path, const zel::String& newPath, uint64 fi
                                                      path.c_str(),
                                                      static_cast<unsigned long long>(first),
                                                      static_cast<unsigned long long>(last)));
-    NewJournal target(journal, newPath);
+    NewJournal target(journal, newPath, false);
     zel::ref_ptr<BinaryData> header;
     zel::ref_ptr<BinaryData> segment;
     const auto place = static_cast<zel::size_t>(begin - frames.begin());

@@ -5,6 +5,8 @@
 #include <zelData/PlainJournal.h>
 #include <zelIO/FileSystem.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -23,7 +25,8 @@ constexpr uint64 EndOfHeaders = JournalMeta::JournalHeaderSize + JournalMeta::Ma
 } // namespace
 
 PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path), m_place(0) {
-    if (!FileSystem::exists(path) || FileSystem::isDir(path))
+    struct ::stat data {}; // others may have nothing to read, for ever
+    if (!FileSystem::stat(path, data) || !S_ISREG(data.st_mode))
         throw std::runtime_error("There is no file '" + path + "'.");
     m_file = std::make_unique<DiskFile>(path, DiskFile::Mode::Read);
     if (!m_file->isOpen() || !m_file->size(m_fileSize))

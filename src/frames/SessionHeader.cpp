@@ -490,6 +490,7 @@ void Session::copyDescription(const Session& other) {
     JournalArchive::Session::setSimulationHeader(other.getSimulationHeader());
     if (other.m_foreignHeader)
         m_foreignHeader = std::make_unique<TiXmlElement>(*other.m_foreignHeader);
+    requireWritableHeader("the session", getName().c_str());
 }
 
 } // namespace zelData

@@ -513,4 +513,37 @@ TEST_F(FileFrameWriterTest, AnotherFileInItsPlaceIsNotWritten) {
     EXPECT_EQ(contents(), (Contents{{0, 0}, {1, 1}}));
 }
 
+TEST_F(FileFrameWriterTest, FramesOfAnotherJournalAreWrittenAsTheyAre) {
+    make();
+    beginWriting();
+    write(0, 5);
+    write(1, 6, false);
+    const auto blockAt = [this](uint64 offset, uint64 size) {
+        const std::string content = bytes();
+        return zel::ref_ptr<zelData::BinaryData>(zelData::BinaryData::copy(content.data() + offset, size));
+    };
+    std::vector<std::pair<zel::ref_ptr<zelData::BinaryData>, zel::ref_ptr<zelData::BinaryData>>> blocks;
+    for (const auto& info : session->getFrameTable())
+        blocks.emplace_back(blockAt(info.headerOffset, info.meta.headerSize),
+                            blockAt(info.dataOffset, info.meta.dataSize));
+    writer->endOfStream();
+    const std::string content = bytes();
+    writer = nullptr;
+    session = nullptr;
+    std::filesystem::remove(path());
+    make();
+    beginWriting();
+    EXPECT_EQ(whatOf([&] { writer->writeFrame(blocks[1].first.get(), blocks[1].second.get()); }),
+              failed(1) + "It must be a key frame: the names that an increment builds on are not known.");
+    EXPECT_EQ(whatOf([&] { writer->writeFrame(blocks[0].first.get(), blocks[0].first.get()); }),
+              failed(0) + "Its record tells other sizes.");
+    for (const auto& [header, data] : blocks)
+        writer->writeFrame(header.get(), data.get());
+    EXPECT_EQ(whatOf([&] { write(2, 7, false); }),
+              failed(2) + "It must be a key frame: the names that an increment builds on are not known.");
+    writer->endOfStream();
+    EXPECT_EQ(contents(), (Contents{{0, 5}, {1, 6}}));
+    EXPECT_TRUE(bytes().substr(FirstFrame) == content.substr(FirstFrame));
+}
+
 } // namespace

@@ -181,6 +181,20 @@ TEST_F(JournalRecoveryTest, TheSessionsDataComeAlong) {
     EXPECT_EQ(scene.str(), "a scene");
 }
 
+TEST_F(JournalRecoveryTest, AHeaderThatDoesNotFitAgainIsLeftOut) {
+    recordModel(5);
+    const zel::size_t room = 10240 - headerText().size() - std::string("<Huge></Huge>").size();
+    replaceInHeader("</Session>", "<Huge>" + std::string(room, 'x') + "</Huge></Session>");
+    whole = bytes();
+    const RecoveryReport report = expectRecovered(upTo(5));
+    EXPECT_FALSE(report.hasSession);
+    EXPECT_NE(whatOf([&] {
+                  cutJournal(path(), directory.path("cut.journal"), 0, 3);
+              }).find("FileJournal: the session 'run' does not fit into the session header of journal"),
+              std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(directory.path("cut.journal")));
+}
+
 TEST_F(JournalRecoveryTest, WhatCannotBeRecoveredLeavesNothingBehind) {
     putBytes(std::string(50000, 'x'));
     EXPECT_EQ(whatOf([&] { (void)recover(); }), "No frame of '" + path() + "' can be read.");

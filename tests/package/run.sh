@@ -83,6 +83,15 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
     -o "$work/by-pkg-config"
 run_hello "$work/by-pkg-config"
 
+# The tool, which finds the library beside it, on a journal that it has recorded.
+zel=$prefix/bin/zel
+"$zel" --help | grep -q '^  journal info FILE' || fail "zel --help"
+"$zel" run "$work/examples/solar/Components/solar/Solar.zelComponent" --path "$work/build/solar" --frames 10 \
+    --record "$work/solar.journal" | grep '^Recorded 11 frames' || fail "zel run"
+"$zel" journal info "$work/solar.journal" | grep '^frames: 11, ' || fail "zel journal info"
+grep -q '^.SS zel journal info' "$prefix/share/man/man1/zel.1" || fail "the manual page"
+bash -n "$prefix/share/bash-completion/completions/zel"
+
 # Moved once more: the library finds its model files from where it lies now.
 mv "$prefix" "$work/elsewhere"
 run_hello env LD_LIBRARY_PATH="$work/elsewhere/${libdir#"$prefix/"}" "$work/build/hello/hello"

@@ -316,6 +316,25 @@ def models_run_and_end_on_signals():
         assert process.returncode == 128 + number and output.startswith("Ended by a signal.\n"), (output, errors)
 
 
+def runs_are_recorded():
+    pathlib.Path("Counter.zelComponent").write_text(MODEL)
+    told = zel("run", "Counter.zelComponent", "--frames", "5", "--record", "run.journal")
+    assert told.endswith("Recorded 6 frames in run.journal\n"), told
+    assert [frame["index"] for frame in frames_of("run.journal")] == list(range(6))
+    assert "start  Real:64bit = 1\n" in zel("journal", "show", "run.journal", "last")
+    assert "No fault was found." in zel("journal", "verify", "run.journal")
+    zel("run", "Counter.zelComponent", "--frames", "5", "--record", "run.journal", code=3, errors=None)
+    # Ended by a signal, the journal is closed.
+    process = subprocess.Popen([ZEL, "run", "Counter.zelComponent", "--record", "long.journal"],
+                               stdout=subprocess.PIPE, text=True)
+    while not os.path.exists("long.journal") or os.path.getsize("long.journal") < 20000:
+        time.sleep(0.01)
+    process.send_signal(signal.SIGINT)
+    process.communicate(timeout=60)
+    assert process.returncode == 130
+    assert json.loads(zel("journal", "info", "long.journal", "--json"))["closed"] is True
+
+
 def trees_are_printed():
     pathlib.Path("Counter.zelComponent").write_text(MODEL)
     tree = zel("tree", "Counter.zelComponent", "--set", "start=3.5")
@@ -328,9 +347,15 @@ def the_demonstration_runs_without_its_program():
     model = os.path.join(SOURCES, "examples/solar/Components/solar/Solar.zelComponent")
     if not os.path.isdir(os.path.join(BUILD, "examples/solar")):
         return
-    told = zel("run", model, "--path", os.path.join(BUILD, "examples/solar"), "--frames", "144", "--set",
-               "numParticles=20")
+    words = ["run", model, "--path", os.path.join(BUILD, "examples/solar"), "--frames", "144", "--set",
+             "numParticles=20", "--record"]
+    told = zel(*words, "a.journal")
     assert told.startswith("144 frames, up to time 86400, in "), told
+    zel(*words, "b.journal", "--threads", "1")
+    assert zel("journal", "diff", "a.journal", "b.journal") == "No difference in 145 frames.\n"
+    rows = zel("journal", "export", "a.journal", "bodies.name@3", "bodies.position@3").splitlines()
+    assert len(rows) == 146 and rows[0] == ("frame,time,bodies.name@3,bodies.position@3[0],bodies.position@3[1],"
+                                            "bodies.position@3[2]"), rows[:2]
     zel("run", model, "--frames", "1", code=3, errors=None)  # without the plug-in
 
 
