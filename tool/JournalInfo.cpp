@@ -27,7 +27,7 @@ std::string counted(unsigned long number, const std::string& noun) {
 }
 
 std::string sizeOf(unsigned long numBytes) {
-    const std::string exact = counted(numBytes, "byte");
+    std::string exact = counted(numBytes, "byte");
     if (numBytes < 10'000)
         return exact;
     const char* const units[] = {"kB", "MB", "GB", "TB"};

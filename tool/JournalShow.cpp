@@ -30,7 +30,7 @@ std::string printable(const std::string& text) {
 }
 
 std::string describe(const Node& node) {
-    const std::string format = printable(node.format.str());
+    std::string format = printable(node.format.str());
     const std::string count = "[" + std::to_string(node.numElements) + "]";
     switch (node.type) {
     case PlainFrame::Type::ValueType:

@@ -42,19 +42,19 @@ public:
         [[nodiscard]] zel::uint64 end() const { return dataOffset + record.dataSize; }
     };
     struct Fault {
-        zel::uint64 offset; ///< in the file
+        zel::uint64 offset = 0; ///< in the file
         zel::String text;
     };
     /// Bytes of the area of the frames that belong to no frame that stands.
     struct Gap {
-        zel::uint64 begin;
-        zel::uint64 end;
+        zel::uint64 begin = 0;
+        zel::uint64 end = 0;
         zel::String reason;
     };
     /// A frame of which a record was found, and that cannot stand.
     struct MissingFrame {
-        zel::uint64 index;
-        zel::uint64 offset;
+        zel::uint64 index = 0;
+        zel::uint64 offset = 0;
         zel::String reason;
     };
 
@@ -155,7 +155,7 @@ private:
 
     PlainFrame m_state; // the complete frame at m_place
     PlainFrame::Names m_names;
-    zel::size_t m_place; // in m_frames; their number for none
+    zel::size_t m_place = 0; // in m_frames; their number for none
 };
 
 } // namespace zelData

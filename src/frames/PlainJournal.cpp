@@ -24,7 +24,7 @@ constexpr uint64 EndOfHeaders = JournalMeta::JournalHeaderSize + JournalMeta::Ma
 
 } // namespace
 
-PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path), m_place(0) {
+PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path) {
     struct ::stat data {}; // others may have nothing to read, for ever
     if (!FileSystem::stat(path, data) || !S_ISREG(data.st_mode))
         throw std::runtime_error("There is no file '" + path + "'.");

@@ -75,8 +75,7 @@ private:
         case NodeType::BufferType:
         case NodeType::CustomBufferType:
             if (source.name == incrementalName()) {
-                const PlainNode copy = source;
-                target.children.push_back(copy);
+                target.children.push_back(source);
                 return;
             }
             if (existing.format != source.format || isGroup(existing) ||
