@@ -103,7 +103,8 @@ public:
     /// The budget in bytes; 0 for none.
     [[nodiscard]] zel::uint64 getMaxNumBytes() const;
     void setMaxNumBytes(zel::uint64 n);
-    /// Takes the frames that the other track has in its cache, which both then share.
+    /// Takes the frames that the other track has in its cache, which both then share. Both read the same
+    /// session with the same bindings; with different strides it takes none.
     void loadCache(Track* other);
     [[nodiscard]] double getCacheHitRate() const;
     [[nodiscard]] bool isEOF() const;
@@ -121,8 +122,8 @@ public:
     void setFrameStride(zel::uint64 stride);
     [[nodiscard]] zel::uint64 getFrameStride() const noexcept { return m_frameStride.load(); }
     /// Chooses the stride that comes nearest to so many frames a unit of simulation time.
-    /// @return the frequency that results; -1, without a change, if the step of the session is not known or
-    ///     the frequency is not above 0
+    /// @return the frequency that results; -1, without a change, if the frequency is not above 0, and -1 with
+    ///     a stride of 1 if the step of the session is not known
     double setFrameFrequency(double frequency);
     /// Whether the reader begins anew at the end. To enable it goes to frame 0.
     void setEnableLooping(bool enable);

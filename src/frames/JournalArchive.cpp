@@ -148,10 +148,14 @@ void JournalArchive::Session::recordExtraDataAsJSon(const zel::String& key, cons
 bool JournalArchive::Session::retrieveExtraDataAsJSon(const zel::String& key, Json::Value& value) const {
     const zel::String text = retrieveExtraData(key);
     Json::Value json;
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (text.empty() || !reader->parse(text.data(), text.data() + text.size(), &json, nullptr) ||
-        !json.isObject() || !json.isMember("value"))
+    try {
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (text.empty() || !reader->parse(text.data(), text.data() + text.size(), &json, nullptr) ||
+            !json.isObject() || !json.isMember("value"))
+            return false;
+    } catch (const Json::Exception&) { // nested too deep
         return false;
+    }
     value = json["value"];
     return true;
 }

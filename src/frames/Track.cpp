@@ -153,8 +153,8 @@ zel::ref_ptr<Frame> Track::_takeOff(bool newest) {
 }
 
 zel::ref_ptr<Frame> Track::_popFrame() {
+    popFrameEvent.fire(m_queue.front().frame.get());
     zel::ref_ptr<Frame> frame = _takeOff(false);
-    popFrameEvent.fire(frame.get());
     if (m_expandFrames)
         _expand(frame);
     return frame;
@@ -235,12 +235,15 @@ double Track::getCacheHitRate() const {
 
 void Track::loadCache(Track* other) {
     FrameCache frames(other->m_queuedFrames);
+    zel::uint64 stride = 0;
     {
         const QueueLock lock(other->m_queueMutex);
         frames.load(*other->m_cache);
+        stride = other->m_frameStride;
     }
     const QueueLock lock(m_queueMutex);
-    m_cache->load(frames);
+    if (stride == m_frameStride) // else they tell what has changed since other frames than this track's
+        m_cache->load(frames);
 }
 
 // The end

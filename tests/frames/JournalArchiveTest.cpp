@@ -140,7 +140,8 @@ TEST_F(JournalArchiveTest, ExtraDataMayBeJson) {
     EXPECT_TRUE(session->retrieveExtraDataAsJSon("key", read));
     EXPECT_EQ(read, value);
     EXPECT_FALSE(session->retrieveExtraDataAsJSon("other", read));
-    for (const char* text : {"no json", "[1]", "{}"}) {
+    const std::string deep(2000, '[');
+    for (const char* text : {"no json", "[1]", "{}", deep.c_str()}) {
         session->recordExtraData("bad", text);
         EXPECT_FALSE(session->retrieveExtraDataAsJSon("bad", read)) << text;
     }

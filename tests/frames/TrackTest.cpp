@@ -367,6 +367,37 @@ TEST_F(TrackTest, FramesThatAnotherTrackHasQueuedLeaveTheCacheAllTheSame) {
     EXPECT_EQ(popAll(), upTo(10));
 }
 
+TEST_F(TrackTest, FramesOfAnotherStrideAreNotTakenOver) {
+    record(12);
+    makeReplay(false);
+    track->setFrameStride(2);
+    track->start();
+    (void)popAll();
+    EXPECT_GT(track->getNumCachedFrames(), 0U);
+    const ref_ptr<MemoryReader> otherReader(new MemoryReader(session.get(), false));
+    const ref_ptr<Track> other(new Track(otherReader.get(), nullptr));
+    other->loadCache(track.get());
+    EXPECT_EQ(other->getNumCachedFrames(), 0U);
+    other->setFrameStride(2);
+    other->loadCache(track.get());
+    EXPECT_EQ(other->getNumCachedFrames(), track->getNumCachedFrames());
+}
+
+TEST_F(TrackTest, AFrameIsQueuedWhileItsPopIsTold) {
+    track = new Track;
+    track->pushFrame(frameOf(0, 0).get());
+    uint64 numQueued = 0;
+    bool isQueued = false;
+    (void)track->popFrameEvent.connect([&](Frame* frame) {
+        numQueued = track->getNumQueuedFrames();
+        isQueued = frame->isQueued();
+    });
+    (void)track->popFrame(false);
+    EXPECT_EQ(numQueued, 1U);
+    EXPECT_TRUE(isQueued);
+    EXPECT_TRUE(track->isQueueEmpty());
+}
+
 TEST_F(TrackTest, JumpsDropWhatIsQueued) {
     record(30);
     makeReplay();
