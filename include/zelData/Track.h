@@ -5,6 +5,7 @@
 #include <zel/Export.h>
 #include <zel/HashSet.h>
 #include <zel/Integers.h>
+#include <zel/InvalidIndex.h>
 #include <zel/LockRank.h>
 #include <zel/Object.h>
 #include <zel/ref_ptr.h>
@@ -222,6 +223,8 @@ private:
     bool m_endSignalled = false;  // the writer has heard of the end
     bool m_writing = false;       // a frame is with the writer
     bool m_roundHasFrames = true; // since the reader has begun anew
+    // The frame that is being read, or waits for its place in the queue.
+    std::atomic<zel::uint64> m_underWay{zel::InvalidIndex};
 };
 
 } // namespace zelData

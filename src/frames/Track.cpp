@@ -323,7 +323,13 @@ void Track::_setFrameStride(zel::uint64 stride) {
     auto* reader = dynamic_cast<DiskFrameReader*>(m_input.get());
     if (reader != nullptr && m_running) {
         const JournalArchive::Session* session = reader->getSession();
-        zel::uint64 next = m_queue.empty() ? reader->getNextFrameIndex() : m_queue.front().frame->getIndex();
+        zel::uint64 next = zel::InvalidIndex; // the first that was not popped
+        if (!m_queue.empty())
+            next = m_queue.front().frame->getIndex();
+        else if (m_underWay.load() != zel::InvalidIndex && !m_jumpPending)
+            next = m_underWay; // the reader may be behind it already
+        else
+            next = reader->getNextFrameIndex();
         if (next != zel::InvalidIndex) {
             next = session->getNextFrameIndex(next, -static_cast<zel::int64>(m_frameStride.load()));
             if (next == zel::InvalidIndex)

@@ -174,13 +174,22 @@ void Track::readFrames() {
 }
 
 void Track::readTurn(QueueLock& lock) {
+    /// The frame is on its way from the reader to the queue as long as this lives.
+    struct UnderWay {
+        explicit UnderWay(Track* owner) : track(owner) {}
+        UnderWay(const UnderWay&) = delete;
+        UnderWay& operator=(const UnderWay&) = delete;
+        ~UnderWay() { track->m_underWay = zel::InvalidIndex; }
+        Track* track;
+    };
+    const UnderWay underWay(this);
     (void)_makeRoom();
     zel::uint64 next = 0;
     zel::ref_ptr<Frame> frame;
     {
         // The next jump waits here until this frame is read, and then finds its way into the push below.
         const std::lock_guard inputLock(m_inputMutex);
-        next = m_input->getNextFrameIndex();
+        m_underWay = next = m_input->getNextFrameIndex();
         const bool jumps = m_jumpPending.exchange(false);
         if (!jumps)
             frame = m_cache->getFrame(next);

@@ -79,9 +79,8 @@ protected:
                 if (step < numSteps) // at the end it stays there
                     step = step < stride ? wider : step - stride + wider;
                 stride = wider;
-                // With a thread the reader may be further on.
                 track->setFrameStride(stride);
-                if (reader->isThreaded()) {
+                if (reader->isThreaded() && loops) { // which may have begun anew by now
                     step = step < numSteps ? step : 0;
                     ASSERT_TRUE(track->jumpToFrame(step));
                 }

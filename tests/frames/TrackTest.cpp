@@ -547,6 +547,45 @@ TEST_F(TrackTest, AStrideTakesEffectBehindTheFrameThatWasPopped) {
     track->stop();
 }
 
+/// Stands still when it has gone on to a frame.
+class HaltingReader : public MemoryReader {
+public:
+    using MemoryReader::MemoryReader;
+    void advanceToNextFrame() override {
+        MemoryReader::advanceToNextFrame();
+        while (getNextFrameIndex() == haltsAt)
+            hasHalted = true;
+    }
+    std::atomic<uint64> haltsAt{1000};
+    std::atomic<bool> hasHalted{false};
+};
+
+TEST_F(TrackTest, AStrideSkipsNoFrameThatIsOnItsWayToTheQueue) {
+    record(30);
+    const ref_ptr<HaltingReader> halting(new HaltingReader(session.get()));
+    halting->haltsAt = 2;
+    track = new Track(halting.get(), nullptr);
+    track->start();
+    EXPECT_EQ(track->popFrame(true)->getIndex(), 0U);
+    while (!halting->hasHalted)
+        std::this_thread::yield();
+    // Frame 1 is read; it is neither with the reader any more nor in the queue yet.
+    std::atomic<bool> isSetting{false};
+    auto setting = std::async(std::launch::async, [&] {
+        isSetting = true;
+        track->setFrameStride(10);
+    });
+    while (!isSetting)
+        std::this_thread::yield();
+    for (int i = 0; i < 1000; ++i)
+        std::this_thread::yield(); // so that it most likely waits for the reader; if not, the result is the
+                                   // same
+    halting->haltsAt = 1000;
+    setting.get();
+    EXPECT_EQ(popAll(), (Indices{10, 20}));
+    track->stop();
+}
+
 TEST_F(TrackTest, ExpandedFramesShowAll) {
     track = new Track;
     track->setExpandFrames(true);
