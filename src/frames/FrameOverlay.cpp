@@ -1,6 +1,7 @@
 #include "FrameOverlay.h"
 
-#include <zel/HashTable.h>
+#include <zel/Exception.h>
+#include <zel/HashSet.h>
 #include <zelData/Buffer.h>
 #include <zelData/Format.h>
 #include <zelData/Frame.h>
@@ -55,8 +56,11 @@ void followSize(const Frame::EntityStorage* older, const Frame::EntityStorage* n
 void dropReplaced(zel::Component* older, const zel::Component* newer) {
     const auto* oldStorage = dynamic_cast<const Frame::EntityStorage*>(older);
     const auto* newStorage = dynamic_cast<const Frame::EntityStorage*>(newer);
-    if (oldStorage != nullptr && newStorage != nullptr)
+    if (oldStorage != nullptr && newStorage != nullptr) {
+        if (oldStorage->getModel() != newStorage->getModel()) // the frames may come from any file
+            ZEL_THROW(Frame::MergeException, newer, older);
         followSize(oldStorage, newStorage);
+    }
     for (zel::size_t i = 0; i < newer->getNumObjects(); ++i) {
         const zel::Object* node = newer->getObject(i);
         zel::Object* existing = older->findObject(node->getName());

@@ -243,6 +243,20 @@ TEST_F(DiskFrameReaderTest, PartsOfColumnsFollowTheSizeOfTheirStorage) {
     EXPECT_EQ(elementsOf<double>(whole->getBuffer("s.place")), (std::vector<double>{1, 2, 3, 40}));
 }
 
+TEST_F(DiskFrameReaderTest, AStorageThatChangesItsModelIsNotMerged) {
+    for (uint64 i = 0; i < 2; ++i) {
+        const auto frame = frameOf(i, 0, i == 0);
+        const ref_ptr<Frame::EntityStorage> storage(new Frame::EntityStorage(
+            "s", entity(i == 0 ? "Sun" : "Moon", "<Attribute.Scalar name='mass' type='Real'/>"), 1, 1));
+        frame->addStorage(storage.get(), "s");
+        frame->addNode(storage.get(), reals(i == 0 ? "mass" : "other", {1}).get());
+        session->append(frame.get());
+    }
+    reader = new MemoryReader(session.get());
+    EXPECT_TRUE(reader->jumpToFrame(1));
+    EXPECT_THROW((void)read(), Frame::MergeException);
+}
+
 // Random sessions against a model.
 
 class DiskFrameReaderModelTest : public zelTest::FrameModelFixture {

@@ -1,5 +1,9 @@
+#include "MemoryJournal.h"
 #include "SerializedFixture.h"
 
+#include <zel/Notify.h>
+#include <zelData/EntityStorage.h>
+#include <zelData/FrameApply.h>
 #include <zelData/FrameExtractor.h>
 
 #include <support/Stress.h>
@@ -346,18 +350,67 @@ TEST_F(SerializedFrameFaultTest, PartsAreOfTheRightFormat) {
               "SerializedFrame: format 'Real:64bit' holds no numbers in node custom.id");
 }
 
-/// Whatever the bytes are, a reader that throws lives on, and gives a frame that can be written again.
+/// Whether nothing of a frame tells of memory that no test has.
+bool isSmall(const zel::Component* node) {
+    constexpr uint64 limit = 100'000;
+    const auto* part = dynamic_cast<const Frame::PartialBuffer*>(node);
+    const auto* storage = dynamic_cast<const Frame::EntityStorage*>(node);
+    if ((part != nullptr && part->getFullSize() > limit) || (storage != nullptr && storage->size() > limit))
+        return false;
+    for (zel::size_t i = 0; i < node->getNumObjects(); ++i) {
+        const auto* below = dynamic_cast<const zel::Component*>(node->getObject(i));
+        if (below != nullptr && dynamic_cast<const Buffer*>(below) == nullptr && !isSmall(below))
+            return false;
+    }
+    return true;
+}
+
+/// Whatever the bytes are, a reader that throws lives on, and gives a frame that can be written again, merged
+/// and applied to a tree.
 TEST_F(SerializedFrameFaultTest, DamagedBytesNeverHarmAReaderThatThrows) {
     const auto frame = fullFrame();
     const ref_ptr<SerializedFrame> serialized(new SerializedFrame(frame.get()));
     const std::string whole = textOf(serialized->writeBinaryHeader().get());
     const std::string data = textOf(segmentOf(*serialized).get());
     std::mt19937 random(zelTest::stressSeed());
+    const ref_ptr<zel::Component> tree(new zel::Component("root"));
+    const ref_ptr<zel::Component> below(new zel::Component("a"));
+    tree->addObject(below.get());
+    const auto addBuffer = [](zel::Component* parent, const char* name, const char* format) {
+        parent->addObject(ref_ptr<Buffer>(new Buffer(name, zelData::getFormat(format))).get());
+    };
+    addBuffer(tree.get(), "bytes", "UInt:8bit");
+    addBuffer(tree.get(), "texts", "String");
+    addBuffer(tree.get(), "handles", "EntityPtr");
+    addBuffer(below.get(), "part", "Real");
+    below->addObject(ref_ptr<zelData::EntityStorage>(
+                         new zelData::EntityStorage(zelData::getEntity("Serialized"), "bodies"))
+                         .get());
+    const ref_ptr<zelData::FrameApply> target(new zelData::FrameApply(tree.get()));
+    zel::Notify::instance()->setNotifyLevel(zel::Notify::Error); // of what does not fit there are many
     const auto read = [&](const std::string& headerBytes, const std::string& segmentBytes) {
         try {
             const ref_ptr<Frame> copy(SerializedFrame::extractFrame(
                 dataOf(headerBytes).get(), dataOf(segmentBytes).get(), OnFault::Throw));
             expectWhole(copy.get());
+            const ref_ptr<Frame> again = throughBytes(copy.get());
+            expectWhole(again.get());
+            if (!isSmall(copy.get()))
+                return;
+            target->writeFrame(copy.get());
+            const ref_ptr<zelTest::MemorySession> session(new zelTest::MemorySession);
+            for (Frame* part : {frame.get(), copy.get(), again.get()}) {
+                part->setIndex(session->getNumFrames());
+                part->setKeyFrame(part == frame);
+                session->append(part);
+            }
+            const ref_ptr<zelTest::MemoryReader> reader(new zelTest::MemoryReader(session.get()));
+            for (const uint64 index : {2U, 1U}) {
+                EXPECT_TRUE(reader->jumpToFrame(index));
+                const ref_ptr<Frame> merged(static_cast<zelData::FrameReader&>(*reader).readFrame());
+                expectWhole(merged.get());
+                target->writeFrame(merged.get());
+            }
         } catch (const std::runtime_error&) {
         }
     };
