@@ -13,7 +13,7 @@ namespace zelData {
 
 /// Reads the frames of a session in any order. A frame that is read behind the one before it stands alone, as
 /// it was written; after a jump, and with a stride other than 1, it is merged from all that have gone before
-/// since the last key frame, or since the last one that was read.
+/// since the last key frame, or since the last one that was read. Bindings are set ahead of the first read.
 /// @threads any thread
 class ZEL_CORE_API DiskFrameReader : public FrameReader {
 public:

@@ -30,6 +30,7 @@ const zel::Name& popFrameEventName() {
 zel::ref_ptr<Frame> copyOf(const Frame* frame) {
     zel::ref_ptr<Frame> copy(new Frame(frame->getIndex(), frame->getTimeStamp(), frame->getTimeStep()));
     copy->merge(frame, true);
+    copy->setId(frame->getId());
     copy->setJumpFrame(frame->isJumpFrame());
     copy->setIncrementalFrameArchiveBuffer(copy->getBuffer("FrameArchive.Incremental"));
     return copy;

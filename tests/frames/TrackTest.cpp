@@ -591,10 +591,20 @@ TEST_F(TrackTest, ExpandedFramesShowAll) {
     track->setExpandFrames(true);
     const auto key = frameOf(0, 1);
     key->addValue(real("kept", 5).get(), "kept");
+    const auto archive = reals("Incremental", {1});
+    key->addBuffer(archive.get(), "FrameArchive.Incremental");
+    key->setIncrementalFrameArchiveBuffer(archive.get());
+    key->setSerialized(true);
+    key->setId(Frame::NoId);
     track->pushFrame(key.get());
     track->pushFrame(frameOf(1, 2, false).get());
     const auto first = track->popFrame(true);
     EXPECT_NE(first, key); // which somebody else holds
+    EXPECT_EQ(first->getId(), Frame::NoId);
+    EXPECT_TRUE(first->isKeyFrame() && first->isSerialized());
+    ASSERT_NE(first->getIncrementalFrameArchiveBuffer(), nullptr);
+    EXPECT_EQ(first->getIncrementalFrameArchiveBuffer(), first->getBuffer("FrameArchive.Incremental"));
+    EXPECT_NE(first->getIncrementalFrameArchiveBuffer(), archive.get());
     EXPECT_EQ(contentOf(first->findObject("kept")), 5.0);
     const auto second = track->popFrame(true);
     EXPECT_EQ(second->getIndex(), 1U);
