@@ -165,7 +165,8 @@ class FrameApplyModelTest : public FrameApplySoakTest {};
 TEST_F(FrameApplyModelTest, FramesBringAnotherTreeToEachStateOfARandomOne) {
     zelData::EntityModel* model = loadModel();
     const unsigned seed = zelTest::stressSeed();
-    for (unsigned i = 0; i < 200 / zelTest::StressDivisor && !HasFailure(); ++i)
+    const unsigned times = zelTest::StressDivisor == 1 ? 200 : 10; // each takes long under a sanitizer
+    for (unsigned i = 0; i < times && !HasFailure(); ++i)
         run(model, seed + i);
 }
 
