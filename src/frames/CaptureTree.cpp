@@ -240,7 +240,7 @@ void CaptureTree::updateChildren(CaptureNode& node, bool recursive, uint32 depth
             node.seen.push_back({child, child->getId(), isReady(child), child->getName()});
             Recordable what = recordableOf(live, child);
             const bool isBranch = what.kind == RecordKind::Component || what.kind == RecordKind::Storage;
-            if (isBranch && depth + 1 >= SerializedFrame::MaxDepth)
+            if (isBranch && depth + 3 >= SerializedFrame::MaxDepth) // parts of texts lie two levels below
                 what = {RecordKind::Omitted, nullptr, zel::String("it lies too deep")};
             if (what.kind == RecordKind::Omitted)
                 m_omit(child->getPath(m_root), what.reason);

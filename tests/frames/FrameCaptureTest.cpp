@@ -436,6 +436,25 @@ TEST_F(FrameCaptureTest, WhatCanNotBeRecordedIsListedOnceByPath) {
     EXPECT_EQ(log.texts().size(), capture->getOmissions().size());
 }
 
+TEST_F(FrameCaptureTest, WhatLiesDeepestCanBeWritten) {
+    ref_ptr<zel::Component> parent = root;
+    std::vector<ref_ptr<Buffer>> texts;
+    for (int i = 0; i < 520; ++i) {
+        parent = add(parent.get(), new zel::Component("c"));
+        if (i < 500)
+            continue;
+        texts.push_back(add(parent.get(), new Buffer("texts", zelData::getFormat("String"))));
+        texts.back()->resize(10);
+    }
+    for (int i = 0; i < 2; ++i) { // in whole and in part
+        const ref_ptr<Frame> frame = next();
+        const ref_ptr<SerializedFrame> serialized(new SerializedFrame(frame.get()));
+        EXPECT_NE(serialized->writeBinaryHeader(), nullptr);
+        for (const ref_ptr<Buffer>& buffer : texts)
+            buffer->data<zel::String>()[3] = "changed";
+    }
+}
+
 TEST_F(FrameCaptureTest, TreesThatAreTooDeepAreCut) {
     ref_ptr<zel::Component> parent = root;
     for (int i = 0; i < 600; ++i)
