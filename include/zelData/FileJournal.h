@@ -179,6 +179,8 @@ public:
     [[nodiscard]] zel::uint64 getSceneDataSize() const noexcept { return m_sceneDataSize; }
     [[nodiscard]] zel::uint64 getFrameDataOffset() const noexcept { return m_frameDataOffset; }
     [[nodiscard]] OpenMode getOpenMode() const noexcept { return m_mode; }
+    /// Whether the header tells that no frame follows. A writer that was killed leaves it open for ever.
+    [[nodiscard]] bool isClosed() const noexcept { return m_isClosed; }
     /// Finds the frames in the file, from the first one on. A session that was never closed gets its numbers
     /// from them.
     void createFrameTable();
@@ -247,6 +249,7 @@ private:
 
     zel::String m_path;
     OpenMode m_mode;
+    bool m_isClosed = false;
     bool m_isRecovered = false; // from the frames, since the header could not be read
     zel::uint64 m_sceneDataOffset = zel::InvalidIndex;
     zel::uint64 m_sceneDataSize = 0;

@@ -74,8 +74,8 @@ public:
     /// Simulation time: that of the frame, or what update has come to since.
     [[nodiscard]] double getTime() const noexcept { return m_time; }
     [[nodiscard]] FileJournal::Session* getSession() const noexcept { return m_session.get(); }
-    /// Whether the recording has ended. A recorder that was killed leaves it open for ever.
-    [[nodiscard]] bool isClosed() const { return m_session->getLastFrameIndex() != zel::InvalidIndex; }
+    /// See FileJournal::Session.
+    [[nodiscard]] bool isClosed() const noexcept { return m_session->isClosed(); }
 
     // These apply a frame.
     // They throw std::runtime_error for one that is damaged, or holds a table of ids that is none, and what

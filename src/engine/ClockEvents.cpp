@@ -214,9 +214,10 @@ void Clock::restoreSchedule(double time, size_t frame, const Vector<EventState>&
     // Each comes to the head of its list.
     for (size_t i = schedule.size(); i-- > 0;) {
         Event* const event = schedule[i].event;
+        unschedule(event); // one that is told twice
         event->m_residual = std::isfinite(schedule[i].residual) ? schedule[i].residual : 0;
         event->m_dispatchFrame = schedule[i].dispatchFrame;
-        if (!schedule[i].isScheduled || event->m_state != Event::State::Idle)
+        if (!schedule[i].isScheduled)
             continue;
         event->m_dispatchFrame = std::max(event->m_dispatchFrame, m_presentFrame);
         event->m_state = Event::State::Scheduled;

@@ -168,6 +168,7 @@ void Session::beginWriting(const SerializedFrame::BinaryHeader::Frame& first, ui
     }
     setNumFrames(m_frameTable.size());
     setLastFrameIndex(zel::InvalidIndex);
+    m_isClosed = false;
     writeHeader();
 }
 
@@ -181,6 +182,7 @@ void Session::endWriting() {
     }
     setNumFrames(m_frameTable.size());
     finalizeHeader();
+    m_isClosed = true;
     while (!m_savedPlots.empty()) {
         appendPlot(m_savedPlots.front());
         m_savedPlots.erase(m_savedPlots.begin());

@@ -31,6 +31,9 @@ using zelIO::FileSystem;
 
 namespace {
 
+/// Times are sums of steps, and may fall a little short: the part of a step that counts for nothing.
+constexpr double TimeTolerance = 1.0 / 1024;
+
 using SteadyTime = std::chrono::steady_clock;
 
 double secondsSince(SteadyTime::time_point start) {
@@ -162,16 +165,15 @@ void Recorder::endTick() {
         endWith(whatOf(failure));
     else if (!m_root)
         endWith(zel::String("what it records is gone."));
-    else if (m_clock->getTime() > m_end + m_clock->getTimeStep() / 1024)
+    else if (m_clock->getTime() > m_end + TimeTolerance * m_clock->getTimeStep())
         stop();
     else if (isDue())
         capture();
 }
 
 bool Recorder::isDue() const {
-    // A time that is summed up may fall a little short.
     return m_clock->getFrame() % m_stride == 0 &&
-           m_clock->getTime() >= m_start - m_clock->getTimeStep() / 1024 &&
+           m_clock->getTime() >= m_start - TimeTolerance * m_clock->getTimeStep() &&
            (!m_condition || *static_cast<const bool*>(m_condition->getData()));
 }
 
@@ -271,7 +273,6 @@ void Recorder::openJournal(bool resume) {
     m_track->start();
     m_capture->requestKeyFrame();
     m_journalBytes = 0;
-    m_journalStart = m_clock->getTime();
     ++m_numJournals;
 }
 
@@ -377,7 +378,9 @@ bool Recorder::hasRoom(uint64 numBytes) {
 
 void Recorder::capture() {
     const bool isFull = m_maxJournalBytes != 0 && m_journalBytes >= m_maxJournalBytes;
-    const bool isLong = m_maxJournalTime > 0 && m_clock->getTime() >= m_journalStart + m_maxJournalTime;
+    const bool isLong =
+        m_maxJournalTime > 0 &&
+        m_clock->getTime() >= m_journalStart + m_maxJournalTime - TimeTolerance * m_clock->getTimeStep();
     if ((isFull || isLong) && m_journalBytes != 0) {
         closeJournal();
         if (!m_message.empty())
@@ -398,6 +401,8 @@ void Recorder::capture() {
     const zel::ref_ptr<Frame> frame = m_capture->capture(m_clock.get());
     m_runState->write(frame.get());
     m_captureSeconds += secondsSince(begin);
+    if (m_journalBytes == 0)
+        m_journalStart = frame->getTimeStamp();
     m_lastIndex = frame->getIndex();
     m_lastBytes = frame->getNumBytes();
     m_journalBytes += m_lastBytes;

@@ -58,7 +58,8 @@ zel::String describeRun(zel::Component* root) {
     for (const zel::String& file : zel::listModelFiles()) {
         Json::Value model;
         model["file"] = file;
-        model["text"] = contentOf(file);
+        if (zelIO::FileSystem::readable(file)) // it may have gone since it was read
+            model["text"] = contentOf(file);
         models.append(model);
     }
     // They have no version of their own: the sum tells whether two are the same.

@@ -239,7 +239,9 @@ public:
         numEvents = data<uint64>("clocks", "numEvents", NumberFormat, m_numClocks);
         uint64 n = 0;
         for (uint64 i = 0; i < m_numClocks; ++i) {
-            if (numEvents[i] > std::numeric_limits<uint32>::max() || frameNumber[i] == zel::InvalidIndex)
+            if (frameNumber[i] == zel::InvalidIndex)
+                fail("clocks", "frame");
+            if (numEvents[i] > std::numeric_limits<uint32>::max())
                 fail("clocks", "numEvents");
             n += numEvents[i];
         }

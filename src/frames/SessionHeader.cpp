@@ -264,6 +264,7 @@ void Session::load(const TiXmlElement* element) {
     setTimeStep(timeStep);
     setFirstFrameIndex(startFrame);
     setLastFrameIndex(endFrame);
+    m_isClosed = endFrame != zel::InvalidIndex;
     setFirstFrameTimeStamp(startTime);
     setLastFrameTimeStamp(endTime);
     setComputationTime(computationTime);
