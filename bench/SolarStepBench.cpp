@@ -9,6 +9,7 @@
 #include <zelCore/zelCore.h>
 #include <zelData/Buffer.h>
 #include <zelData/EntityStorage.h>
+#include <zelData/Recorder.h>
 #include <zelData/Value.h>
 #include <zelIO/Environment.h>
 #include <zelIO/FilePathContainer.h>
@@ -17,7 +18,9 @@
 #include <omp.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -52,6 +55,39 @@ BENCHMARK(stepOfTheModel)
     ->Name("BM_SolarStep/zel")
     ->Arg(1)
     ->Arg(2)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+/// The same, with a frame of all that there is recorded for each step.
+void stepOfTheRecordedModel(benchmark::State& state) {
+    zel::setNumThreads(static_cast<size_t>(state.range(0)));
+    const std::string journal = (std::filesystem::temp_directory_path() / "zelSolarStep.journal").string();
+    {
+        const zel::ref_ptr<zel::Component> model = loadModel();
+        auto& clock = dynamic_cast<zel::Clock&>(*model->findObject("clock"));
+        const zel::ref_ptr<zelData::Recorder> recorder(new zelData::Recorder);
+        recorder->setClock(&clock);
+        recorder->setRoot(model.get());
+        recorder->setJournal(journal);
+        recorder->setReplace(true);
+        recorder->start();
+        for (auto _ : state)
+            clock.tick();
+        recorder->stop();
+        const auto numFrames = static_cast<double>(recorder->getNumFrames());
+        state.counters["captureMs"] = 1e3 * recorder->getCaptureSeconds() / numFrames;
+        state.counters["waitMs"] = 1e3 * recorder->getWaitedSeconds() / numFrames;
+        state.counters["frameMB"] = static_cast<double>(recorder->getNumBytes()) / numFrames / 1e6;
+        zel::root()->removeObject(model.get());
+    }
+    std::filesystem::remove(journal);
+    zel::setNumThreads(1);
+}
+BENCHMARK(stepOfTheRecordedModel)
+    ->Name("BM_SolarStep/zel_recorded")
+    ->Arg(1)
+    ->Arg(2)
+    ->Iterations(100) // each makes the file longer
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 

@@ -10,6 +10,8 @@
 #include <zel/Thread.h>
 #include <zelCore/zelCore.h>
 #include <zelData/EntityStorage.h>
+#include <zelData/Recorder.h>
+#include <zelData/Replay.h>
 #include <zelData/ValueT.h>
 #include <zelIO/Environment.h>
 #include <zelIO/FilePathContainer.h>
@@ -25,6 +27,7 @@
 #include <chrono>
 #include <cmath>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <stdexcept>
@@ -44,6 +47,9 @@ const char* const Usage =
     "  --threads N     0 means one for each processor\n"
     "  --real-time     keep pace with the wall clock: ten hours a second\n"
     "  --statistics    print what the tasks took\n"
+    "  --record FILE   record the run, replay it at the end, and compare\n"
+    "  --every N       record each N-th step alone (1)\n"
+    "  --from FILE:N   go on from frame N of a recorded run\n"
     "  --log FILE      name of the log, which is numbered (solar.log)\n"
     "  -h, --help      print this\n"
     "Ctrl-C ends the run after the present step, with the summary; once more, at once.\n";
@@ -91,6 +97,9 @@ struct Options {
     std::optional<double> step;
     std::optional<zel::uint64> particles;
     std::optional<zel::uint64> threads;
+    std::string record;
+    zel::uint64 every = 1;
+    std::string from;
     bool realTime = false;
     bool statistics = false;
     bool help = false;
@@ -110,8 +119,8 @@ Number parse(std::string_view option, std::string_view text) {
 }
 
 Options parseOptions(int argc, char** argv) {
-    constexpr std::array<std::string_view, 6> withValue{
-        "--model", "--log", "--days", "--step", "--particles", "--threads"};
+    constexpr std::array<std::string_view, 9> withValue{
+        "--model", "--log", "--days", "--step", "--particles", "--threads", "--record", "--every", "--from"};
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string_view option = argv[i];
@@ -140,6 +149,12 @@ Options parseOptions(int argc, char** argv) {
             options.step = parse<double>(option, value);
         else if (option == "--particles")
             options.particles = parse<zel::uint64>(option, value);
+        else if (option == "--record")
+            options.record = value;
+        else if (option == "--every")
+            options.every = std::max<zel::uint64>(parse<zel::uint64>(option, value), 1);
+        else if (option == "--from")
+            options.from = value;
         else
             options.threads = parse<zel::uint64>(option, value);
     }
@@ -213,6 +228,46 @@ void run(zel::Clock& clock, double duration, bool realTime) {
         std::cerr << '\n';
 }
 
+/// Puts the model back to a frame of a recorded run.
+/// @param place  "FILE:N"
+void goBackTo(const std::string& place, zel::Component* model) {
+    const std::size_t colon = place.rfind(':');
+    if (colon == std::string::npos)
+        throw std::runtime_error("--from: '" + place + "' is not of the form FILE:N");
+    const auto frame = parse<zel::uint64>("--from", std::string_view(place).substr(colon + 1));
+    const zel::ref_ptr<zelData::Replay> replay(new zelData::Replay(place.substr(0, colon), model));
+    if (!replay->applyFrame(frame))
+        throw std::runtime_error("--from: there is no frame " + place.substr(colon + 1) + " in '" +
+                                 place.substr(0, colon) + "'");
+}
+
+/// Replays the journal into a model of its own, goes on to where the run has ended, and compares.
+void checkRecord(const Options& options, zel::uint64 lastFrame, zel::uint64 stateHash) {
+    const zel::ref_ptr<zel::Component> model = loadModel(options.model);
+    zel::root()->addObject(model.get());
+    model->rebind();
+    (void)number<zel::uint64>(model.get(), "numParticles", options.particles);
+    const auto start = std::chrono::steady_clock::now();
+    const zel::ref_ptr<zelData::Replay> replay(new zelData::Replay(options.record, model.get()));
+    zel::uint64 numFrames = 0;
+    while (replay->next())
+        ++numFrames;
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    auto& clock = find<zel::Clock>(model.get(), "clock", "Clock");
+    while (clock.getFrame() < lastFrame)
+        clock.tick();
+    const Diagnostics diagnostics(find<zelData::EntityStorage>(model.get(), "bodies", "Entity.Storage"),
+                                  find<zelData::EntityStorage>(model.get(), "particles", "Entity.Storage"));
+    if (diagnostics.stateHash() != stateHash)
+        throw std::runtime_error("the replay of '" + options.record + "' ends in another state than the run");
+    std::cout << zel::String::format(
+        "Replayed %llu frames in %.2f s (%.0f a second): the state at the end is that of the run\n",
+        static_cast<unsigned long long>(numFrames),
+        elapsed.count(),
+        static_cast<double>(numFrames) / elapsed.count());
+    zel::root()->removeObject(model.get());
+}
+
 void simulate(const Options& options) {
     if (!zel::Logger::instance()->openLogfile(options.log, false, true))
         throw std::runtime_error("could not open the log '" + options.log + "'");
@@ -236,6 +291,19 @@ void simulate(const Options& options) {
     if (options.step)
         clock.setTimeStep(*options.step);
 
+    if (!options.from.empty())
+        goBackTo(options.from, model.get());
+    zel::ref_ptr<zelData::Recorder> recorder;
+    if (!options.record.empty()) {
+        recorder = new zelData::Recorder;
+        recorder->setClock(&clock);
+        recorder->setRoot(model.get());
+        recorder->setJournal(options.record);
+        recorder->setReplace(true);
+        recorder->setStride(options.every);
+        recorder->start();
+    }
+
     const auto& bodies = find<zelData::EntityStorage>(model.get(), "bodies", "Entity.Storage");
     Diagnostics diagnostics(bodies, find<zelData::EntityStorage>(model.get(), "particles", "Entity.Storage"));
     const auto observer = clock.postTick.connect(
@@ -244,6 +312,8 @@ void simulate(const Options& options) {
 
     const auto start = std::chrono::steady_clock::now();
     run(clock, duration, options.realTime);
+    if (recorder)
+        recorder->stop();
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
     clock.postTick.disconnect(observer);
 
@@ -261,8 +331,23 @@ void simulate(const Options& options) {
                                      elapsed.count(),
                                      zel::getNumThreads(),
                                      zel::Logger::instance()->getLogFilename().c_str());
-    flushOutput();
+    const zel::uint64 stateHash = diagnostics.stateHash();
     zel::root()->removeObject(model.get());
+    if (recorder) {
+        constexpr double Mega = 1e6;
+        const auto numBytes = static_cast<double>(std::filesystem::file_size(options.record));
+        std::cout << zel::String::format(
+            "Recorded %llu frames, %.1f MB, at %.1f MB a second, in %s; waited %.2f s for the disk\n",
+            static_cast<unsigned long long>(recorder->getNumFrames()),
+            numBytes / Mega,
+            numBytes / Mega / elapsed.count(),
+            options.record.c_str(),
+            recorder->getWaitedSeconds());
+        if (!recorder->getMessage().empty())
+            throw std::runtime_error(recorder->getMessage());
+        checkRecord(options, clock.getFrame(), stateHash);
+    }
+    flushOutput();
 }
 
 } // namespace

@@ -187,6 +187,34 @@ def help_is_no_failure(program):
         assert result.returncode == 0 and result.stdout.startswith("usage:") and not result.stderr, result
 
 
+def a_recorded_run_is_replayed_and_goes_on(program):
+    short = ("--days", "6.95", "--particles", "100")  # 1,001 steps
+    output = output_of(program, *short, "--record", "run.journal")
+    assert "Recorded 1002 frames, " in output, output
+    assert "Replayed 1002 frames in " in output and "the state at the end is that of the run" in output, output
+    assert state_hash(output) == state_hash(output_of(program, *short))
+    # A process of its own goes on, from a key frame, from one in between, and on other threads.
+    for frame, threads in ((500, 1), (555, 2), (0, 1)):
+        resumed = output_of(program, *short, "--from", f"run.journal:{frame}", "--threads", str(threads))
+        assert state_hash(resumed) == state_hash(output), (frame, resumed)
+    # Each 7th step, with steps behind the last frame.
+    output = output_of(program, *short, "--record", "run.journal", "--every", "7")
+    assert "Recorded 144 frames, " in output and "is that of the run" in output, output
+    for place, message in (("run.journal", "is not of the form FILE:N"), ("run.journal:1", "there is no frame 1 in 'run.journal'"),
+                           ("none:0", "There is no journal 'none'.")):
+        result = run(program, *short, "--from", place)
+        assert result.returncode == 1 and message in result.stderr, result.stderr
+
+
+def equal_runs_have_equal_journals(program):
+    def frames():
+        output_of(program, "--days", "1", "--particles", "50", "--record", "run.journal")
+        content = pathlib.Path("run.journal").read_bytes()
+        return content[34 + 10240:]  # behind the header, which holds the date
+
+    assert frames() == frames()
+
+
 def slow_steps_keep_pace_too(program):
     # Ten frames a second: fewer than a real-time clock ticks by itself.
     arguments = ("--days", "0.25", "--step", "3600", "--particles", "100")
