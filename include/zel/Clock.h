@@ -154,6 +154,8 @@ public:
     bool removeSlave(Clock* clock);
     [[nodiscard]] Clock* getMaster() const noexcept { return m_master; }
     [[nodiscard]] const Vector<Clock*>& getSlaves() const noexcept { return m_slaves; }
+    /// Of a slave: the event of its master by which it ticks. Null for any other clock.
+    [[nodiscard]] Event* getFrameEvent() const noexcept { return m_frameEvent.get(); }
     /// Makes the clock that the path names the master; looked up at the next rebind.
     void bind(const Path& path);
 

@@ -120,7 +120,7 @@ public:
     void setMaxJournalTime(double seconds) noexcept { m_maxJournalTime = seconds; }
     /// How many bytes of frames may wait for the disk; 0 for no bound.
     void setBudget(zel::uint64 n) noexcept { m_budget = n; }
-    /// Ends the recording, with the journal closed, while the disk has so much room left.
+    /// Ends the recording, with the journal closed, while the disk has so much room left; 0 for not at all.
     void setMinFreeBytes(zel::uint64 n) noexcept { m_minFreeBytes = n; }
     /// Has each frame on the disk, and not only with the system, before the next one is written: for those
     /// who fear for the machine, and not only for the process.

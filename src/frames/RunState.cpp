@@ -3,6 +3,7 @@
 #include "FrameWalk.h"
 
 #include <zel/Exception.h>
+#include <zel/InvalidIndex.h>
 #include <zelData/Format.h>
 #include <zelData/Type.h>
 
@@ -10,7 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
-#include <string_view>
+#include <string>
 
 namespace zelData {
 
@@ -62,32 +63,51 @@ void addFamily(Clock* clock, zel::Vector<Clock*>& clocks) {
         addFamily(slave, clocks);
 }
 
-/// The events of a clock, by their name and their place among those of the name.
-class EventNumbers {
+/// What an event of a clock is known by: its name, and its place among those of the name. The one by which a
+/// slave ticks is known by the path of the slave, and stands at this place.
+constexpr uint64 PlaceOfSlaves = zel::InvalidIndex;
+
+class EventNames {
 public:
-    explicit EventNumbers(const Clock* clock) {
-        for (zel::size_t i = 0; i < clock->getNumObjects(); ++i)
-            if (auto* event = dynamic_cast<Clock::Event*>(clock->getObject(i))) {
-                auto same = m_events.find(event->getName());
-                if (same == m_events.end())
-                    same = m_events.insert(event->getName(), {});
-                m_numbers.insert(event, same->value.size());
-                same->value.push_back(event);
-            }
+    EventNames(const Clock* clock, const zel::Component* root) {
+        for (const Clock* slave : clock->getSlaves())
+            add(slave->getFrameEvent(), slave->getPath(root).str(), PlaceOfSlaves);
+        zel::HashTable<zel::Name, uint64> numNamed;
+        for (zel::size_t i = 0; i < clock->getNumObjects(); ++i) {
+            auto* event = dynamic_cast<Clock::Event*>(clock->getObject(i));
+            if (event == nullptr || m_names.contains(event))
+                continue;
+            const auto known = numNamed.find(event->getName());
+            const uint64 place = known == numNamed.end() ? 0 : known->value;
+            numNamed.insert(event->getName(), place + 1);
+            add(event, event->getName().str(), place);
+        }
     }
-    [[nodiscard]] uint64 numberOf(Clock::Event* event) const {
-        const auto number = m_numbers.find(event);
-        return number == m_numbers.end() ? 0 : number->value;
+    struct Place {
+        zel::String name;
+        uint64 number;
+    };
+    [[nodiscard]] Place placeOf(Clock::Event* event) const {
+        const auto place = m_names.find(event);
+        return place == m_names.end() ? Place{event->getName().str(), 0} : place->value;
     }
     /// Null if there is none.
-    [[nodiscard]] Clock::Event* find(const zel::Name& name, uint64 number) const {
-        const auto same = m_events.find(name);
-        return same == m_events.end() || number >= same->value.size() ? nullptr : same->value[number];
+    [[nodiscard]] Clock::Event* find(const zel::String& name, uint64 number) const {
+        const auto event = m_events.find(keyOf(name, number));
+        return event == m_events.end() ? nullptr : event->value;
     }
 
 private:
-    zel::HashTable<zel::Name, zel::Vector<Clock::Event*>> m_events;
-    zel::HashTable<Clock::Event*, uint64> m_numbers;
+    [[nodiscard]] static zel::String keyOf(const zel::String& name, uint64 number) {
+        return std::to_string(number) + " " + name;
+    }
+    void add(Clock::Event* event, const zel::String& name, uint64 number) {
+        m_names.insert(event, Place{name, number});
+        m_events.insert(keyOf(name, number), event);
+    }
+
+    zel::HashTable<Clock::Event*, Place> m_names;
+    zel::HashTable<zel::String, Clock::Event*> m_events;
 };
 
 } // namespace
@@ -196,10 +216,11 @@ void RunStateWriter::addEvents(Frame* frame) {
     ColumnOf<uint8> repeating("repeating", FlagFormat, n);
     ColumnOf<uint8> enabled("enabled", FlagFormat, n);
     for (const zel::observer_ptr<Clock>& clock : m_clocks) {
-        const EventNumbers known(clock.get());
+        const EventNames known(clock.get(), m_root.get());
         for (const Clock::EventState& state : clock->getSchedule()) {
-            names.push(state.event->getName().str());
-            numbers.push(known.numberOf(state.event));
+            const EventNames::Place place = known.placeOf(state.event);
+            names.push(place.name);
+            numbers.push(place.number);
             frames.push(state.dispatchFrame);
             residuals.push(state.residual);
             scheduled.push(state.isScheduled ? 1 : 0);
@@ -344,10 +365,10 @@ void RunStateReader::apply(const Frame* frame, const Omit& omit) {
             clock->setTimeModulation(tables.modulation[i]);
         if (clock->isEnabled() != (tables.clockEnabled[i] != 0))
             clock->setEnable(tables.clockEnabled[i] != 0);
-        const EventNumbers known(clock);
+        const EventNames known(clock, m_root.get());
         zel::Vector<Clock::EventState> schedule;
         for (uint64 k = begin; k < row; ++k) {
-            Clock::Event* event = known.find(zel::Name(tables.name[k]), tables.number[k]);
+            Clock::Event* event = known.find(tables.name[k], tables.number[k]);
             if (event == nullptr) {
                 omit(zel::Path(tables.path[i]) + zel::Name(tables.name[k]),
                      zel::String("the clock has no such event"));
