@@ -56,7 +56,7 @@ def tidy(build, source, everything):
 def main():
     everything = "--all" in sys.argv
     build = sys.argv[-1]
-    hashes = {str(s.relative_to(ROOT)): digest(s) for d in ("src", "Components") for s in sorted((ROOT / d).rglob("*.cpp"))}
+    hashes = {str(s.relative_to(ROOT)): digest(s) for d in ("src", "Components", "tool") for s in sorted((ROOT / d).rglob("*.cpp"))}
     known = dict(reversed(line.split()) for line in CLEAN.read_text().splitlines()) if CLEAN.exists() else {}
     clean = {s: h for s, h in hashes.items() if known.get(s) == h}
     wanted = [s for s in hashes if everything or s not in clean]

@@ -24,7 +24,8 @@ public:
                    OnFault onFault = OnFault::EndProcess);
 
     /// The frame; see SerializedFrame::extractFrame.
-    /// @param source  where the elements are in place of the segment, of which only the size is asked for then
+    /// @param source  where the elements are in place of the segment, of which only the size is asked for
+    /// then
     [[nodiscard]] zelData::Frame* extract(bool clearNameTableOnKeyFrame, ElementSource* source = nullptr);
     /// The first record of the header.
     [[nodiscard]] Frame extractMeta();

@@ -47,7 +47,8 @@ ref_ptr<Frame> keyFrame(zel::uint64 index) {
     const ref_ptr<Frame::EntityStorage> storage(new Frame::EntityStorage("stones", nullptr, 2, 3));
     frame->addStorage(storage.get(), "stones");
     frame->addNode(storage.get(), bufferOf<double>("mass", "Real:64bit", {5 + t, 7 + t}).get());
-    frame->addNode(storage.get(), bufferOf<zel::uint64>("_idToIndex", "UInt:64bit", {0xFFFFFFFF, 1, 0}).get());
+    frame->addNode(storage.get(),
+                   bufferOf<zel::uint64>("_idToIndex", "UInt:64bit", {0xFFFFFFFF, 1, 0}).get());
     frame->addNode(storage.get(), bufferOf<zel::uint64>("_indexToId", "UInt:64bit", {2, 1}).get());
     return frame;
 }
@@ -73,7 +74,8 @@ void write(const std::string& path, const std::vector<std::string>& options) {
     const auto has = [&options](const char* option) {
         return std::find(options.begin(), options.end(), option) != options.end();
     };
-    const ref_ptr<zelData::FileJournal::Session> session(zelData::FileJournal::Session::create("drive", path));
+    const ref_ptr<zelData::FileJournal::Session> session(
+        zelData::FileJournal::Session::create("drive", path));
     session->setDate(zel::Date(0, 0));
     session->recordExtraData("seed", "42");
     std::istringstream scene("a scene");
