@@ -6,6 +6,7 @@
 #include <zelData/FileFrameWriter.h>
 #include <zelData/FileJournal.h>
 #include <zelData/Frame.h>
+#include <zelData/FrameNodes.h>
 #include <zelData/FrameView.h>
 #include <zelData/SerializedFrame.h>
 #include <zelData/Type.h>
@@ -251,6 +252,58 @@ void plainRead(benchmark::State& state) {
 }
 BENCHMARK(plainRead<false>)->Name("BM_JournalRead/pread_heap")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(plainRead<true>)->Name("BM_JournalRead/pread_fresh")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Jumping
+
+/// A key frame and 100 increments, each with a hundredth of the elements of each column.
+void recordIncrements(Recording& recording) {
+    const ref_ptr<Frame> whole = makeLargeFrame();
+    recording.writer->writeFrame(whole.get());
+    std::mt19937 random(1); // NOLINT: the same in each run
+    for (uint64 index = 1; index <= 100; ++index) {
+        const ref_ptr<Frame> frame(new Frame(index, 0.1 * static_cast<double>(index), 0.1));
+        for (uint64 i = 0; i < NumColumns; ++i) {
+            const zel::Name name("column" + std::to_string(i));
+            const uint64 count = ColumnSize / 100;
+            const ref_ptr<Frame::PartialBuffer> part(
+                new Frame::PartialBuffer(name, zelData::getFormat("Real:64bit"), count, ColumnSize));
+            for (uint64 k = 0; k < count; ++k)
+                part->getIndexBuffer()->data<uint64>()[k] = 100 * k + random() % 100;
+            frame->addBuffer(part.get(), name);
+        }
+        recording.writer->writeFrame(frame.get());
+    }
+    recording.writer->endOfStream();
+}
+
+void zelJump(benchmark::State& state) {
+    const ScratchFile file;
+    Recording recording(file.path());
+    recordIncrements(recording);
+    const ref_ptr<FileFrameReader> reader(new FileFrameReader(recording.session));
+    for (auto _ : state) {
+        reader->jumpToFrame(100);
+        const ref_ptr<Frame> frame(static_cast<zelData::DiskFrameReader&>(*reader).readFrame());
+        require(frame && frame->getIndex() == 100);
+        reader->jumpToFrame(0);
+        benchmark::DoNotOptimize(ref_ptr<Frame>(static_cast<zelData::DiskFrameReader&>(*reader).readFrame()));
+    }
+}
+BENCHMARK(zelJump)->Name("BM_JournalJump/zel")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+/// The frames in order, and nothing merged.
+void plainJump(benchmark::State& state) {
+    const ScratchFile file;
+    Recording recording(file.path());
+    recordIncrements(recording);
+    const ref_ptr<FileFrameReader> reader(new FileFrameReader(recording.session));
+    for (auto _ : state) {
+        for (uint64 index = 0; index <= 100; ++index)
+            benchmark::DoNotOptimize(ref_ptr<Frame>(reader->readFrame(index)));
+        benchmark::DoNotOptimize(ref_ptr<Frame>(reader->readFrame(0)));
+    }
+}
+BENCHMARK(plainJump)->Name("BM_JournalJump/loop")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Looking at frames where they lie
 
