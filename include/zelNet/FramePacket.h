@@ -66,18 +66,23 @@ public:
 
     // From JSON to nodes, which have no owner. Exceptions of jsoncpp pass where a member is of a wrong kind.
 
-    [[nodiscard]] static Component*
-    createComponent(const Json::Value& json, zelData::BinaryData* payload, OnFault onFault);
-    [[nodiscard]] static EntityStorage*
-    createStorage(const Json::Value& json, zelData::BinaryData* payload, OnFault onFault);
+    [[nodiscard]] static Component* createComponent(const Json::Value& json,
+                                                    zelData::BinaryData* payload,
+                                                    OnFault onFault = OnFault::EndProcess);
+    [[nodiscard]] static EntityStorage* createStorage(const Json::Value& json,
+                                                      zelData::BinaryData* payload,
+                                                      OnFault onFault = OnFault::EndProcess);
     /// A Buffer or a CustomBuffer.
-    [[nodiscard]] static Node*
-    createBuffer(const Json::Value& json, zelData::BinaryData* payload, OnFault onFault);
+    [[nodiscard]] static Node* createBuffer(const Json::Value& json,
+                                            zelData::BinaryData* payload,
+                                            OnFault onFault = OnFault::EndProcess);
     [[nodiscard]] static Value*
-    createValue(const Json::Value& json, zelData::BinaryData* payload, OnFault onFault);
+    createValue(const Json::Value& json, zelData::BinaryData* payload, OnFault onFault = OnFault::EndProcess);
     /// Adds what "children" holds, if it is there.
-    static void
-    addChildren(Component* component, const Json::Value& json, zelData::BinaryData* payload, OnFault onFault);
+    static void addChildren(Component* component,
+                            const Json::Value& json,
+                            zelData::BinaryData* payload,
+                            OnFault onFault = OnFault::EndProcess);
 
 private:
     [[nodiscard]] Json::Value makeNode(const char* nodeType, const Node* node) const;

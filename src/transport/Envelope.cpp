@@ -1,5 +1,7 @@
 #include "Envelope.h"
 
+#include "data/JsonText.h"
+
 #include <json/reader.h>
 #include <json/writer.h>
 
@@ -34,7 +36,7 @@ bool parseJson(std::string_view text, int maxDepth, Json::Value& json) {
     if (parser.maxDepth != maxDepth)
         parser = Parser(maxDepth);
     try {
-        return parser.reader->parse(text.data(), text.data() + text.size(), &json, nullptr);
+        return zelData::readJson(*parser.reader, text, json);
     } catch (const Json::Exception&) {
         return false; // nested too deep
     }

@@ -1,9 +1,11 @@
 #include "FramePacketFixture.h"
 
+#include <support/CommaStreams.h>
 #include <support/Stress.h>
 
 #include <cmath>
 #include <random>
+#include <vector>
 
 using zel::ref_ptr;
 using zel::uint64;
@@ -185,6 +187,37 @@ TEST_F(FramePacketTest, TheTwoPartsGiveAFrameToo) {
     const Frame empty(4, 0, 0);
     const ref_ptr<FramePacket> none(new FramePacket(&empty));
     EXPECT_EQ(ref_ptr<Frame>(FramePacket::parseFrame(none->getHeader(), nullptr))->getIndex(), 4U);
+}
+
+TEST_F(FramePacketTest, NodesAreMadeOfJsonAloneAsWell) {
+    const ref_ptr<BinaryData> payload(new BinaryData);
+    const Json::Value none(Json::objectValue);
+    Json::Value value;
+    value["type"] = "Real:64bit";
+    value["numBytes"] = 8;
+    Json::Value buffer;
+    buffer["type"] = "Real:64bit";
+    const ref_ptr<SerializedFrame::Component> parent(FramePacket::createComponent(none, payload.get()));
+    parent->addChild(FramePacket::createStorage(none, payload.get()));
+    parent->addChild(FramePacket::createBuffer(buffer, payload.get()));
+    parent->addChild(FramePacket::createValue(value, payload.get()));
+    Json::Value tree;
+    tree["children"].append(Json::Value(Json::objectValue))["nodeType"] = "Component";
+    FramePacket::addChildren(parent.get(), tree, payload.get());
+    using Node = SerializedFrame::Node;
+    std::vector<Node::Type> types;
+    for (const ref_ptr<Node>& child : parent->getChildren())
+        types.push_back(child->getType());
+    EXPECT_EQ(types,
+              (std::vector{Node::EntityStorageType, Node::BufferType, Node::ValueType, Node::ComponentType}));
+}
+
+TEST_F(FramePacketTest, TimesComeBackWhateverTheStreamsOfTheProgramTakeForAPoint) {
+    const zelTest::CommaStreams comma;
+    const ref_ptr<Frame> frame = throughPacket(ref_ptr<Frame>(new Frame(1234567, 12345.0625, 1e-3)).get());
+    EXPECT_EQ(frame->getIndex(), 1234567U);
+    EXPECT_EQ(frame->getTimeStamp(), 12345.0625);
+    EXPECT_EQ(frame->getTimeStep(), 1e-3);
 }
 
 TEST_F(FramePacketTest, WhatIsMissingInAHeaderIsZero) {

@@ -3,11 +3,16 @@
 #include <zelNet/NetError.h>
 
 #include <gtest/gtest.h>
+#include <json/writer.h>
+#include <support/CommaStreams.h>
 #include <support/LogCapture.h>
+#include <support/Stress.h>
 #include <support/WhatOf.h>
 
+#include <random>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 using zel::ref_ptr;
 using zelData::BinaryData;
@@ -140,6 +145,48 @@ TEST(StructuredMessageTest, ParseAcceptsNullAndObjectsAsHeader) {
     EXPECT_TRUE(parseMessage(Envelope("", "{}\n", "").bytes())->getHeader().isObject());
     for (const char* json : {"[]", "1", "1.5", "\"text\"", "true", "[{}]"})
         EXPECT_EQ(refusalOf(Envelope("", json, "")), InvalidJson) << json;
+}
+
+/// The header of a message with this text, on one line; what is wrong for a message that is refused.
+std::string readHeader(const std::string& json) {
+    std::string header;
+    const std::string refusal = whatOf([&] {
+        header = Json::FastWriter().write(parseMessage(Envelope("", json, "").bytes())->getHeader());
+    });
+    return header.empty() ? refusal : header;
+}
+
+TEST(StructuredMessageTest, RealNumbersAreReadWhateverTheStreamsOfTheProgramTakeForAPoint) {
+    const std::string json =
+        R"({"a":[12345.5,-1.25e-3,"2.5 \\",1.5E+2],/* "3.5 */"b":{"4.5":4.5},"c":-7} 1e999)";
+    const std::string header = R"({"a":[12345.5,-0.00125,"2.5 \\",150.0],"b":{"4.5":4.5},"c":-7})";
+    EXPECT_EQ(readHeader(json), header + '\n');
+    const zelTest::CommaStreams comma;
+    EXPECT_EQ(readHeader(json), header + '\n');
+    EXPECT_EQ(readHeader("\xEF\xBB\xBF" + json), header + '\n');
+    EXPECT_EQ(readHeader(R"({"a":1.5e999})"), InvalidJson);
+    EXPECT_EQ(readHeader(R"({"a":1.5.2})"), InvalidJson);
+    EXPECT_EQ(readHeader(R"({1.5:2})"), InvalidJson);
+}
+
+TEST(StructuredMessageTest, RandomTextsReadTheSameWhateverTheStreamsTakeForAPoint) {
+    const std::vector<std::string> pieces{"{",       "}",    "[",     "]",      ",",
+                                          ":",       "\"",   "\"k\"", "\\",     "-",
+                                          ".",       "e",    "E",     "+",      "0",
+                                          "1",       "12",   "345",   "1.5",    "-0.25",
+                                          "1e5",     "2E-3", "1e999", "5e-324", "18446744073709551616",
+                                          "{\"a\":", "//",   "/*",    "*/",     "\n",
+                                          " ",       "true", "null",  "1,5",    "1.234,5"};
+    std::mt19937 random(zelTest::stressSeed());
+    for (int i = 0; i < 2000; ++i) {
+        std::string json = "{\"a\":[";
+        for (auto left = random() % 6; left != 0; --left)
+            json += pieces[random() % pieces.size()];
+        json += "]}";
+        const std::string expected = readHeader(json);
+        const zelTest::CommaStreams comma;
+        EXPECT_EQ(readHeader(json), expected) << json;
+    }
 }
 
 TEST(StructuredMessageTest, ParseAcceptsAUriUpToTheEndAheadOfTheJson) {
