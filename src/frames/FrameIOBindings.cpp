@@ -1,3 +1,4 @@
+#include "data/JsonText.h"
 #include "tree/XmlCheck.h"
 #include "tree/XmlDocument.h"
 #include "tree/XmlPlace.h"
@@ -70,7 +71,7 @@ public:
         std::string fault;
         bool isRead = false;
         try {
-            isRead = reader->parse(m_text.data(), m_text.data() + m_text.size(), &m_root, &fault);
+            isRead = readJson(*reader, m_text, m_root, &fault);
         } catch (const std::exception& exception) { // nested too deep
             fault = exception.what();
         }

@@ -1,3 +1,4 @@
+#include "data/JsonText.h"
 #include "files/DiskFile.h"
 
 #include <zel/Exception.h>
@@ -16,6 +17,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 // Plots: messages that stand behind the frames.
 
@@ -36,11 +38,11 @@ zel::String print(const Json::Value& json) {
 
 /// @return null for a text that is no JSON object
 zel::ref_ptr<StructuredMessage> parse(const BinaryData* text, BinaryData* data) {
-    const auto* begin = reinterpret_cast<const char*>(text->getData());
+    const std::string_view bytes(reinterpret_cast<const char*>(text->getData()), text->getSize());
     Json::Value json;
     try {
         const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (!reader->parse(begin, begin + text->getSize(), &json, nullptr) || !json.isObject())
+        if (!readJson(*reader, bytes, json) || !json.isObject())
             return {};
     } catch (const Json::Exception&) { // nested too deep
         return {};

@@ -3,6 +3,7 @@
 #include <zelNet/StructuredMessage.h>
 
 #include <json/value.h>
+#include <support/CommaStreams.h>
 
 #include <filesystem>
 
@@ -79,6 +80,17 @@ TEST_F(FileJournalPlotTest, PlotsComeBack) {
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(std::as_const(*all[0]).getHeader()["id"], 1);
     EXPECT_EQ(std::as_const(*all[1]).getHeader()["id"], 2);
+}
+
+TEST_F(FileJournalPlotTest, PlotsComeBackWhateverTheStreamsOfTheProgramTakeForAPoint) {
+    record(1);
+    const ref_ptr<StructuredMessage> message = plot("p", 1);
+    message->getHeader()["scale"] = 12345.5;
+    session->savePlot(message.get());
+    const zelTest::CommaStreams comma;
+    const ref_ptr<StructuredMessage> found(session->getPlot("p"));
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->getHeader()["scale"].asDouble(), 12345.5);
 }
 
 TEST_F(FileJournalPlotTest, APlotTakesThePlaceOfOneOfItsName) {

@@ -2,6 +2,7 @@
 
 #include <zelData/FrameIO.h>
 
+#include <support/CommaStreams.h>
 #include <support/Stress.h>
 #include <support/TempDirectory.h>
 
@@ -140,6 +141,12 @@ TEST_F(FrameIOBindingsTest, JsonNamesPathsAndObjects) {
     EXPECT_EQ(bindings(),
               (std::vector<std::string>{
                   "clock>clock", "moon>moon", "sun.mass>sun.mass", "sun.planets>sun.planets+"}));
+}
+
+TEST_F(FrameIOBindingsTest, JsonIsReadWhateverTheStreamsOfTheProgramTakeForAPoint) {
+    const zelTest::CommaStreams comma;
+    io->loadDataBindingsJSON(json(R"({"version": 1.5, "DataPaths": ["a"]})"));
+    EXPECT_EQ(bindings(), (std::vector<std::string>{"a>a"}));
 }
 
 TEST_F(FrameIOBindingsTest, JsonWithoutDataPathsHasNoBindings) {
