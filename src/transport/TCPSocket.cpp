@@ -69,6 +69,18 @@ void requireOpen(const Socket* socket) {
         ZEL_THROW(NetError, "TCPSocket::send(): socket is not opened");
 }
 
+/// Whether both ends are one socket: where nobody listens at a port that the system hands out, it may give
+/// the same port to the socket that connects, which then has found itself.
+bool isItsOwnPeer(int descriptor) {
+    sockaddr_in here{};
+    sockaddr_in there{};
+    socklen_t hereSize = sizeof(here);
+    socklen_t thereSize = sizeof(there);
+    return ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&here), &hereSize) == 0 &&
+           ::getpeername(descriptor, reinterpret_cast<sockaddr*>(&there), &thereSize) == 0 &&
+           here.sin_port == there.sin_port && here.sin_addr.s_addr == there.sin_addr.s_addr;
+}
+
 /// @return 0, or the reason why not
 int connectTo(int descriptor, const IPAddress& peer) {
     const sockaddr_in remote = toSystem(peer);
@@ -97,7 +109,9 @@ void TCPSocket::open(const IPAddress& peer, bool disableNagle) {
     m_socket = openDescriptor(SOCK_STREAM);
     if (!isValid())
         ZEL_THROW(NetError, "TCPSocket::open(): Couldn't create socket");
-    const int reason = connectTo(m_socket, peer);
+    int reason = connectTo(m_socket, peer);
+    if (reason == 0 && isItsOwnPeer(m_socket))
+        reason = ECONNREFUSED;
     if (reason != 0) {
         close();
         if (reason == ETIMEDOUT || reason == ECONNREFUSED || reason == ENETUNREACH)

@@ -103,6 +103,24 @@ TEST_F(TCPSocketTest, OpenWhereNobodyListensIsATimeout) {
     EXPECT_EQ(socket.address, IPAddress());
 }
 
+TEST_F(TCPSocketTest, OpenNeverFindsItselfWhereNobodyListens) {
+    const zelTest::LogCapture log;
+    OpenServer server;
+    server.open(0, false);
+    // The system gives every other port to those that connect, one after the other, and this is one of them.
+    const auto port = static_cast<zel::uint16>(server.port() + 1);
+    server.close();
+    for (int attempt = 0; attempt < 16'000; ++attempt) {
+        OpenSocket socket;
+        try {
+            socket.open(IPAddress(Loopback, port), false);
+            ASSERT_NE(socket.port(), port) << attempt;
+        } catch (const TimeoutConnectError&) {
+            EXPECT_FALSE(socket.isValid());
+        }
+    }
+}
+
 TEST_F(TCPSocketTest, OpenThatCanNotGetThereIsATimeout) {
     TCPSocket socket;
     for (const int reason : {ETIMEDOUT, ECONNREFUSED, ENETUNREACH})
