@@ -67,7 +67,7 @@ std::size_t skipNumber(std::string_view text, std::size_t at) {
 /// Puts a zero of the same length where a real number stands: that reads the same in any locale.
 void hideReals(std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
-        const bool isNumber = text[at] == '-' || skipDigits(text, at) != at;
+        const bool isNumber = text[at] == '-' || text[at] == '+' || skipDigits(text, at) != at;
         const std::size_t end = isNumber ? skipNumber(text, at) : skipOther(text, at);
         double value = 0;
         if (const std::string_view number = std::string_view(text).substr(at, end - at);

@@ -167,6 +167,7 @@ TEST(StructuredMessageTest, RealNumbersAreReadWhateverTheStreamsOfTheProgramTake
     EXPECT_EQ(readHeader(R"({"a":1.5e999})"), InvalidJson);
     EXPECT_EQ(readHeader(R"({"a":1.5.2})"), InvalidJson);
     EXPECT_EQ(readHeader(R"({1.5:2})"), InvalidJson);
+    EXPECT_EQ(readHeader("{\"a\":[+.5,-.5]}"), "{\"a\":[0.5,-0.5]}\n"); // the parser takes these too
 }
 
 TEST(StructuredMessageTest, RandomTextsReadTheSameWhateverTheStreamsTakeForAPoint) {
