@@ -153,6 +153,7 @@ void Recorder::detach() {
 }
 
 void Recorder::beginTick() {
+    const zel::ref_ptr<Recorder> keep(referenceCount() > 0 ? this : nullptr);
     if (std::exchange(m_startsByItself, false))
         start();
 }
@@ -172,6 +173,8 @@ void Recorder::endTick() {
 }
 
 bool Recorder::isDue() const {
+    if (m_numFrames == 1 && m_clock->getFrame() == m_lastIndex)
+        return false; // a callback of this very tick has started the recording
     return m_clock->getFrame() % m_stride == 0 &&
            m_clock->getTime() >= m_start - TimeTolerance * m_clock->getTimeStep() &&
            (!m_condition || *static_cast<const bool*>(m_condition->getData()));
@@ -350,6 +353,8 @@ void Recorder::start() {
         stop();
         throw;
     }
+    if (!isRecording())
+        return; // ended by its own first frame
     m_omissions = m_capture->getOmissions();
     ZEL_LOG_INFO(
         "Recording " << (m_root->getPath().empty() ? zel::String("all") : "'" + m_root->getPath().str() + "'")
@@ -386,7 +391,12 @@ void Recorder::capture() {
         if (!m_message.empty())
             return; // its end could not be written
         ++m_journalNumber;
-        openJournal(false);
+        try {
+            openJournal(false);
+        } catch (...) {
+            endWith(whatOf(std::current_exception()));
+            return;
+        }
     }
     if (!hasRoom(m_track->getNumQueuedBytes() + m_lastBytes))
         return;
@@ -397,7 +407,10 @@ void Recorder::capture() {
     if (!hasSlot)
         return; // the next tick tells why
 
+    const zel::ref_ptr<Track> track(m_track);
     captureEvent.fire(this);
+    if (m_track != track)
+        return; // a callback has stopped the recording, or begun another
     const zel::ref_ptr<Frame> frame = m_capture->capture(m_clock.get());
     m_runState->write(frame.get());
     m_captureSeconds += secondsSince(begin);
