@@ -145,7 +145,7 @@ RunStateWriter::~RunStateWriter() {
 void RunStateWriter::add(Frame* frame, const char* table, const zel::ref_ptr<Buffer>& column) {
     const zel::Path path = zel::Path(RunStateName) + zel::Name(table) + column->getName();
     const auto last = m_last.find(path.str());
-    if (!frame->isKeyFrame() && last != m_last.end() && isEqual(last->value.get(), column.get()))
+    if (last != m_last.end() && isEqual(last->value.get(), column.get()))
         return;
     m_last.insert(path.str(), column);
     frame->addBuffer(column.get(), path);
@@ -153,6 +153,8 @@ void RunStateWriter::add(Frame* frame, const char* table, const zel::ref_ptr<Buf
 
 void RunStateWriter::write(Frame* frame) {
     const RebindOff rebindOff;
+    if (frame->isKeyFrame())
+        m_last.clear(); // also what a table told that is empty now
     // Clocks outside of the root may come and go unseen.
     if (!m_isKnown || frame->isKeyFrame()) {
         m_clocks.clear();

@@ -146,6 +146,39 @@ TEST_F(RecorderFaultTest, CaptureEventsMayBeginTheRecordingAnew) {
     EXPECT_THAT(recorded(), ElementsAre(2, 3, 4));
 }
 
+TEST_F(RecorderFaultTest, EventsThatComeAndGoAreToldBehindAKeyFrameWithoutAny) {
+    run = makeRun();
+    const ref_ptr<zel::Clock> clock(new zel::Clock("lonely", 10));
+    const ref_ptr<zel::Component> root(new zel::Component("lonelyRun"));
+    root->addObject(clock.get());
+    recorder = new Recorder;
+    recorder->setClock(clock.get());
+    recorder->setRoot(root.get());
+    recorder->setJournal(path());
+    recorder->setKeyFrameInterval(3);
+    start();
+    const auto addEvent = [](zel::Clock* to) {
+        const ref_ptr<zel::Clock::Event> event(new zel::Clock::Event(zel::Name("blink")));
+        event->setStartDelay(0.15);
+        to->addEvent(event.get());
+    };
+    for (int i = 0; i < 12; ++i) {
+        if (i % 3 == 0 || i % 4 == 0)
+            addEvent(clock.get());
+        clock->tick();
+    }
+    recorder->stop();
+
+    const ref_ptr<zel::Component> other(new zel::Component("lonelyRun"));
+    const ref_ptr<zel::Clock> late(new zel::Clock("lonely", 10));
+    other->addObject(late.get());
+    const ref_ptr<Replay> replay(new Replay(path(), other.get()));
+    for (uint64 i = 0; i <= 12; ++i) {
+        EXPECT_EQ(whatOf([&] { EXPECT_TRUE(replay->applyFrame(i)); }), "no exception") << i;
+        EXPECT_EQ(late->getFrame(), i);
+    }
+}
+
 TEST_F(RecorderFaultTest, BranchesWithTheRecorderMayLeaveTheRoot) {
     run = makeRun();
     ref_ptr<zel::Component> outer(new zel::Component("outer"));
