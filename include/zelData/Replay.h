@@ -59,13 +59,20 @@ public:
     ~Replay() override;
 
     /// What of the frames goes where: see FrameApply. Without bindings all does.
-    void addDataBinding(const zel::Path& path, bool recursive) { m_apply->addDataBinding(path, recursive); }
+    void addDataBinding(const zel::Path& path, bool recursive) {
+        m_isInOrder = false;
+        m_apply->addDataBinding(path, recursive);
+    }
     void addDataBinding(const zel::Path& internalPath, const zel::Path& externalPath, bool recursive) {
+        m_isInOrder = false;
         m_apply->addDataBinding(internalPath, externalPath, recursive);
     }
     /// Whether clocks come back to where they were; else they stay as they are, but for values that are
     /// bound. True at first.
-    void setRestoreClocks(bool restore) noexcept { m_restoresClocks = restore; }
+    void setRestoreClocks(bool restore) noexcept {
+        m_isInOrder = false;
+        m_restoresClocks = restore;
+    }
 
     // Where it stands
 
@@ -136,7 +143,7 @@ private:
     zel::Vector<zel::String> m_omissions; // of clocks
     bool m_restoresClocks = true;
     zel::uint64 m_frame = zel::InvalidIndex;
-    bool m_isInOrder = false; // whether the tree shows the frame
+    bool m_isInOrder = false; // whether the tree shows all of the frame that is asked for
     double m_time = 0;
     double m_rate = 1;
     bool m_follow = false;

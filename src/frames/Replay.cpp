@@ -112,7 +112,7 @@ bool Replay::jumpToFrame(uint64 index) {
 bool Replay::jumpToTime(double time) {
     if (m_session->getFrameTable().empty())
         return false;
-    const uint64 index = m_reader->findFrameAtTime(std::max(time, 0.0));
+    const uint64 index = m_reader->findFrameAtTime(std::max(0.0, time)); // 0 for no number
     if (index == InvalidIndex)
         return false;
     m_isInOrder = false;

@@ -154,6 +154,9 @@ TEST_F(ReplayTest, JumpsGoToTheFrameAheadOrNearest) {
     EXPECT_TRUE(replay->jumpToTime(-5));
     EXPECT_EQ(replay->getFrame(), 2U);
     EXPECT_EQ(replay->getTime(), 0.2);
+    EXPECT_TRUE(replay->jumpToFrame(8));
+    EXPECT_TRUE(replay->jumpToTime(std::numeric_limits<double>::quiet_NaN()));
+    EXPECT_EQ(replay->getFrame(), 2U);
 }
 
 TEST_F(ReplayTest, UpdatesKeepThePaceOfTheWall) {
