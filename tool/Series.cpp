@@ -106,6 +106,12 @@ void requireThere(const PlainFrame& frame, const Wanted& wanted) {
                               ((node->type == PlainFrame::Type::BufferType ||
                                 node->type == PlainFrame::Type::CustomBufferType) &&
                                node->numElements == 1);
+        const std::size_t dot = wanted.text.rfind('.');
+        const Node* parent =
+            dot == std::string::npos ? nullptr : frame.find(zel::Path(wanted.text.substr(0, dot).c_str()));
+        if (!isSingle && parent != nullptr && parent->type == PlainFrame::Type::EntityStorageType)
+            throw std::runtime_error("'" + wanted.text + "' is a column: '" + wanted.text +
+                                     "@ID' is that of the instance with the id");
         if (!isSingle)
             throw std::runtime_error("'" + wanted.text + "' is no single value" + inFrame);
         return;

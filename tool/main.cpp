@@ -62,6 +62,10 @@ int runTool(std::vector<std::string> words) {
         const std::string name =
             words[0] == "journal" && words.size() > 1 ? words[0] + " " + words[1] : words[0];
         const Command* command = takeCommand(words);
+        if (command == nullptr && name == "journal") {
+            std::cerr << "zel: the command 'journal' needs a second word; see zel --help\n";
+            return tool::WrongUsage;
+        }
         if (command == nullptr) {
             std::cerr << "zel: there is no command '" << name << "'; see zel --help\n";
             return tool::WrongUsage;

@@ -71,6 +71,7 @@ def wrong_usage_is_told_with_the_usage():
     info = "usage: zel journal info FILE [--json]\n"
     for words, errors in (
             (["fly"], "zel: there is no command 'fly'; see zel --help\n"),
+            (["journal"], "zel: the command 'journal' needs a second word; see zel --help\n"),
             (["journal", "fly"], "zel: there is no command 'journal fly'; see zel --help\n"),
             (["journal", "info"], "zel journal info: an argument lacks\n" + info),
             (["journal", "info", "a", "b"], "zel journal info: 'b' is one argument too many\n" + info),
@@ -239,6 +240,8 @@ def series_are_exported_as_text():
                           ("stones.size@1", "'stones' has no attribute 'size' in frame 0"),
                           ("car.speed@1", "'car' is no storage in frame 0"),
                           ("car.wheels", "'car.wheels' is no single value in frame 0"),
+                          ("stones.mass",
+                           "'stones.mass' is a column: 'stones.mass@ID' is that of the instance with the id"),
                           ("car.horn", "nothing stands at 'car.horn' in frame 0")):
         zel("journal", "export", path, word, code=3, errors=f"zel: {message}\n")
     zel("journal", "export", path, "stones@1", code=2, errors=None)
