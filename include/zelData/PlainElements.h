@@ -23,7 +23,8 @@ public:
     /// Whether the elements can be told as more than bytes.
     [[nodiscard]] bool isKnown() const;
     /// "1.5"; "1, 2, 3" for several numbers; a text as it is; "5@12" for the instance 5 of the storage with
-    /// the id 12; "[1, 2]" for an array; bytes as "0x0102", in the order of the file.
+    /// the id 12; "[1, 2]" for an array; bytes as "0x0102", in the order of the file; "..." for the rest of
+    /// an array that tells elements more than once.
     [[nodiscard]] zel::String text(zel::uint64 i) const;
     /// One of the numbers of an element; the whole of one that is made of none.
     [[nodiscard]] zel::String text(zel::uint64 i, zel::uint32 k) const;
@@ -38,6 +39,8 @@ private:
     struct Numbers;
 
     [[nodiscard]] const zel::uint8* element(zel::uint64 i) const;
+    /// @param maxElements  that the arrays in it may have; becomes less
+    [[nodiscard]] zel::String text(zel::uint64 i, zel::uint64& maxElements) const;
     [[nodiscard]] bool rangeOf(zel::uint64 i, zel::uint64& begin, zel::uint64& end) const;
     [[nodiscard]] zel::String bytesOf(zel::uint64 i) const;
 

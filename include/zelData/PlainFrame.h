@@ -84,7 +84,7 @@ public:
     /// Applies an increment, or takes the place of all for a key frame. What the frame holds in whole takes
     /// the place of what was there, partial buffers are written into it, and storages bring their columns to
     /// their size. Afterwards this frame has index, times and id of the other one, and its events.
-    /// @param maxBytes  that a buffer may grow to
+    /// @param maxBytes  that all buffers together may grow to
     /// @throws std::runtime_error where nodes do not fit together; what was merged till then stays
     void merge(const PlainFrame& other, zel::uint64 maxBytes);
 
@@ -109,6 +109,7 @@ private:
     zel::uint32 m_numEvents = 0;
     std::vector<zel::uint8> m_events; // as they stand in the header
     zel::uint64 m_endOfElements = 0;
+    zel::uint64 m_numBytes = 0; // of the elements of all nodes
 };
 
 } // namespace zelData

@@ -105,7 +105,7 @@ public:
     [[nodiscard]] PlainFrame readAlone(zel::size_t place) const;
     /// Names that the frames up to the one which was read last have told since the key frame.
     [[nodiscard]] const PlainFrame::Names& getNames() const noexcept { return m_names; }
-    /// What a buffer may grow to while frames are merged: far more than the file holds.
+    /// What the buffers of a frame may grow to while frames are merged: far more than the file holds.
     [[nodiscard]] zel::uint64 getMaxBytes() const noexcept {
         return (zel::uint64{64} << 20) + 64 * m_fileSize;
     }
@@ -151,7 +151,7 @@ private:
 
     Totals m_totals;
     const JournalSums* m_sums = nullptr; // while a scan runs
-    zel::uint64 m_searchBudget = 0;      // bytes of headers that may be read in search of frames
+    zel::uint64 m_searchBudget = 0;      // bytes that may be read in search of frames
 
     PlainFrame m_state; // the complete frame at m_place
     PlainFrame::Names m_names;

@@ -51,8 +51,10 @@ uint64 findFrameRecord(zelIO::DiskFile& file, uint64 offset, uint64 fileEnd) {
     // Each record has this at the same place: its end tag, and the zeros behind it.
     constexpr std::array<uint8, 8> pattern{0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
     constexpr uint64 patternOffset = offsetof(FrameRecord, endTag);
-    constexpr uint64 blockSize = uint64{1} << 20;
-    const std::unique_ptr<uint8[]> block(new uint8[blockSize]);
+    // What is sought is near most times.
+    constexpr uint64 largestBlock = uint64{1} << 20;
+    uint64 blockSize = 4096;
+    const std::unique_ptr<uint8[]> block(new uint8[largestBlock]);
     while (offset < fileEnd && fileEnd - offset >= sizeof(FrameRecord)) {
         uint64 length = 0;
         const uint64 wanted = std::min(blockSize, fileEnd - offset);
@@ -70,6 +72,7 @@ uint64 findFrameRecord(zelIO::DiskFile& file, uint64 offset, uint64 fileEnd) {
                 return place;
         }
         offset += length - sizeof(FrameRecord) + 1;
+        blockSize = std::min(2 * blockSize, largestBlock);
     }
     return zel::InvalidIndex;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 namespace zelData {
@@ -18,15 +19,35 @@ using NodeType = PlainFrame::Type;
 using NodesByPath = std::map<zel::String, const PlainNode*>;
 
 /// All nodes that hold something; of those of one path the first.
+/// @param path      of the node, which this is after the call again
+/// @param maxBytes  that the paths may take, and which become less
 // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-void gather(const PlainNode& node, const zel::String& path, NodesByPath& nodes) {
+void gather(const PlainNode& node, zel::String& path, uint64& maxBytes, NodesByPath& nodes) {
+    const zel::size_t length = path.size();
     for (const PlainNode& child : node.children) {
-        const zel::String childPath = path.empty() ? child.name.str() : path + "." + child.name.str();
+        path.resize(length);
+        path.append(length == 0 ? "" : ".").append(child.name.c_str());
+        if (path.size() > maxBytes)
+            throw std::runtime_error("the paths of its nodes are longer than those of such a file can be");
+        maxBytes -= path.size();
         if (child.type != NodeType::ComponentType)
-            nodes.emplace(childPath, &child);
+            nodes.emplace(path, &child);
         if (child.type == NodeType::ComponentType || child.type == NodeType::EntityStorageType)
-            gather(child, childPath, nodes);
+            gather(child, path, maxBytes, nodes);
     }
+    path.resize(length);
+}
+
+/// A name stands once in a file, and may stand at each depth of each path.
+NodesByPath gather(const PlainFrame& frame, uint64 maxBytes) {
+    NodesByPath nodes;
+    zel::String path;
+    try {
+        gather(frame.getRoot(), path, maxBytes, nodes);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error("frame " + std::to_string(frame.getRecord().index) + ": " + error.what());
+    }
+    return nodes;
 }
 
 /// A node but for its elements.
@@ -45,8 +66,9 @@ zel::String describe(const PlainNode& node) {
 
 class Comparison {
 public:
-    Comparison(JournalDifference& difference, double tolerance)
-        : m_difference(difference), m_tolerance(tolerance) {}
+    /// @param maxBytes  that the paths of a frame may take
+    Comparison(JournalDifference& difference, double tolerance, uint64 maxBytes)
+        : m_difference(difference), m_tolerance(tolerance), m_maxBytes(maxBytes) {}
 
     /// @return whether there is no difference
     bool areEqual(const PlainFrame& first, const PlainFrame& second) {
@@ -55,10 +77,8 @@ public:
         m_difference.frame = a.index;
         if (!(std::abs(a.timeStamp - b.timeStamp) <= m_tolerance))
             return tell({}, "time " + text(a.timeStamp), "time " + text(b.timeStamp));
-        NodesByPath firstNodes;
-        NodesByPath secondNodes;
-        gather(first.getRoot(), {}, firstNodes);
-        gather(second.getRoot(), {}, secondNodes);
+        const NodesByPath firstNodes = gather(first, m_maxBytes);
+        const NodesByPath secondNodes = gather(second, m_maxBytes);
         auto i = firstNodes.begin();
         auto k = secondNodes.begin();
         while (i != firstNodes.end() || k != secondNodes.end()) {
@@ -101,6 +121,7 @@ private:
 
     JournalDifference& m_difference;
     double m_tolerance;
+    uint64 m_maxBytes;
 };
 
 } // namespace
@@ -110,7 +131,7 @@ diffJournals(const zel::String& firstPath, const zel::String& secondPath, double
     PlainJournal first(firstPath);
     PlainJournal second(secondPath);
     JournalDifference difference;
-    Comparison comparison(difference, tolerance);
+    Comparison comparison(difference, tolerance, std::max(first.getMaxBytes(), second.getMaxBytes()));
     const auto& firstFrames = first.getFrames();
     const auto& secondFrames = second.getFrames();
     for (zel::size_t i = 0; i < firstFrames.size() || i < secondFrames.size(); ++i) {

@@ -114,6 +114,8 @@ void PlainJournal::scan() {
             if (fault.empty() && stands) {
                 isGroupWhole = true;
                 m_frames.push_back(entry);
+            } else if (stands) { // it may hold many others, each of which reads as far as this one did
+                m_searchBudget -= std::min(m_searchBudget, entry.end() - offset);
             } else if (fault.empty()) {
                 m_missing.push_back({entry.record.index, offset, NoKeyFrame});
                 addGap(offset, entry.end(), NoKeyFrame);
@@ -149,8 +151,10 @@ uint64 PlainJournal::findNextFrame(uint64 offset) {
         FrameEntry entry{};
         const zel::String fault = examineRecord(offset, entry);
         // A file may be made so that each of its bytes seems to begin a header as long as the file.
-        if (fault.empty() && entry.record.headerSize > m_searchBudget)
+        if (fault.empty() && entry.record.headerSize > m_searchBudget) {
+            addFault(offset, "so much lies within each other that no frame is sought from here on");
             return m_limit;
+        }
         if (fault.empty()) {
             m_searchBudget -= entry.record.headerSize;
             if (examineStructure(entry).empty())

@@ -4,6 +4,7 @@
 
 #include <zelIO/FileSystem.h>
 
+#include <sys/stat.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -42,6 +43,12 @@ std::vector<SumRecord> readRecords(DiskFile& file) {
     return records;
 }
 
+/// To open anything else may wait for ever.
+bool isFile(const zel::String& path) {
+    struct ::stat data {};
+    return FileSystem::stat(path, data) && S_ISREG(data.st_mode);
+}
+
 bool isWhole(const SumRecord& record) {
     return record.sum == sumOf(record) && record.padding == 0;
 }
@@ -57,6 +64,8 @@ bool JournalSums::exists() const {
 }
 
 void JournalSums::load() {
+    if (!isFile(m_path))
+        return;
     DiskFile file(m_path, DiskFile::Mode::Read);
     if (file.isOpen())
         for (const SumRecord& record : readRecords(file))
@@ -72,6 +81,8 @@ const SumRecord* JournalSums::find(uint64 offset) const {
 bool JournalSums::cut(uint64 offset) const {
     if (!exists())
         return true;
+    if (!isFile(m_path))
+        return false;
     DiskFile file(m_path, DiskFile::Mode::ReadWrite);
     if (!file.isOpen())
         return false;
@@ -86,6 +97,8 @@ bool JournalSums::cut(uint64 offset) const {
 bool JournalSums::append(SumRecord record) const {
     record.sum = sumOf(record);
     record.padding = 0;
+    if (exists() && !isFile(m_path))
+        return false;
     DiskFile file(m_path, DiskFile::Mode::Create);
     uint64 size = 0;
     if (!file.isOpen() || !file.size(size))

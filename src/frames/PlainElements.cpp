@@ -58,6 +58,15 @@ std::string toText(const uint8* bytes) {
     }
 }
 
+/// Of all that the arrays in a node are made of.
+// NOLINTNEXTLINE(misc-no-recursion): arrays lie as deep as nodes
+uint64 countElements(const PlainNode& node) {
+    uint64 count = 0;
+    for (const PlainNode& part : node.children)
+        count += part.numElements + countElements(part);
+    return count;
+}
+
 /// A part with elements of the size.
 const PlainNode* findPart(const PlainNode& node, const char* name, uint64 elementSize) {
     const PlainNode* part = node.find(name);
@@ -137,22 +146,37 @@ zel::String PlainElements::bytesOf(uint64 i) const {
     return m_node.elementSize() > most ? text + "..." : text;
 }
 
-// NOLINTNEXTLINE(misc-no-recursion): arrays lie as deep as nodes
 zel::String PlainElements::text(uint64 i) const {
+    uint64 maxElements = m_range == nullptr ? 0 : countElements(m_node);
+    return text(i, maxElements);
+}
+
+// Ranges that overlap at each depth would make more text than there is room for.
+// NOLINTNEXTLINE(misc-no-recursion): arrays lie as deep as nodes
+zel::String PlainElements::text(uint64 i, uint64& maxElements) const {
     if (m_range != nullptr) {
         uint64 begin = 0;
         uint64 end = 0;
         if (!rangeOf(i, begin, end))
             return "?";
         const bool isText = m_pool != nullptr && std::string_view(m_pool->name.c_str()) == "characters";
-        if (isText && m_pool->data && m_pool->elementSize() == 1)
+        if (isText && m_pool->data && m_pool->elementSize() == 1) {
+            if (end - begin > maxElements)
+                return "...";
+            maxElements -= end - begin;
             return {reinterpret_cast<const char*>(m_pool->bytes()) + begin, end - begin};
+        }
         if (m_pool == nullptr || isText)
             return begin == end ? zel::String() : zel::String("?");
         const PlainElements pool(*m_pool);
         zel::String text = "[";
-        for (uint64 k = begin; k < end; ++k)
-            text += (k == begin ? "" : ", ") + pool.text(k);
+        for (uint64 k = begin; k < end; ++k) {
+            text += k == begin ? "" : ", ";
+            if (maxElements == 0)
+                return text + "...]";
+            --maxElements;
+            text += pool.text(k, maxElements);
+        }
         return text + "]";
     }
     if (m_ids != nullptr && m_storages != nullptr) {

@@ -44,6 +44,7 @@ public:
             fail("bytes follow the last node");
         frame.m_endOfElements = m_endOfElements;
         frame.m_numNodes = m_numNodes;
+        frame.m_numBytes = m_numBytes;
     }
 
 private:
@@ -166,6 +167,7 @@ private:
         if (node.numElements == 0 ? node.numBytes != 0 : node.numBytes % node.numElements != 0)
             fail("a number of bytes is no multiple of that of elements");
         m_endOfElements = std::max(m_endOfElements, node.offset + node.numBytes);
+        m_numBytes += node.numBytes;
         node.data = m_segment;
     }
 
@@ -179,6 +181,7 @@ private:
     uint64 m_dataSize = 0;
     uint64 m_endOfElements = 0;
     uint64 m_numNodes = 0;
+    uint64 m_numBytes = 0;
 };
 
 PlainFrame::PlainFrame(const BinaryData* header, const BinaryData* segment, Names& names) {

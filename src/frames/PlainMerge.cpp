@@ -1,4 +1,5 @@
 #include "FrameNames.h"
+#include "PlainPath.h"
 
 #include <zelData/PlainFrame.h>
 
@@ -6,6 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
+#include <unordered_map>
 
 // One frame applied onto another, without knowing what the elements are.
 
@@ -31,42 +33,82 @@ bool isRange(const PlainNode& part) {
     return std::string_view(part.name.c_str()) == "range" && part.elementSize() == 2 * sizeof(uint32);
 }
 
+/// The elements of a node and all below it.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the frame that was read
+uint64 countBytes(const PlainNode& node) {
+    uint64 count = node.numBytes;
+    for (const PlainNode& child : node.children)
+        count += countBytes(child);
+    return count;
+}
+
 /// These are as long as the capacity, or are told in whole.
 bool isTableOfIds(const PlainNode& column) {
     const std::string_view name(column.name.c_str());
     return name == "_idToIndex" || name == "_indexToId";
 }
 
+/// Where the children of a node stand, for those of another: of several with one name, the first.
+class Places {
+public:
+    Places(const PlainNode& source, const PlainNode& target) {
+        constexpr zel::size_t few = 16;
+        if (source.children.size() <= few || target.children.size() <= few)
+            return;
+        m_isMap = true;
+        for (zel::size_t i = 0; i < target.children.size(); ++i)
+            add(target.children[i].name, i);
+    }
+    void add(const zel::Name& name, zel::size_t place) {
+        if (m_isMap)
+            m_places.emplace(name.c_str(), place);
+    }
+    /// @return null if there was none of the name
+    PlainNode* find(const zel::Name& name, PlainNode& target) const {
+        if (!m_isMap)
+            return const_cast<PlainNode*>(target.find(name)); // NOLINT: of a node that may change
+        const auto place = m_places.find(name.c_str());
+        return place == m_places.end() ? nullptr : &target.children[place->second];
+    }
+
+private:
+    bool m_isMap = false;
+    std::unordered_map<std::string_view, zel::size_t> m_places;
+};
+
 } // namespace
 
 class PlainFrame::Merger {
 public:
-    explicit Merger(uint64 maxBytes) : m_maxBytes(maxBytes) {}
+    /// @param numBytes  of the elements of the whole frame
+    Merger(uint64 maxBytes, uint64& numBytes) : m_maxBytes(maxBytes), m_numBytes(numBytes) {}
 
     // NOLINTNEXTLINE(misc-no-recursion): as deep as the frame that was read
     void mergeChildren(const PlainNode& source, PlainNode& target) {
+        Places places(source, target);
         for (const PlainNode& child : source.children) {
+            const zel::size_t count = target.children.size();
             m_path.push_back(&child);
-            mergeChild(child, target);
+            mergeChild(child, target, places.find(child.name, target));
+            if (target.children.size() != count)
+                places.add(child.name, count);
             m_path.pop_back();
         }
     }
 
 private:
     [[noreturn]] void fail(const char* what) const {
-        zel::String path;
-        for (const PlainNode* node : m_path)
-            path += (path.empty() ? "" : ".") + node->name.str();
-        throw std::runtime_error(zel::String::format("%s: %s", path.c_str(), what));
+        throw std::runtime_error(zel::String::format("%s: %s", toldPathOf(m_path).c_str(), what));
+    }
+    void put(const PlainNode& source, PlainNode& target) {
+        m_numBytes += countBytes(source);
+        target.children.push_back(source);
     }
 
     // NOLINTNEXTLINE(misc-no-recursion)
-    void mergeChild(const PlainNode& source, PlainNode& target) {
-        const auto place = std::find_if(target.children.begin(),
-                                        target.children.end(),
-                                        [&](const PlainNode& node) { return node.name == source.name; });
-        if (place == target.children.end()) {
-            target.children.push_back(source);
+    void mergeChild(const PlainNode& source, PlainNode& target, PlainNode* place) {
+        if (place == nullptr) {
+            put(source, target);
             return;
         }
         PlainNode& existing = *place;
@@ -75,12 +117,13 @@ private:
         case NodeType::BufferType:
         case NodeType::CustomBufferType:
             if (source.name == incrementalName()) {
-                target.children.push_back(source);
+                put(source, target);
                 return;
             }
             if (existing.format != source.format || isGroup(existing) ||
                 (existing.type == NodeType::ValueType) != (source.type == NodeType::ValueType))
                 fail("the node does not fit to that of the frames ahead");
+            m_numBytes += countBytes(source) - countBytes(existing);
             existing = source;
             return;
         case NodeType::PartialBufferType:
@@ -124,11 +167,15 @@ private:
             fail("the buffer has more elements than such a file can hold");
         replaceBytes(node, numElements * size, numElements);
     }
-    static void replaceBytes(PlainNode& node, uint64 numBytes, uint64 numElements) {
+    void replaceBytes(PlainNode& node, uint64 numBytes, uint64 numElements) {
         if (node.data && node.data->referenceCount() == 1 && numBytes == node.numBytes) {
             node.numElements = numElements;
             return;
         }
+        // Many nodes of a file can be made to share their bytes, or to grow.
+        if (numBytes > m_maxBytes || m_numBytes - node.numBytes > m_maxBytes - numBytes)
+            fail("the frame has more elements than such a file can hold");
+        m_numBytes += numBytes - node.numBytes;
         zel::ref_ptr<BinaryData> data(new BinaryData(numBytes));
         const uint64 kept = node.data ? std::min(numBytes, node.numBytes) : 0;
         if (kept != 0)
@@ -203,7 +250,7 @@ private:
                 continue;
             PlainNode* pool = findPart(target, part.name);
             if (pool == nullptr) {
-                target.children.push_back(part);
+                put(part, target);
                 continue;
             }
             if (pool->type != NodeType::BufferType || part.type != NodeType::BufferType ||
@@ -231,14 +278,17 @@ private:
     }
 
     uint64 m_maxBytes;
+    uint64& m_numBytes;
     std::vector<const PlainNode*> m_path;
 };
 
 void PlainFrame::merge(const PlainFrame& other, uint64 maxBytes) {
-    if (other.m_record.isKeyFrame != 0)
+    if (other.m_record.isKeyFrame != 0) {
         m_root = other.m_root;
-    else
-        Merger(maxBytes).mergeChildren(other.m_root, m_root);
+        m_numBytes = other.m_numBytes;
+    } else {
+        Merger(maxBytes, m_numBytes).mergeChildren(other.m_root, m_root);
+    }
     const bool isKeyFrame = m_record.isKeyFrame != 0 || other.m_record.isKeyFrame != 0;
     m_record = other.m_record;
     m_record.isKeyFrame = isKeyFrame ? 1 : 0;

@@ -1,4 +1,5 @@
 #include "ForeignName.h"
+#include "PlainPath.h"
 #include "data/FormatLookup.h"
 
 #include <zelData/ByteStream.h>
@@ -31,7 +32,7 @@ public:
     explicit FaultFinder(bool isKeyFrame) : m_isKeyFrame(isKeyFrame) {}
 
     zel::String find(const PlainNode& root) {
-        visit(root, {});
+        visit(root);
         if (!m_fault.empty())
             return m_fault;
         std::sort(m_places.begin(), m_places.end());
@@ -45,10 +46,13 @@ public:
 
 private:
     // NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
-    void visit(const PlainNode& node, const zel::String& path) {
+    void visit(const PlainNode& node) {
         if (node.hasChildren()) {
-            for (const PlainNode& child : node.children)
-                visit(child, path.empty() ? child.name.str() : path + "." + child.name.str());
+            for (const PlainNode& child : node.children) {
+                m_path.push_back(&child);
+                visit(child);
+                m_path.pop_back();
+            }
         } else if (node.numBytes != 0) {
             m_places.emplace_back(node.offset, node.numBytes);
         }
@@ -60,7 +64,7 @@ private:
         else if (node.type == NodeType::CustomBufferType)
             fault = faultOfParts(node);
         if (fault != nullptr && m_fault.empty())
-            m_fault = path + ": " + fault;
+            m_fault = toldPathOf(m_path) + ": " + fault;
     }
 
     const char* faultOfElements(const PlainNode& node) {
@@ -128,6 +132,7 @@ private:
     zel::Name m_lastName;
     const Format* m_lastFormat = nullptr;
     zel::String m_fault;
+    std::vector<const PlainNode*> m_path;
     std::vector<std::pair<uint64, uint64>> m_places;
 };
 
@@ -283,29 +288,39 @@ zel::ref_ptr<SerializedFrame::Node> convert(const PlainNode& node) {
     return zel::ref_ptr<Plain::Node>(parent.get());
 }
 
-/// Takes what is wanted: components and storages are ways to it.
+/// Takes what is wanted: components and storages are ways to it. Nobody wants what has a path longer than
+/// any that can be written down.
+/// @param path  of the source, which this is after the call again
 // NOLINTNEXTLINE(misc-no-recursion)
-void select(const PlainNode& source, const zel::String& path, const Wants& wants, PlainNode& target) {
+void select(const PlainNode& source, zel::String& path, const Wants& wants, PlainNode& target) {
+    constexpr zel::size_t longestPath = zel::size_t{1} << 20;
+    const zel::size_t length = path.size();
     for (const PlainNode& child : source.children) {
-        const zel::String childPath = path.empty() ? child.name.str() : path + "." + child.name.str();
+        path.resize(length);
+        const std::string_view name(child.name.c_str());
+        if (length + 1 + name.size() > longestPath)
+            continue;
+        path.append(length == 0 ? "" : ".").append(name);
         const bool isWay = child.type == NodeType::ComponentType || child.type == NodeType::EntityStorageType;
-        if (!isWay && wants(childPath)) {
+        if (!isWay && wants(path)) {
             target.children.push_back(child);
         } else if (isWay) {
             PlainNode part = child;
             part.children.clear();
-            select(child, childPath, wants, part);
-            if (!part.children.empty() || wants(childPath))
+            select(child, path, wants, part);
+            if (!part.children.empty() || wants(path))
                 target.children.push_back(std::move(part));
         }
     }
+    path.resize(length);
 }
 
 } // namespace
 
 Frame* PlainFrame::createFrame(const Wants& wants) const {
     PlainNode selected;
-    select(m_root, {}, wants, selected);
+    zel::String path;
+    select(m_root, path, wants, selected);
     const auto root = convert(selected);
     zel::ref_ptr<Frame> frame(
         SerializedFrame::createFrame(static_cast<const SerializedFrame::Component*>(root.get()),
