@@ -136,10 +136,12 @@ void requireThere(const PlainFrame& frame, const Wanted& wanted) {
 
 SeriesTable::SeriesTable(PlainJournal& journal, const std::vector<std::string>& paths) {
     std::vector<Wanted> all;
+    all.reserve(paths.size());
     for (const std::string& path : paths)
         all.push_back(parse(path));
     const zel::ref_ptr<FrameTranspose> transpose(new FrameTranspose(false));
     std::vector<FrameTranspose::Track*> tracks;
+    tracks.reserve(all.size());
     for (const Wanted& wanted : all)
         tracks.push_back(wanted.attribute.empty()
                              ? static_cast<FrameTranspose::Track*>(transpose->registerTrack(wanted.path))
