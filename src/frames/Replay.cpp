@@ -62,6 +62,7 @@ double Replay::stampOf(uint64 index) const {
 
 /// @param index  of a frame that there is
 void Replay::show(uint64 index) {
+    const zel::ref_ptr<Replay> keep(referenceCount() > 0 ? this : nullptr); // callbacks may let go of it
     const bool follows = m_isInOrder && index == neighbour(1);
     m_isInOrder = false; // until all of it is applied
     if (follows)
@@ -145,6 +146,7 @@ uint64 Replay::refresh() {
 // Playing
 
 bool Replay::update(double seconds) {
+    const zel::ref_ptr<Replay> keep(referenceCount() > 0 ? this : nullptr);
     const zel::int64 direction = m_rate < 0 ? -1 : 1;
     const bool isWaiting = m_follow && direction > 0 && !isClosed();
     if (std::isinf(m_rate) || m_frame == InvalidIndex)
@@ -175,6 +177,7 @@ bool Replay::update(double seconds) {
 }
 
 void Replay::play(const std::function<bool()>& goesOn) {
+    const zel::ref_ptr<Replay> keep(referenceCount() > 0 ? this : nullptr);
     using Clock = std::chrono::steady_clock;
     const auto secondsBetween = [](Clock::time_point from, Clock::time_point to) {
         return std::chrono::duration<double>(to - from).count();

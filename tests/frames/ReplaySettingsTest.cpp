@@ -2,6 +2,7 @@
 
 #include <zelData/Replay.h>
 
+#include <limits>
 #include <string>
 
 using zel::ref_ptr;
@@ -75,6 +76,28 @@ TEST_F(ReplaySettingsTest, BindingsThatComeLaterFindAllThatIsTheirs) {
     replay->addDataBinding("still3", false);
     ASSERT_TRUE(replay->next());
     EXPECT_EQ(dynamic_cast<zelData::ValueT<double>&>(*fresh.root->getResource("still3")).get(), 1.5);
+}
+
+TEST_F(ReplaySettingsTest, ApplyEventsMayLetGoOfTheReplay) {
+    const QuietRun quiet;
+    record(quiet, 4);
+    const QuietRun fresh;
+    ref_ptr<Replay> replay(new Replay(path(), fresh.root.get()));
+    const auto letGoAt = [&](uint64 frame) {
+        replay->applyEvent.connect([&replay, frame](Replay* playing) {
+            if (playing->getFrame() == frame)
+                replay = nullptr;
+        });
+    };
+    letGoAt(2);
+    EXPECT_TRUE(replay->jumpToFrame(2));
+    EXPECT_FALSE(replay);
+    replay = new Replay(path(), fresh.root.get());
+    replay->setRate(std::numeric_limits<double>::infinity());
+    letGoAt(3);
+    replay->play(); // goes on to the end all the same
+    EXPECT_FALSE(replay);
+    EXPECT_EQ(fresh.clock->getFrame(), 4U);
 }
 
 } // namespace
