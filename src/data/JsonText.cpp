@@ -39,8 +39,10 @@ std::size_t skipOther(std::string_view text, std::size_t at) {
     }
     if (text.substr(at, 2) == "//")
         return text.find_first_of("\r\n", at);
-    if (text.substr(at, 2) == "/*")
-        return text.find("*/", at + 2);
+    if (text.substr(at, 2) == "/*") {
+        const std::size_t end = text.find("*/", at + 2);
+        return end == std::string_view::npos ? end : end + 2;
+    }
     return at + 1;
 }
 
