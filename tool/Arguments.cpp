@@ -86,6 +86,15 @@ std::string toText(double number) {
     return {text.data(), std::to_chars(text.data(), text.data() + text.size(), number).ptr};
 }
 
+std::string printable(const std::string& text, const std::string& kept) {
+    std::string shown;
+    for (const char c : text) {
+        const bool isControl = static_cast<unsigned char>(c) < 32 || c == 127;
+        shown += isControl && kept.find(c) == std::string::npos ? '?' : c;
+    }
+    return shown;
+}
+
 void flushOutput() {
     if (!std::cout.flush())
         throw std::runtime_error("could not write to the standard output");

@@ -99,6 +99,8 @@ int runModel(const Arguments& arguments);
 [[nodiscard]] double parseReal(const std::string& name, const std::string& text);
 /// As few digits as tell it apart from all others.
 [[nodiscard]] std::string toText(double number);
+/// A text of a file, without what a terminal would obey: control characters but for those that are kept.
+[[nodiscard]] std::string printable(const std::string& text, const std::string& kept = {});
 /// Throws if what was printed has not arrived: a full disk, or a closed pipe.
 void flushOutput();
 

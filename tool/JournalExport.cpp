@@ -113,7 +113,8 @@ int exportSeries(const Arguments& arguments) {
     paths.erase(paths.begin());
     zelData::PlainJournal journal(file);
     for (const auto& fault : journal.getFaults())
-        std::cerr << "zel: " << file << ", at offset " << fault.offset << ": " << fault.text << '\n';
+        std::cerr << "zel: " << file << ", at offset " << fault.offset << ": " << printable(fault.text)
+                  << '\n';
     const SeriesTable table(journal, paths);
 
     std::ofstream output;

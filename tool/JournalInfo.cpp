@@ -17,8 +17,8 @@ using zelData::PlainJournal;
 
 int tellFaults(const PlainJournal& journal) {
     for (const PlainJournal::Fault& fault : journal.getFaults())
-        std::cerr << "zel: " << journal.getPath() << ", at offset " << fault.offset << ": " << fault.text
-                  << '\n';
+        std::cerr << "zel: " << journal.getPath() << ", at offset " << fault.offset << ": "
+                  << printable(fault.text) << '\n';
     return journal.getFaults().empty() ? Done : Differs;
 }
 
@@ -45,11 +45,11 @@ void printText(const Json::Value& info) {
         if (info[name].isObject()) {
             std::cout << name << ":\n";
             for (const std::string& key : info[name].getMemberNames())
-                std::cout << "    " << key << ": " << info[name][key].asString() << '\n';
+                std::cout << "    " << key << ": " << printable(info[name][key].asString(), "\n\t") << '\n';
         } else if (info[name].isArray()) {
             std::cout << name << ":\n";
             for (const Json::Value& entry : info[name])
-                std::cout << "    " << entry.asString() << '\n';
+                std::cout << "    " << printable(entry.asString()) << '\n';
         }
 }
 
@@ -130,9 +130,9 @@ int printInfo(const Arguments& arguments) {
     }
     std::cout << "file: " << journal.getPath() << "\nsize: " << sizeOf(journal.getFileSize()) << '\n';
     if (info.isMember("session")) {
-        std::cout << "session: " << info["session"].asString() << (journal.isClosed() ? "" : ", never closed")
-                  << "\nrecorded: " << info["date"].asString() << ", by version "
-                  << info["version"].asString()
+        std::cout << "session: " << printable(info["session"].asString())
+                  << (journal.isClosed() ? "" : ", never closed") << "\nrecorded: " << info["date"].asString()
+                  << ", by version " << printable(info["version"].asString())
                   << "\ncomputation time: " << toText(info["computationTime"].asDouble()) << " s\n";
     } else {
         std::cout << "session: none that can be read\n";

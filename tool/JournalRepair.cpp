@@ -18,7 +18,7 @@ namespace {
 
 void printFaults(const std::vector<PlainJournal::Fault>& faults) {
     for (const PlainJournal::Fault& fault : faults)
-        std::cout << "  at offset " << fault.offset << ": " << fault.text << '\n';
+        std::cout << "  at offset " << fault.offset << ": " << printable(fault.text) << '\n';
 }
 
 /// "0 to 4, 6, 8 to 9".
@@ -71,11 +71,12 @@ int recover(const Arguments& arguments) {
         std::cout << counted(report.missingFrames.size(), "frame")
                   << " missing of which a record was found:\n";
     for (const PlainJournal::MissingFrame& frame : report.missingFrames)
-        std::cout << "  " << frame.index << ", at offset " << frame.offset << ": " << frame.reason << '\n';
+        std::cout << "  " << frame.index << ", at offset " << frame.offset << ": " << printable(frame.reason)
+                  << '\n';
     if (!report.gaps.empty())
         std::cout << "Bytes that were left out:\n";
     for (const PlainJournal::Gap& gap : report.gaps)
-        std::cout << "  " << gap.begin << " to " << gap.end << ": " << gap.reason << '\n';
+        std::cout << "  " << gap.begin << " to " << gap.end << ": " << printable(gap.reason) << '\n';
     if (!report.faults.empty()) {
         std::cout << counted(report.faults.size(), "fault") << " of " << words[0] << ":\n";
         printFaults(report.faults);

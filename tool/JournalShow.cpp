@@ -21,14 +21,6 @@ using Node = PlainFrame::Node;
 
 namespace {
 
-/// Control characters would spoil the terminal.
-std::string printable(const std::string& text) {
-    std::string shown;
-    for (const char c : text)
-        shown += static_cast<unsigned char>(c) < 32 || c == 127 ? '?' : c;
-    return shown;
-}
-
 std::string describe(const Node& node) {
     std::string format = printable(node.format.str());
     const std::string count = "[" + std::to_string(node.numElements) + "]";

@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
         result = runTool({argv + 1, argv + argc});
         tool::flushOutput();
     } catch (const std::exception& error) {
-        std::cerr << "zel: " << error.what() << '\n';
+        std::cerr << "zel: " << tool::printable(error.what(), "\n\t") << '\n';
         result = tool::Failed;
     }
     zelCore::shutdown();

@@ -111,6 +111,10 @@ scene: 7 bytes
 extra data:
     seed: 42
 """)
+    content = pathlib.Path(path).read_bytes()
+    pathlib.Path("loud").write_bytes(content.replace(b">drive<", b">\x1b[2J\x07<").replace(b">42<", b">\x1b2<"))
+    told = zel("journal", "info", "loud")
+    assert "session: ?[2J?\n" in told and "\n    seed: ?2\n" in told, told
     told = json.loads(zel("journal", "info", path, "--json"))
     assert told["numFrames"] == 10 and told["numKeyFrames"] == 3 and told["closed"] is True, told
     assert told["extraData"] == {"seed": "42"} and "faults" not in told, told
