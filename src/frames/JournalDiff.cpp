@@ -75,7 +75,9 @@ public:
         const auto& a = first.getRecord();
         const auto& b = second.getRecord();
         m_difference.frame = a.index;
-        if (!(std::abs(a.timeStamp - b.timeStamp) <= m_tolerance))
+        const bool isSame =
+            a.timeStamp == b.timeStamp || (std::isnan(a.timeStamp) && std::isnan(b.timeStamp));
+        if (!isSame && !(std::abs(a.timeStamp - b.timeStamp) <= m_tolerance))
             return tell({}, "time " + text(a.timeStamp), "time " + text(b.timeStamp));
         const NodesByPath firstNodes = gather(first, m_maxBytes);
         const NodesByPath secondNodes = gather(second, m_maxBytes);

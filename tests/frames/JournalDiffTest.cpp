@@ -2,6 +2,9 @@
 
 #include <zelData/JournalDiff.h>
 
+#include <cmath>
+#include <limits>
+
 using zel::ref_ptr;
 using zel::uint64;
 using zelData::diffJournals;
@@ -50,6 +53,19 @@ TEST_F(JournalDiffTest, EqualJournalsDoNotDiffer) {
     EXPECT_EQ(told(difference), "none");
     EXPECT_EQ(difference.numFrames, 2U);
     EXPECT_EQ(difference.frame, zel::InvalidIndex);
+}
+
+TEST_F(JournalDiffTest, TimesThatAreNoNumbersDoNotDifferFromThemselves) {
+    for (const double time : {std::numeric_limits<double>::infinity(), std::nan("")}) {
+        std::filesystem::remove(path());
+        ref_ptr<Frame> frame(new Frame(0, time, 0.5));
+        frame->setKeyFrame(true);
+        put({frame}, directory.path("a"));
+        for (const double tolerance : {0.0, 1.0}) {
+            EXPECT_EQ(told(diffJournals(directory.path("a"), directory.path("a"), tolerance)), "none");
+        }
+    }
+    EXPECT_TRUE(diff({frameWith(0, 1, {1})}, {frameWith(0, 2, {1})}).isDifferent);
 }
 
 TEST_F(JournalDiffTest, TheFirstDifferenceIsTold) {
