@@ -1,3 +1,5 @@
+#include "data/JsonText.h"
+
 #include <zel/Component.h>
 #include <zel/Log.h>
 #include <zel/String.h>
@@ -150,8 +152,7 @@ bool JournalArchive::Session::retrieveExtraDataAsJSon(const zel::String& key, Js
     Json::Value json;
     try {
         const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (text.empty() || !reader->parse(text.data(), text.data() + text.size(), &json, nullptr) ||
-            !json.isObject() || !json.isMember("value"))
+        if (text.empty() || !readJson(*reader, text, json) || !json.isObject() || !json.isMember("value"))
             return false;
     } catch (const Json::Exception&) { // nested too deep
         return false;

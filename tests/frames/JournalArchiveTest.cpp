@@ -3,6 +3,7 @@
 #include <zelCore/Version.h>
 
 #include <json/value.h>
+#include <support/CommaStreams.h>
 
 #include <regex>
 
@@ -139,6 +140,12 @@ TEST_F(JournalArchiveTest, ExtraDataMayBeJson) {
     Json::Value read;
     EXPECT_TRUE(session->retrieveExtraDataAsJSon("key", read));
     EXPECT_EQ(read, value);
+    {
+        const zelTest::CommaStreams comma;
+        session->recordExtraData("real", R"({"value": 1.5})");
+        EXPECT_TRUE(session->retrieveExtraDataAsJSon("real", read));
+        EXPECT_EQ(read.asDouble(), 1.5);
+    }
     EXPECT_FALSE(session->retrieveExtraDataAsJSon("other", read));
     const std::string deep(2000, '[');
     for (const char* text : {"no json", "[1]", "{}", deep.c_str()}) {
