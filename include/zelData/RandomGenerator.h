@@ -16,9 +16,12 @@ namespace zelData {
 ///     std::normal_distribution<double> speed(0, 1);
 ///     const double v = speed(*generator);
 ///
-/// In a model file it is the element <RandomGenerator name="random" seed="42"/>. A distribution that keeps a
-/// number for the next call, as the one above does, is a state of its own: make it anew for each draw, or
-/// call its reset().
+/// In a model file it is an element:
+///
+///     <RandomGenerator name="random" seed="42"/>
+///
+/// A distribution that keeps a number for the next call, as the one above does, is a state of its own: make
+/// it anew for each draw, or call its reset().
 ///
 /// Owned through ref_ptr.
 /// @threads external lock

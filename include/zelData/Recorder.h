@@ -15,6 +15,7 @@
 #include <zelData/FrameCapture.h>
 #include <zelData/FrameIO.h>
 
+#include <exception>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -176,6 +177,7 @@ private:
     /// The last journal of the series that is there.
     [[nodiscard]] zel::uint64 lastOfSeries() const;
     void openJournal(bool resume);
+    [[nodiscard]] std::exception_ptr endTrack();
     void closeJournal();
     void goBack(FileJournal::Session* session) const;
     void capture();
@@ -218,8 +220,8 @@ private:
     zel::uint64 m_journalNumber = 0;
     zel::String m_presentJournal;
     zel::uint64 m_journalBytes = 0;
-    double m_journalStart = 0; // simulation time
-    zel::uint64 m_lastIndex = 0;
+    double m_journalStart = 0;   // simulation time
+    zel::uint64 m_lastIndex = 0; // of the frame captured last; once a journal is closed, written last
     zel::uint64 m_lastBytes = 0;
     zel::uint64 m_numFrames = 0;
     zel::uint64 m_numKeyFrames = 0;

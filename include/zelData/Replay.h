@@ -16,6 +16,7 @@
 #include <zelData/FileJournal.h>
 #include <zelData/FrameApply.h>
 
+#include <cmath>
 #include <functional>
 #include <memory>
 
@@ -106,8 +107,8 @@ public:
     // Playing
 
     /// How many seconds of simulation time go by in one second; below 0 it plays backwards, and an infinite
-    /// rate takes one frame after another. Finite and 0 for a halt. 1 at first.
-    void setRate(double rate) noexcept { m_rate = rate; }
+    /// rate takes one frame after another. 0, and what is no number, for a halt. 1 at first.
+    void setRate(double rate) noexcept { m_rate = std::isnan(rate) ? 0 : rate; }
     [[nodiscard]] double getRate() const noexcept { return m_rate; }
     /// Whether to wait at the end of a journal that is not closed, for frames that are still to come.
     void setFollow(bool follow) noexcept { m_follow = follow; }

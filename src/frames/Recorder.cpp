@@ -279,13 +279,23 @@ void Recorder::openJournal(bool resume) {
     ++m_numJournals;
 }
 
+/// @return what has kept frames out of the journal
+std::exception_ptr Recorder::endTrack() {
+    const zel::ref_ptr<Track> track = std::exchange(m_track, nullptr);
+    if (!track)
+        return {};
+    track->stop();
+    const auto* session =
+        FileJournal::downcastSession(static_cast<const Writer*>(track->getOutput())->getSession());
+    if (!session->getFrameTable().empty())
+        m_lastIndex = session->getFrameTable().back().index; // and not what was captured last
+    return track->getException();
+}
+
 void Recorder::closeJournal() {
-    if (const zel::ref_ptr<Track> track = std::exchange(m_track, nullptr)) {
-        track->stop();
-        const std::exception_ptr failure = track->getException();
-        if (failure && m_message.empty())
-            endWith(whatOf(failure));
-    }
+    const std::exception_ptr failure = endTrack();
+    if (failure && m_message.empty())
+        endWith(whatOf(failure));
 }
 
 // Running
@@ -426,6 +436,7 @@ void Recorder::capture() {
 }
 
 void Recorder::endWith(const zel::String& message) {
+    (void)endTrack();
     m_message = zel::String::format("The recording to '%s' has ended behind frame %llu: %s",
                                     m_presentJournal.c_str(),
                                     static_cast<unsigned long long>(m_lastIndex),

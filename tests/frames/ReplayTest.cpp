@@ -171,9 +171,11 @@ TEST_F(ReplayTest, UpdatesKeepThePaceOfTheWall) {
     replay->setRate(2);
     EXPECT_TRUE(replay->update(0.2)); // 0.51: passes over three
     EXPECT_EQ(replay->getFrame(), 5U);
-    replay->setRate(0);
-    EXPECT_TRUE(replay->update(1000));
-    EXPECT_EQ(replay->getFrame(), 5U);
+    for (const double halt : {0.0, std::numeric_limits<double>::quiet_NaN()}) {
+        replay->setRate(halt);
+        EXPECT_TRUE(replay->update(1000));
+        EXPECT_EQ(replay->getFrame(), 5U);
+    }
     replay->setRate(-1);
     EXPECT_TRUE(replay->update(0.25)); // 0.26
     EXPECT_EQ(replay->getFrame(), 3U);
