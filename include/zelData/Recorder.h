@@ -127,6 +127,8 @@ public:
     /// Has each frame on the disk, and not only with the system, before the next one is written: for those
     /// who fear for the machine, and not only for the process.
     void setSync(bool sync) noexcept { m_sync = sync; }
+    /// As FileFrameWriter::setChecksums: `zel journal verify` then finds bytes that have changed, too.
+    void setChecksums(bool flag) noexcept { m_writesChecksums = flag; }
     void setFreeSpace(FreeSpace freeSpace) { m_freeSpace = std::move(freeSpace); }
 
     // Running
@@ -197,6 +199,7 @@ private:
     bool m_resume = false;
     bool m_replace = false;
     bool m_sync = false;
+    bool m_writesChecksums = false;
     zel::uint64 m_maxJournalBytes = 0;
     double m_maxJournalTime = 0;
     zel::uint64 m_budget = DefaultBudget;

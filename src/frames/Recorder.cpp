@@ -270,6 +270,7 @@ void Recorder::openJournal(bool resume) {
         session->packSceneData(scene);
     }
     const zel::ref_ptr<Writer> writer(new Writer(journal.get(), session, m_sync));
+    writer->setChecksums(m_writesChecksums);
     m_track = new Track(nullptr, writer.get());
     m_track->setFrameStride(m_stride);
     m_track->setMaxNumBytes(m_budget);

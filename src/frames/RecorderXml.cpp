@@ -76,6 +76,8 @@ void Recorder::configure(TiXmlElement* element) {
         m_replace = zel::parseAttribute<bool>(element, "replace");
     if (has("sync"))
         m_sync = zel::parseAttribute<bool>(element, "sync");
+    if (has("checksums"))
+        m_writesChecksums = zel::parseAttribute<bool>(element, "checksums");
     m_bindings->loadDataBindings(element);
     m_startsByItself = !has("enable") || zel::parseAttribute<bool>(element, "enable");
     demandRebind();

@@ -80,7 +80,7 @@ constexpr KnownTag KnownTags[] = {
     {"RandomGenerator", "name seed"},
     {"Recorder",
      "name clock journal root condition keyFrameInterval stride start end budget maxJournalBytes "
-     "maxJournalTime minFreeBytes resume replace sync enable"},
+     "maxJournalTime minFreeBytes resume replace sync checksums enable"},
     {"DataBinding", "path internal external recursive"},
 };
 

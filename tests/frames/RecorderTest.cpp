@@ -1,6 +1,7 @@
 #include "RunFixture.h"
 
 #include <zelCore/Version.h>
+#include <zelData/JournalCheck.h>
 
 #include <json/reader.h>
 #include <json/value.h>
@@ -52,6 +53,21 @@ TEST_F(RecorderTest, FrameZeroIsTheInitialStateAndEachTickAddsOne) {
     EXPECT_GT(recorder->getCaptureSeconds(), 0.0);
     EXPECT_EQ(recorder->getMessage(), "");
     EXPECT_FALSE(recorder->isRecording());
+}
+
+TEST_F(RecorderTest, ChecksumsAreThoseOfTheJournalThatIsThere) {
+    for (const bool flag : {true, false}) {
+        prepare();
+        recorder->setReplace(true);
+        recorder->setChecksums(flag);
+        start();
+        run->tick(3);
+        recorder->stop();
+        const zelData::JournalReport report = zelData::verifyJournal(path());
+        EXPECT_TRUE(report.isWhole());
+        EXPECT_EQ(report.numFrames, 4U);
+        EXPECT_EQ(report.totals.numSums, flag ? 4U : 0U);
+    }
 }
 
 TEST_F(RecorderTest, OneLineRecordsWhatLiesBelowAComponent) {

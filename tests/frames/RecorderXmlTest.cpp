@@ -7,6 +7,8 @@
 #include <support/LogCapture.h>
 #include <support/WhatOf.h>
 
+#include <filesystem>
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using zel::ref_ptr;
@@ -78,8 +80,10 @@ TEST_F(RecorderXmlTest, AnElementRecordsItsComponentFromTheFirstTickOn) {
 
 TEST_F(RecorderXmlTest, AttributesAreSettings) {
     load(element("stride='2' start='0.2' end='0.6' condition='flag' keyFrameInterval='2' budget='1000' "
-                 "minFreeBytes='1' sync='true' maxJournalTime='0.4'"));
+                 "minFreeBytes='1' sync='true' maxJournalTime='0.4' checksums='true'"));
+    EXPECT_FALSE(std::filesystem::exists(path() + ".sums"));
     tick(8);
+    EXPECT_TRUE(std::filesystem::exists(path() + ".sums"));
     EXPECT_EQ(loaded().getNumFrames(), 3U); // 2, 4, 6
     EXPECT_EQ(loaded().getNumJournals(), 2U);
     EXPECT_THAT(recorded(), ElementsAre(2, 4));
