@@ -25,7 +25,7 @@ Arguments::Arguments(const std::vector<Option>& options, const std::vector<std::
             options.begin(), options.end(), [&](const Option& each) { return each.name == name; });
         if (option == options.end())
             throw UsageError("unknown option " + name);
-        if (option->placeholder == nullptr) {
+        if (option->valueName == nullptr) {
             if (equals != std::string::npos)
                 throw UsageError(name + " takes no value");
             m_values[name].emplace_back();

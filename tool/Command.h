@@ -30,8 +30,8 @@ public:
 };
 
 struct Option {
-    const char* name;        ///< with its dashes
-    const char* placeholder; ///< of its value; null for one without
+    const char* name;      ///< with its dashes
+    const char* valueName; ///< what the help calls its value; null for one without
     const char* help;
 };
 

@@ -45,7 +45,7 @@ std::string wrap(const std::string& text, std::size_t indentation, std::size_t w
 }
 
 std::string nameOf(const Option& option) {
-    return option.placeholder == nullptr ? option.name : std::string(option.name) + " " + option.placeholder;
+    return option.valueName == nullptr ? option.name : std::string(option.name) + " " + option.valueName;
 }
 
 /// For a line of the manual: what it would take for a command, or for markup, is escaped.
