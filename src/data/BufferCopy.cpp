@@ -1,4 +1,5 @@
 #include "RestoreContent.h"
+#include "ScatterElements.h"
 
 #include <zel/Verify.h>
 #include <zelData/ArrayFormat.h>
@@ -31,23 +32,6 @@ void verifyRange(const Buffer* buffer, uint64 offset, uint64 n) {
                offset,
                offset + n,
                buffer->size());
-}
-
-/// Target element indices[i] takes source element i; the size of the elements is known to the compiler.
-template <uint64 Size>
-void scatter(char* target, const char* source, const Array<uint32>& indices) {
-    for (const uint32 index : indices) {
-        std::memcpy(target + uint64{index} * Size, source, Size);
-        source += Size;
-    }
-}
-
-void scatter(char* target, const char* source, const Array<uint32>& indices, const Format* format) {
-    const uint64 size = format->getSize();
-    for (const uint32 index : indices) {
-        format->copyElement(target + index * size, source);
-        source += size;
-    }
 }
 
 } // namespace
@@ -95,30 +79,8 @@ void Buffer::copyGather(Buffer* target, const Buffer* source, const Array<uint32
 void Buffer::copyScatter(Buffer* target, const Buffer* source, const Array<uint32>& indices) {
     verifySameFormat(target, source);
     verifyRange(source, 0, indices.size());
-    char* const to = target->data<char>();
-    const char* const from = source->data<char>();
-    switch (target->m_plain ? target->m_elementSize : 0) {
-    case 1:
-        scatter<1>(to, from, indices);
-        break;
-    case 2:
-        scatter<2>(to, from, indices);
-        break;
-    case 4:
-        scatter<4>(to, from, indices);
-        break;
-    case 8:
-        scatter<8>(to, from, indices);
-        break;
-    case 16:
-        scatter<16>(to, from, indices);
-        break;
-    case 32:
-        scatter<32>(to, from, indices);
-        break;
-    default:
-        scatter(to, from, indices, target->getFormat());
-    }
+    scatterElements(
+        target->m_ptr, source->m_ptr, indices.data(), indices.size(), target->getFormat(), target->m_plain);
     target->commit(indices);
 }
 

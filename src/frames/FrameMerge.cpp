@@ -1,6 +1,7 @@
 #include "FrameNames.h"
 #include "FrameOverlay.h"
 #include "FrameWalk.h"
+#include "data/ScatterElements.h"
 
 #include <zel/Exception.h>
 #include <zel/HashSet.h>
@@ -13,8 +14,6 @@
 #include <zelData/Frame.h>
 #include <zelData/FrameNodes.h>
 #include <zelData/Value.h>
-
-#include <cstring>
 
 // One frame applied onto another.
 
@@ -48,39 +47,6 @@ const Format* formatOf(const zel::Object* node) {
     return buffer == nullptr ? nullptr : buffer->getFormat();
 }
 
-template <zel::uint64 Size>
-void copyElements(void* target, const zel::uint64* places, const void* source, zel::uint64 count) {
-    auto* const to = static_cast<char*>(target);
-    const auto* const from = static_cast<const char*>(source);
-    for (zel::uint64 i = 0; i < count; ++i)
-        std::memcpy(to + places[i] * Size, from + i * Size, Size);
-}
-
-/// Copies plain elements to their places.
-/// @return false, with nothing done, for a size that is rare
-bool copyWords(
-    void* target, const zel::uint64* places, const void* source, zel::uint64 count, zel::uint64 size) {
-    switch (size) {
-    case 1:
-        copyElements<1>(target, places, source, count);
-        return true;
-    case 4:
-        copyElements<4>(target, places, source, count);
-        return true;
-    case 8:
-        copyElements<8>(target, places, source, count);
-        return true;
-    case 16:
-        copyElements<16>(target, places, source, count);
-        return true;
-    case 32:
-        copyElements<32>(target, places, source, count);
-        return true;
-    default:
-        return false;
-    }
-}
-
 } // namespace
 
 void scatter(const Frame::PartialBuffer* source, Buffer* target) {
@@ -91,11 +57,12 @@ void scatter(const Frame::PartialBuffer* source, Buffer* target) {
     for (zel::uint64 i = 0; i < data->size(); ++i)
         if (index[i] >= target->size())
             target->resize(index[i] == zel::InvalidIndex ? index[i] : index[i] + 1);
-    const bool isPlain = target->hasPlainElements() && data->hasPlainElements();
-    if (!isPlain ||
-        !copyWords(target->getPtr(), index, data->getPtr(), data->size(), target->getElementSize()))
-        for (zel::uint64 i = 0; i < data->size(); ++i)
-            target->getFormat()->copyElement(target->getElement(index[i]), data->getElement(i));
+    scatterElements(target->getPtr(),
+                    data->getPtr(),
+                    index,
+                    data->size(),
+                    target->getFormat(),
+                    target->hasPlainElements() && data->hasPlainElements());
     target->commit();
 }
 
