@@ -22,7 +22,7 @@ using zel::uint64;
 int flagsOf(DiskFile::Mode mode) {
     switch (mode) {
     case DiskFile::Mode::Read:
-        return O_RDONLY;
+        return O_RDONLY | O_NONBLOCK; // a pipe that nobody writes would wait for ever
     case DiskFile::Mode::ReadWrite:
         return O_RDWR;
     case DiskFile::Mode::Create:

@@ -70,6 +70,14 @@ TEST_F(FileJournalDamageTest, AClosedSessionIsReadWithoutAWordWhateverFollows) {
     EXPECT_EQ(log.text(), "");
 }
 
+TEST_F(FileJournalDamageTest, APipeIsNoJournalAndNobodyWaitsForIt) {
+    ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+    for (const FileJournal::OpenMode mode : {FileJournal::Strict, FileJournal::Tolerant})
+        EXPECT_EQ(whatOf([&] { const ref_ptr<FileJournal> pipe(new FileJournal(path(), mode)); }),
+                  "Failed to read journal header from '" + path() + "'.");
+    EXPECT_FALSE(FileJournal::isFileJournal(path()));
+}
+
 TEST_F(FileJournalDamageTest, ASessionThatWasNeverClosedIsRecovered) {
     make();
     beginWriting();
