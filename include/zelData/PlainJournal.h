@@ -115,6 +115,8 @@ private:
     [[noreturn]] static void fail(const FrameEntry& entry, const std::runtime_error& error);
     /// The place of the key frame that the frame builds on.
     [[nodiscard]] zel::size_t keyFrameOf(zel::size_t place) const;
+    [[nodiscard]] zel::ref_ptr<BinaryData>
+    readBlock(const char* what, zel::uint64 offset, zel::uint64 size) const;
     void readHeaders(Search search);
     void checkSession();
     [[nodiscard]] bool walk();

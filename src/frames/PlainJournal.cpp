@@ -155,24 +155,22 @@ bool PlainJournal::walk() {
     return isWhole;
 }
 
-zel::ref_ptr<BinaryData> PlainJournal::readHeader(const FrameEntry& entry) const {
-    const uint64 size = entry.record.headerSize;
-    if (entry.offset > m_fileSize || size > m_fileSize - entry.offset)
-        throw std::runtime_error("the file ends within the header of a frame");
+zel::ref_ptr<BinaryData> PlainJournal::readBlock(const char* what, uint64 offset, uint64 size) const {
+    if (offset > m_fileSize || size > m_fileSize - offset)
+        throw std::runtime_error(zel::String("the file ends within the ") + what + " of a frame");
     zel::ref_ptr<BinaryData> block(new BinaryData(size));
-    if (!m_file->readAt(entry.offset, block->getData(), size))
-        throw std::runtime_error("the header of a frame can not be read: " + m_file->getReason());
+    if (!m_file->readAt(offset, block->getData(), size))
+        throw std::runtime_error(zel::String("the ") + what +
+                                 " of a frame can not be read: " + m_file->getReason());
     return block;
 }
 
+zel::ref_ptr<BinaryData> PlainJournal::readHeader(const FrameEntry& entry) const {
+    return readBlock("header", entry.offset, entry.record.headerSize);
+}
+
 zel::ref_ptr<BinaryData> PlainJournal::readSegment(const FrameEntry& entry) const {
-    const uint64 size = entry.record.dataSize;
-    if (entry.dataOffset > m_fileSize || size > m_fileSize - entry.dataOffset)
-        throw std::runtime_error("the file ends within the data of a frame");
-    zel::ref_ptr<BinaryData> block(new BinaryData(size));
-    if (!m_file->readAt(entry.dataOffset, block->getData(), size))
-        throw std::runtime_error("the data of a frame can not be read: " + m_file->getReason());
-    return block;
+    return readBlock("data", entry.dataOffset, entry.record.dataSize);
 }
 
 PlainFrame PlainJournal::read(const FrameEntry& entry, bool withData, PlainFrame::Names& names) const {

@@ -27,25 +27,34 @@ constexpr const char* RealFormat = "Real:64bit";
 constexpr const char* NumberFormat = "UInt:64bit";
 constexpr const char* FlagFormat = "UInt:8bit";
 
-zel::ref_ptr<Buffer> makeColumn(const char* name, const char* format, uint64 numRows) {
-    zel::ref_ptr<Buffer> column(new Buffer(zel::Name(name), getFormat(format)));
-    column->setId(Frame::NoId); // and not that of the object, so that equal runs have equal bytes
-    column->resize(numRows);
-    return column;
-}
+/// Columns that are filled row by row.
+class Table {
+public:
+    explicit Table(uint64 numRows) : m_numRows(numRows) {}
 
-/// A column that is filled row by row.
+    zel::ref_ptr<Buffer> add(const char* name, const char* format) {
+        zel::ref_ptr<Buffer> column(new Buffer(zel::Name(name), getFormat(format)));
+        column->setId(Frame::NoId); // and not that of the object, so that equal runs have equal bytes
+        column->resize(m_numRows);
+        m_columns.push_back(column);
+        return column;
+    }
+    [[nodiscard]] const zel::Vector<zel::ref_ptr<Buffer>>& columns() const { return m_columns; }
+
+private:
+    uint64 m_numRows;
+    zel::Vector<zel::ref_ptr<Buffer>> m_columns;
+};
+
 template <typename T>
 class ColumnOf {
 public:
-    ColumnOf(const char* name, const char* format, uint64 numRows)
-        : m_buffer(makeColumn(name, format, numRows)) {}
-    void push(const T& element) { m_buffer->data<T>()[m_row++] = element; }
-    [[nodiscard]] const zel::ref_ptr<Buffer>& buffer() const { return m_buffer; }
+    ColumnOf(Table& table, const char* name, const char* format)
+        : m_head(table.add(name, format)->data<T>()) {}
+    void push(const T& element) { *m_head++ = element; }
 
 private:
-    zel::ref_ptr<Buffer> m_buffer;
-    uint64 m_row = 0;
+    T* m_head;
 };
 
 bool isEqual(const Buffer* a, const Buffer* b) {
@@ -173,14 +182,15 @@ void RunStateWriter::addClocks(Frame* frame) {
     const uint64 n = m_clocks.size();
     if (n == 0)
         return;
-    ColumnOf<zel::String> paths("path", TextFormat, n);
-    ColumnOf<double> times("time", RealFormat, n);
-    ColumnOf<uint64> frames("frame", NumberFormat, n);
-    ColumnOf<double> frequencies("frequency", RealFormat, n);
-    ColumnOf<double> modulations("timeModulation", RealFormat, n);
-    ColumnOf<uint8> enabled("enabled", FlagFormat, n);
-    ColumnOf<uint8> joined("joined", FlagFormat, n);
-    ColumnOf<uint64> counts("numEvents", NumberFormat, n);
+    Table table(n);
+    ColumnOf<zel::String> paths(table, "path", TextFormat);
+    ColumnOf<double> times(table, "time", RealFormat);
+    ColumnOf<uint64> frames(table, "frame", NumberFormat);
+    ColumnOf<double> frequencies(table, "frequency", RealFormat);
+    ColumnOf<double> modulations(table, "timeModulation", RealFormat);
+    ColumnOf<uint8> enabled(table, "enabled", FlagFormat);
+    ColumnOf<uint8> joined(table, "joined", FlagFormat);
+    ColumnOf<uint64> counts(table, "numEvents", NumberFormat);
     for (const zel::observer_ptr<Clock>& clock : m_clocks) {
         paths.push(clock->getPath(m_root.get()).str());
         times.push(clock->getTime());
@@ -191,14 +201,7 @@ void RunStateWriter::addClocks(Frame* frame) {
         joined.push(clock->hasJoinedMaster() ? 1 : 0);
         counts.push(clock->getEvents().size());
     }
-    for (const zel::ref_ptr<Buffer>& column : {paths.buffer(),
-                                               times.buffer(),
-                                               frames.buffer(),
-                                               frequencies.buffer(),
-                                               modulations.buffer(),
-                                               enabled.buffer(),
-                                               joined.buffer(),
-                                               counts.buffer()})
+    for (const zel::ref_ptr<Buffer>& column : table.columns())
         add(frame, "clocks", column);
 }
 
@@ -208,15 +211,16 @@ void RunStateWriter::addEvents(Frame* frame) {
         n += clock->getEvents().size();
     if (n == 0)
         return; // which the clocks tell
-    ColumnOf<zel::String> names("name", TextFormat, n);
-    ColumnOf<uint64> numbers("number", NumberFormat, n);
-    ColumnOf<uint64> frames("dispatchFrame", NumberFormat, n);
-    ColumnOf<double> residuals("residual", RealFormat, n);
-    ColumnOf<uint8> scheduled("scheduled", FlagFormat, n);
-    ColumnOf<double> intervals("interval", RealFormat, n);
-    ColumnOf<double> delays("startDelay", RealFormat, n);
-    ColumnOf<uint8> repeating("repeating", FlagFormat, n);
-    ColumnOf<uint8> enabled("enabled", FlagFormat, n);
+    Table table(n);
+    ColumnOf<zel::String> names(table, "name", TextFormat);
+    ColumnOf<uint64> numbers(table, "number", NumberFormat);
+    ColumnOf<uint64> frames(table, "dispatchFrame", NumberFormat);
+    ColumnOf<double> residuals(table, "residual", RealFormat);
+    ColumnOf<uint8> scheduled(table, "scheduled", FlagFormat);
+    ColumnOf<double> intervals(table, "interval", RealFormat);
+    ColumnOf<double> delays(table, "startDelay", RealFormat);
+    ColumnOf<uint8> repeating(table, "repeating", FlagFormat);
+    ColumnOf<uint8> enabled(table, "enabled", FlagFormat);
     for (const zel::observer_ptr<Clock>& clock : m_clocks) {
         const EventNames known(clock.get(), m_root.get());
         for (const Clock::EventState& state : clock->getSchedule()) {
@@ -232,15 +236,7 @@ void RunStateWriter::addEvents(Frame* frame) {
             enabled.push(state.event->isEnabled() ? 1 : 0);
         }
     }
-    for (const zel::ref_ptr<Buffer>& column : {names.buffer(),
-                                               numbers.buffer(),
-                                               frames.buffer(),
-                                               residuals.buffer(),
-                                               scheduled.buffer(),
-                                               intervals.buffer(),
-                                               delays.buffer(),
-                                               repeating.buffer(),
-                                               enabled.buffer()})
+    for (const zel::ref_ptr<Buffer>& column : table.columns())
         add(frame, "events", column);
 }
 
