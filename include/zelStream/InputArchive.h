@@ -1,0 +1,310 @@
+#pragma once
+
+#include <zel/HashTable.h>
+#include <zel/Name.h>
+#include <zel/Uuid.h>
+#include <zel/ref_ptr.h>
+#include <zelStream/Archive.h>
+#include <zelStream/ArchiveTypes.h>
+#include <zelStream/RestoreListener.h>
+#include <zelStream/Serializable.h>
+
+#include <iosfwd>
+#include <memory>
+#include <typeinfo>
+
+namespace zelStream {
+
+class StorageAgent;
+
+/// Restores what an OutputArchive stored, by the same sequence of operations, also what older versions of the
+/// library and machines of the other byte order stored.
+///
+///     InputArchive archive;
+///     archive.open(stream);
+///     zel::ref_ptr<Model> model;
+///     archive.read(model);
+///     archive.close();
+///
+/// The archive keeps each object that it made by reference alive until it is closed, so that nothing is lost
+/// when a later read throws. What a file says is checked ahead of use: a damaged one ends in an
+/// ArchiveException, and never takes more memory than a small multiple of its length.
+///
+/// In a stream that can be positioned the archive reads ahead, and `close` leaves the stream behind the last
+/// byte that was read; from another one it takes no byte more than it needs.
+/// @threads owner thread
+class ZEL_CORE_API InputArchive : public Archive {
+public:
+    enum class RestoreMode : zel::uint32 { Default = 0 };
+
+    /// A compile-time choice of the library that wrote the archive.
+    struct BuildFlag {
+        zel::String name;
+        bool isSet;
+    };
+
+    InputArchive();
+    /// Closes.
+    ~InputArchive() override;
+
+    /// Reads the header. Warns of an archive that a newer library wrote, or with changes that this one does
+    /// not know.
+    /// @throws ArchiveException if the archive is open, or the stream holds no archive; it is then closed
+    virtual void open(std::istream& stream);
+    /// Lets go of the stream and of the restored objects; those that nobody else holds are deleted.
+    virtual void close();
+    /// Whether nothing is left to read: the stream has ended, or, of XML, the open section.
+    [[nodiscard]] virtual bool isAtEnd();
+
+    // The header.
+
+    /// Packed by ZEL_CALC_VERSION.
+    [[nodiscard]] zel::uint32 getVersion() const noexcept { return m_version; }
+    [[nodiscard]] zel::uint8 getGenerationVersion() const noexcept {
+        return static_cast<zel::uint8>(m_version >> 24);
+    }
+    [[nodiscard]] zel::uint8 getMajorVersion() const noexcept {
+        return static_cast<zel::uint8>(m_version >> 16);
+    }
+    [[nodiscard]] zel::uint8 getMinorVersion() const noexcept {
+        return static_cast<zel::uint8>(m_version >> 8);
+    }
+    [[nodiscard]] zel::uint8 getPatchVersion() const noexcept { return static_cast<zel::uint8>(m_version); }
+    /// 0 for an archive that does not tell.
+    [[nodiscard]] zel::uint16 getSerializationVersion() const noexcept { return m_serializationVersion; }
+    [[nodiscard]] const zel::String& getRevision() const noexcept { return m_revision; }
+    [[nodiscard]] const zel::String& getAppName() const noexcept { return m_appName; }
+    [[nodiscard]] const zel::String& getBuildDate() const noexcept { return m_buildDate; }
+    [[nodiscard]] const zel::String& getBuildTime() const noexcept { return m_buildTime; }
+    [[nodiscard]] const zel::String& getArchiveDate() const noexcept { return m_archiveDate; }
+    /// In the order of the header; none for an archive that does not tell.
+    [[nodiscard]] const zel::Vector<BuildFlag>& getBuildFlags() const noexcept { return m_buildFlags; }
+    /// Whether the archive's byte order is that of the machine.
+    [[nodiscard]] bool getEndianMatch() const noexcept { return m_endianMatch; }
+    /// False for archives below serialization version 86.
+    [[nodiscard]] bool hasModification(const zel::String& hash) const override;
+    /// Sorted.
+    [[nodiscard]] zel::Vector<zel::String> getModifications() const;
+
+    // Values, in the order in which they were written. A read that throws leaves its argument alone, unless
+    // it is told otherwise.
+
+    template <ArchiveScalar T>
+    void read(T& value) {
+        readScalar(nullptr, &value, scalarFormOf<T>());
+    }
+    template <ArchiveScalar T>
+    void getAttribute(const char* name, T& value) {
+        readScalar(name, &value, scalarFormOf<T>());
+    }
+    void read(std::string& text) { readString(nullptr, text); }
+    void getAttribute(const char* name, std::string& text) { readString(name, text); }
+    void read(zel::Name& name);
+    void getAttribute(const char* name, zel::Name& text);
+    void read(zel::Uuid& uuid) { readUuid(nullptr, uuid); }
+    void getAttribute(const char* name, zel::Uuid& uuid) { readUuid(name, uuid); }
+    /// Bytes as they are; what is missing at the end of the stream is zero.
+    virtual void read(void* data, zel::size_t numBytes);
+
+    template <ArchiveComponents V>
+    void read(V& value) {
+        V read = value;
+        for (zel::size_t i = 0; i < NumArchiveComponents<V>; ++i)
+            readScalar(nullptr, read.data() + i, componentFormOf<V>());
+        value = read;
+    }
+    template <typename T>
+    void read(zel::AffineMatrix4x4T<T>& matrix) {
+        zel::Matrix4x4T<T> general;
+        read(general);
+        matrix = zel::AffineMatrix4x4T<T>(general);
+    }
+    void read(zel::SPDMatrix3x3& matrix);
+
+    /// A vector of float may be read as one of double and the other way round, also of their Vec of the same
+    /// dimension.
+    template <ArchiveVector Container>
+    void read(Container& values) {
+        using Element = std::remove_cvref_t<decltype(*values.data())>;
+        values.resize(0);
+        read_vector(VectorSink(
+                        [](void* container, zel::size_t n) -> void* {
+                            static_cast<Container*>(container)->resize(n);
+                            return static_cast<Container*>(container)->data();
+                        },
+                        &values),
+                    VectorElementOf<Element>::value);
+    }
+
+    // Objects.
+
+    /// Restores an object that was stored by reference; null for null. The archive holds it until it is
+    /// closed: the caller adopts it to keep it longer.
+    [[nodiscard]] Serializable* readObjectByRef();
+    /// Restores an object that was stored by value into one that exists.
+    /// @return false, with the object left alone, if serialization was off when it was stored
+    bool readObjectByVal(Serializable& object);
+    /// @throws ArchiveException naming both classes if the object is no T
+    template <typename T>
+    requires std::derived_from<T, Serializable>
+    void read(T*& object) { object = cast<T>(readObjectByRef()); }
+    template <typename T>
+    requires std::derived_from<T, Serializable>
+    void read(zel::ref_ptr<T>& object) { object = cast<T>(readObjectByRef()); }
+    /// Of an object by value.
+    bool read(Serializable& object) { return readObjectByVal(object); }
+    /// Reads into an existing object, stored by value, or by reference, which the object then stands for.
+    /// @param mode  ByReference or ByValue
+    void readVal(Serializable& object, StorageMode mode);
+    /// Reads what OutputArchive::writeDeferred wrote. The pointer is set at once if the object is known, and
+    /// else when the outermost object is complete: until then it has to stay where it is.
+    template <typename T>
+    requires std::derived_from<T, Serializable>
+    void readDeferred(T*& object) {
+        object = nullptr;
+        readDeferredInto(&object, [](InputArchive& archive, void* place, Serializable* restored) {
+            *static_cast<T**>(place) = archive.cast<T>(restored);
+        });
+    }
+    template <typename T>
+    requires std::derived_from<T, Serializable>
+    void readDeferred(zel::ref_ptr<T>& object) {
+        object = nullptr;
+        readDeferredInto(&object, [](InputArchive& archive, void* place, Serializable* restored) {
+            *static_cast<zel::ref_ptr<T>*>(place) = archive.cast<T>(restored);
+        });
+    }
+
+    /// @param agent  gets the class; left alone for null, and while an object by value is read
+    void readObjectHeader(StorageMode& mode, const StorageAgent*& agent);
+    void readTypeHeader(const StorageAgent*& agent);
+
+    /// Lets go of an object that was restored by reference: it is forgotten, and a later reference to it is
+    /// an error.
+    void removeObject(Serializable* object);
+    /// Sets the finished flag of an object, and tells the listeners of it.
+    void setFinished(Serializable* object);
+
+    /// Stored, and without effect.
+    void setRestoreMode(RestoreMode mode) noexcept { m_restoreMode = mode; }
+    [[nodiscard]] RestoreMode getRestoreMode() const noexcept { return m_restoreMode; }
+    /// Listeners are told in the order in which they were added; the archive holds them.
+    void addRestoreListener(RestoreListener* listener);
+    void removeRestoreListener(RestoreListener* listener);
+
+    [[nodiscard]] virtual zel::uint64 getNumBytesRead() const;
+    /// Bodies, by reference and by value.
+    [[nodiscard]] zel::uint64 getNumObjectsRead() const noexcept { return m_numObjects; }
+
+protected:
+    explicit InputArchive(bool isBinary);
+
+    /// Where the elements of a vector go.
+    class VectorSink {
+    public:
+        /// @param resize  makes room for that many elements in all, and gives their address
+        VectorSink(void* (*resize)(void* container, zel::size_t numElements), void* container) noexcept
+            : m_resize(resize), m_container(container) {}
+        void* resize(zel::size_t numElements) const { return m_resize(m_container, numElements); }
+
+    private:
+        void* (*m_resize)(void* container, zel::size_t numElements);
+        void* m_container;
+    };
+
+    // What the XML form reads in other ways. A null name means a plain value.
+    virtual void readScalar(const char* name, void* value, ScalarForm form);
+    virtual void readString(const char* name, std::string& text);
+    virtual void readUuid(const char* name, zel::Uuid& uuid);
+    virtual void read_vector(const VectorSink& sink, VectorElement type);
+    /// What stands ahead of the section "Version".
+    virtual void readByteOrder();
+    /// Compares the sizes of types with those of this machine; a difference is told once the file has turned
+    /// out to be an archive.
+    void readCompareBitSize();
+    /// Enters a number of bytes that were read in another way.
+    void countBytes(zel::uint64 numBytes) noexcept { m_numBytesRead += numBytes; }
+
+    /// What every operation that reads begins with.
+    /// @throws ArchiveException if the archive has failed or is closed
+    void verifyReadable() const;
+
+private:
+    struct Entry {
+        zel::ref_ptr<Serializable> held; ///< null for an object that readVal restored, and once removed
+        Serializable* object;            ///< null once removed
+        const StorageAgent* agent;
+    };
+    using Setter = void (*)(InputArchive& archive, void* place, Serializable* restored);
+    /// A pointer that waits for its object.
+    struct PutOff {
+        void* place;
+        Setter set;
+        zel::uint32 next; ///< that waits for the same object; its index, or the number of all for none
+    };
+    class Nesting;
+    class Reader;
+
+    void readHeader();
+    void readBuildInfo();
+    void readModifications();
+    void warnOfNewerWriter() const;
+    template <ArchiveScalar T>
+    T getRawAttribute(const char* name);
+    void readRaw(void* value, zel::size_t size);
+    template <typename T>
+    T readCorrectNumBytes(bool isSigned);
+    zel::uint32 readId(const char* message);
+    void readSwappedBlock(void* data, zel::size_t numElements, zel::size_t width);
+    zel::size_t readSome(void* data, zel::size_t numBytes);
+    [[noreturn]] void failShort(zel::uint64 numBytes);
+    void verifyLeft(zel::uint64 numBytes);
+
+    Serializable* readRecord();
+    Serializable* readKnown(zel::uint32 id);
+    Serializable* readNew(zel::uint32 id, const StorageAgent* agent);
+    void restoreBody(Serializable& object);
+    Entry* findEntry(zel::uint32 id);
+    void enter(zel::uint32 id, Serializable* object, const StorageAgent* agent, bool isHeld);
+    void readDeferredInto(void* place, Setter set);
+    void readPutOff();
+    void letGo();
+    template <typename T>
+    T* cast(Serializable* object) const {
+        T* const wanted = dynamic_cast<T*>(object);
+        if (wanted == nullptr && object != nullptr)
+            failCast(*object, typeid(T));
+        return wanted;
+    }
+    [[noreturn]] void failCast(const Serializable& object, const std::type_info& wanted) const;
+
+    std::unique_ptr<Reader> m_reader; ///< the stream
+    bool m_endianMatch = true;
+    bool m_hasTypeHeaders = true; ///< off while the header of an object by value is read
+    bool m_isEndTold = false;     ///< an exception that names the object at the end of the file is on its way
+    RestoreMode m_restoreMode = RestoreMode::Default;
+    zel::uint16 m_serializationVersion = 0;
+    zel::uint32 m_version = 0;
+    zel::String m_revision;
+    zel::String m_appName;
+    zel::String m_buildDate;
+    zel::String m_buildTime;
+    zel::String m_archiveDate;
+    zel::String m_foreignSizes; ///< of types, as the archive tells them; empty if they are ours
+    zel::Vector<BuildFlag> m_buildFlags;
+    zel::uint64 m_numBytesRead = 0;
+    zel::uint64 m_numObjects = 0;
+    zel::uint32 m_depth = 0;                                ///< of the object that is being read
+    zel::Vector<Entry> m_objects;                           ///< of the ids from 1 on, as they come
+    zel::HashTable<zel::uint32, Entry> m_strayObjects;      ///< of ids that leave some out
+    zel::HashTable<const Serializable*, zel::uint32> m_ids; ///< once an object was removed
+    bool m_hasIds = false;
+    zel::HashTable<zel::uint32, const StorageAgent*> m_agents;
+    zel::HashTable<zel::uint32, zel::uint32> m_waiting; ///< the first pointer that waits for an id
+    zel::Vector<PutOff> m_putOff;
+    zel::Vector<zel::ref_ptr<RestoreListener>>
+        m_listeners;                          ///< null where one was removed while they are told
+    zel::ref_ptr<detail::ArchiveLink> m_link; ///< that the restored objects hold
+};
+
+} // namespace zelStream

@@ -1,0 +1,193 @@
+#pragma once
+
+#include <zel/Callback.h>
+#include <zel/Event.h>
+#include <zel/HashTable.h>
+#include <zel/Name.h>
+#include <zel/Uuid.h>
+#include <zelStream/Archive.h>
+#include <zelStream/ArchiveTypes.h>
+
+#include <iosfwd>
+
+namespace zelStream {
+
+class Serializable;
+class StorageAgent;
+
+/// Stores objects and values in a stream, in the binary form: see docs/archives.md.
+///
+///     OutputArchive archive;
+///     archive.open(stream, "lander");
+///     archive.write(model);
+///     archive.close();
+///
+/// The caller keeps the stream and all stored objects alive, and the objects where they are, until `close`.
+/// A throw while storing leaves the archive failed: each further operation throws, `close` too, and what the
+/// stream holds is no complete archive.
+/// @threads owner thread
+class ZEL_CORE_API OutputArchive : public Archive {
+public:
+    static constexpr zel::size_t DefaultWriteBufferSize = 65536;
+
+    /// Fired behind the body of each object, with the object's id, or 0 for one that was stored by value.
+    using ObjectEvent = zel::EventT<zel::Callback2<const Serializable*, zel::uint32>>;
+
+    OutputArchive();
+    /// Closes; what fails then is logged as a Warning.
+    ~OutputArchive() override;
+
+    /// Begins the archive with its header.
+    /// @throws ArchiveException if the archive is open
+    virtual void open(std::ostream& stream, const zel::String& appName = zel::String());
+    /// Writes what is left, also of references that were put off, and lets go of the stream. Closing a closed
+    /// archive does nothing.
+    /// @throws ArchiveException if the archive has failed, or the stream did
+    virtual void close();
+    /// Hands all bytes that were written so far to the stream, and flushes it.
+    virtual void flush();
+
+    /// The byte order of numbers; that of the machine by default.
+    /// @throws ArchiveException if the archive is open
+    void setLittleEndian(bool isLittleEndian);
+    [[nodiscard]] bool isLittleEndian() const noexcept { return m_isLittleEndian; }
+    /// Small values are gathered in a buffer of this size; 0 hands each to the stream.
+    void setWriteBufferSize(zel::size_t numBytes);
+    [[nodiscard]] zel::size_t getWriteBufferSize() const noexcept { return m_bufferSize; }
+    /// Whether the header tells the time of writing, or that of the library's build, which makes two archives
+    /// of the same objects equal byte for byte.
+    void setUseCurrentDate(bool use) noexcept { m_useCurrentDate = use; }
+    [[nodiscard]] bool getUseCurrentDate() const noexcept { return m_useCurrentDate; }
+
+    /// Adds a change to those that the header names; ahead of `open`.
+    void addModification(const zel::String& hash);
+    /// Adds all that the library knows to the set.
+    static void addModifications(zel::HashSet<zel::String>& modifications);
+    [[nodiscard]] bool hasModification(const zel::String& hash) const override;
+
+    // Values. `write` adds to the open section, `addAttribute` gives the section a named value, which binary
+    // archives write like any other.
+
+    template <ArchiveScalar T>
+    void write(T value) {
+        writeScalar(nullptr, &value, scalarFormOf<T>());
+    }
+    template <ArchiveScalar T>
+    void addAttribute(const char* name, T value) {
+        writeScalar(name, &value, scalarFormOf<T>());
+    }
+    void write(const std::string& text) { writeString(nullptr, text); }
+    void addAttribute(const char* name, const std::string& text) { writeString(name, text); }
+    /// Null is the empty text.
+    void write(const char* text) { writeString(nullptr, text == nullptr ? "" : text); }
+    void addAttribute(const char* name, const char* text) { writeString(name, text == nullptr ? "" : text); }
+    void write(const zel::Name& name) { writeString(nullptr, {name.c_str(), name.length()}); }
+    void addAttribute(const char* name, const zel::Name& text) {
+        writeString(name, {text.c_str(), text.length()});
+    }
+    void write(const zel::Uuid& uuid) { writeUuid(nullptr, uuid); }
+    void addAttribute(const char* name, const zel::Uuid& uuid) { writeUuid(name, uuid); }
+    /// Bytes as they are, in no byte order.
+    virtual void write(const void* data, zel::size_t numBytes);
+
+    /// Vectors and quaternions by their components, of which a Vec3 has three; matrices row by row.
+    template <ArchiveComponents V>
+    void write(const V& value) {
+        for (zel::size_t i = 0; i < NumArchiveComponents<V>; ++i)
+            writeScalar(nullptr, value.data() + i, componentFormOf<V>());
+    }
+    template <typename T>
+    void write(const zel::AffineMatrix4x4T<T>& matrix) {
+        write(matrix.matrix());
+    }
+    void write(const zel::SPDMatrix3x3& matrix) { write(matrix.matrix()); }
+
+    template <ArchiveVector Container>
+    void write(const Container& values) {
+        using Element = std::remove_cvref_t<decltype(*values.data())>;
+        write_vector(values.data(), values.size(), VectorElementOf<Element>::value);
+    }
+    /// A vector of plain elements, as a block.
+    virtual void write_vector(const void* elements, zel::size_t numElements, VectorElement type);
+
+    /// Other pointers are no values.
+    template <typename T>
+    requires(!std::derived_from<T, Serializable> && !std::same_as<std::remove_cv_t<T>, char>) //
+        void write(const T* pointer) = delete;
+
+    // Objects.
+
+    /// @param mode  ByReference or ByValue; null can only be stored by reference
+    void write(const Serializable* object, StorageMode mode = ByReference);
+    void write(const Serializable& object, StorageMode mode = ByValue);
+    /// An object that was stored before is a reference to it. Null, and an object whose serialization is off,
+    /// is stored as null.
+    void writeObjectByRef(const Serializable* object);
+    /// The object within its owner; to store it by reference later stores it anew. An object whose
+    /// serialization is off leaves a mark by which it is passed over.
+    void writeObjectByVal(const Serializable& object);
+    /// As writeObjectByRef, but a new object's body follows only when the outermost object is complete, so
+    /// that a chain of a million objects takes no stack. Is read by InputArchive::readDeferred.
+    void writeDeferred(const Serializable* object);
+
+    /// How an object begins: its mode and, unless it is null or stored by value, its class.
+    void writeObjectHeader(StorageMode mode, const StorageAgent* agent);
+    void writeTypeHeader(const StorageAgent* agent);
+
+    [[nodiscard]] ObjectEvent& getObjectEvent() noexcept { return m_objectEvent; }
+    /// Bodies, by reference and by value.
+    [[nodiscard]] zel::uint64 getNumObjectsWritten() const noexcept { return m_numObjects; }
+    [[nodiscard]] zel::uint64 getNumObjectsWrittenByReference() const noexcept { return m_numReferences; }
+
+protected:
+    explicit OutputArchive(bool isBinary);
+
+    // What the XML form writes in other ways. A null name means a plain value.
+    virtual void writeScalar(const char* name, const void* value, ScalarForm form);
+    virtual void writeString(const char* name, std::string_view text);
+    virtual void writeUuid(const char* name, const zel::Uuid& uuid);
+    /// What stands ahead of the section "Version": byte order and sizes of types, which XML does not have.
+    virtual void writeByteOrder();
+
+    /// What every operation that writes begins with.
+    /// @throws ArchiveException if the archive has failed or is closed
+    void verifyWritable() const;
+    [[nodiscard]] std::ostream* getStream() const noexcept { return m_stream; }
+
+private:
+    struct IdEntry {
+        zel::uint32 id;
+        bool isByReference; ///< its body is in the archive, or under way; false while it is put off
+    };
+    class Nesting;
+
+    void writeHeader();
+    void writeBuildInfo();
+    void writeModifications();
+    void writeNull();
+    void writeBody(const Serializable& object, zel::uint32 id);
+    void writeReference(zel::uint32 id);
+    void writeNewObject(const Serializable& object, zel::uint32 id);
+    void writePutOff();
+    void put(const void* bytes, zel::size_t numBytes);
+    void flushBuffer();
+
+    std::ostream* m_stream = nullptr;
+    zel::Vector<char> m_buffer; ///< its size is that of what awaits the stream
+    zel::size_t m_bufferSize = DefaultWriteBufferSize;
+    bool m_isLittleEndian;
+    bool m_isSwapped = false; ///< the archive's byte order is not that of the machine
+    bool m_useCurrentDate = true;
+    bool m_hasTypeHeaders = true; ///< off while the header of an object by value is written
+    zel::String m_appName;
+    zel::uint32 m_depth = 0; ///< of the object that is being written
+    zel::uint32 m_lastObjectId = 0;
+    zel::uint64 m_numObjects = 0;
+    zel::uint64 m_numReferences = 0;
+    zel::HashTable<const Serializable*, IdEntry> m_objects;
+    zel::HashTable<const StorageAgent*, zel::uint32> m_agents;
+    zel::Vector<const Serializable*> m_putOff; ///< the newest first
+    ObjectEvent m_objectEvent;
+};
+
+} // namespace zelStream
