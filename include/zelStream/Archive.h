@@ -84,8 +84,8 @@ protected:
     [[noreturn]] void fail(const zel::String& text) const;
     /// The same, and from then on each operation throws this text.
     [[noreturn]] void failForGood(const zel::String& text);
-    /// Notes the text for the next operation.
-    void noteFailure(const zel::String& text) noexcept;
+    /// Lets each further operation throw this text, unless the archive has failed already.
+    void noteFailure(const zel::String& message);
     /// @throws ArchiveException if the archive has failed
     void verifySound() const {
         if (hasFailed())
@@ -93,12 +93,16 @@ protected:
     }
 
     [[nodiscard]] zel::size_t getSectionDepth() const noexcept { return m_sectionStarts.size(); }
+    /// Of the section that was begun last; empty if none is open.
     [[nodiscard]] std::string_view getSectionName() const noexcept;
     /// Forgets the sections that were begun at this depth and below; an XML archive goes to where it stood.
     virtual void dropSections(zel::size_t depth) noexcept;
 
-    /// All changes that the library and its application know, sorted.
-    [[nodiscard]] static zel::Vector<zel::String> getKnownModifications();
+    /// All changes that the library and its application know.
+    [[nodiscard]] static const zel::Vector<zel::String>& getKnownModifications();
+    /// @throws ArchiveException if the text is not eight lower-case hexadecimal digits
+    static void verifyHash(const zel::String& hash);
+    [[nodiscard]] static zel::Vector<zel::String> sorted(const zel::HashSet<zel::String>& modifications);
 
     zel::HashSet<zel::String> m_modifications; ///< of this archive
     zel::String m_failure;                     ///< what ended the use of it; empty while sound
@@ -106,6 +110,7 @@ protected:
 
 private:
     [[noreturn]] void throwFailure() const;
+    [[nodiscard]] std::string_view getSectionNameAt(zel::size_t depth) const noexcept;
 
     const bool m_isBinary;
     zel::String m_sections;                   ///< joined by "/"

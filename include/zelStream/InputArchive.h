@@ -15,6 +15,7 @@
 
 namespace zelStream {
 
+class ArchiveReader;
 class StorageAgent;
 
 /// Restores what an OutputArchive stored, by the same sequence of operations, also what older versions of the
@@ -53,6 +54,8 @@ public:
     virtual void open(std::istream& stream);
     /// Lets go of the stream and of the restored objects; those that nobody else holds are deleted.
     virtual void close();
+    /// What the restored objects know the archive by.
+    [[nodiscard]] detail::ArchiveLink* getLink() const noexcept { return m_link.get(); }
     /// Whether nothing is left to read: the stream has ended, or, of XML, the open section.
     [[nodiscard]] virtual bool isAtEnd();
 
@@ -202,15 +205,18 @@ protected:
     /// Where the elements of a vector go.
     class VectorSink {
     public:
-        /// @param resize  makes room for that many elements in all, and gives their address
-        VectorSink(void* (*resize)(void* container, zel::size_t numElements), void* container) noexcept
-            : m_resize(resize), m_container(container) {}
-        void* resize(zel::size_t numElements) const { return m_resize(m_container, numElements); }
+        /// @param makeRoom  makes room for that many elements in all, and gives their address
+        VectorSink(void* (*makeRoom)(void* container, zel::size_t numElements), void* container) noexcept
+            : m_makeRoom(makeRoom), m_container(container) {}
+        void* resize(zel::size_t numElements) const { return m_makeRoom(m_container, numElements); }
 
     private:
-        void* (*m_resize)(void* container, zel::size_t numElements);
+        void* (*m_makeRoom)(void* container, zel::size_t numElements);
         void* m_container;
     };
+
+    /// Begins with the stream: `open` has checked that the archive is closed, and reads the header next.
+    virtual void init(std::istream& stream);
 
     // What the XML form reads in other ways. A null name means a plain value.
     virtual void readScalar(const char* name, void* value, ScalarForm form);
@@ -240,34 +246,47 @@ private:
     struct PutOff {
         void* place;
         Setter set;
-        zel::uint32 next; ///< that waits for the same object; its index, or the number of all for none
+        zel::uint32 next; ///< that waits for the same object; its index, or all ones
     };
     class Nesting;
-    class Reader;
 
+    void reset();
     void readHeader();
     void readBuildInfo();
     void readModifications();
+    void warnOfForeignSizes() const;
     void warnOfNewerWriter() const;
+    [[nodiscard]] zel::String getVersionStringMessage() const;
     template <ArchiveScalar T>
-    T getRawAttribute(const char* name);
-    void readRaw(void* value, zel::size_t size);
-    template <typename T>
-    T readCorrectNumBytes(bool isSigned);
-    zel::uint32 readId(const char* message);
-    void readSwappedBlock(void* data, zel::size_t numElements, zel::size_t width);
-    zel::size_t readSome(void* data, zel::size_t numBytes);
-    [[noreturn]] void failShort(zel::uint64 numBytes);
-    void verifyLeft(zel::uint64 numBytes);
+    [[nodiscard]] T getRawAttribute(const char* name);
 
-    Serializable* readRecord();
-    Serializable* readKnown(zel::uint32 id);
-    Serializable* readNew(zel::uint32 id, const StorageAgent* agent);
+    void readBytes(void* bytes, zel::size_t numBytes);
+    void readNumber(void* value, zel::size_t size);
+    template <typename T>
+    void readCorrectNumBytes(void* value, bool isSigned);
+    void readInto(const VectorSink& sink, zel::uint64 numElements, VectorElement type);
+    void
+    convertInto(const VectorSink& sink, zel::uint64 numElements, VectorElement stored, VectorElement wanted);
+    void verifyLeft(zel::uint64 count, zel::uint64 size);
+    [[noreturn]] void failShort(zel::uint64 numBytes);
+
+    template <typename Read>
+    auto nested(const Read& read);
+    template <typename Text, typename Read>
+    auto orEnd(const Text& text, const Read& read);
+    [[nodiscard]] Serializable* readRecord();
+    [[nodiscard]] Serializable* readNull();
+    [[nodiscard]] Serializable* readKnown(zel::uint32 id);
+    [[nodiscard]] Serializable* readNew(zel::uint32 id, const StorageAgent* agent);
+    [[nodiscard]] zel::uint32 readId();
+    void restoreReferenced(Serializable& object, const StorageAgent* agent);
     void restoreBody(Serializable& object);
-    Entry* findEntry(zel::uint32 id);
-    void enter(zel::uint32 id, Serializable* object, const StorageAgent* agent, bool isHeld);
+    [[nodiscard]] Entry* findEntry(zel::uint32 id);
+    void enter(zel::uint32 id, Entry entry);
     void readDeferredInto(void* place, Setter set);
+    void waitFor(zel::uint32 id, void* place, Setter set);
     void readPutOff();
+    void closeGaps();
     void letGo();
     template <typename T>
     T* cast(Serializable* object) const {
@@ -277,10 +296,11 @@ private:
         return wanted;
     }
     [[noreturn]] void failCast(const Serializable& object, const std::type_info& wanted) const;
+    [[noreturn]] void failClass(const zel::String& stored, const zel::String& wanted) const;
 
-    std::unique_ptr<Reader> m_reader; ///< the stream
+    std::unique_ptr<ArchiveReader> m_reader; ///< the stream
     bool m_endianMatch = true;
-    bool m_hasTypeHeaders = true; ///< off while the header of an object by value is read
+    bool m_isValueHeader = false; ///< while that of an object by value is read, which has no type header
     bool m_isEndTold = false;     ///< an exception that names the object at the end of the file is on its way
     RestoreMode m_restoreMode = RestoreMode::Default;
     zel::uint16 m_serializationVersion = 0;
@@ -304,6 +324,8 @@ private:
     zel::Vector<PutOff> m_putOff;
     zel::Vector<zel::ref_ptr<RestoreListener>>
         m_listeners;                          ///< null where one was removed while they are told
+    bool m_isTelling = false;                 ///< the listeners
+    bool m_hasGaps = false;                   ///< in the list of them
     zel::ref_ptr<detail::ArchiveLink> m_link; ///< that the restored objects hold
 };
 

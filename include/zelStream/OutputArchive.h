@@ -60,10 +60,10 @@ public:
     [[nodiscard]] bool getUseCurrentDate() const noexcept { return m_useCurrentDate; }
 
     /// Adds a change to those that the header names; ahead of `open`.
+    /// @throws ArchiveException if the text is not eight lower-case hexadecimal digits
     void addModification(const zel::String& hash);
     /// Adds all that the library knows to the set.
     static void addModifications(zel::HashSet<zel::String>& modifications);
-    [[nodiscard]] bool hasModification(const zel::String& hash) const override;
 
     // Values. `write` adds to the open section, `addAttribute` gives the section a named value, which binary
     // archives write like any other.
@@ -146,6 +146,8 @@ protected:
     virtual void writeScalar(const char* name, const void* value, ScalarForm form);
     virtual void writeString(const char* name, std::string_view text);
     virtual void writeUuid(const char* name, const zel::Uuid& uuid);
+    /// Hands a complete archive to the stream.
+    virtual void finish();
     /// What stands ahead of the section "Version": byte order and sizes of types, which XML does not have.
     virtual void writeByteOrder();
 
@@ -166,19 +168,27 @@ private:
     void writeModifications();
     void writeNull();
     void writeBody(const Serializable& object, zel::uint32 id);
-    void writeReference(zel::uint32 id);
+    [[nodiscard]] zel::String getDateText() const;
     void writeNewObject(const Serializable& object, zel::uint32 id);
+    void writeKnownObject(const Serializable& object, zel::uint32 id);
+    /// The agent of an object that is stored by reference, which has to have one.
+    static const StorageAgent* agentOf(const Serializable& object);
+    template <ArchiveScalar T>
+    void addRawAttribute(const char* name, T value);
     void writePutOff();
     void put(const void* bytes, zel::size_t numBytes);
     void flushBuffer();
+    void flushStream();
+    void verifyStream();
 
     std::ostream* m_stream = nullptr;
-    zel::Vector<char> m_buffer; ///< its size is that of what awaits the stream
+    zel::Vector<char> m_buffer; ///< of the whole size while the archive is open
     zel::size_t m_bufferSize = DefaultWriteBufferSize;
+    zel::size_t m_numBuffered = 0; ///< bytes that await the stream
     bool m_isLittleEndian;
     bool m_isSwapped = false; ///< the archive's byte order is not that of the machine
     bool m_useCurrentDate = true;
-    bool m_hasTypeHeaders = true; ///< off while the header of an object by value is written
+    bool m_isValueHeader = false; ///< while that of an object by value is written, which has no type header
     zel::String m_appName;
     zel::uint32 m_depth = 0; ///< of the object that is being written
     zel::uint32 m_lastObjectId = 0;

@@ -17,13 +17,12 @@ public:
     XMLInputArchive();
     ~XMLInputArchive() override;
 
-    void open(std::istream& stream) override;
     void close() override;
     [[nodiscard]] bool isAtEnd() override;
 
     /// Parses the document, which reaches to the end of the stream. Called by `open`.
     /// @throws ArchiveException if it is too large, nested too deep, or no XML
-    void init(std::istream& stream);
+    void init(std::istream& stream) override;
 
     /// Goes into the next child of this name, behind the one that was visited last.
     /// @throws ArchiveException if there is none; the archive then stands where it stood

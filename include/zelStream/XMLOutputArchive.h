@@ -20,7 +20,6 @@ public:
     ~XMLOutputArchive() override;
 
     void open(std::ostream& stream, const zel::String& appName = zel::String()) override;
-    /// Prints the document.
     void close() override;
     /// Flushes the stream; the document is printed by `close` alone.
     void flush() override;
@@ -43,6 +42,8 @@ protected:
     void writeScalar(const char* name, const void* value, ScalarForm form) override;
     void writeString(const char* name, std::string_view text) override;
     void writeUuid(const char* name, const zel::Uuid& uuid) override;
+    /// Prints the document.
+    void finish() override;
     void writeByteOrder() override;
     void dropSections(zel::size_t depth) noexcept override;
 

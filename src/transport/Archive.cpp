@@ -1,0 +1,141 @@
+#include <zelStream/Archive.h>
+
+#include <algorithm>
+#include <exception>
+
+namespace zelStream {
+
+namespace {
+
+/// The change after which deprecated classes bear their final names.
+constexpr const char* FinalNames = "904156fd";
+
+/// What registerModification adds to. Made at first use, which may be in a static constructor.
+zel::Vector<zel::String>& registeredModifications() {
+    static zel::Vector<zel::String> modifications{FinalNames};
+    return modifications;
+}
+
+zel::String mismatchText(std::string_view name, std::string_view openName, const zel::String& path) {
+    return "Call to endSection(\"" + std::string(name) +
+           "\") does not match previous call to beginSection(\"" + std::string(openName) + "\") at path: '" +
+           path + "'";
+}
+
+} // namespace
+
+Archive::ScopedSection::ScopedSection(Archive& archive, const char* name)
+    : m_archive(archive), m_depth(archive.getSectionDepth()), m_numExceptions(std::uncaught_exceptions()) {
+    archive.beginSection(name);
+}
+
+Archive::ScopedSection::~ScopedSection() {
+    const zel::size_t depth = m_archive.getSectionDepth();
+    if (depth != m_depth + 1 && std::uncaught_exceptions() == m_numExceptions) {
+        try {
+            // A section within is open still, or this one was ended by another hand.
+            const std::string_view name = m_archive.getSectionNameAt(depth > m_depth ? m_depth : depth);
+            m_archive.noteFailure(m_archive.getErrorMessage(
+                mismatchText(name, m_archive.getSectionName(), m_archive.m_sections)));
+        } catch (...) { // NOLINT(bugprone-empty-catch): there is no memory for the text
+        }
+    }
+    m_archive.dropSections(m_depth);
+}
+
+Archive::~Archive() = default;
+
+void Archive::beginSection(const char* name) {
+    if (name == nullptr)
+        fail("A section needs a name");
+    const zel::size_t start = m_sections.size();
+    m_sectionStarts.push_back(start);
+    if (start != 0)
+        m_sections += '/';
+    m_sections += name;
+}
+
+void Archive::endSection(const char* name) {
+    if (name == nullptr)
+        fail("A section needs a name");
+    if (m_sectionStarts.empty())
+        fail("Call to endSection(\"" + std::string(name) + "\") without a call to beginSection");
+    const std::string_view openName = getSectionName();
+    if (openName != name)
+        fail(mismatchText(name, openName, m_sections));
+    Archive::dropSections(m_sectionStarts.size() - 1);
+}
+
+std::string_view Archive::getSectionName() const noexcept {
+    return m_sectionStarts.empty() ? std::string_view() : getSectionNameAt(m_sectionStarts.size() - 1);
+}
+
+std::string_view Archive::getSectionNameAt(zel::size_t depth) const noexcept {
+    if (depth >= m_sectionStarts.size())
+        return {};
+    const zel::size_t start = m_sectionStarts[depth] + (depth == 0 ? 0 : 1);
+    const zel::size_t end =
+        depth + 1 < m_sectionStarts.size() ? m_sectionStarts[depth + 1] : m_sections.size();
+    return std::string_view(m_sections).substr(start, end - start);
+}
+
+void Archive::dropSections(zel::size_t depth) noexcept {
+    if (depth >= m_sectionStarts.size())
+        return;
+    m_sections.resize(m_sectionStarts[depth]);
+    m_sectionStarts.resize(depth);
+}
+
+zel::String Archive::getErrorMessage(const zel::String& text) const {
+    if (m_sectionStarts.empty())
+        return text;
+    return "Current scope: '" + m_sections + "'. " + text;
+}
+
+bool Archive::hasModification(const zel::String& hash) const {
+    return m_modifications.contains(hash);
+}
+
+void Archive::registerModification(const zel::String& hash) {
+    verifyHash(hash);
+    if (!registeredModifications().contains(hash))
+        registeredModifications().push_back(hash);
+}
+
+const zel::Vector<zel::String>& Archive::getKnownModifications() {
+    return registeredModifications();
+}
+
+void Archive::verifyHash(const zel::String& hash) {
+    if (hash.size() != 8 || hash.find_first_not_of("0123456789abcdef") != zel::String::npos)
+        throw ArchiveException("A modification is eight lower-case hexadecimal digits, and not '" + hash +
+                               "'");
+}
+
+zel::Vector<zel::String> Archive::sorted(const zel::HashSet<zel::String>& modifications) {
+    zel::Vector<zel::String> list;
+    for (const zel::String& hash : modifications)
+        list.push_back(hash);
+    std::sort(list.begin(), list.end());
+    return list;
+}
+
+void Archive::fail(const zel::String& text) const {
+    throw ArchiveException(getErrorMessage(text));
+}
+
+void Archive::failForGood(const zel::String& text) {
+    noteFailure(getErrorMessage(text));
+    throwFailure();
+}
+
+void Archive::noteFailure(const zel::String& message) {
+    if (m_failure.empty())
+        m_failure = message;
+}
+
+void Archive::throwFailure() const {
+    throw ArchiveException(m_failure);
+}
+
+} // namespace zelStream

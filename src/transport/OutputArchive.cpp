@@ -1,0 +1,367 @@
+#include "ArchiveHeader.h"
+#include "ArchiveVectors.h"
+#include "StackLeft.h"
+#include "containers/FlagScope.h"
+
+#include <zel/Log.h>
+#include <zel/Verify.h>
+#include <zelStream/OutputArchive.h>
+#include <zelStream/Serializable.h>
+#include <zelStream/StorageAgent.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <limits>
+#include <ostream>
+
+namespace zelStream {
+
+namespace {
+
+constexpr zel::size_t LargestScalar = 8;
+
+} // namespace
+
+/// Counts the objects around the one that is written, and sees to it that they fit on the stack. Where an
+/// exception leaves the object, the archive has failed.
+class OutputArchive::Nesting {
+public:
+    explicit Nesting(OutputArchive& archive) : m_archive(archive) {
+        if (stackLeft() < SmallestStack)
+            archive.failForGood("Objects are nested too deep: " + std::to_string(archive.m_depth));
+        ++archive.m_depth;
+    }
+    Nesting(const Nesting&) = delete;
+    Nesting& operator=(const Nesting&) = delete;
+    ~Nesting() { --m_archive.m_depth; }
+
+    /// Writes what `write` writes; behind the outermost object also the bodies that were put off.
+    template <typename Write>
+    static void run(OutputArchive& archive, const Write& write) {
+        const Nesting nesting(archive);
+        try {
+            write();
+            if (archive.m_depth == 1 && !archive.m_putOff.empty())
+                archive.writePutOff();
+        } catch (const std::exception& exception) {
+            archive.noteFailure(exception.what());
+            throw;
+        } catch (...) {
+            archive.noteFailure("An object could not be stored");
+            throw;
+        }
+    }
+
+private:
+    OutputArchive& m_archive;
+};
+
+OutputArchive::OutputArchive() : OutputArchive(true) {}
+
+OutputArchive::OutputArchive(bool isBinary) : Archive(isBinary), m_isLittleEndian(IsLittleEndianMachine) {}
+
+OutputArchive::~OutputArchive() {
+    try {
+        OutputArchive::close();
+    } catch (const std::exception& exception) {
+        ZEL_LOG_WARNING("An archive was not completed: " << exception.what());
+    }
+}
+
+void OutputArchive::open(std::ostream& stream, const zel::String& appName) {
+    if (isOpen())
+        throw ArchiveException("The archive is open");
+    m_failure.clear();
+    m_objects.clear();
+    m_agents.clear();
+    m_putOff.clear();
+    m_lastObjectId = 0;
+    m_numObjects = 0;
+    m_numReferences = 0;
+    m_stream = &stream;
+    m_isSwapped = m_isLittleEndian != IsLittleEndianMachine;
+    m_numBuffered = 0;
+    m_buffer.resize(m_bufferSize);
+    m_appName = appName;
+    m_isOpen = true;
+    writeHeader();
+}
+
+void OutputArchive::close() {
+    if (!isOpen())
+        return;
+    try {
+        verifySound();
+        endSection("Archive");
+        finish();
+        flushStream();
+    } catch (const std::exception& exception) {
+        noteFailure(exception.what());
+    }
+    dropSections(0);
+    m_isOpen = false;
+    m_stream = nullptr;
+    m_objects.clear();
+    m_agents.clear();
+    m_putOff.clear();
+    verifySound();
+}
+
+void OutputArchive::flush() {
+    verifyWritable();
+    flushBuffer();
+    flushStream();
+}
+
+void OutputArchive::finish() {
+    flushBuffer();
+}
+
+void OutputArchive::flushStream() {
+    m_stream->flush();
+    verifyStream();
+}
+
+void OutputArchive::verifyStream() {
+    if (!*m_stream)
+        failForGood("The output stream does not take the archive");
+}
+
+void OutputArchive::setLittleEndian(bool isLittleEndian) {
+    if (isOpen())
+        fail("The byte order is chosen ahead of opening the archive");
+    m_isLittleEndian = isLittleEndian;
+}
+
+void OutputArchive::setWriteBufferSize(zel::size_t numBytes) {
+    if (isOpen() && !hasFailed())
+        flushBuffer();
+    m_bufferSize = numBytes;
+    m_buffer.resize(numBytes);
+}
+
+void OutputArchive::verifyWritable() const {
+    verifySound();
+    if (!isOpen())
+        fail("Output archive closed. Writing not possible.");
+}
+
+// Bytes.
+
+void OutputArchive::put(const void* bytes, zel::size_t numBytes) {
+    if (numBytes > m_buffer.size() - m_numBuffered) {
+        flushBuffer();
+        if (numBytes > m_buffer.size()) {
+            m_stream->write(static_cast<const char*>(bytes), static_cast<std::streamsize>(numBytes));
+            verifyStream();
+            return;
+        }
+    }
+    std::memcpy(m_buffer.data() + m_numBuffered, bytes, numBytes);
+    m_numBuffered += numBytes;
+}
+
+void OutputArchive::flushBuffer() {
+    if (m_numBuffered == 0)
+        return;
+    m_stream->write(m_buffer.data(), static_cast<std::streamsize>(m_numBuffered));
+    m_numBuffered = 0;
+    verifyStream();
+}
+
+void OutputArchive::writeScalar(const char*, const void* value, ScalarForm form) {
+    verifyWritable();
+    std::array<char, 1 + LargestScalar> bytes;
+    zel::size_t start = 0;
+    if (!form.isRaw)
+        bytes[start++] = static_cast<char>(form.size);
+    if (m_isSwapped)
+        swapWords(&bytes[start], value, 1, form.size);
+    else
+        std::memcpy(&bytes[start], value, form.size);
+    put(bytes.data(), start + form.size);
+}
+
+void OutputArchive::writeString(const char*, std::string_view text) {
+    verifyWritable();
+    if (text.size() > std::numeric_limits<zel::uint32>::max())
+        fail("A text of " + std::to_string(text.size()) + " bytes is too long for an archive");
+    auto length = static_cast<zel::uint32>(text.size());
+    if (m_isSwapped)
+        swapWords(&length, &length, 1, sizeof(length));
+    put(&length, sizeof(length));
+    put(text.data(), text.size());
+}
+
+void OutputArchive::writeUuid(const char*, const zel::Uuid& uuid) {
+    verifyWritable();
+    put(uuid.data(), zel::Uuid::NumBytes);
+}
+
+void OutputArchive::write(const void* data, zel::size_t numBytes) {
+    verifyWritable();
+    put(data, numBytes);
+}
+
+void OutputArchive::write_vector(const void* elements, zel::size_t numElements, VectorElement type) {
+    verifyWritable();
+    const VectorElementForm form = formOf(type);
+    write(zel::uint64{numElements});
+    write(zel::uint64{form.size()});
+    write(form.width);
+    write(static_cast<zel::uint32>(type));
+    const auto* bytes = static_cast<const char*>(elements);
+    zel::size_t left = numElements * form.size();
+    if (!m_isSwapped) {
+        put(bytes, left);
+        return;
+    }
+    std::array<char, 4096> block;
+    while (left != 0) {
+        const zel::size_t n = std::min(left, block.size());
+        swapWords(block.data(), bytes, n / form.width, form.width);
+        put(block.data(), n);
+        bytes += n;
+        left -= n;
+    }
+}
+
+// Objects.
+
+void OutputArchive::write(const Serializable* object, StorageMode mode) {
+    if (mode == ByReference)
+        writeObjectByRef(object);
+    else if (mode != ByValue)
+        fail("Invalid storage mode specified for write");
+    else if (object != nullptr)
+        writeObjectByVal(*object);
+    else
+        writeNull();
+}
+
+void OutputArchive::write(const Serializable& object, StorageMode mode) {
+    write(&object, mode);
+}
+
+void OutputArchive::writeNull() {
+    const ScopedSection section(*this, "Object");
+    writeObjectHeader(NullObject, nullptr);
+    addAttribute("referenceID", char{0});
+}
+
+void OutputArchive::writeObjectByRef(const Serializable* object) {
+    verifyWritable();
+    if (object == nullptr || !object->isSerializationEnabled()) {
+        writeNull();
+        return;
+    }
+    Nesting::run(*this, [this, object] {
+        const auto known = m_objects.find(object);
+        if (known == m_objects.end()) {
+            m_objects.insert(object, IdEntry{++m_lastObjectId, true});
+            writeNewObject(*object, m_lastObjectId);
+        } else if (known->value.isByReference) {
+            writeKnownObject(*object, known->value.id);
+        } else {
+            known->value.isByReference = true;
+            writeNewObject(*object, known->value.id);
+        }
+    });
+}
+
+void OutputArchive::writeDeferred(const Serializable* object) {
+    verifyWritable();
+    if (m_depth == 0 || object == nullptr || !object->isSerializationEnabled()) {
+        writeObjectByRef(object);
+        return;
+    }
+    const auto known = m_objects.find(object);
+    zel::uint32 id = 0;
+    if (known == m_objects.end()) {
+        id = ++m_lastObjectId;
+        m_objects.insert(object, IdEntry{id, false});
+        m_putOff.push_back(object);
+    } else {
+        id = known->value.id;
+    }
+    writeKnownObject(*object, id);
+}
+
+void OutputArchive::writePutOff() {
+    while (!m_putOff.empty()) {
+        const Serializable* const object = m_putOff.back();
+        m_putOff.pop_back();
+        if (!m_objects.find(object)->value.isByReference)
+            writeObjectByRef(object);
+    }
+}
+
+void OutputArchive::writeObjectByVal(const Serializable& object) {
+    verifyWritable();
+    if (!object.isSerializationEnabled()) {
+        writeNull();
+        return;
+    }
+    Nesting::run(*this, [this, &object] {
+        const ScopedSection section(*this, "Object");
+        {
+            const zel::FlagScope isValue(m_isValueHeader);
+            writeObjectHeader(NewObject, nullptr);
+        }
+        writeBody(object, 0);
+    });
+}
+
+void OutputArchive::writeNewObject(const Serializable& object, zel::uint32 id) {
+    const ScopedSection section(*this, "Object");
+    writeObjectHeader(NewObject, agentOf(object));
+    addAttribute("referenceID", id);
+    ++m_numReferences;
+    writeBody(object, id);
+}
+
+void OutputArchive::writeKnownObject(const Serializable& object, zel::uint32 id) {
+    const ScopedSection section(*this, "Object");
+    writeObjectHeader(KnownObject, agentOf(object));
+    addAttribute("referenceID", id);
+}
+
+void OutputArchive::writeBody(const Serializable& object, zel::uint32 id) {
+    object._store(*this);
+    ++m_numObjects;
+    m_objectEvent.fire(&object, id);
+}
+
+const StorageAgent* OutputArchive::agentOf(const Serializable& object) {
+    const StorageAgent* const agent = object.getStorageAgent();
+    zelVerifyN(agent != nullptr,
+               "an object of class '%s' has no storage agent, by which archives know its class",
+               object.getClassName().c_str());
+    return agent;
+}
+
+void OutputArchive::writeObjectHeader(StorageMode mode, const StorageAgent* agent) {
+    addAttribute("tag", ObjectTag);
+    addAttribute("storageMode", static_cast<zel::int32>(mode));
+    if (mode != NullObject && !m_isValueHeader)
+        writeTypeHeader(agent);
+}
+
+void OutputArchive::writeTypeHeader(const StorageAgent* agent) {
+    verifyWritable();
+    zelVerifyN(agent != nullptr, "a class without a storage agent has no type header");
+    const ScopedSection section(*this, "TypeHeader");
+    const auto known = m_agents.find(agent);
+    const bool isNew = known == m_agents.end();
+    const auto id = isNew ? static_cast<zel::uint32>(m_agents.size() + 1) : known->value;
+    addAttribute("tag", TypeTag);
+    addAttribute("storageMode", static_cast<zel::int32>(isNew ? NewObject : KnownObject));
+    addAttribute("referenceID", id);
+    if (!isNew)
+        return;
+    m_agents.insert(agent, id);
+    addAttribute("className", agent->getClassName());
+}
+
+} // namespace zelStream
