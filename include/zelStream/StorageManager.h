@@ -1,13 +1,12 @@
 #pragma once
 
 #include <zel/Export.h>
-#include <zel/HashTable.h>
 #include <zel/Singleton.h>
 #include <zel/String.h>
 #include <zel/Vector.h>
 
-#include <initializer_list>
 #include <memory>
+#include <string>
 
 namespace zelStream {
 
@@ -19,9 +18,8 @@ class StorageAgent;
 ///
 /// Agents register when their library is loaded, and stay known through a shutdown of the library: the next
 /// instance() has them again.
-/// @threads registration at start-up on one thread; from then on any thread may look up, as long as no
-/// library
-///     has to be loaded
+/// @threads registration at start-up on one thread; from then on any thread may look up what is registered; a
+/// search that may load a library wants an external lock
 class ZEL_CORE_API StorageManager : public zel::Singleton {
 public:
     /// Whether an archive has all of a list of modifications.
@@ -55,7 +53,7 @@ public:
 
     /// Created on first use, with all agents that are registered.
     [[nodiscard]] static StorageManager* instance();
-    /// Empties the manager, at shutdown.
+    /// Empties the manager, at shutdown: it finds nothing any more, and the next instance() is another one.
     void cleanup();
 
     /// Registers the agent under its class name, for every archive.
@@ -77,8 +75,12 @@ public:
     /// @param archive  may be null, which every agent fits
     /// @return null if there is none
     [[nodiscard]] const StorageAgent* find(const zel::String& name, const InputArchive* archive);
+    /// Tells that a class was stored by its bare name, before it moved into a namespace. For good, as the
+    /// registration of an agent.
+    /// @param fullName  is looked for where nothing is registered under the bare name
+    static void addMissingNamespace(const zel::String& className, const zel::String& fullName);
 
-    /// Whether `find` may load libraries; true by default.
+    /// Whether `find` may load libraries; true by default, also after a shutdown.
     void setLibraryLoadingEnabled(bool enable) noexcept;
     [[nodiscard]] bool isLibraryLoadingEnabled() const noexcept;
 
@@ -88,6 +90,8 @@ public:
 
 private:
     StorageManager();
+    static void add(const zel::String& name, const StorageAgent* agent, const ModificationCallback& fits);
+
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

@@ -2,9 +2,11 @@
 
 #include <zel/Export.h>
 #include <zel/Integers.h>
-#include <zel/String.h>
-#include <zel/Vector.h>
+#include <zelStream/ArchiveException.h>
 #include <zelStream/ArchiveTypes.h>
+
+#include <concepts>
+#include <string>
 
 namespace zelStream {
 
@@ -41,7 +43,13 @@ public:
     /// @throws ArchiveException if fewer bytes are left than the value takes, which then is left alone
     template <ArchiveScalar T>
     void read(T& value) {
-        readNumber(&value, sizeof(T));
+        if constexpr (std::same_as<T, bool>) {
+            zel::uint8 byte = 0; // not each byte is a bool
+            read(byte);
+            value = byte != 0;
+        } else {
+            readNumber(&value, sizeof(T));
+        }
     }
     template <ArchiveComponents V>
     void read(V& value) {
@@ -50,6 +58,7 @@ public:
             read(value.data()[i]);
     }
     void read(std::string& text);
+    /// @throws ArchiveException, as above
     void read(void* data, zel::size_t numBytes);
 
     /// Reads from the front again.
@@ -63,9 +72,9 @@ public:
 private:
     void writeNumber(const void* value, zel::size_t size);
     void readNumber(void* value, zel::size_t size);
-    void verifyLeft(zel::size_t numBytes) const;
+    void verifyLeft(zel::uint64 numBytes) const;
 
-    zel::Vector<char> m_bytes;
+    std::string m_bytes;
     zel::size_t m_head = 0;
 };
 
