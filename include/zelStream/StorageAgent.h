@@ -3,7 +3,9 @@
 #include <zel/Export.h>
 #include <zel/String.h>
 #include <zel/ref_ptr.h>
+#include <zelStream/ClassInformation.h>
 #include <zelStream/Serializable.h>
+#include <zelStream/StorageManager.h>
 
 #include <type_traits>
 
@@ -85,8 +87,7 @@ private:                                                                        
     friend class ::zelStream::SerializableStorageAgent<Class>;
 
 /// In a source file, in the namespace of the class: makes the agent, named by the class with its namespaces,
-/// and registers it for as long as the library that holds it is loaded. <zelStream/StorageManager.h> has to
-/// be included.
+/// and registers it for as long as the library that holds it is loaded.
 #define ZEL_REGISTER_SERIALIZABLE(Class)                                                                     \
     const ::zelStream::StorageAgent& Class::storageAgent() {                                                 \
         static const ::zelStream::SerializableStorageAgent<Class> agent(                                     \

@@ -1,0 +1,423 @@
+// Object archives in memory: a graph of a million small objects with shared references, beside two libraries
+// and a table of pointers by hand, and large vectors beside the copy of their bytes.
+#include <zel/Random.h>
+#include <zel/ref_ptr.h>
+#include <zelCore/zelCore.h>
+#include <zelStream/InputArchive.h>
+#include <zelStream/OutputArchive.h>
+#include <zelStream/Serializable.h>
+#include <zelStream/StorageAgent.h>
+#include <zelStream/StorageManager.h>
+
+#include <benchmark/benchmark.h>
+
+#ifdef ZEL_BENCH_CEREAL
+#include <cereal/archives/binary.hpp>
+#include <cereal/types/memory.hpp>
+#include <cereal/types/vector.hpp>
+#endif
+#ifdef ZEL_BENCH_BOOST
+#include <boost/archive/binary_iarchive.hpp>
+#include <boost/archive/binary_oarchive.hpp>
+#include <boost/serialization/shared_ptr.hpp>
+#include <boost/serialization/vector.hpp>
+#endif
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace archivebench {
+struct PlainNode;
+} // namespace archivebench
+
+#ifdef ZEL_BENCH_BOOST
+namespace boost::serialization {
+// Here, so that the other library does not find it.
+template <typename Archive>
+void serialize(Archive& archive, archivebench::PlainNode& node, unsigned);
+} // namespace boost::serialization
+#endif
+
+namespace archivebench {
+
+constexpr std::size_t NumNodes = 1'000'000;
+constexpr std::size_t NumReals = 10'000'000;
+
+void require(bool good) {
+    if (!good)
+        std::abort();
+}
+
+/// The parent of each node: one ahead of it, or none.
+const std::vector<std::int64_t>& parents() {
+    static const std::vector<std::int64_t> list = [] {
+        std::mt19937_64 random(7);
+        std::vector<std::int64_t> parent(NumNodes, -1);
+        for (std::size_t i = 1; i < NumNodes; ++i)
+            parent[i] = random() % 8 == 0 ? -1 : static_cast<std::int64_t>(random() % i);
+        return parent;
+    }();
+    return list;
+}
+
+double massOf(std::size_t i) {
+    return 0.5 * static_cast<double>(i);
+}
+
+class Node : public zelStream::Serializable {
+    ZEL_SERIALIZABLE(Node)
+
+public:
+    void store(zelStream::OutputArchive& archive) const override {
+        archive.write(mass);
+        archive.write(kind);
+        archive.write(parent.get());
+    }
+    void restore(zelStream::InputArchive& archive) override {
+        archive.read(mass);
+        archive.read(kind);
+        archive.read(parent);
+    }
+
+    double mass = 0;
+    zel::int32 kind = 0;
+    zel::ref_ptr<Node> parent;
+};
+
+/// The same as an object of the other libraries.
+struct PlainNode {
+    template <typename Archive>
+    void serialize(Archive& archive) {
+        archive(mass, kind, parent);
+    }
+
+    double mass = 0;
+    std::int32_t kind = 0;
+    std::shared_ptr<PlainNode> parent;
+};
+
+const std::vector<zel::ref_ptr<Node>>& nodes() {
+    static const std::vector<zel::ref_ptr<Node>> list = [] {
+        std::vector<zel::ref_ptr<Node>> made;
+        for (std::size_t i = 0; i < NumNodes; ++i) {
+            made.emplace_back(new Node);
+            made[i]->mass = massOf(i);
+            made[i]->kind = static_cast<zel::int32>(i % 5);
+            if (parents()[i] >= 0)
+                made[i]->parent = made[static_cast<std::size_t>(parents()[i])];
+        }
+        return made;
+    }();
+    return list;
+}
+
+const std::vector<std::shared_ptr<PlainNode>>& plainNodes() {
+    static const std::vector<std::shared_ptr<PlainNode>> list = [] {
+        std::vector<std::shared_ptr<PlainNode>> made;
+        for (std::size_t i = 0; i < NumNodes; ++i) {
+            made.push_back(std::make_shared<PlainNode>());
+            made[i]->mass = massOf(i);
+            made[i]->kind = static_cast<std::int32_t>(i % 5);
+            if (parents()[i] >= 0)
+                made[i]->parent = made[static_cast<std::size_t>(parents()[i])];
+        }
+        return made;
+    }();
+    return list;
+}
+
+template <typename List>
+void verify(const List& restored) {
+    require(restored.size() == NumNodes);
+    for (std::size_t i = 0; i < NumNodes; i += 997) {
+        require(restored[i]->mass == massOf(i));
+        require(parents()[i] < 0 ? restored[i]->parent == nullptr
+                                 : restored[i]->parent == restored[static_cast<std::size_t>(parents()[i])]);
+    }
+}
+
+void count(benchmark::State& state, std::size_t numBytes) {
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(NumNodes));
+    state.counters["bytes per object"] = static_cast<double>(numBytes) / static_cast<double>(NumNodes);
+}
+
+void store(std::ostream& stream) {
+    zelStream::OutputArchive archive;
+    archive.open(stream);
+    archive.write(zel::uint64{NumNodes});
+    for (const zel::ref_ptr<Node>& node : nodes())
+        archive.write(node.get());
+    archive.close();
+}
+
+void StoreGraph(benchmark::State& state) {
+    (void)nodes();
+    std::size_t numBytes = 0;
+    for (auto _ : state) {
+        std::ostringstream stream;
+        store(stream);
+        numBytes = static_cast<std::size_t>(stream.tellp());
+    }
+    count(state, numBytes);
+}
+BENCHMARK(StoreGraph)->Name("BM_ArchiveStoreGraph/zel")->Unit(benchmark::kMillisecond);
+
+void RestoreGraph(benchmark::State& state) {
+    std::ostringstream stored;
+    store(stored);
+    std::istringstream stream(stored.str());
+    for (auto _ : state) {
+        stream.seekg(0);
+        std::vector<zel::ref_ptr<Node>> restored;
+        {
+            zelStream::InputArchive archive;
+            archive.open(stream);
+            zel::uint64 size = 0;
+            archive.read(size);
+            restored.resize(size);
+            for (zel::ref_ptr<Node>& node : restored)
+                archive.read(node);
+        }
+        state.PauseTiming();
+        verify(restored);
+        restored.clear();
+        state.ResumeTiming();
+    }
+    count(state, stored.str().size());
+}
+BENCHMARK(RestoreGraph)->Name("BM_ArchiveRestoreGraph/zel")->Unit(benchmark::kMillisecond);
+
+#ifdef ZEL_BENCH_CEREAL
+void storeCereal(std::ostream& stream) {
+    cereal::BinaryOutputArchive archive(stream);
+    archive(plainNodes());
+}
+
+void StoreGraphCereal(benchmark::State& state) {
+    (void)plainNodes();
+    std::size_t numBytes = 0;
+    for (auto _ : state) {
+        std::ostringstream stream;
+        storeCereal(stream);
+        numBytes = static_cast<std::size_t>(stream.tellp());
+    }
+    count(state, numBytes);
+}
+BENCHMARK(StoreGraphCereal)->Name("BM_ArchiveStoreGraph/cereal")->Unit(benchmark::kMillisecond);
+
+void RestoreGraphCereal(benchmark::State& state) {
+    std::ostringstream stored;
+    storeCereal(stored);
+    std::istringstream stream(stored.str());
+    for (auto _ : state) {
+        stream.seekg(0);
+        std::vector<std::shared_ptr<PlainNode>> restored;
+        {
+            cereal::BinaryInputArchive archive(stream);
+            archive(restored);
+        }
+        state.PauseTiming();
+        verify(restored);
+        restored.clear();
+        state.ResumeTiming();
+    }
+    count(state, stored.str().size());
+}
+BENCHMARK(RestoreGraphCereal)->Name("BM_ArchiveRestoreGraph/cereal")->Unit(benchmark::kMillisecond);
+#endif
+
+#ifdef ZEL_BENCH_BOOST
+} // namespace archivebench
+
+template <typename Archive>
+void boost::serialization::serialize(Archive& archive, archivebench::PlainNode& node, unsigned) {
+    archive & node.mass & node.kind & node.parent;
+}
+
+namespace archivebench {
+
+void storeBoost(std::ostream& stream) {
+    boost::archive::binary_oarchive archive(stream);
+    archive << plainNodes();
+}
+
+void StoreGraphBoost(benchmark::State& state) {
+    (void)plainNodes();
+    std::size_t numBytes = 0;
+    for (auto _ : state) {
+        std::ostringstream stream;
+        storeBoost(stream);
+        numBytes = static_cast<std::size_t>(stream.tellp());
+    }
+    count(state, numBytes);
+}
+BENCHMARK(StoreGraphBoost)->Name("BM_ArchiveStoreGraph/boost")->Unit(benchmark::kMillisecond);
+
+void RestoreGraphBoost(benchmark::State& state) {
+    std::ostringstream stored;
+    storeBoost(stored);
+    std::istringstream stream(stored.str());
+    for (auto _ : state) {
+        stream.seekg(0);
+        std::vector<std::shared_ptr<PlainNode>> restored;
+        {
+            boost::archive::binary_iarchive archive(stream);
+            archive >> restored;
+        }
+        state.PauseTiming();
+        verify(restored);
+        restored.clear();
+        state.ResumeTiming();
+    }
+    count(state, stored.str().size());
+}
+BENCHMARK(RestoreGraphBoost)->Name("BM_ArchiveRestoreGraph/boost")->Unit(benchmark::kMillisecond);
+#endif
+
+void storeByHand(std::ostream& stream) {
+    std::unordered_map<const PlainNode*, std::uint32_t> ids;
+    const auto put = [&stream](const auto& value) {
+        stream.rdbuf()->sputn(reinterpret_cast<const char*>(&value), sizeof(value));
+    };
+    for (const std::shared_ptr<PlainNode>& node : plainNodes()) {
+        ids.emplace(node.get(), static_cast<std::uint32_t>(ids.size() + 1));
+        put(node->mass);
+        put(node->kind);
+        put(node->parent == nullptr ? std::uint32_t{0} : ids.at(node->parent.get()));
+    }
+}
+
+void StoreGraphByHand(benchmark::State& state) {
+    (void)plainNodes();
+    std::size_t numBytes = 0;
+    for (auto _ : state) {
+        std::ostringstream stream;
+        storeByHand(stream);
+        numBytes = static_cast<std::size_t>(stream.tellp());
+    }
+    count(state, numBytes);
+}
+BENCHMARK(StoreGraphByHand)->Name("BM_ArchiveStoreGraph/by_hand")->Unit(benchmark::kMillisecond);
+
+void RestoreGraphByHand(benchmark::State& state) {
+    std::ostringstream stored;
+    storeByHand(stored);
+    std::istringstream stream(stored.str());
+    for (auto _ : state) {
+        stream.seekg(0);
+        std::vector<std::shared_ptr<PlainNode>> restored(NumNodes);
+        const auto take = [&stream](auto& value) {
+            stream.rdbuf()->sgetn(reinterpret_cast<char*>(&value), sizeof(value));
+        };
+        for (std::shared_ptr<PlainNode>& node : restored) {
+            node = std::make_shared<PlainNode>();
+            std::uint32_t parent = 0;
+            take(node->mass);
+            take(node->kind);
+            take(parent);
+            if (parent != 0)
+                node->parent = restored[parent - 1];
+        }
+        state.PauseTiming();
+        verify(restored);
+        restored.clear();
+        state.ResumeTiming();
+    }
+    count(state, stored.str().size());
+}
+BENCHMARK(RestoreGraphByHand)->Name("BM_ArchiveRestoreGraph/by_hand")->Unit(benchmark::kMillisecond);
+
+const std::vector<double>& reals() {
+    static const std::vector<double> list(NumReals, 0.25);
+    return list;
+}
+
+/// A stream over memory that is there already, so that the two sides see the same pages.
+class MemoryBuffer : public std::streambuf {
+public:
+    explicit MemoryBuffer(std::vector<char>& memory) {
+        setp(memory.data(), memory.data() + memory.size());
+        setg(memory.data(), memory.data(), memory.data() + memory.size());
+    }
+};
+
+std::vector<char>& memory() {
+    static std::vector<char> bytes(NumReals * sizeof(double) + 4096);
+    return bytes;
+}
+
+void StoreVector(benchmark::State& state) {
+    for (auto _ : state) {
+        MemoryBuffer buffer(memory());
+        std::ostream stream(&buffer);
+        zelStream::OutputArchive archive;
+        archive.open(stream);
+        archive.write(reals());
+        archive.close();
+        require(stream.good());
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(NumReals * sizeof(double)));
+}
+BENCHMARK(StoreVector)->Name("BM_ArchiveStoreVector/zel")->Unit(benchmark::kMillisecond);
+
+void StoreVectorMemcpy(benchmark::State& state) {
+    for (auto _ : state) {
+        std::memcpy(memory().data(), reals().data(), NumReals * sizeof(double));
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(NumReals * sizeof(double)));
+}
+BENCHMARK(StoreVectorMemcpy)->Name("BM_ArchiveStoreVector/memcpy")->Unit(benchmark::kMillisecond);
+
+void RestoreVector(benchmark::State& state) {
+    std::ostringstream stored;
+    zelStream::OutputArchive output;
+    output.open(stored);
+    output.write(reals());
+    output.close();
+    std::istringstream stream(stored.str());
+    std::vector<double> restored(NumReals);
+    for (auto _ : state) {
+        stream.seekg(0);
+        zelStream::InputArchive archive;
+        archive.open(stream);
+        archive.read(restored);
+        archive.close();
+    }
+    require(restored == reals());
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(NumReals * sizeof(double)));
+}
+BENCHMARK(RestoreVector)->Name("BM_ArchiveRestoreVector/zel")->Unit(benchmark::kMillisecond);
+
+void RestoreVectorMemcpy(benchmark::State& state) {
+    const std::string stored(reinterpret_cast<const char*>(reals().data()), NumReals * sizeof(double));
+    std::vector<double> restored(NumReals);
+    for (auto _ : state) {
+        std::memcpy(restored.data(), stored.data(), stored.size());
+        benchmark::ClobberMemory();
+    }
+    require(restored == reals());
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(NumReals * sizeof(double)));
+}
+BENCHMARK(RestoreVectorMemcpy)->Name("BM_ArchiveRestoreVector/memcpy")->Unit(benchmark::kMillisecond);
+
+ZEL_REGISTER_SERIALIZABLE(Node)
+
+} // namespace archivebench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    zelCore::init();
+    benchmark::RunSpecifiedBenchmarks();
+    zelCore::shutdown();
+    return 0;
+}
