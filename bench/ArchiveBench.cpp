@@ -14,15 +14,18 @@
 #ifdef ZEL_BENCH_CEREAL
 #include <cereal/archives/binary.hpp>
 #include <cereal/types/memory.hpp>
+#include <cereal/types/polymorphic.hpp>
 #include <cereal/types/vector.hpp>
 #endif
 #ifdef ZEL_BENCH_BOOST
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
+#include <boost/serialization/export.hpp>
 #include <boost/serialization/shared_ptr.hpp>
 #include <boost/serialization/vector.hpp>
 #endif
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -34,18 +37,6 @@
 #include <vector>
 
 namespace archivebench {
-struct PlainNode;
-} // namespace archivebench
-
-#ifdef ZEL_BENCH_BOOST
-namespace boost::serialization {
-// Here, so that the other library does not find it.
-template <typename Archive>
-void serialize(Archive& archive, archivebench::PlainNode& node, unsigned);
-} // namespace boost::serialization
-#endif
-
-namespace archivebench {
 
 constexpr std::size_t NumNodes = 1'000'000;
 constexpr std::size_t NumReals = 10'000'000;
@@ -55,13 +46,27 @@ void require(bool good) {
         std::abort();
 }
 
-/// The parent of each node: one ahead of it, or none.
+/// A stream over memory that is there already, so that the two sides see the same pages.
+class MemoryBuffer : public std::streambuf {
+public:
+    explicit MemoryBuffer(std::vector<char>& memory) { setp(memory.data(), memory.data() + memory.size()); }
+    [[nodiscard]] std::size_t size() const { return static_cast<std::size_t>(pptr() - pbase()); }
+};
+
+std::vector<char>& memory() {
+    static std::vector<char> bytes(NumNodes * 128);
+    return bytes;
+}
+
+/// The parent of each node: one of the 10,000 ahead of it, or none.
 const std::vector<std::int64_t>& parents() {
     static const std::vector<std::int64_t> list = [] {
         std::mt19937_64 random(7);
         std::vector<std::int64_t> parent(NumNodes, -1);
         for (std::size_t i = 1; i < NumNodes; ++i)
-            parent[i] = random() % 8 == 0 ? -1 : static_cast<std::int64_t>(random() % i);
+            parent[i] = random() % 8 == 0
+                            ? -1
+                            : static_cast<std::int64_t>(i - 1 - random() % std::min<std::size_t>(i, 10'000));
         return parent;
     }();
     return list;
@@ -91,17 +96,62 @@ public:
     zel::ref_ptr<Node> parent;
 };
 
-/// The same as an object of the other libraries.
-struct PlainNode {
+/// The same as objects of the other libraries, which know its class by its name as ours do.
+struct PlainObject {
+    PlainObject() = default;
+    PlainObject(const PlainObject&) = delete;
+    PlainObject& operator=(const PlainObject&) = delete;
+    virtual ~PlainObject() = default;
+    [[nodiscard]] virtual double getMass() const = 0;
+};
+
+struct PlainNode : PlainObject {
     template <typename Archive>
     void serialize(Archive& archive) {
         archive(mass, kind, parent);
     }
 
+    [[nodiscard]] double getMass() const override { return mass; }
+
     double mass = 0;
     std::int32_t kind = 0;
-    std::shared_ptr<PlainNode> parent;
+    std::shared_ptr<PlainObject> parent;
 };
+
+double massOf(const zel::ref_ptr<Node>& node) {
+    return node->mass;
+}
+double massOf(const std::shared_ptr<PlainObject>& node) {
+    return node->getMass();
+}
+const auto& parentOf(const zel::ref_ptr<Node>& node) {
+    return node->parent;
+}
+const auto& parentOf(const std::shared_ptr<PlainObject>& node) {
+    return dynamic_cast<const PlainNode&>(*node).parent;
+}
+
+} // namespace archivebench
+
+#ifdef ZEL_BENCH_CEREAL
+CEREAL_REGISTER_TYPE(archivebench::PlainNode)
+CEREAL_REGISTER_POLYMORPHIC_RELATION(archivebench::PlainObject, archivebench::PlainNode)
+#endif
+#ifdef ZEL_BENCH_BOOST
+namespace boost::serialization {
+// Here, so that the other library does not find them.
+template <typename Archive>
+void serialize(Archive&, archivebench::PlainObject&, unsigned) {}
+template <typename Archive>
+void serialize(Archive& archive, archivebench::PlainNode& node, unsigned) {
+    void_cast_register<archivebench::PlainNode, archivebench::PlainObject>();
+    archive& node.mass& node.kind& node.parent;
+}
+} // namespace boost::serialization
+BOOST_CLASS_EXPORT(archivebench::PlainNode)
+#endif
+
+namespace archivebench {
 
 const std::vector<zel::ref_ptr<Node>>& nodes() {
     static const std::vector<zel::ref_ptr<Node>> list = [] {
@@ -118,15 +168,16 @@ const std::vector<zel::ref_ptr<Node>>& nodes() {
     return list;
 }
 
-const std::vector<std::shared_ptr<PlainNode>>& plainNodes() {
-    static const std::vector<std::shared_ptr<PlainNode>> list = [] {
-        std::vector<std::shared_ptr<PlainNode>> made;
+const std::vector<std::shared_ptr<PlainObject>>& plainNodes() {
+    static const std::vector<std::shared_ptr<PlainObject>> list = [] {
+        std::vector<std::shared_ptr<PlainObject>> made;
         for (std::size_t i = 0; i < NumNodes; ++i) {
-            made.push_back(std::make_shared<PlainNode>());
-            made[i]->mass = massOf(i);
-            made[i]->kind = static_cast<std::int32_t>(i % 5);
+            const auto node = std::make_shared<PlainNode>();
+            node->mass = massOf(i);
+            node->kind = static_cast<std::int32_t>(i % 5);
             if (parents()[i] >= 0)
-                made[i]->parent = made[static_cast<std::size_t>(parents()[i])];
+                node->parent = made[static_cast<std::size_t>(parents()[i])];
+            made.push_back(node);
         }
         return made;
     }();
@@ -137,9 +188,9 @@ template <typename List>
 void verify(const List& restored) {
     require(restored.size() == NumNodes);
     for (std::size_t i = 0; i < NumNodes; i += 997) {
-        require(restored[i]->mass == massOf(i));
-        require(parents()[i] < 0 ? restored[i]->parent == nullptr
-                                 : restored[i]->parent == restored[static_cast<std::size_t>(parents()[i])]);
+        require(massOf(restored[i]) == massOf(i));
+        require(parents()[i] < 0 ? parentOf(restored[i]) == nullptr
+                                 : parentOf(restored[i]) == restored[static_cast<std::size_t>(parents()[i])]);
     }
 }
 
@@ -161,9 +212,10 @@ void StoreGraph(benchmark::State& state) {
     (void)nodes();
     std::size_t numBytes = 0;
     for (auto _ : state) {
-        std::ostringstream stream;
+        MemoryBuffer buffer(memory());
+        std::ostream stream(&buffer);
         store(stream);
-        numBytes = static_cast<std::size_t>(stream.tellp());
+        numBytes = buffer.size();
     }
     count(state, numBytes);
 }
@@ -204,9 +256,10 @@ void StoreGraphCereal(benchmark::State& state) {
     (void)plainNodes();
     std::size_t numBytes = 0;
     for (auto _ : state) {
-        std::ostringstream stream;
+        MemoryBuffer buffer(memory());
+        std::ostream stream(&buffer);
         storeCereal(stream);
-        numBytes = static_cast<std::size_t>(stream.tellp());
+        numBytes = buffer.size();
     }
     count(state, numBytes);
 }
@@ -218,7 +271,7 @@ void RestoreGraphCereal(benchmark::State& state) {
     std::istringstream stream(stored.str());
     for (auto _ : state) {
         stream.seekg(0);
-        std::vector<std::shared_ptr<PlainNode>> restored;
+        std::vector<std::shared_ptr<PlainObject>> restored;
         {
             cereal::BinaryInputArchive archive(stream);
             archive(restored);
@@ -234,15 +287,6 @@ BENCHMARK(RestoreGraphCereal)->Name("BM_ArchiveRestoreGraph/cereal")->Unit(bench
 #endif
 
 #ifdef ZEL_BENCH_BOOST
-} // namespace archivebench
-
-template <typename Archive>
-void boost::serialization::serialize(Archive& archive, archivebench::PlainNode& node, unsigned) {
-    archive & node.mass & node.kind & node.parent;
-}
-
-namespace archivebench {
-
 void storeBoost(std::ostream& stream) {
     boost::archive::binary_oarchive archive(stream);
     archive << plainNodes();
@@ -252,9 +296,10 @@ void StoreGraphBoost(benchmark::State& state) {
     (void)plainNodes();
     std::size_t numBytes = 0;
     for (auto _ : state) {
-        std::ostringstream stream;
+        MemoryBuffer buffer(memory());
+        std::ostream stream(&buffer);
         storeBoost(stream);
-        numBytes = static_cast<std::size_t>(stream.tellp());
+        numBytes = buffer.size();
     }
     count(state, numBytes);
 }
@@ -266,7 +311,7 @@ void RestoreGraphBoost(benchmark::State& state) {
     std::istringstream stream(stored.str());
     for (auto _ : state) {
         stream.seekg(0);
-        std::vector<std::shared_ptr<PlainNode>> restored;
+        std::vector<std::shared_ptr<PlainObject>> restored;
         {
             boost::archive::binary_iarchive archive(stream);
             archive >> restored;
@@ -282,12 +327,13 @@ BENCHMARK(RestoreGraphBoost)->Name("BM_ArchiveRestoreGraph/boost")->Unit(benchma
 #endif
 
 void storeByHand(std::ostream& stream) {
-    std::unordered_map<const PlainNode*, std::uint32_t> ids;
+    std::unordered_map<const PlainObject*, std::uint32_t> ids;
     const auto put = [&stream](const auto& value) {
         stream.rdbuf()->sputn(reinterpret_cast<const char*>(&value), sizeof(value));
     };
-    for (const std::shared_ptr<PlainNode>& node : plainNodes()) {
-        ids.emplace(node.get(), static_cast<std::uint32_t>(ids.size() + 1));
+    for (const std::shared_ptr<PlainObject>& object : plainNodes()) {
+        const auto* const node = static_cast<const PlainNode*>(object.get());
+        ids.emplace(object.get(), static_cast<std::uint32_t>(ids.size() + 1));
         put(node->mass);
         put(node->kind);
         put(node->parent == nullptr ? std::uint32_t{0} : ids.at(node->parent.get()));
@@ -298,9 +344,10 @@ void StoreGraphByHand(benchmark::State& state) {
     (void)plainNodes();
     std::size_t numBytes = 0;
     for (auto _ : state) {
-        std::ostringstream stream;
+        MemoryBuffer buffer(memory());
+        std::ostream stream(&buffer);
         storeByHand(stream);
-        numBytes = static_cast<std::size_t>(stream.tellp());
+        numBytes = buffer.size();
     }
     count(state, numBytes);
 }
@@ -312,12 +359,13 @@ void RestoreGraphByHand(benchmark::State& state) {
     std::istringstream stream(stored.str());
     for (auto _ : state) {
         stream.seekg(0);
-        std::vector<std::shared_ptr<PlainNode>> restored(NumNodes);
+        std::vector<std::shared_ptr<PlainObject>> restored(NumNodes);
         const auto take = [&stream](auto& value) {
             stream.rdbuf()->sgetn(reinterpret_cast<char*>(&value), sizeof(value));
         };
-        for (std::shared_ptr<PlainNode>& node : restored) {
-            node = std::make_shared<PlainNode>();
+        for (std::shared_ptr<PlainObject>& object : restored) {
+            const auto node = std::make_shared<PlainNode>();
+            object = node;
             std::uint32_t parent = 0;
             take(node->mass);
             take(node->kind);
@@ -337,20 +385,6 @@ BENCHMARK(RestoreGraphByHand)->Name("BM_ArchiveRestoreGraph/by_hand")->Unit(benc
 const std::vector<double>& reals() {
     static const std::vector<double> list(NumReals, 0.25);
     return list;
-}
-
-/// A stream over memory that is there already, so that the two sides see the same pages.
-class MemoryBuffer : public std::streambuf {
-public:
-    explicit MemoryBuffer(std::vector<char>& memory) {
-        setp(memory.data(), memory.data() + memory.size());
-        setg(memory.data(), memory.data(), memory.data() + memory.size());
-    }
-};
-
-std::vector<char>& memory() {
-    static std::vector<char> bytes(NumReals * sizeof(double) + 4096);
-    return bytes;
 }
 
 void StoreVector(benchmark::State& state) {

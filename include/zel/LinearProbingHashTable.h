@@ -124,6 +124,18 @@ public:
         return insertWithin(std::move(key), std::move(value));
     }
 
+    /// Inserts the pair unless an equal key is there, whose value is then left as it is.
+    /// @return the position of the key, and whether the pair is new
+    /// @throws std::bad_alloc if the allocator gives null
+    std::pair<iterator, bool> tryInsert(Key key, Value value) {
+        const uint64 oldSize = m_size;
+        const uint64 needed = m_size + ((m_size + 1) >> 1) + 2;
+        if (m_capacity < needed) [[unlikely]]
+            rehash(slotsFor(needed));
+        const iterator position = insertWithin<false>(std::move(key), std::move(value));
+        return {position, m_size != oldSize};
+    }
+
     [[nodiscard]] iterator find(const Key& key) { return {this, indexOf(key)}; }
     [[nodiscard]] const_iterator find(const Key& key) const { return {this, indexOf(key)}; }
     template <typename Equal>
@@ -223,6 +235,8 @@ private:
     }
 
     /// Insertion into a table that has room.
+    /// @tparam Replaces  whether an equal key gets the new value
+    template <bool Replaces = true>
     iterator insertWithin(Key&& key, Value&& value) {
         const uint32 hash = Hash()(key);
         int64 i = 0;
@@ -231,7 +245,8 @@ private:
             const uint64 index = slot(hash, static_cast<uint64>(i));
             if (m_states[index] == SlotState::Filled) {
                 if (matches(index, key, hash)) {
-                    m_entries[index].value = std::move(value);
+                    if constexpr (Replaces)
+                        m_entries[index].value = std::move(value);
                     return {this, index};
                 }
             } else if (m_states[index] == SlotState::Empty) {

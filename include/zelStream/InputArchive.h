@@ -9,9 +9,12 @@
 #include <zelStream/RestoreListener.h>
 #include <zelStream/Serializable.h>
 
+#include <concepts>
+#include <cstring>
 #include <iosfwd>
 #include <memory>
 #include <typeinfo>
+#include <utility>
 
 namespace zelStream {
 
@@ -94,18 +97,31 @@ public:
 
     template <ArchiveScalar T>
     void read(T& value) {
-        readScalar(nullptr, &value, scalarFormOf<T>());
+        getAttribute(nullptr, value);
     }
     template <ArchiveScalar T>
     void getAttribute(const char* name, T& value) {
+        if (isAhead(1 + sizeof(T)) && *m_ahead.head == sizeof(T)) [[likely]] {
+            const char* const bytes = takeAhead(1 + sizeof(T)) + 1;
+            if constexpr (std::same_as<T, bool>)
+                value = *bytes != 0;
+            else
+                std::memcpy(&value, bytes, sizeof(T));
+            return;
+        }
         readScalar(name, &value, scalarFormOf<T>());
     }
     void read(std::string& text) { readString(nullptr, text); }
     void getAttribute(const char* name, std::string& text) { readString(name, text); }
     void read(zel::Name& name);
     void getAttribute(const char* name, zel::Name& text);
-    void read(zel::Uuid& uuid) { readUuid(nullptr, uuid); }
-    void getAttribute(const char* name, zel::Uuid& uuid) { readUuid(name, uuid); }
+    void read(zel::Uuid& uuid) { getAttribute(nullptr, uuid); }
+    void getAttribute(const char* name, zel::Uuid& uuid) {
+        if (isAhead(zel::Uuid::NumBytes)) [[likely]]
+            std::memcpy(uuid.data(), takeAhead(zel::Uuid::NumBytes), zel::Uuid::NumBytes);
+        else
+            readUuid(name, uuid);
+    }
     /// Bytes as they are; what is missing at the end of the stream is zero.
     virtual void read(void* data, zel::size_t numBytes);
 
@@ -236,6 +252,12 @@ protected:
     void verifyReadable() const;
 
 private:
+    friend class ArchiveReader;
+    /// What was read ahead of the stream.
+    struct Ahead {
+        const char* head = nullptr;
+        const char* end = nullptr;
+    };
     struct Entry {
         zel::ref_ptr<Serializable> held; ///< null for an object that readVal restored, and once removed
         Serializable* object;            ///< null once removed
@@ -250,6 +272,15 @@ private:
     };
     class Nesting;
 
+    /// Whether that many bytes lie in the buffer, in the byte order of the machine.
+    [[nodiscard]] bool isAhead(zel::size_t numBytes) const noexcept {
+        return static_cast<zel::size_t>(m_ahead.end - m_ahead.head) >= numBytes && m_endianMatch &&
+               !hasFailed();
+    }
+    const char* takeAhead(zel::size_t numBytes) noexcept {
+        m_numBytesRead += numBytes;
+        return std::exchange(m_ahead.head, m_ahead.head + numBytes);
+    }
     void reset();
     void readHeader();
     void readBuildInfo();
@@ -274,6 +305,12 @@ private:
     auto nested(const Read& read);
     template <typename Text, typename Read>
     auto orEnd(const Text& text, const Read& read);
+    struct Record {
+        StorageMode mode;
+        const StorageAgent* agent;
+        zel::uint32 id;
+    };
+    [[nodiscard]] bool readRecordAtOnce(Record& record);
     [[nodiscard]] Serializable* readRecord();
     [[nodiscard]] Serializable* readNull();
     [[nodiscard]] Serializable* readKnown(zel::uint32 id);
@@ -290,6 +327,10 @@ private:
     void letGo();
     template <typename T>
     T* cast(Serializable* object) const {
+        // Exactly a T in most cases, which is quick to see.
+        if constexpr (requires { static_cast<T*>(object); })
+            if (object != nullptr && typeid(*object) == typeid(T))
+                return static_cast<T*>(object);
         T* const wanted = dynamic_cast<T*>(object);
         if (wanted == nullptr && object != nullptr)
             failCast(*object, typeid(T));
@@ -298,6 +339,7 @@ private:
     [[noreturn]] void failCast(const Serializable& object, const std::type_info& wanted) const;
     [[noreturn]] void failClass(const zel::String& stored, const zel::String& wanted) const;
 
+    Ahead m_ahead;
     std::unique_ptr<ArchiveReader> m_reader; ///< the stream
     bool m_endianMatch = true;
     bool m_isValueHeader = false; ///< while that of an object by value is read, which has no type header
@@ -320,6 +362,8 @@ private:
     zel::HashTable<const Serializable*, zel::uint32> m_ids; ///< once an object was removed
     bool m_hasIds = false;
     zel::HashTable<zel::uint32, const StorageAgent*> m_agents;
+    const StorageAgent* m_lastAgent = nullptr;          ///< of a type header, and
+    zel::uint32 m_lastAgentId = 0;                      ///< its id
     zel::HashTable<zel::uint32, zel::uint32> m_waiting; ///< the first pointer that waits for an id
     zel::Vector<PutOff> m_putOff;
     zel::Vector<zel::ref_ptr<RestoreListener>>

@@ -8,7 +8,9 @@
 #include <zelStream/Archive.h>
 #include <zelStream/ArchiveTypes.h>
 
+#include <cstring>
 #include <iosfwd>
+#include <utility>
 
 namespace zelStream {
 
@@ -70,10 +72,15 @@ public:
 
     template <ArchiveScalar T>
     void write(T value) {
-        writeScalar(nullptr, &value, scalarFormOf<T>());
+        addAttribute(nullptr, value);
     }
     template <ArchiveScalar T>
     void addAttribute(const char* name, T value) {
+        if (char* const bytes = takeRoom(1 + sizeof(T))) [[likely]] {
+            *bytes = static_cast<char>(sizeof(T));
+            std::memcpy(bytes + 1, &value, sizeof(T));
+            return;
+        }
         writeScalar(name, &value, scalarFormOf<T>());
     }
     void write(const std::string& text) { writeString(nullptr, text); }
@@ -85,8 +92,13 @@ public:
     void addAttribute(const char* name, const zel::Name& text) {
         writeString(name, {text.c_str(), text.length()});
     }
-    void write(const zel::Uuid& uuid) { writeUuid(nullptr, uuid); }
-    void addAttribute(const char* name, const zel::Uuid& uuid) { writeUuid(name, uuid); }
+    void write(const zel::Uuid& uuid) { addAttribute(nullptr, uuid); }
+    void addAttribute(const char* name, const zel::Uuid& uuid) {
+        if (char* const bytes = takeRoom(zel::Uuid::NumBytes)) [[likely]]
+            std::memcpy(bytes, uuid.data(), zel::Uuid::NumBytes);
+        else
+            writeUuid(name, uuid);
+    }
     /// Bytes as they are, in no byte order.
     virtual void write(const void* data, zel::size_t numBytes);
 
@@ -159,7 +171,8 @@ protected:
 private:
     struct IdEntry {
         zel::uint32 id;
-        bool isByReference; ///< its body is in the archive, or under way; false while it is put off
+        zel::uint32 isByReference : 1; ///< its body is in the archive, or under way; 0 while it is put off
+        zel::uint32 agentId : 31;
     };
     class Nesting;
 
@@ -169,13 +182,25 @@ private:
     void writeNull();
     void writeBody(const Serializable& object, zel::uint32 id);
     [[nodiscard]] zel::String getDateText() const;
-    void writeNewObject(const Serializable& object, zel::uint32 id);
-    void writeKnownObject(const Serializable& object, zel::uint32 id);
-    /// The agent of an object that is stored by reference, which has to have one.
-    static const StorageAgent* agentOf(const Serializable& object);
+    bool writeHeaderAtOnce(StorageMode mode, const IdEntry& entry);
+    void writeHeader(StorageMode mode, const IdEntry& entry);
+    void writeNewObject(const Serializable& object, const IdEntry& entry);
+    void writeKnownObject(const IdEntry& entry);
+    /// The number of the class of an object that is stored by reference, which has to have an agent.
+    std::pair<IdEntry&, bool> enter(const Serializable* object, bool isByReference);
+    [[nodiscard]] zel::uint32 agentIdOf(const Serializable& object);
+    [[nodiscard]] zel::uint32 idOf(const StorageAgent* agent);
     template <ArchiveScalar T>
     void addRawAttribute(const char* name, T value);
     void writePutOff();
+    /// @return where that many bytes go, or null where they can not go into the buffer as they are
+    char* takeRoom(zel::size_t numBytes) noexcept {
+        if (!m_isDirect || hasFailed() || m_buffer.size() - m_numBuffered < numBytes)
+            return nullptr;
+        char* const room = m_buffer.data() + m_numBuffered;
+        m_numBuffered += numBytes;
+        return room;
+    }
     void put(const void* bytes, zel::size_t numBytes);
     void flushBuffer();
     void flushStream();
@@ -186,6 +211,7 @@ private:
     zel::size_t m_bufferSize = DefaultWriteBufferSize;
     zel::size_t m_numBuffered = 0; ///< bytes that await the stream
     bool m_isLittleEndian;
+    bool m_isDirect = false;  ///< scalars go into the buffer as they are
     bool m_isSwapped = false; ///< the archive's byte order is not that of the machine
     bool m_useCurrentDate = true;
     bool m_isValueHeader = false; ///< while that of an object by value is written, which has no type header
@@ -195,7 +221,13 @@ private:
     zel::uint64 m_numObjects = 0;
     zel::uint64 m_numReferences = 0;
     zel::HashTable<const Serializable*, IdEntry> m_objects;
-    zel::HashTable<const StorageAgent*, zel::uint32> m_agents;
+    struct Agent {
+        const StorageAgent* agent;
+        bool isWritten; ///< its name is in the archive
+    };
+    zel::Vector<Agent> m_agents; ///< of the ids from 1 on
+    zel::HashTable<const StorageAgent*, zel::uint32> m_agentIds;
+    zel::uint32 m_lastAgentId = 0;             ///< asked for; 0 for none
     zel::Vector<const Serializable*> m_putOff; ///< the newest first
     ObjectEvent m_objectEvent;
 };

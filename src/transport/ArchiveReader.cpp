@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <istream>
+#include <utility>
 
 namespace zelStream {
 
@@ -13,7 +14,8 @@ constexpr std::streamoff NoPosition = -1;
 
 } // namespace
 
-ArchiveReader::ArchiveReader(std::istream& stream) : m_stream(stream) {
+ArchiveReader::ArchiveReader(std::istream& stream, InputArchive::Ahead& ahead)
+    : m_stream(stream), m_ahead(ahead) {
     std::streambuf* const source = stream.rdbuf();
     if (source == nullptr || !stream.good())
         return;
@@ -29,10 +31,11 @@ ArchiveReader::ArchiveReader(std::istream& stream) : m_stream(stream) {
 }
 
 ArchiveReader::~ArchiveReader() {
-    if (m_head == m_end)
+    const InputArchive::Ahead ahead = std::exchange(m_ahead, {});
+    if (ahead.head == ahead.end)
         return;
     try {
-        m_stream.rdbuf()->pubseekoff(m_head - m_end, std::ios::cur, std::ios::in);
+        m_stream.rdbuf()->pubseekoff(ahead.head - ahead.end, std::ios::cur, std::ios::in);
     } catch (...) { // NOLINT(bugprone-empty-catch): a stream that failed stands anywhere
     }
 }
@@ -45,19 +48,18 @@ bool ArchiveReader::isAtEnd() {
 
 void ArchiveReader::copy(void* data, zel::size_t numBytes) {
     if (numBytes != 0)
-        std::memcpy(data, m_head, numBytes);
-    m_head += numBytes;
+        std::memcpy(data, m_ahead.head, numBytes);
+    m_ahead.head += numBytes;
 }
 
 zel::size_t ArchiveReader::readBeyondBuffer(char* data, zel::size_t numBytes) {
-    const auto ahead = static_cast<zel::size_t>(m_end - m_head);
+    const auto ahead = static_cast<zel::size_t>(m_ahead.end - m_ahead.head);
     copy(data, ahead);
     const zel::size_t left = numBytes - ahead;
     if (left >= m_buffer.size())
         return ahead + take(data + ahead, left);
     const zel::size_t n = take(m_buffer.data(), m_buffer.size());
-    m_head = m_buffer.data();
-    m_end = m_head + n;
+    m_ahead = {m_buffer.data(), m_buffer.data() + n};
     const zel::size_t more = std::min(left, n);
     copy(data + ahead, more);
     return ahead + more;

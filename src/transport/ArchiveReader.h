@@ -2,6 +2,7 @@
 
 #include <zel/Integers.h>
 #include <zel/Vector.h>
+#include <zelStream/InputArchive.h>
 
 #include <iosfwd>
 
@@ -11,14 +12,15 @@ namespace zelStream {
 /// the last byte that was taken when it ends.
 class ArchiveReader {
 public:
-    explicit ArchiveReader(std::istream& stream);
+    /// @param ahead  what was read ahead, which its owner may take from
+    ArchiveReader(std::istream& stream, InputArchive::Ahead& ahead);
     ArchiveReader(const ArchiveReader&) = delete;
     ArchiveReader& operator=(const ArchiveReader&) = delete;
     ~ArchiveReader();
 
     /// @return how many bytes there were: fewer only at the end of the stream, and where it fails
     zel::size_t read(void* data, zel::size_t numBytes) {
-        if (numBytes > static_cast<zel::size_t>(m_end - m_head)) [[unlikely]]
+        if (numBytes > static_cast<zel::size_t>(m_ahead.end - m_ahead.head)) [[unlikely]]
             return readBeyondBuffer(static_cast<char*>(data), numBytes);
         copy(data, numBytes);
         return numBytes;
@@ -26,7 +28,8 @@ public:
     [[nodiscard]] bool isAtEnd();
     /// How many bytes may be left: all ones where the stream does not tell.
     [[nodiscard]] zel::uint64 getNumBytesLeft() const noexcept {
-        return m_isSeekable ? m_numBytesLeft + static_cast<zel::uint64>(m_end - m_head) : ~zel::uint64{0};
+        return m_isSeekable ? m_numBytesLeft + static_cast<zel::uint64>(m_ahead.end - m_ahead.head)
+                            : ~zel::uint64{0};
     }
     [[nodiscard]] bool isSeekable() const noexcept { return m_isSeekable; }
 
@@ -39,8 +42,7 @@ private:
     bool m_isSeekable = false;
     zel::uint64 m_numBytesLeft = 0; ///< behind the buffer
     zel::Vector<char> m_buffer;
-    const char* m_head = nullptr; ///< of what was read ahead
-    const char* m_end = nullptr;
+    InputArchive::Ahead& m_ahead; ///< in the buffer
 };
 
 } // namespace zelStream

@@ -78,7 +78,7 @@ void InputArchive::open(std::istream& stream) {
 }
 
 void InputArchive::init(std::istream& stream) {
-    m_reader = std::make_unique<ArchiveReader>(stream);
+    m_reader = std::make_unique<ArchiveReader>(stream, m_ahead);
 }
 
 void InputArchive::close() {

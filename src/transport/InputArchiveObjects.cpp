@@ -8,6 +8,8 @@
 #include <zelStream/InputArchive.h>
 #include <zelStream/StorageAgent.h>
 
+#include <array>
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -100,7 +102,8 @@ void InputArchive::readTypeHeader(const StorageAgent*& agent) {
         const auto known = m_agents.find(id);
         if (known == m_agents.end())
             fail(UnknownAgent + std::to_string(id) + "'");
-        agent = known->value;
+        agent = m_lastAgent = known->value;
+        m_lastAgentId = id;
         return;
     }
     if (id == 0 || m_agents.contains(id))
@@ -111,7 +114,8 @@ void InputArchive::readTypeHeader(const StorageAgent*& agent) {
     if (found == nullptr)
         fail(UnknownAgent + name + "'");
     m_agents.insert(id, found);
-    agent = found;
+    agent = m_lastAgent = found;
+    m_lastAgentId = id;
 }
 
 // By reference.
@@ -120,15 +124,48 @@ Serializable* InputArchive::readObjectByRef() {
     return nested([this] { return readRecord(); });
 }
 
+/// A record up to its id, in one piece: of a binary archive, where it is there in the buffer and has the
+/// class of the record ahead of it.
+/// @return false, with nothing taken, where that is not so, or something is wrong with it
+bool InputArchive::readRecordAtOnce(Record& record) {
+    constexpr zel::size_t NumNumbers = 6;
+    constexpr zel::size_t Width = sizeof(zel::uint32);
+    constexpr zel::size_t NumBytes = NumNumbers * (1 + Width);
+    if (!isAhead(NumBytes))
+        return false;
+    std::array<zel::uint32, NumNumbers> numbers;
+    const char* head = m_ahead.head;
+    for (zel::uint32& number : numbers) {
+        if (*head != Width)
+            return false;
+        std::memcpy(&number, head + 1, Width);
+        head += 1 + Width;
+    }
+    const auto [tag, mode, typeTag, typeMode, agentId, id] = numbers;
+    if (tag != ObjectTag || (mode != NewObject && mode != KnownObject) || typeTag != TypeTag ||
+        typeMode != KnownObject || m_lastAgent == nullptr || agentId != m_lastAgentId)
+        return false;
+    record = {static_cast<StorageMode>(mode), m_lastAgent, id};
+    takeAhead(NumBytes);
+    return true;
+}
+
 Serializable* InputArchive::readRecord() {
+    Record record{};
+    const bool isTaken = readRecordAtOnce(record);
+    if (isTaken && record.mode == KnownObject) {
+        const Entry* const entry = findEntry(record.id);
+        if (entry != nullptr && entry->object != nullptr)
+            return entry->object;
+    }
     const ScopedSection section(*this, "Object");
-    StorageMode mode = NullObject;
-    const StorageAgent* agent = nullptr;
-    readObjectHeader(mode, agent);
-    if (mode == NullObject)
-        return readNull();
-    const zel::uint32 id = readId();
-    return mode == KnownObject ? readKnown(id) : readNew(id, agent);
+    if (!isTaken) {
+        readObjectHeader(record.mode, record.agent);
+        if (record.mode == NullObject)
+            return readNull();
+        record.id = readId();
+    }
+    return record.mode == KnownObject ? readKnown(record.id) : readNew(record.id, record.agent);
 }
 
 Serializable* InputArchive::readNull() {
@@ -192,6 +229,8 @@ void InputArchive::restoreBody(Serializable& object) {
 
 void InputArchive::setFinished(Serializable* object) {
     object->setFinished(true);
+    if (m_listeners.empty())
+        return;
     {
         const zel::FlagScope telling(m_isTelling);
         for (zel::size_t i = 0; i < m_listeners.size(); ++i)
@@ -309,6 +348,7 @@ void InputArchive::letGo() {
     m_hasIds = false;
     m_ids.clear();
     m_agents.clear();
+    m_lastAgent = nullptr;
     m_waiting.clear();
     m_putOff.clear();
     // In the order of their ids, so that the head of a chain goes while the rest of it is held; and off the

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <limits>
 #include <ostream>
+#include <utility>
 
 namespace zelStream {
 
@@ -75,12 +76,15 @@ void OutputArchive::open(std::ostream& stream, const zel::String& appName) {
     m_failure.clear();
     m_objects.clear();
     m_agents.clear();
+    m_agentIds.clear();
+    m_lastAgentId = 0;
     m_putOff.clear();
     m_lastObjectId = 0;
     m_numObjects = 0;
     m_numReferences = 0;
     m_stream = &stream;
     m_isSwapped = m_isLittleEndian != IsLittleEndianMachine;
+    m_isDirect = isBinary() && !m_isSwapped;
     m_numBuffered = 0;
     m_buffer.resize(m_bufferSize);
     m_appName = appName;
@@ -101,6 +105,7 @@ void OutputArchive::close() {
     }
     dropSections(0);
     m_isOpen = false;
+    m_isDirect = false;
     m_stream = nullptr;
     m_objects.clear();
     m_agents.clear();
@@ -256,18 +261,31 @@ void OutputArchive::writeObjectByRef(const Serializable* object) {
         writeNull();
         return;
     }
-    Nesting::run(*this, [this, object] {
-        const auto known = m_objects.find(object);
-        if (known == m_objects.end()) {
-            m_objects.insert(object, IdEntry{++m_lastObjectId, true});
-            writeNewObject(*object, m_lastObjectId);
-        } else if (known->value.isByReference) {
-            writeKnownObject(*object, known->value.id);
-        } else {
-            known->value.isByReference = true;
-            writeNewObject(*object, known->value.id);
+    const auto [entry, isNew] = enter(object, true);
+    if (!isNew && entry.isByReference != 0) {
+        writeKnownObject(entry);
+        return;
+    }
+    entry.isByReference = 1;
+    writeNewObject(*object, IdEntry(entry)); // a copy, since the table grows with the objects within
+}
+
+/// The entry of an object, and whether it is a new one.
+std::pair<OutputArchive::IdEntry&, bool> OutputArchive::enter(const Serializable* object,
+                                                              bool isByReference) {
+    constexpr zel::uint32 Largest = ~zel::uint32{0} >> 1;
+    const auto [position, isNew] =
+        m_objects.tryInsert(object, IdEntry{m_lastObjectId + 1, isByReference ? 1U : 0U, 0});
+    if (isNew) {
+        try {
+            position->value.agentId = agentIdOf(*object) & Largest;
+        } catch (...) {
+            m_objects.erase(position);
+            throw;
         }
-    });
+        ++m_lastObjectId;
+    }
+    return {position->value, isNew};
 }
 
 void OutputArchive::writeDeferred(const Serializable* object) {
@@ -276,23 +294,17 @@ void OutputArchive::writeDeferred(const Serializable* object) {
         writeObjectByRef(object);
         return;
     }
-    const auto known = m_objects.find(object);
-    zel::uint32 id = 0;
-    if (known == m_objects.end()) {
-        id = ++m_lastObjectId;
-        m_objects.insert(object, IdEntry{id, false});
+    const auto [entry, isNew] = enter(object, false);
+    if (isNew)
         m_putOff.push_back(object);
-    } else {
-        id = known->value.id;
-    }
-    writeKnownObject(*object, id);
+    writeKnownObject(entry);
 }
 
 void OutputArchive::writePutOff() {
     while (!m_putOff.empty()) {
         const Serializable* const object = m_putOff.back();
         m_putOff.pop_back();
-        if (!m_objects.find(object)->value.isByReference)
+        if (m_objects.find(object)->value.isByReference == 0)
             writeObjectByRef(object);
     }
 }
@@ -313,18 +325,20 @@ void OutputArchive::writeObjectByVal(const Serializable& object) {
     });
 }
 
-void OutputArchive::writeNewObject(const Serializable& object, zel::uint32 id) {
-    const ScopedSection section(*this, "Object");
-    writeObjectHeader(NewObject, agentOf(object));
-    addAttribute("referenceID", id);
-    ++m_numReferences;
-    writeBody(object, id);
+void OutputArchive::writeNewObject(const Serializable& object, const IdEntry& entry) {
+    Nesting::run(*this, [this, &object, &entry] {
+        const ScopedSection section(*this, "Object");
+        writeHeader(NewObject, entry);
+        ++m_numReferences;
+        writeBody(object, entry.id);
+    });
 }
 
-void OutputArchive::writeKnownObject(const Serializable& object, zel::uint32 id) {
+void OutputArchive::writeKnownObject(const IdEntry& entry) {
+    if (writeHeaderAtOnce(KnownObject, entry))
+        return;
     const ScopedSection section(*this, "Object");
-    writeObjectHeader(KnownObject, agentOf(object));
-    addAttribute("referenceID", id);
+    writeHeader(KnownObject, entry);
 }
 
 void OutputArchive::writeBody(const Serializable& object, zel::uint32 id) {
@@ -333,12 +347,32 @@ void OutputArchive::writeBody(const Serializable& object, zel::uint32 id) {
     m_objectEvent.fire(&object, id);
 }
 
-const StorageAgent* OutputArchive::agentOf(const Serializable& object) {
-    const StorageAgent* const agent = object.getStorageAgent();
-    zelVerifyN(agent != nullptr,
-               "an object of class '%s' has no storage agent, by which archives know its class",
-               object.getClassName().c_str());
-    return agent;
+void OutputArchive::writeHeader(StorageMode mode, const IdEntry& entry) {
+    if (writeHeaderAtOnce(mode, entry))
+        return;
+    writeObjectHeader(mode, m_agents[entry.agentId - 1].agent);
+    addAttribute("referenceID", entry.id);
+}
+
+/// A record up to its id, in one piece: what writeObjectHeader and the id make of a binary archive whose
+/// class is known.
+/// @return false, with nothing done, where they have to
+bool OutputArchive::writeHeaderAtOnce(StorageMode mode, const IdEntry& entry) {
+    constexpr zel::size_t NumNumbers = 6;
+    constexpr zel::size_t Width = sizeof(zel::uint32);
+    if (!m_agents[entry.agentId - 1].isWritten)
+        return false;
+    char* head = takeRoom(NumNumbers * (1 + Width));
+    if (head == nullptr)
+        return false;
+    const std::array<zel::uint32, NumNumbers> numbers{
+        ObjectTag, static_cast<zel::uint32>(mode), TypeTag, KnownObject, entry.agentId, entry.id};
+    for (const zel::uint32 number : numbers) {
+        *head = Width;
+        std::memcpy(head + 1, &number, Width);
+        head += 1 + Width;
+    }
+    return true;
 }
 
 void OutputArchive::writeObjectHeader(StorageMode mode, const StorageAgent* agent) {
@@ -352,16 +386,30 @@ void OutputArchive::writeTypeHeader(const StorageAgent* agent) {
     verifyWritable();
     zelVerifyN(agent != nullptr, "a class without a storage agent has no type header");
     const ScopedSection section(*this, "TypeHeader");
-    const auto known = m_agents.find(agent);
-    const bool isNew = known == m_agents.end();
-    const auto id = isNew ? static_cast<zel::uint32>(m_agents.size() + 1) : known->value;
+    const zel::uint32 id = idOf(agent);
+    const bool isWritten = std::exchange(m_agents[id - 1].isWritten, true);
     addAttribute("tag", TypeTag);
-    addAttribute("storageMode", static_cast<zel::int32>(isNew ? NewObject : KnownObject));
+    addAttribute("storageMode", static_cast<zel::int32>(isWritten ? KnownObject : NewObject));
     addAttribute("referenceID", id);
-    if (!isNew)
-        return;
-    m_agents.insert(agent, id);
-    addAttribute("className", agent->getClassName());
+    if (!isWritten)
+        addAttribute("className", agent->getClassName());
+}
+
+zel::uint32 OutputArchive::agentIdOf(const Serializable& object) {
+    const StorageAgent* const agent = object.getStorageAgent();
+    zelVerifyN(agent != nullptr,
+               "an object of class '%s' has no storage agent, by which archives know its class",
+               object.getClassName().c_str());
+    return idOf(agent);
+}
+
+zel::uint32 OutputArchive::idOf(const StorageAgent* agent) {
+    if (m_lastAgentId != 0 && m_agents[m_lastAgentId - 1].agent == agent)
+        return m_lastAgentId;
+    const auto [position, isNew] = m_agentIds.tryInsert(agent, static_cast<zel::uint32>(m_agents.size() + 1));
+    if (isNew)
+        m_agents.push_back({agent, false});
+    return m_lastAgentId = position->value;
 }
 
 } // namespace zelStream
