@@ -4,6 +4,7 @@
 #include <zel/Singleton.h>
 #include <zel/String.h>
 #include <zel/Vector.h>
+#include <zelStream/StorageAgent.h>
 
 #include <memory>
 #include <string>
@@ -11,7 +12,6 @@
 namespace zelStream {
 
 class InputArchive;
-class StorageAgent;
 
 /// Knows the storage agents of all classes by name, and finds the one that fits a name out of an archive,
 /// also an old one.

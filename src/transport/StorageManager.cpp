@@ -12,6 +12,7 @@
 #include <pystring/pystring.h>
 
 #include <algorithm>
+#include <climits>
 #include <string_view>
 #include <utility>
 
@@ -27,6 +28,9 @@ constinit zel::ServicePointer<StorageManager> s_storageManager;
 constexpr char FinalNames[] = "904156fd";
 constexpr char Deprecated[] = "deprecated";
 constexpr char OldDeprecated[] = "depricated";
+
+/// Of a file without "lib" and ".so".
+constexpr size_t MaxLibraryName = NAME_MAX - 6;
 
 /// An agent that was added, by a static object or a program.
 struct Registered {
@@ -56,11 +60,11 @@ bool isIdentifier(std::string_view text) {
 }
 
 /// The namespace that a class's library bears the name of: the first part of its name.
-/// @return empty for a bare name, and for one that no class can have
+/// @return empty for a bare name, for one that no class can have, and where no file can have it
 String libraryNamespace(const String& name) {
     const std::string_view parts = std::string_view(name).substr(0, name.find('<'));
     const size_t first = parts.find("::");
-    if (first == std::string_view::npos)
+    if (first == std::string_view::npos || first > MaxLibraryName)
         return {};
     for (size_t begin = 0; begin <= parts.size();) {
         const size_t end = std::min(parts.find("::", begin), parts.size());
