@@ -24,6 +24,11 @@ namespace zel {
 class FirstException;
 } // namespace zel
 
+namespace zelStream {
+class InputArchive;
+class OutputArchive;
+} // namespace zelStream
+
 namespace zelData {
 
 class Buffer;
@@ -224,6 +229,22 @@ public:
     /// @param range  of the new indices
     void reorderAttributes(const zel::IndexRange& range, const Array<zel::uint32>& permutation);
     void commitPermutation(const Array<zel::uint32>& permutation);
+
+    /// Writes the id in each slot, the free ones too, so that ids and handles survive a save and a load; of a
+    /// storage without an instance table, that there are none.
+    void storePermutation(zelStream::OutputArchive& archive) const;
+    /// Brings the ids back that storePermutation wrote: the instances that are created from now on get, in
+    /// their order, the ids that the stored ones had, and then those that would have been created next. No
+    /// event tells of it.
+    /// @param skip  reads them, and leaves the storage as it is
+    /// @pre the storage is empty, unless they are skipped; its capacity may be larger than the stored one
+    /// @throws zelStream::ArchiveException, as extractPermutation
+    void restorePermutation(zelStream::InputArchive& archive, bool skip);
+    /// Reads the id of each slot.
+    /// @param ids  left alone where it throws
+    /// @throws zelStream::ArchiveException where the archive ends, or an id comes twice; one that is not
+    ///     below the stored capacity fails a verification
+    static void extractPermutation(zel::VectorPOD<zel::uint32>& ids, zelStream::InputArchive& archive);
 
     // Copies
 

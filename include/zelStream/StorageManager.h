@@ -4,7 +4,6 @@
 #include <zel/Singleton.h>
 #include <zel/String.h>
 #include <zel/Vector.h>
-#include <zelStream/StorageAgent.h>
 
 #include <memory>
 #include <string>
@@ -12,6 +11,7 @@
 namespace zelStream {
 
 class InputArchive;
+class StorageAgent;
 
 /// Knows the storage agents of all classes by name, and finds the one that fits a name out of an archive,
 /// also an old one.
