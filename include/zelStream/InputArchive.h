@@ -266,7 +266,7 @@ private:
     using Setter = void (*)(InputArchive& archive, void* place, Serializable* restored);
     /// A pointer that waits for its object.
     struct PutOff {
-        void* place;
+        void* place; ///< null where an exception came between
         Setter set;
         zel::uint32 next; ///< that waits for the same object; its index, or all ones
     };
@@ -323,6 +323,8 @@ private:
     void readDeferredInto(void* place, Setter set);
     void waitFor(zel::uint32 id, void* place, Setter set);
     void readPutOff();
+    /// 1 if the object was removed and is kept for the pointers in it that may wait; else 0.
+    [[nodiscard]] int numAwaited(const Serializable* object) const;
     void closeGaps();
     void letGo();
     template <typename T>
@@ -366,6 +368,7 @@ private:
     zel::uint32 m_lastAgentId = 0;                      ///< its id
     zel::HashTable<zel::uint32, zel::uint32> m_waiting; ///< the first pointer that waits for an id
     zel::Vector<PutOff> m_putOff;
+    zel::Vector<zel::ref_ptr<Serializable>> m_removed; ///< while pointers in them may wait
     zel::Vector<zel::ref_ptr<RestoreListener>>
         m_listeners;                          ///< null where one was removed while they are told
     bool m_isTelling = false;                 ///< the listeners

@@ -11,6 +11,7 @@
 #include <array>
 #include <cstring>
 #include <exception>
+#include <type_traits>
 #include <utility>
 
 // The objects in an archive.
@@ -27,7 +28,7 @@ constexpr zel::uint32 Nobody = ~zel::uint32{0};
 /// Counts the objects around the one that is read, and sees to it that they fit on the stack.
 class InputArchive::Nesting {
 public:
-    explicit Nesting(InputArchive& archive) : m_archive(archive) {
+    explicit Nesting(InputArchive& archive) : m_archive(archive), m_numPutOff(archive.m_putOff.size()) {
         if (stackLeft() < SmallestStack)
             archive.fail("Objects are nested too deep: " + std::to_string(archive.m_depth));
         ++archive.m_depth;
@@ -35,26 +36,38 @@ public:
     Nesting(const Nesting&) = delete;
     Nesting& operator=(const Nesting&) = delete;
     ~Nesting() {
+        // Where an exception came between, the pointers that wait may be gone.
+        for (zel::size_t i = m_numPutOff; !m_isComplete && i < m_archive.m_putOff.size(); ++i)
+            m_archive.m_putOff[i].place = nullptr;
         if (--m_archive.m_depth != 0)
             return;
         m_archive.m_isEndTold = false;
-        // Empty, unless an exception came between: the pointers may be gone then.
         m_archive.m_waiting.clear();
         m_archive.m_putOff.clear();
+        // Off the list, which the last words of an object may ask.
+        const auto removed = std::exchange(m_archive.m_removed, {});
     }
+    void complete() noexcept { m_isComplete = true; }
 
 private:
     InputArchive& m_archive;
+    const zel::size_t m_numPutOff; ///< of pointers ahead of those of this object
+    bool m_isComplete = false;
 };
 
 /// What `read` reads, as an object within others; behind the outermost one also the bodies that were put off.
 template <typename Read>
 auto InputArchive::nested(const Read& read) {
     verifyReadable();
-    const Nesting nesting(*this);
-    const auto result = read();
+    Nesting nesting(*this);
+    auto result = read();
     if (m_depth == 1 && !m_waiting.empty())
         readPutOff();
+    // It may have been removed with the bodies that were put off.
+    if constexpr (std::is_same_v<decltype(result), Serializable*>)
+        if (m_depth == 1 && numAwaited(result) != 0 && result->referenceCount() == 1)
+            result = nullptr;
+    nesting.complete();
     return result;
 }
 
@@ -208,7 +221,8 @@ Serializable* InputArchive::readNew(zel::uint32 id, const StorageAgent* agent) {
     enter(id, {object, object.get(), agent});
     restoreReferenced(*object, agent);
     const Entry* const entry = findEntry(id);
-    const bool isKept = (entry != nullptr && entry->object != nullptr) || object->referenceCount() > 1;
+    const bool isKept = (entry != nullptr && entry->object != nullptr) ||
+                        object->referenceCount() > 1 + numAwaited(object.get());
     return isKept ? object.get() : nullptr; // null if it was removed meanwhile, and nobody took it
 }
 
@@ -321,7 +335,8 @@ void InputArchive::enter(zel::uint32 id, Entry entry) {
     const zel::uint32 first = waiting->value;
     m_waiting.erase(id);
     for (zel::uint32 i = first; i != Nobody; i = m_putOff[i].next)
-        m_putOff[i].set(*this, m_putOff[i].place, object);
+        if (m_putOff[i].place != nullptr)
+            m_putOff[i].set(*this, m_putOff[i].place, object);
 }
 
 void InputArchive::removeObject(Serializable* object) {
@@ -342,6 +357,16 @@ void InputArchive::removeObject(Serializable* object) {
     entry->object = nullptr;
     const zel::ref_ptr<Serializable> held = std::exchange(entry->held, nullptr); // goes last
     object->setArchive(nullptr);
+    if (held != nullptr && m_depth != 0 && !m_putOff.empty())
+        m_removed.push_back(held); // pointers in it may wait
+}
+
+int InputArchive::numAwaited(const Serializable* object) const {
+    // The newest are asked for.
+    for (zel::size_t i = m_removed.size(); i != 0; --i)
+        if (m_removed[i - 1] == object)
+            return 1;
+    return 0;
 }
 
 void InputArchive::letGo() {
@@ -386,8 +411,9 @@ void InputArchive::waitFor(zel::uint32 id, void* place, Setter set) {
 
 void InputArchive::readPutOff() {
     while (!m_waiting.empty()) {
-        const Nesting nesting(*this);
+        Nesting nesting(*this);
         (void)readRecord();
+        nesting.complete();
     }
 }
 
