@@ -67,7 +67,7 @@ zel::size_t ArchiveReader::readBeyondBuffer(char* data, zel::size_t numBytes) {
 
 zel::size_t ArchiveReader::take(char* data, zel::size_t numBytes) noexcept {
     try {
-        if (m_stream.rdbuf() == nullptr)
+        if (m_stream.rdbuf() == nullptr || m_stream.fail())
             return 0;
         const auto n = static_cast<zel::size_t>(std::max<std::streamsize>(
             m_stream.rdbuf()->sgetn(data, static_cast<std::streamsize>(numBytes)), 0));
