@@ -36,6 +36,7 @@ public:
     /// throws what the end of the section would have.
     class ZEL_CORE_API ScopedSection {
     public:
+        /// @param name  has to stay where it is meanwhile
         ScopedSection(Archive& archive, const char* name);
         ScopedSection(const ScopedSection&) = delete;
         ScopedSection& operator=(const ScopedSection&) = delete;
@@ -43,6 +44,7 @@ public:
 
     private:
         Archive& m_archive;
+        const char* m_name;
         zel::size_t m_depth; ///< ahead of the section
         int m_numExceptions; ///< that were on their way
     };
@@ -110,7 +112,6 @@ protected:
 
 private:
     [[noreturn]] void throwFailure() const;
-    [[nodiscard]] std::string_view getSectionNameAt(zel::size_t depth) const noexcept;
 
     const bool m_isBinary;
     zel::String m_sections;                   ///< joined by "/"

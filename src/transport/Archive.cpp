@@ -25,18 +25,20 @@ zel::String mismatchText(std::string_view name, std::string_view openName, const
 } // namespace
 
 Archive::ScopedSection::ScopedSection(Archive& archive, const char* name)
-    : m_archive(archive), m_depth(archive.getSectionDepth()), m_numExceptions(std::uncaught_exceptions()) {
+    : m_archive(archive)
+    , m_name(name)
+    , m_depth(archive.getSectionDepth())
+    , m_numExceptions(std::uncaught_exceptions()) {
     archive.beginSection(name);
 }
 
 Archive::ScopedSection::~ScopedSection() {
-    const zel::size_t depth = m_archive.getSectionDepth();
-    if (depth != m_depth + 1 && std::uncaught_exceptions() == m_numExceptions) {
+    // A section within may be open still, or this one was ended by another hand.
+    const bool isOpen = m_archive.getSectionDepth() == m_depth + 1 && m_archive.getSectionName() == m_name;
+    if (!isOpen && std::uncaught_exceptions() == m_numExceptions) {
         try {
-            // A section within is open still, or this one was ended by another hand.
-            const std::string_view name = m_archive.getSectionNameAt(depth > m_depth ? m_depth : depth);
             m_archive.noteFailure(m_archive.getErrorMessage(
-                mismatchText(name, m_archive.getSectionName(), m_archive.m_sections)));
+                mismatchText(m_name, m_archive.getSectionName(), m_archive.m_sections)));
         } catch (...) { // NOLINT(bugprone-empty-catch): there is no memory for the text
         }
     }
@@ -67,16 +69,10 @@ void Archive::endSection(const char* name) {
 }
 
 std::string_view Archive::getSectionName() const noexcept {
-    return m_sectionStarts.empty() ? std::string_view() : getSectionNameAt(m_sectionStarts.size() - 1);
-}
-
-std::string_view Archive::getSectionNameAt(zel::size_t depth) const noexcept {
-    if (depth >= m_sectionStarts.size())
+    if (m_sectionStarts.empty())
         return {};
-    const zel::size_t start = m_sectionStarts[depth] + (depth == 0 ? 0 : 1);
-    const zel::size_t end =
-        depth + 1 < m_sectionStarts.size() ? m_sectionStarts[depth + 1] : m_sections.size();
-    return std::string_view(m_sections).substr(start, end - start);
+    const zel::size_t start = m_sectionStarts.back();
+    return std::string_view(m_sections).substr(start == 0 ? 0 : start + 1); // behind the "/"
 }
 
 void Archive::dropSections(zel::size_t depth) noexcept {
