@@ -174,6 +174,14 @@ private:
         zel::uint32 isByReference : 1; ///< its body is in the archive, or under way; 0 while it is put off
         zel::uint32 agentId : 31;
     };
+    /// Objects that lie side by side, as those that were made one after the other do, come to lie side by
+    /// side in the table too, page by page; the pages are spread.
+    struct AddressHash : zel::HashFn<const Serializable*> {
+        [[nodiscard]] zel::uint32 operator()(const Serializable* object) const noexcept {
+            const auto address = reinterpret_cast<zel::uint64>(object);
+            return zel::detail::hash64(address >> 12) + static_cast<zel::uint32>((address >> 5) & 127U);
+        }
+    };
     class Nesting;
 
     void writeHeader();
@@ -220,7 +228,7 @@ private:
     zel::uint32 m_lastObjectId = 0;
     zel::uint64 m_numObjects = 0;
     zel::uint64 m_numReferences = 0;
-    zel::HashTable<const Serializable*, IdEntry> m_objects;
+    zel::HashTable<const Serializable*, IdEntry, AddressHash> m_objects;
     struct Agent {
         const StorageAgent* agent;
         bool isWritten; ///< its name is in the archive
