@@ -215,15 +215,20 @@ Serializable* InputArchive::readKnown(zel::uint32 id) {
 }
 
 Serializable* InputArchive::readNew(zel::uint32 id, const StorageAgent* agent) {
+    const zel::size_t numPutOff = m_putOff.size();
     zel::ref_ptr<Serializable> object(agent->create(*this));
     if (object == nullptr)
         fail("The storage agent of '" + agent->getClassName() + "' made no object");
     enter(id, {object, object.get(), agent});
     restoreReferenced(*object, agent);
     const Entry* const entry = findEntry(id);
-    const bool isKept = (entry != nullptr && entry->object != nullptr) ||
-                        object->referenceCount() > 1 + numAwaited(object.get());
-    return isKept ? object.get() : nullptr; // null if it was removed meanwhile, and nobody took it
+    if (entry != nullptr && entry->object != nullptr)
+        return object.get();
+    // It was removed meanwhile: null, if nobody took it.
+    const int numOwners = object->referenceCount() - 1 - numAwaited(object.get());
+    if (m_putOff.size() > numPutOff && numAwaited(object.get()) == 0)
+        m_removed.push_back(object); // pointers in it may wait
+    return numOwners > 0 ? object.get() : nullptr;
 }
 
 void InputArchive::restoreReferenced(Serializable& object, const StorageAgent* agent) {
@@ -358,7 +363,7 @@ void InputArchive::removeObject(Serializable* object) {
     const zel::ref_ptr<Serializable> held = std::exchange(entry->held, nullptr); // goes last
     object->setArchive(nullptr);
     if (held != nullptr && m_depth != 0 && !m_putOff.empty())
-        m_removed.push_back(held); // pointers in it may wait
+        m_removed.push_back(held); // as in readNew
 }
 
 int InputArchive::numAwaited(const Serializable* object) const {

@@ -260,6 +260,33 @@ TEST_F(ArchiveDeferredTest, AnObjectThatIsRemovedWhileItsPointersWaitLivesUntilT
     EXPECT_EQ(archive->getNumObjectsRead(), 3U);
 }
 
+TEST_F(ArchiveDeferredTest, AnObjectMayRemoveItselfAndThenWait) {
+    ArchiveBytes bytes =
+        outer().newObject(2, 1).base(uuidOf(2)).objectHeader(8).newClass(2, "fleet::Wheel").id(3);
+    bytes.newObject(3, 2).base(uuidOf(3)).scalar(0.5);
+    Opened archive(bytes);
+    Wheel* wheel = nullptr;
+    int numWhenSet = 0;
+    Scripted::s_restore = [&](Scripted& object, InputArchive& from) {
+        if (object.getUuid() == uuidOf(1)) {
+            EXPECT_EQ(from.readObjectByRef(), nullptr);
+            return;
+        }
+        from.removeObject(&object);
+        from.readDeferred(wheel);
+    };
+    const ref_ptr<Listening> listener(new Listening([&](zelStream::Serializable* object, InputArchive&) {
+        if (object->getUuid() == uuidOf(3))
+            numWhenSet = Scripted::s_numLiving;
+    }));
+    archive->addRestoreListener(listener.get());
+    EXPECT_NE(archive->readObjectByRef(), nullptr);
+    ASSERT_NE(wheel, nullptr);
+    EXPECT_EQ(wheel->radius, 0.5);
+    EXPECT_EQ(numWhenSet, 2); // the one that waited lived until then
+    EXPECT_EQ(Scripted::s_numLiving, 1);
+}
+
 TEST_F(ArchiveDeferredTest, TheOutermostObjectMayBeRemovedWhileTheRestIsRead) {
     const auto first = makeBarge(1);
     const auto second = makeBarge(2);

@@ -221,6 +221,35 @@ TEST_F(InputArchiveObjectTest, ReadValReadsInEitherMode) {
     EXPECT_EQ(archive->readObjectByRef(), &reference);
 }
 
+TEST_F(InputArchiveObjectTest, ReadValTakesNoObjectThatIsNotStoredThere) {
+    for (const ArchiveBytes& bytes : {start().null(), wheelBytes().knownObject(1, 1)}) {
+        Opened archive(bytes);
+        Wheel wheel(3);
+        std::string error = archiveErrorOf([&] { archive->readVal(wheel, Archive::ByReference); });
+        if (error == "no exception") // the second record
+            error = archiveErrorOf([&] { archive->readVal(wheel, Archive::ByReference); });
+        EXPECT_EQ(error, std::string(InObject) + "Bad storage mode");
+    }
+    Opened archive(wheelBytes());
+    Motor motor;
+    const std::string error = archiveErrorOf([&] { archive->readVal(motor, Archive::ByReference); });
+    EXPECT_THAT(error, HasSubstr("fleet::Wheel"));
+    EXPECT_THAT(error, HasSubstr("fleet::Motor"));
+}
+
+TEST_F(InputArchiveObjectTest, AnObjectThatReadValRestoredIsNotHeld) {
+    Opened archive(wheelBytes().knownObject(1, 1));
+    {
+        Wheel wheel;
+        archive->readVal(wheel, Archive::ByReference);
+        EXPECT_EQ(wheel.referenceCount(), 0);
+        EXPECT_FALSE(wheel.isDynamicallyAllocated());
+        archive->removeObject(&wheel); // as it goes ahead of the archive
+    }
+    EXPECT_THAT(archiveErrorOf([&] { (void)archive->readObjectByRef(); }),
+                HasSubstr("has been deleted (id: 1)"));
+}
+
 TEST_F(InputArchiveObjectTest, ModesOfARecordAreNoModesToReadIn) {
     Opened archive(wheelBytes());
     Wheel wheel;

@@ -94,6 +94,24 @@ TEST_F(OutputArchiveTest, TextsStandBehindTheirLengthWithoutATerminator) {
         });
 }
 
+TEST_F(OutputArchiveTest, ATextIsRefusedWhoseLengthHasMoreThan32Bits) {
+    struct Exposed : OutputArchive {
+        using OutputArchive::writeString;
+    };
+    std::ostringstream stream;
+    Exposed archive;
+    archive.open(stream);
+    archive.flush();
+    const std::size_t size = stream.str().size();
+    const char text = 'x'; // is not looked at
+    EXPECT_THAT(archiveErrorOf([&] {
+                    archive.writeString(nullptr, {&text, std::size_t{1} << 32});
+                }),
+                HasSubstr("4294967296 bytes"));
+    archive.flush();
+    EXPECT_EQ(stream.str().size(), size);
+}
+
 TEST_F(OutputArchiveTest, UuidsAreTheirBytesInOrder) {
     zel::Uuid uuid;
     for (zel::uint8 i = 0; i < 16; ++i)
