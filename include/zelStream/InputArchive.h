@@ -359,6 +359,7 @@ private:
     zel::uint64 m_numBytesRead = 0;
     zel::uint64 m_numObjects = 0;
     zel::uint32 m_depth = 0;                                ///< of the object that is being read
+    zel::uint64 m_stackFloor = 0;                           ///< of the thread that does so
     zel::Vector<Entry> m_objects;                           ///< of the ids from 1 on, as they come
     zel::HashTable<zel::uint32, Entry> m_strayObjects;      ///< of ids that leave some out
     zel::HashTable<const Serializable*, zel::uint32> m_ids; ///< once an object was removed

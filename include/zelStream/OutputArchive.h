@@ -224,7 +224,8 @@ private:
     bool m_useCurrentDate = true;
     bool m_isValueHeader = false; ///< while that of an object by value is written, which has no type header
     zel::String m_appName;
-    zel::uint32 m_depth = 0; ///< of the object that is being written
+    zel::uint32 m_depth = 0;      ///< of the object that is being written
+    zel::uint64 m_stackFloor = 0; ///< of the thread that does so
     zel::uint32 m_lastObjectId = 0;
     zel::uint64 m_numObjects = 0;
     zel::uint64 m_numReferences = 0;

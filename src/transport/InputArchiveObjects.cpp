@@ -29,7 +29,9 @@ constexpr zel::uint32 Nobody = ~zel::uint32{0};
 class InputArchive::Nesting {
 public:
     explicit Nesting(InputArchive& archive) : m_archive(archive), m_numPutOff(archive.m_putOff.size()) {
-        if (stackLeft() < SmallestStack)
+        if (archive.m_depth == 0)
+            archive.m_stackFloor = stackFloor();
+        if (isStackLow(archive.m_stackFloor))
             archive.fail("Objects are nested too deep: " + std::to_string(archive.m_depth));
         ++archive.m_depth;
     }

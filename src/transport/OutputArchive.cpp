@@ -29,7 +29,9 @@ constexpr zel::size_t LargestScalar = 8;
 class OutputArchive::Nesting {
 public:
     explicit Nesting(OutputArchive& archive) : m_archive(archive) {
-        if (stackLeft() < SmallestStack)
+        if (archive.m_depth == 0)
+            archive.m_stackFloor = stackFloor();
+        if (isStackLow(archive.m_stackFloor))
             archive.failForGood("Objects are nested too deep: " + std::to_string(archive.m_depth));
         ++archive.m_depth;
     }

@@ -2,15 +2,13 @@
 
 #include <pthread.h>
 
-#include <cstdint>
-
 namespace zelStream {
 
 namespace {
 
 struct StackBounds {
-    std::uintptr_t low = 0;
-    std::uintptr_t high = 0; ///< equal to low where the system does not tell
+    zel::uint64 low = 0;
+    zel::uint64 high = 0; ///< equal to low where the system does not tell
 
     StackBounds() noexcept {
         pthread_attr_t attributes;
@@ -19,7 +17,7 @@ struct StackBounds {
         void* address = nullptr;
         std::size_t size = 0;
         if (pthread_attr_getstack(&attributes, &address, &size) == 0) {
-            low = reinterpret_cast<std::uintptr_t>(address);
+            low = reinterpret_cast<zel::uint64>(address);
             high = low + size;
         }
         pthread_attr_destroy(&attributes);
@@ -28,11 +26,10 @@ struct StackBounds {
 
 } // namespace
 
-zel::size_t stackLeft() noexcept {
+zel::uint64 stackFloor() noexcept {
     thread_local const StackBounds bounds;
-    // The address of a local would lie elsewhere under a sanitizer that moves them to the heap.
-    const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
-    return here >= bounds.low && here < bounds.high ? here - bounds.low : ~zel::size_t{0};
+    const auto here = reinterpret_cast<zel::uint64>(__builtin_frame_address(0));
+    return here >= bounds.low && here < bounds.high ? bounds.low + SmallestStack : 0;
 }
 
 } // namespace zelStream
