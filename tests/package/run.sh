@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build, moves what was installed, hides the sources and the build tree, and builds and runs the examples
 # against it as a stranger would, without an environment variable: hello through find_package and through pkg-config,
-# entities, which has classes and a model file of its own, plugin, whose kernel is a library, solar, and the model of the
-# tutorial by the commands of its page. Then it moves the package once more under the programs' feet.
+# entities, which has classes and a model file of its own, plugin, whose kernel is a library, archive, whose archives name
+# a class in a library, solar, and the model of the tutorial by the commands of its page. Then it moves the package once more under the programs' feet.
 # usage: run.sh SOURCE_DIR BUILD_DIR COMPILER
 set -euo pipefail
 
@@ -63,13 +63,14 @@ run_hello() {
 | |-greeting' ] || fail "hello did not print the tree"
 }
 
-for example in hello entities plugin solar journal; do
+for example in hello entities plugin solar journal archive; do
     build_example $example
 done
 run_hello "$work/build/hello/hello"
 "$work/build/entities/entities" | grep '49 apples are left'
 # A value of its model follows a function of the library that lies among the installed model files.
 "$work/build/plugin/plugin" | grep '1000 plants are 0.181 m high'
+"$work/build/archive/archive" | grep '^Restored: 4 wheels of this rover, 2 motor(s)' -A 1 | grep 'spectrometer of 512 channels'
 "$work/build/solar/solar" --days 2 --log "$work/solar.log" | grep 'drift' || fail "solar"
 
 ln -s "$prefix" "$work/zel-installed"
