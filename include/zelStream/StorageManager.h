@@ -68,6 +68,8 @@ public:
                     const StorageAgent* oldAgent);
     /// Takes the agent out under all its names. Also works when the library has been shut down.
     static void remove(const StorageAgent* agent);
+    /// Takes back what registered the agent under the name first.
+    static void remove(const zel::String& name, const StorageAgent* agent);
 
     /// The agent for a class name out of an archive. Looks also for old spellings, for the name with
     /// "::deprecated" behind it, and for classes that moved into a namespace; and where the first namespace
@@ -96,7 +98,7 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-/// Registers an agent for as long as it lives.
+/// Registers an agent for as long as it lives, as StorageManager::add does.
 class ZEL_CORE_API StorageRegistration {
 public:
     explicit StorageRegistration(const StorageAgent& agent);
@@ -109,6 +111,7 @@ public:
     ~StorageRegistration();
 
 private:
+    zel::String m_name;
     zel::Vector<const StorageAgent*> m_agents;
 };
 

@@ -128,6 +128,14 @@ struct StorageManager::Impl {
         position->value.add(registered.agent, registered.fits);
     }
 
+    /// Brings the agents of one name up to date.
+    void refill(const String& name) {
+        agents.erase(name);
+        for (const Registered& registered : registrations())
+            if (registered.name == name)
+                add(registered);
+    }
+
     void remove(const StorageAgent* agent) {
         zel::Vector<String> empty;
         for (auto& entry : agents) {
@@ -175,7 +183,9 @@ StorageManager::StorageManager() : m_impl(std::make_unique<Impl>()) {
         m_impl->add(registered);
 }
 
-StorageManager::~StorageManager() = default;
+StorageManager::~StorageManager() {
+    s_storageManager.forget(this);
+}
 
 StorageManager* StorageManager::instance() {
     return s_storageManager.get([] { return new StorageManager; });
@@ -230,6 +240,18 @@ void StorageManager::remove(const StorageAgent* agent) {
         manager->m_impl->remove(agent);
 }
 
+void StorageManager::remove(const String& name, const StorageAgent* agent) {
+    zel::Vector<Registered>& list = registrations();
+    Registered* const known = std::find_if(list.begin(), list.end(), [&](const Registered& registered) {
+        return registered.agent == agent && registered.name == name;
+    });
+    if (known == list.end())
+        return;
+    list.erase(known);
+    if (StorageManager* const manager = s_storageManager.find())
+        manager->m_impl->refill(name);
+}
+
 void StorageManager::addMissingNamespace(const String& className, const String& fullName) {
     zelVerify(className.find("::") == String::npos);
     zelVerify(fullName.find("::") != String::npos);
@@ -281,24 +303,24 @@ bool StorageManager::isLibraryLoadingEnabled() const noexcept {
 
 // Registrations
 
-StorageRegistration::StorageRegistration(const StorageAgent& agent) : m_agents{&agent} {
-    StorageManager::add(&agent);
-}
+StorageRegistration::StorageRegistration(const StorageAgent& agent)
+    : StorageRegistration(agent.getClassName(), agent) {}
 
-StorageRegistration::StorageRegistration(const String& name, const StorageAgent& agent) : m_agents{&agent} {
+StorageRegistration::StorageRegistration(const String& name, const StorageAgent& agent)
+    : m_name(name), m_agents{&agent} {
     StorageManager::add(name, &agent);
 }
 
 StorageRegistration::StorageRegistration(const StorageAgent& agent,
                                          const zel::Vector<String>& modifications,
                                          const StorageAgent& oldAgent)
-    : m_agents{&agent, &oldAgent} {
+    : m_name(agent.getClassName()), m_agents{&agent, &oldAgent} {
     StorageManager::add(&agent, modifications, &oldAgent);
 }
 
 StorageRegistration::~StorageRegistration() {
     for (const StorageAgent* agent : m_agents)
-        StorageManager::remove(agent);
+        StorageManager::remove(m_name, agent);
 }
 
 } // namespace zelStream

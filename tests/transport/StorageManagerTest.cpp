@@ -79,6 +79,31 @@ TEST_F(StorageManagerTest, ARegistrationEndsWithItsObject) {
     EXPECT_EQ(find("Crate", &old), nullptr);
 }
 
+TEST_F(StorageManagerTest, AnotherNameEndsWithItsRegistrationAndTheClassNameStays) {
+    const CargoAgent agent("Crate");
+    const CargoAgent other("Box");
+    const StorageRegistration registration(agent);
+    const StorageRegistration otherRegistration(other);
+    {
+        const StorageRegistration alias("Box", agent);
+        const StorageRegistration again(agent);
+        EXPECT_EQ(find("Box"), &other);
+    }
+    EXPECT_EQ(find("Crate"), &agent);
+    EXPECT_EQ(find("Box"), &other);
+}
+
+TEST_F(StorageManagerTest, AnAgentIsTakenOutUnderOneName) {
+    const CargoAgent agent("Crate");
+    StorageManager::add(&agent);
+    StorageManager::add("Box", &agent);
+    StorageManager::remove("Box", &agent);
+    StorageManager::remove("Chest", &agent); // has none
+    EXPECT_EQ(find("Box"), nullptr);
+    EXPECT_EQ(find("Crate"), &agent);
+    StorageManager::remove(&agent);
+}
+
 // Several agents under one name
 
 TEST_F(StorageManagerTest, OfTwoAgentsTheFirstThatFitsTheArchiveWins) {
@@ -327,6 +352,15 @@ TEST_F(StorageManagerTest, CleanupEmptiesItAndTheNextOneIsFullAgain) {
     EXPECT_EQ(find("depot::Static"), &s_static);
     old.cleanup(); // forgets itself alone
     EXPECT_EQ(find("Crate"), &agent);
+}
+
+TEST_F(StorageManagerTest, AgentsOutliveAManagerThatIsTakenOff) {
+    ASSERT_EQ(find("depot::Static"), &s_static);
+    zel::SingletonManager::instance()->unregisterSingleton(&manager());
+    const CargoAgent agent("Crate");
+    const StorageRegistration registration(agent);
+    EXPECT_EQ(find("Crate"), &agent);
+    EXPECT_EQ(find("depot::Static"), &s_static);
 }
 
 TEST_F(StorageManagerTest, AgentsOutliveAShutdown) {
