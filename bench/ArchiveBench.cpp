@@ -25,6 +25,8 @@
 #include <boost/serialization/vector.hpp>
 #endif
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -240,6 +242,7 @@ void RestoreGraph(benchmark::State& state) {
         state.PauseTiming();
         verify(restored);
         restored.clear();
+        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
         state.ResumeTiming();
     }
     count(state, stored.str().size());
@@ -279,6 +282,7 @@ void RestoreGraphCereal(benchmark::State& state) {
         state.PauseTiming();
         verify(restored);
         restored.clear();
+        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
         state.ResumeTiming();
     }
     count(state, stored.str().size());
@@ -319,6 +323,7 @@ void RestoreGraphBoost(benchmark::State& state) {
         state.PauseTiming();
         verify(restored);
         restored.clear();
+        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
         state.ResumeTiming();
     }
     count(state, stored.str().size());
@@ -376,6 +381,7 @@ void RestoreGraphByHand(benchmark::State& state) {
         state.PauseTiming();
         verify(restored);
         restored.clear();
+        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
         state.ResumeTiming();
     }
     count(state, stored.str().size());

@@ -13,8 +13,27 @@ class OutputArchive;
 class StorageAgent;
 class StorageStream;
 
+class Serializable;
+
 namespace detail {
 class ArchiveLink;
+
+/// While it lives, the object that is made next on this thread gets no uuid, which costs much of the time
+/// that it takes: an archive that makes an object gives it the stored one.
+class ZEL_CORE_API NextWithoutUuid {
+public:
+    NextWithoutUuid() noexcept;
+    NextWithoutUuid(const NextWithoutUuid&) = delete;
+    NextWithoutUuid& operator=(const NextWithoutUuid&) = delete;
+    ~NextWithoutUuid();
+    /// The object that got none; null while there is none. It may be gone.
+    [[nodiscard]] const Serializable* getObject() const noexcept { return m_object; }
+
+private:
+    friend class zelStream::Serializable;
+    const Serializable* m_object = nullptr;
+    NextWithoutUuid* m_outer; ///< that waits meanwhile
+};
 } // namespace detail
 
 /// The base of every class that can live in an archive.

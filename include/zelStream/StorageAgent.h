@@ -57,12 +57,21 @@ public:
     [[nodiscard]] Serializable* create(InputArchive& archive) const override {
         return createInstance(archive);
     }
-    /// An object for the archive.
+    /// An object for the archive, which gives it its uuid.
     [[nodiscard]] T* createInstance(InputArchive& archive) const {
-        if constexpr (std::is_constructible_v<T, InputArchive&>)
+        if constexpr (std::is_constructible_v<T, InputArchive&>) {
             return mark(new T(archive));
-        else
+        } else {
+            {
+                const detail::NextWithoutUuid next;
+                T* const object = mark(new T);
+                if (next.getObject() == nullptr || next.getObject() == object)
+                    return object;
+                // A part that is made ahead of the object's own base had it.
+                const zel::ref_ptr<Serializable> dropped(object);
+            }
             return mark(new T);
+        }
     }
 
 private:

@@ -7,6 +7,7 @@
 #include <zelStream/StorageAgent.h>
 
 #include <atomic>
+#include <utility>
 
 namespace zelStream {
 
@@ -14,10 +15,27 @@ namespace {
 
 std::atomic<bool> s_isUuidGenerationEnabled{true};
 
+/// That waits for an object on this thread; null for none.
+thread_local detail::NextWithoutUuid* t_nextWithoutUuid = nullptr;
+
 } // namespace
 
+namespace detail {
+
+NextWithoutUuid::NextWithoutUuid() noexcept : m_outer(std::exchange(t_nextWithoutUuid, this)) {}
+
+NextWithoutUuid::~NextWithoutUuid() {
+    t_nextWithoutUuid = m_outer;
+}
+
+} // namespace detail
+
 Serializable::Serializable() {
-    if (isUuidGenerationEnabled())
+    if (!isUuidGenerationEnabled())
+        return;
+    if (t_nextWithoutUuid != nullptr)
+        std::exchange(t_nextWithoutUuid, nullptr)->m_object = this;
+    else
         generateUuid();
 }
 
