@@ -157,6 +157,8 @@ void OutputArchive::verifyWritable() const {
 // Bytes.
 
 void OutputArchive::put(const void* bytes, zel::size_t numBytes) {
+    if (numBytes == 0)
+        return; // from or to nowhere, perhaps
     if (numBytes > m_buffer.size() - m_numBuffered) {
         flushBuffer();
         if (numBytes > m_buffer.size()) {
