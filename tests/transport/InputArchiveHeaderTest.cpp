@@ -238,9 +238,9 @@ TEST_F(InputArchiveHeaderTest, NothingOfTheLastArchiveIsLeft) {
     ArchiveHead old;
     old.version = {2, 0, 0, 0};
     old.appName = "";
-    InputArchive archive;
     std::istringstream first(start().bytes());
     std::istringstream second(ArchiveBytes(old).bytes());
+    InputArchive archive;
     archive.open(first);
     archive.close();
     archive.open(second);

@@ -336,8 +336,8 @@ TEST_F(InputArchiveTest, AClosedArchiveReadsNothing) {
 }
 
 TEST_F(InputArchiveTest, AnOpenArchiveIsNotOpenedAgain) {
-    Opened archive(start().scalar(7));
     std::istringstream other(start().scalar(8).bytes());
+    Opened archive(start().scalar(7));
     EXPECT_NE(archiveErrorOf([&] { archive->open(other); }), "no exception");
     EXPECT_EQ(read<int>(*archive), 7);
     archive->close();
@@ -346,12 +346,12 @@ TEST_F(InputArchiveTest, AnOpenArchiveIsNotOpenedAgain) {
 }
 
 TEST_F(InputArchiveTest, AnArchiveThatCouldNotBeOpenedIsClosedAndCanBeOpenedAnew) {
-    InputArchive archive;
     std::istringstream bad("no archive at all");
+    std::istringstream good(start().scalar(7).bytes());
+    InputArchive archive;
     EXPECT_NE(archiveErrorOf([&] { archive.open(bad); }), "no exception");
     EXPECT_FALSE(archive.isOpen());
     EXPECT_EQ(archive.getSectionStackString(), "");
-    std::istringstream good(start().scalar(7).bytes());
     archive.open(good);
     EXPECT_FALSE(archive.hasFailed());
     EXPECT_EQ(read<int>(archive), 7);

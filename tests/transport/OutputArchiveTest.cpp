@@ -476,9 +476,9 @@ TEST_F(OutputArchiveTest, AnArchiveThatIsOpenedAgainKnowsNoObjects) {
 }
 
 TEST_F(OutputArchiveTest, TheByteOrderIsThatOfTheMachineUnlessItIsChosenAhead) {
+    std::ostringstream stream; // outlives the archive
     OutputArchive archive;
     EXPECT_EQ(archive.isLittleEndian(), std::endian::native == std::endian::little);
-    std::ostringstream stream;
     archive.open(stream);
     EXPECT_NE(archiveErrorOf([&] { archive.setLittleEndian(false); }), "no exception");
     EXPECT_EQ(archive.isLittleEndian(), std::endian::native == std::endian::little);
