@@ -239,6 +239,15 @@ protected:
     virtual void readString(const char* name, std::string& text);
     virtual void readUuid(const char* name, zel::Uuid& uuid);
     virtual void read_vector(const VectorSink& sink, VectorElement type);
+    /// What stands ahead of the elements of a vector: how many there are, of a type that can be read as the
+    /// wanted one.
+    struct VectorHead {
+        zel::uint64 numElements;
+        VectorElement stored;
+    };
+    [[nodiscard]] VectorHead readVectorHead(VectorElement wanted);
+    /// For a vector or block that is longer than what is left: the archive has failed.
+    [[noreturn]] void failShort(zel::uint64 numBytes);
     /// What stands ahead of the section "Version".
     virtual void readByteOrder();
     /// Compares the sizes of types with those of this machine; a difference is told once the file has turned
@@ -299,7 +308,6 @@ private:
     void
     convertInto(const VectorSink& sink, zel::uint64 numElements, VectorElement stored, VectorElement wanted);
     void verifyLeft(zel::uint64 count, zel::uint64 size);
-    [[noreturn]] void failShort(zel::uint64 numBytes);
 
     template <typename Read>
     auto nested(const Read& read);

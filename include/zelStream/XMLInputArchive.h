@@ -7,13 +7,11 @@
 
 namespace zelStream {
 
-/// Restores what an XMLOutputArchive stored.
+/// Restores what an XMLOutputArchive stored, also after people have edited it: white space is free, comments
+/// are passed over, and the order of attributes does not matter. The limits of the writer hold.
 /// @threads owner thread
 class ZEL_CORE_API XMLInputArchive : public InputArchive {
 public:
-    /// Of a document, in bytes.
-    static constexpr zel::size_t MaximumSize = zel::size_t{1} << 30;
-
     XMLInputArchive();
     ~XMLInputArchive() override;
 
@@ -28,16 +26,14 @@ public:
     /// @throws ArchiveException if there is none; the archive then stands where it stood
     void beginSection(const char* name) override;
     void endSection(const char* name) override;
-    /// The next child of this name, as beginSection finds it, without going into it.
+    /// The next child of this name, which beginSection would go into; it counts as visited.
+    /// @throws ArchiveException if there is none
     zel::TiXmlElement* getElement(const char* name);
     /// The names from the root to the element, joined by "/".
     [[nodiscard]] static zel::String getXMLPath(const zel::TiXmlElement* element);
-    [[nodiscard]] zel::String getErrorMessage(const zel::String& text) const override;
 
     using InputArchive::read;
     void read(void* data, zel::size_t numBytes) override;
-    /// The length of the document.
-    [[nodiscard]] zel::uint64 getNumBytesRead() const override;
 
 protected:
     void readScalar(const char* name, void* value, ScalarForm form) override;
@@ -48,9 +44,19 @@ protected:
     void dropSections(zel::size_t depth) noexcept override;
 
 private:
-    struct Level; ///< cursors of an open element
-    std::unique_ptr<zel::TiXmlDocument> m_document;
-    zel::Vector<Level> m_levels;
+    struct Document;
+    struct Level;
+
+    zel::TiXmlElement* findChild(const char* name);
+    const std::string* findAttribute(const char* name);
+    /// The text of an attribute, or the next token; nothing, with an exception, if there is none.
+    std::string_view getText(const char* name, const char* failure);
+    std::string_view nextToken();
+    [[noreturn]] void failToRead(const char* failure, const char* name);
+    [[nodiscard]] Level& level();
+    void readComponent(char* target, VectorElement stored, VectorElement wanted);
+
+    std::unique_ptr<Document> m_document;
 };
 
 } // namespace zelStream

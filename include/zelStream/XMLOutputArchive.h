@@ -9,26 +9,30 @@ namespace zelStream {
 
 /// An archive as an XML document that people can read: each section is an element, each attribute an XML
 /// attribute, and values are tokens in the element's text: see docs/archives.md. The document is printed
-/// once, by `close`.
+/// once, by `close`, and until then lies in memory.
 /// @threads owner thread
 class ZEL_CORE_API XMLOutputArchive : public OutputArchive {
 public:
     /// Elements may be nested this deep.
     static constexpr zel::size_t MaximumDepth = 10000;
+    /// So many attributes an element may have.
+    static constexpr zel::size_t MaximumAttributes = 1000;
+    /// Of a document, in bytes.
+    static constexpr zel::size_t MaximumSize = zel::size_t{1} << 30;
 
     XMLOutputArchive();
+    /// Closes; what fails then is logged as a Warning.
     ~XMLOutputArchive() override;
 
     void open(std::ostream& stream, const zel::String& appName = zel::String()) override;
-    void close() override;
-    /// Flushes the stream; the document is printed by `close` alone.
-    void flush() override;
 
     /// @throws ArchiveException for a name that no element can have, and for elements nested too deep
     void beginSection(const char* name) override;
     void endSection(const char* name) override;
 
-    /// Appends to the text of the open element, behind a blank if it has text.
+    /// Appends to the text of the open element, behind a blank if it has text. The text is read as one plain
+    /// value for each of its words, and has no escapes.
+    /// @throws ArchiveException if it is not UTF-8, or holds characters that no XML text can
     void addString(const zel::String& text);
 
     using OutputArchive::write;
@@ -48,8 +52,14 @@ protected:
     void dropSections(zel::size_t depth) noexcept override;
 
 private:
-    std::unique_ptr<zel::TiXmlDocument> m_document;
-    zel::TiXmlElement* m_element = nullptr; ///< the open one
+    struct Document;
+    struct Element;
+
+    /// Makes room for a value in the open element.
+    std::string& beginValue(const char* name);
+    static void endValue(const char* name, std::string& place);
+
+    std::unique_ptr<Document> m_document;
 };
 
 } // namespace zelStream

@@ -26,6 +26,15 @@ constexpr zel::uint32 NumVectorElements = 9;
     return Forms[static_cast<zel::uint32>(type)];
 }
 
+/// How XML archives hold a component of an element.
+[[nodiscard]] constexpr ScalarForm componentFormOf(VectorElement type) noexcept {
+    const VectorElementForm form = formOf(type);
+    const ScalarForm::Kind kind = type == VectorElement::UInt16 ? ScalarForm::Unsigned
+                                  : form.numComponents == 3     ? ScalarForm::Component
+                                                                : ScalarForm::Real;
+    return {kind, static_cast<zel::uint8>(form.width)};
+}
+
 /// Whether the two differ in their width at most, so that one can be read as the other.
 [[nodiscard]] constexpr bool isSameShape(VectorElement a, VectorElement b) noexcept {
     return a == b || (a != VectorElement::UInt16 && b != VectorElement::UInt16 &&

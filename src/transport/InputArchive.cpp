@@ -234,6 +234,15 @@ void InputArchive::read(void* data, zel::size_t numBytes) {
 // Vectors.
 
 void InputArchive::read_vector(const VectorSink& sink, VectorElement type) {
+    const auto [numElements, stored] = readVectorHead(type);
+    verifyLeft(numElements, formOf(stored).size());
+    if (stored == type)
+        readInto(sink, numElements, type);
+    else
+        convertInto(sink, numElements, stored, type);
+}
+
+InputArchive::VectorHead InputArchive::readVectorHead(VectorElement type) {
     verifyReadable();
     const VectorElementForm wanted = formOf(type);
     zel::uint64 numElements = 0;
@@ -265,11 +274,7 @@ void InputArchive::read_vector(const VectorSink& sink, VectorElement type) {
     if (elementSize != form.size() || width != form.width)
         fail("A vector of " + nameOf(storedType) + " has elements of " + std::to_string(elementSize) +
              " bytes with numbers of " + std::to_string(width));
-    verifyLeft(numElements, form.size());
-    if (storedType == type)
-        readInto(sink, numElements, type);
-    else
-        convertInto(sink, numElements, storedType, type);
+    return {numElements, storedType};
 }
 
 void InputArchive::readInto(const VectorSink& sink, zel::uint64 numElements, VectorElement type) {

@@ -6,14 +6,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <string>
 
 namespace zel {
 
 namespace {
 
-// The parser recurses for each level, and so do its destructors and our loaders.
-constexpr size_t MaximumDepth = 512;
 constexpr size_t None = std::string_view::npos;
 
 std::string quoted(std::string_view text) {
@@ -22,26 +21,9 @@ std::string quoted(std::string_view text) {
 
 /// The first byte that is not UTF-8, or is a NUL, which would end the text for the parser.
 size_t firstBadByte(std::string_view text) {
-    const auto at = [text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
     for (size_t i = 0; i < text.size();) {
-        const unsigned lead = at(i);
-        if (lead == 0)
-            return i;
-        const size_t length = lead < 0x80   ? 1
-                              : lead < 0xc2 ? 0
-                              : lead < 0xe0 ? 2
-                              : lead < 0xf0 ? 3
-                              : lead < 0xf5 ? 4
-                                            : 0;
+        const size_t length = utf8Length(text, i);
         if (length == 0)
-            return i;
-        for (size_t k = 1; k < length; ++k)
-            if ((at(i + k) & 0xc0U) != 0x80U)
-                return i;
-        // Longer than it need be, a half of a pair of UTF-16, beyond the last character.
-        const unsigned second = at(i + 1);
-        if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f) ||
-            (lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second > 0x8f))
             return i;
         i += length;
     }
@@ -57,7 +39,7 @@ bool isUtf16(std::string_view text) {
 /// Steps through the text as the parser does.
 class StructureCheck {
 public:
-    explicit StructureCheck(std::string_view text) : m_text(text) {
+    StructureCheck(std::string_view text, const XmlRules& rules) : m_text(text), m_rules(rules) {
         if (m_text.starts_with("\xef\xbb\xbf"))
             m_position = 3;
     }
@@ -67,7 +49,7 @@ public:
         while (true) {
             const size_t begin = m_position;
             m_position = std::min(m_text.find('<', m_position), m_text.size());
-            if (m_open.empty() && !passOutside(begin))
+            if (m_open.empty() ? !passOutside(begin) : !passReferences(begin, m_position))
                 return false;
             if (m_position == m_text.size())
                 break;
@@ -127,12 +109,40 @@ private:
         return fail(found, "there is text outside of any element: " + quoted(text.substr(0, 40)));
     }
 
+    /// Looks at the references to entities in a part of the text.
+    bool passReferences(size_t begin, size_t end) {
+        if (!m_rules.isStrict)
+            return true;
+        const std::string_view part = m_text.substr(0, end);
+        for (size_t at = part.find('&', begin); at != None; at = part.find('&', at + 1)) {
+            const std::string_view name = part.substr(at + 1, 10); // none is longer
+            const size_t close = name.find(';');
+            if (close == None || !isReference(name.substr(0, close)))
+                return fail(at, "'&' begins no entity here that is known; in a text it is written '&amp;'");
+        }
+        return true;
+    }
+    /// Whether the text between '&' and ';' is one of XML's own names or the number of a character.
+    static bool isReference(std::string_view name) {
+        if (!name.starts_with('#'))
+            return name == "amp" || name == "lt" || name == "gt" || name == "quot" || name == "apos";
+        const bool isHexadecimal = name.starts_with("#x");
+        name.remove_prefix(isHexadecimal ? 2 : 1);
+        unsigned code = 0;
+        const auto [end, error] =
+            std::from_chars(name.data(), name.data() + name.size(), code, isHexadecimal ? 16 : 10);
+        return error == std::errc() && end == name.data() + name.size() && code != 0 && code <= 0x10ffff &&
+               (code < 0xd800 || code > 0xdfff);
+    }
+
     bool passTag() {
         if (isAt("<!--"))
             return skipBehind("-->", "the comment");
         if (isAt("<![CDATA["))
             return m_open.empty() ? fail(m_position, "there is text outside of any element: '<![CDATA['")
                                   : skipBehind("]]>", "the section '<![CDATA['");
+        if (m_rules.isStrict && isAt("<!"))
+            return fail(m_position, "there is a document type, which has no place here");
         if (isAt("<!") || isAt("<?"))
             return skipBehind(">", "the declaration");
         if (isAt("</"))
@@ -172,11 +182,13 @@ private:
     bool passElement() {
         Tag tag{{}, m_position++};
         tag.name = readName();
+        if (m_rules.isStrict && m_hasElement && m_open.empty())
+            return fail(tag.offset, "there is a second element beside the first: " + quoted(tag.name));
         m_hasElement = true;
         m_open.push_back(tag);
-        if (m_open.size() > MaximumDepth)
+        if (m_open.size() > m_rules.maximumDepth)
             return fail(tag.offset,
-                        "elements are nested more than " + std::to_string(MaximumDepth) + " deep");
+                        "elements are nested more than " + std::to_string(m_rules.maximumDepth) + " deep");
         m_attributes.clear();
         while (true) {
             skipSpace();
@@ -215,7 +227,13 @@ private:
                 return fail(begin,
                             "the value of the attribute " + quoted(name) + " of " + describe(tag) +
                                 " has no closing quote");
+            if (!passReferences(m_position + 1, end))
+                return false;
             m_position = end + 1;
+        } else if (m_rules.isStrict) {
+            return fail(begin,
+                        "the value of the attribute " + quoted(name) + " of " + describe(tag) +
+                            " has no quotes");
         } else {
             while (m_position < m_text.size() && std::isspace(static_cast<unsigned char>(here())) == 0 &&
                    here() != '>' && here() != '/' && here() != '"' && here() != '\'')
@@ -227,6 +245,10 @@ private:
         }
         if (std::find(m_attributes.begin(), m_attributes.end(), name) != m_attributes.end())
             return fail(begin, "the attribute " + quoted(name) + " stands twice in " + describe(tag));
+        if (m_attributes.size() == m_rules.maximumAttributes)
+            return fail(begin,
+                        describe(tag) + " has more than " + std::to_string(m_rules.maximumAttributes) +
+                            " attributes");
         m_attributes.push_back(name);
         return true;
     }
@@ -247,6 +269,7 @@ private:
     }
 
     std::string_view m_text;
+    const XmlRules m_rules;
     size_t m_position = 0;
     Vector<Tag> m_open;
     Vector<std::string_view> m_attributes; // of the tag under way
@@ -255,10 +278,6 @@ private:
     std::string m_reason;
 };
 
-} // namespace
-
-namespace {
-
 bool failAt(std::string_view text, size_t offset, std::string reason, XmlFileError& error) {
     const auto above = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(offset), '\n');
     error = {1 + static_cast<size_t>(above), std::move(reason)};
@@ -266,6 +285,23 @@ bool failAt(std::string_view text, size_t offset, std::string reason, XmlFileErr
 }
 
 } // namespace
+
+size_t utf8Length(std::string_view text, size_t position) noexcept {
+    const auto at = [text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+    const unsigned lead = at(position);
+    if (lead < 0x80)
+        return lead == 0 ? 0 : 1;
+    const size_t length = lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf5 ? 4 : 0;
+    for (size_t k = 1; k < length; ++k)
+        if ((at(position + k) & 0xc0U) != 0x80U)
+            return 0;
+    // Longer than it need be, a half of a pair of UTF-16, beyond the last character.
+    const unsigned second = at(position + 1);
+    if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f) ||
+        (lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second > 0x8f))
+        return 0;
+    return length;
+}
 
 bool checkText(std::string_view text, XmlFileError& error) {
     if (text.empty())
@@ -284,10 +320,10 @@ bool checkText(std::string_view text, XmlFileError& error) {
                   error);
 }
 
-bool checkXml(std::string_view text, XmlFileError& error) {
+bool checkXml(std::string_view text, XmlFileError& error, const XmlRules& rules) {
     if (!checkText(text, error))
         return false;
-    StructureCheck structure(text);
+    StructureCheck structure(text, rules);
     return structure.run() || failAt(text, structure.offset(), structure.reason(), error);
 }
 
