@@ -81,6 +81,9 @@ int recover(const Arguments& arguments);
 int cut(const Arguments& arguments);
 int exportSeries(const Arguments& arguments);
 int diff(const Arguments& arguments);
+int printArchiveInfo(const Arguments& arguments);
+int showArchive(const Arguments& arguments);
+int convertArchive(const Arguments& arguments);
 int printTree(const Arguments& arguments);
 int runModel(const Arguments& arguments);
 

@@ -165,6 +165,46 @@ const std::vector<Command>& commands() {
          2,
          2,
          &diff},
+        {"archive info",
+         "FILE [--json]",
+         "Tells what the header of an archive says",
+         "Prints who wrote the archive and when: application, version, build flags and the changes of stored "
+         "forms "
+         "that it knew. Needs none of the classes.\n"
+         "\n"
+         "    zel archive info rover.archive\n",
+         {json},
+         1,
+         1,
+         &printArchiveInfo},
+        {"archive show",
+         "FILE [--path DIRECTORY] [--counts]",
+         "Prints the objects in an archive",
+         "Prints the graph of objects, each with its id, its class and what it stored, and how many there "
+         "are of "
+         "each class. The classes have to be in libraries of ZEL_PLUGIN_PATH or of --path, by the first "
+         "namespace "
+         "of their names, and the archive has to hold objects one after the other, each stored by "
+         "reference.\n"
+         "\n"
+         "    zel archive show rover.archive --path plugins\n",
+         {{"--path", "DIRECTORY", "Looks there for libraries, too. May be given again."},
+          {"--counts", nullptr, "Prints how many objects there are of each class, and no more."}},
+         1,
+         1,
+         &showArchive},
+        {"archive convert",
+         "FILE NEW [--path DIRECTORY]",
+         "Writes an archive in the other form",
+         "Writes the objects of a binary archive as XML, and those of an XML archive in the binary form. "
+         "Needs the "
+         "classes, as 'zel archive show' does. There and back again gives the same bytes behind the header.\n"
+         "\n"
+         "    zel archive convert rover.archive rover.xml --path plugins\n",
+         {{"--path", "DIRECTORY", "Looks there for libraries, too. May be given again."}},
+         2,
+         2,
+         &convertArchive},
     };
     return all;
 }

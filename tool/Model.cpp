@@ -30,13 +30,17 @@ bool isFile(const std::string& model) {
 
 } // namespace
 
-LoadedModel::LoadedModel(const Arguments& arguments) {
-    zel::Notify::instance()->setNotifyLevel(zel::Notify::Warning); // models that are not right are told of
+void addFolders(const Arguments& arguments) {
     for (const std::string& folder : arguments.getAll("--path")) {
         if (!FileSystem::isDir(folder))
             throw std::runtime_error("there is no folder '" + folder + "'");
         addFolder(FileSystem::getAbsolutePath(folder));
     }
+}
+
+LoadedModel::LoadedModel(const Arguments& arguments) {
+    zel::Notify::instance()->setNotifyLevel(zel::Notify::Warning); // models that are not right are told of
+    addFolders(arguments);
     const std::string& model = arguments.positional()[0];
     if (isFile(model)) {
         if (!FileSystem::exists(model))

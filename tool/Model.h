@@ -9,6 +9,10 @@
 
 namespace tool {
 
+/// Lets models, plug-ins and data be looked for in the folders of the options --path, too.
+/// @throws std::runtime_error if there is no such folder
+void addFolders(const Arguments& arguments);
+
 /// A model in the tree of the system, from which it is taken at the end.
 class LoadedModel {
 public:

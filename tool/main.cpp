@@ -59,11 +59,11 @@ int runTool(std::vector<std::string> words) {
     else if (words[0] == "--bash-completion")
         std::cout << tool::completion();
     else {
-        const std::string name =
-            words[0] == "journal" && words.size() > 1 ? words[0] + " " + words[1] : words[0];
+        const bool isFamily = words[0] == "journal" || words[0] == "archive";
+        const std::string name = isFamily && words.size() > 1 ? words[0] + " " + words[1] : words[0];
         const Command* command = takeCommand(words);
-        if (command == nullptr && name == "journal") {
-            std::cerr << "zel: the command 'journal' needs a second word; see zel --help\n";
+        if (command == nullptr && isFamily && words.size() == 1) {
+            std::cerr << "zel: the command '" << name << "' needs a second word; see zel --help\n";
             return tool::WrongUsage;
         }
         if (command == nullptr) {

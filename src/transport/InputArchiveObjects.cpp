@@ -31,7 +31,7 @@ public:
     explicit Nesting(InputArchive& archive) : m_archive(archive), m_numPutOff(archive.m_putOff.size()) {
         if (archive.m_depth == 0)
             archive.m_stackFloor = stackFloor();
-        if (isStackLow(archive.m_stackFloor))
+        if (stackAbove(archive.m_stackFloor) == 0)
             archive.fail("Objects are nested too deep: " + std::to_string(archive.m_depth));
         ++archive.m_depth;
     }

@@ -31,7 +31,7 @@ public:
     explicit Nesting(OutputArchive& archive) : m_archive(archive) {
         if (archive.m_depth == 0)
             archive.m_stackFloor = stackFloor();
-        if (isStackLow(archive.m_stackFloor))
+        if (stackAbove(archive.m_stackFloor) == 0)
             archive.failForGood("Objects are nested too deep: " + std::to_string(archive.m_depth));
         ++archive.m_depth;
     }

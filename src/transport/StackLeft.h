@@ -11,10 +11,11 @@ constexpr zel::size_t SmallestStack = zel::size_t{256} * 1024;
 /// stack of a thread, as in a coroutine.
 [[nodiscard]] zel::uint64 stackFloor() noexcept;
 
-/// Whether the caller's frame lies below the floor of its thread's stack.
-[[nodiscard]] inline bool isStackLow(zel::uint64 floor) noexcept {
+/// How many bytes of the stack lie between the caller's frame and the floor.
+[[nodiscard]] inline zel::uint64 stackAbove(zel::uint64 floor) noexcept {
     // The address of a local would lie elsewhere under a sanitizer that moves them to the heap.
-    return reinterpret_cast<zel::uint64>(__builtin_frame_address(0)) < floor;
+    const auto here = reinterpret_cast<zel::uint64>(__builtin_frame_address(0));
+    return here < floor ? 0 : here - floor;
 }
 
 } // namespace zelStream

@@ -138,7 +138,7 @@ void XMLInputArchive::init(std::istream& stream) {
     if (text.size() > MaximumSize)
         fail(Failure + ("the document is larger than " + std::to_string(MaximumSize) + " bytes"));
     zel::XmlRules rules;
-    const zel::size_t numLevels = (std::max(stackLeft(), SmallestStack) - SmallestStack) / StackOfLevel;
+    const zel::size_t numLevels = stackAbove(stackFloor()) / StackOfLevel;
     rules.maximumDepth = std::min(XMLOutputArchive::MaximumDepth, numLevels);
     rules.maximumAttributes = XMLOutputArchive::MaximumAttributes;
     rules.isStrict = true;

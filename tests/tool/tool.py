@@ -14,7 +14,8 @@ import time
 
 ZEL, WRITER, SOURCES, BUILD = sys.argv[1:5]
 COMMANDS = ["run", "tree", "journal info", "journal frames", "journal show", "journal verify", "journal recover",
-            "journal cut", "journal export", "journal diff"]
+            "journal cut", "journal export", "journal diff", "archive info", "archive show", "archive convert"]
+CREW = os.path.join(BUILD, "tests", "crew")
 
 
 def zel(*words, code=0, errors=""):
@@ -72,6 +73,7 @@ def wrong_usage_is_told_with_the_usage():
     for words, errors in (
             (["fly"], "zel: there is no command 'fly'; see zel --help\n"),
             (["journal"], "zel: the command 'journal' needs a second word; see zel --help\n"),
+            (["archive"], "zel: the command 'archive' needs a second word; see zel --help\n"),
             (["journal", "fly"], "zel: there is no command 'journal fly'; see zel --help\n"),
             (["journal", "info"], "zel journal info: an argument lacks\n" + info),
             (["journal", "info", "a", "b"], "zel journal info: 'b' is one argument too many\n" + info),
@@ -348,6 +350,82 @@ def trees_are_printed():
     assert tree.startswith("|-Counter\n| |-start type=Real:64bit, value=3.5\n| |-clock\n"), tree
     assert zel("tree", "Counter.zelComponent", "clock").startswith("|-clock\n")
     zel("tree", "Counter.zelComponent", "x.y", code=3, errors="zel: the model has nothing at 'x.y'\n")
+
+
+def write_archive(path, *options):
+    subprocess.run([pathlib.Path(WRITER).with_name("writeArchive"), path, *options], check=True, timeout=60)
+    return path
+
+
+def archives_are_told_of():
+    version = zel("--version").split()[1]
+    for options, form in (([], "binary, little-endian"), (["--big-endian"], "binary, big-endian")):
+        path = write_archive("ship.archive", *options)
+        size = os.path.getsize(path)
+        told = zel("archive", "info", path)  # without the classes
+        begin = (f"file: ship.archive\nsize: {size} bytes\nform: {form}\napplication: harbour\n"
+                 f"version: {version}\nserialization version: 90\nwritten: ")
+        assert told.startswith(begin), told
+        assert "\nbuild flags:\n    USE_SSE: " in told and told.endswith("\nmodifications:\n    904156fd\n"), told
+    told = json.loads(zel("archive", "info", path, "--json"))
+    assert told["application"] == "harbour" and told["modifications"] == ["904156fd"], told
+    assert list(told["buildFlags"]) and told["serializationVersion"] == 90, told
+    pathlib.Path("no.archive").write_bytes(b"x" * 100)
+    zel("archive", "info", "no.archive", code=3, errors="zel: no.archive: Current scope: 'Archive/Version'. "
+        "Invalid archive format (bad magic)\n")
+    zel("archive", "info", "none", code=3, errors="zel: none: there is no such file\n")
+    os.mkfifo("pipe")
+    zel("archive", "info", "pipe", code=3, errors="zel: pipe is no regular file\n")
+
+
+SHIP = """#1 crew::Ship  00000000-0000-0000-0000-000000000000
+    true
+    'A'
+    [log]
+        double[3]: 1, 2.5, -1e+300
+    by value  00000000-0000-0000-0000-000000000000
+        name = "Ada"
+        51
+        #2 crew::Sailor  00000000-0000-0000-0000-000000000000
+            name = "Bo?"
+            -1
+            -> #2 crew::Sailor
+    -> #2 crew::Sailor
+    null
+-> #2 crew::Sailor
+null
+"""
+COUNTS = "2 of class crew::Sailor\n1 of class crew::Ship\n"
+HINT = ("\nThe objects can only be read with their classes, which are looked for in the libraries of ZEL_PLUGIN_PATH and "
+        "of --path, by the first namespace of their names; and they have to stand one after the other, each stored "
+        "by reference.\n")
+
+
+def archives_are_shown():
+    for options in ([], ["--big-endian"]):
+        path = write_archive("ship.archive", *options)
+        same(zel("archive", "show", path, "--path", CREW), SHIP + COUNTS)
+    same(zel("archive", "show", path, "--path", CREW, "--counts"), COUNTS)
+    zel("archive", "show", path, code=3, errors="zel: ship.archive: Current scope: 'Archive/Object/TypeHeader'. "
+        "Unable to get StorageAgent for a referenced object: 'crew::Ship'" + HINT)
+    write_archive("value.archive", "--value-first")
+    zel("archive", "show", "value.archive", "--path", CREW, code=3,
+        errors="zel: value.archive: Current scope: 'Archive/Object'. Invalid archive format (bad class tag)" + HINT)
+
+
+def archives_are_converted_there_and_back():
+    path = write_archive("ship.archive")
+    zel("archive", "convert", path, "ship.xml", code=3, errors=None)  # without the classes
+    assert not os.path.exists("ship.xml")
+    assert zel("archive", "convert", path, "ship.xml", "--path", CREW) == "3 objects written to ship.xml\n"
+    same(zel("archive", "show", "ship.xml", "--path", CREW), SHIP + COUNTS)
+    assert "form: XML\napplication: harbour\n" in zel("archive", "info", "ship.xml")
+    zel("archive", "convert", "ship.xml", "again.archive", "--path", CREW)
+    header = pathlib.Path(path).read_bytes().index(b"904156fd")
+    again = pathlib.Path("again.archive").read_bytes()
+    assert pathlib.Path(path).read_bytes()[header:] == again[again.index(b"904156fd"):]
+    zel("archive", "convert", "ship.xml", "again.archive", "--path", CREW, code=3,
+        errors="zel: again.archive exists already\n")
 
 
 def the_demonstration_runs_without_its_program():
