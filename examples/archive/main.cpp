@@ -7,6 +7,8 @@
 #include <zelIO/Environment.h>
 #include <zelStream/InputArchive.h>
 #include <zelStream/OutputArchive.h>
+#include <zelStream/XMLInputArchive.h>
+#include <zelStream/XMLOutputArchive.h>
 
 #include <cstdio>
 #include <exception>
@@ -139,6 +141,8 @@ int main() {
         print("Made", *rover);
         save<zelStream::OutputArchive>("rover.archive", *rover);
         print("Restored", *load<zelStream::InputArchive>("rover.archive"));
+        save<zelStream::XMLOutputArchive>("rover.xml", *rover);
+        print("From XML", *load<zelStream::XMLInputArchive>("rover.xml"));
         print("From an older program",
               *load<zelStream::InputArchive>(ARCHIVE_SOURCE_DIRECTORY "/old.archive"));
         takeBackByLightData(*rover);

@@ -6,6 +6,8 @@
 #include <zelData/ValueT.h>
 #include <zelStream/InputArchive.h>
 #include <zelStream/OutputArchive.h>
+#include <zelStream/XMLInputArchive.h>
+#include <zelStream/XMLOutputArchive.h>
 
 #include <gmock/gmock.h>
 
@@ -271,6 +273,23 @@ TEST_F(EntityStorageArchiveTest, BothByteOrdersAreRead) {
         restore(*loaded, stream.str());
         EXPECT_EQ(idsOf(*loaded), idsOf(*original));
     }
+}
+
+TEST_F(EntityStorageArchiveTest, XmlHoldsTheTableInSectionsOfItsOwn) {
+    const ref_ptr<EntityStorage> original = makeUsed();
+    std::stringstream stream;
+    zelStream::XMLOutputArchive out;
+    out.open(stream);
+    original->storePermutation(out);
+    out.close();
+    EXPECT_THAT(stream.str(), HasSubstr("<capacity>8</capacity>"));
+    EXPECT_THAT(stream.str(), HasSubstr("<id>4</id>"));
+
+    const ref_ptr<EntityStorage> loaded = makeStorage(8);
+    zelStream::XMLInputArchive in;
+    in.open(stream);
+    loaded->restorePermutation(in, false);
+    EXPECT_EQ(idsOf(*loaded), idsOf(*original));
 }
 
 // Damaged tables
