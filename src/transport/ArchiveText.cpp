@@ -326,10 +326,13 @@ bool parseEscaped(std::string_view text, std::string& value) {
 }
 
 bool parseUuid(std::string_view text, zel::Uuid& uuid) {
-    const zel::Uuid read{std::string(text)};
-    if (read.str() != text)
+    constexpr std::string_view Form = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    if (text.size() != Form.size())
         return false;
-    uuid = read;
+    for (zel::size_t i = 0; i < text.size(); ++i)
+        if (Form[i] == '-' ? text[i] != '-' : digitOf(text[i]) < 0 || (text[i] >= 'A' && text[i] <= 'F'))
+            return false;
+    uuid = zel::Uuid(std::string(text));
     return true;
 }
 

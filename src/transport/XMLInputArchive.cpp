@@ -146,10 +146,10 @@ void XMLInputArchive::init(std::istream& stream) {
     if (!zel::checkXml(text, error, rules))
         fail(Failure + error.reason + " (row " + std::to_string(error.row) + ")");
     auto document = std::make_unique<Document>();
+    document->SetTabSize(0); // no rows and columns of nodes, which take time to count
     document->Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
     if (document->Error())
-        fail(Failure + zel::String(document->ErrorDesc()) + " (row " + std::to_string(document->ErrorRow()) +
-             ")");
+        fail(Failure + zel::String(document->ErrorDesc()));
     document->size = text.size();
     countBytes(text.size());
     m_document = std::move(document);

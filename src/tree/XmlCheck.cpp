@@ -5,8 +5,8 @@
 #include <zel/Vector.h>
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
+#include <cstring>
 #include <string>
 
 namespace zel {
@@ -21,7 +21,17 @@ std::string quoted(std::string_view text) {
 
 /// The first byte that is not UTF-8, or is a NUL, which would end the text for the parser.
 size_t firstBadByte(std::string_view text) {
+    constexpr uint64 Ones = 0x0101010101010101U;
     for (size_t i = 0; i < text.size();) {
+        // Eight of ASCII at once: none has its top bit, nor gets it from taking 1 off.
+        uint64 word = 0;
+        if (text.size() - i >= sizeof(word)) {
+            std::memcpy(&word, text.data() + i, sizeof(word));
+            if (((word | (word - Ones)) & (Ones << 7U)) == 0) {
+                i += sizeof(word);
+                continue;
+            }
+        }
         const size_t length = utf8Length(text, i);
         if (length == 0)
             return i;
@@ -81,20 +91,21 @@ private:
     }
     [[nodiscard]] char here() const { return m_position < m_text.size() ? m_text[m_position] : '\0'; }
 
+    [[nodiscard]] static bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+    [[nodiscard]] static bool isDigit(char c) { return c >= '0' && c <= '9'; }
     void skipSpace() {
-        while (std::isspace(static_cast<unsigned char>(here())) != 0)
+        while (isSpace(here()))
             ++m_position;
     }
 
     [[nodiscard]] static bool beginsName(char c) {
         const auto byte = static_cast<unsigned char>(c);
-        return byte >= 127 || c == '_' || std::isalpha(byte) != 0;
+        return byte >= 127 || c == '_' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
     }
     std::string_view readName() {
         const size_t begin = m_position;
         if (beginsName(here()))
-            while (beginsName(here()) || std::isdigit(static_cast<unsigned char>(here())) != 0 ||
-                   here() == '-' || here() == '.' || here() == ':')
+            while (beginsName(here()) || isDigit(here()) || here() == '-' || here() == '.' || here() == ':')
                 ++m_position;
         return m_text.substr(begin, m_position - begin);
     }
@@ -168,12 +179,12 @@ private:
         if (name.empty() || here() != '>')
             return fail(begin, "the closing tag '</" + std::string(name) + "' has no '>'");
         ++m_position;
-        const std::string tag = "'</" + std::string(name) + ">'";
+        const auto tag = [name] { return "'</" + std::string(name) + ">'"; };
         if (m_open.empty())
-            return fail(begin, tag + " closes nothing");
+            return fail(begin, tag() + " closes nothing");
         if (m_open.back().name != name)
             return fail(begin,
-                        tag + " stands where the element " + quoted(m_open.back().name) + " of row " +
+                        tag() + " stands where the element " + quoted(m_open.back().name) + " of row " +
                             std::to_string(rowOf(m_open.back().offset)) + " is still open");
         m_open.pop_back();
         return true;
@@ -235,8 +246,8 @@ private:
                         "the value of the attribute " + quoted(name) + " of " + describe(tag) +
                             " has no quotes");
         } else {
-            while (m_position < m_text.size() && std::isspace(static_cast<unsigned char>(here())) == 0 &&
-                   here() != '>' && here() != '/' && here() != '"' && here() != '\'')
+            while (m_position < m_text.size() && !isSpace(here()) && here() != '>' && here() != '/' &&
+                   here() != '"' && here() != '\'')
                 ++m_position;
             if (here() == '"' || here() == '\'')
                 return fail(begin,

@@ -1,5 +1,8 @@
 #include "ArchiveGraph.h"
 
+#include <zelStream/XMLInputArchive.h>
+#include <zelStream/XMLOutputArchive.h>
+
 #include <support/Soak.h>
 
 #include <memory>
@@ -98,7 +101,11 @@ const auto ArchiveForms = testing::Values(
     ArchiveForm{
         "Little", makeArchive<OutputArchive, OutputArchive>, makeArchive<InputArchive, InputArchive>, true},
     ArchiveForm{
-        "Big", makeArchive<OutputArchive, OutputArchive>, makeArchive<InputArchive, InputArchive>, false});
+        "Big", makeArchive<OutputArchive, OutputArchive>, makeArchive<InputArchive, InputArchive>, false},
+    ArchiveForm{"Xml",
+                makeArchive<zelStream::XMLOutputArchive, OutputArchive>,
+                makeArchive<zelStream::XMLInputArchive, InputArchive>,
+                true});
 
 std::string nameOfForm(const testing::TestParamInfo<ArchiveForm>& form) {
     return form.param.name;
