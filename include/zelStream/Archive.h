@@ -42,11 +42,15 @@ public:
         ScopedSection& operator=(const ScopedSection&) = delete;
         ~ScopedSection();
 
+        /// Ends the section ahead of the end of the scope, and throws what the end has to say at once.
+        void end();
+
     private:
         Archive& m_archive;
         const char* m_name;
         zel::size_t m_depth; ///< ahead of the section
         int m_numExceptions; ///< that were on their way
+        bool m_isEnded = false;
     };
 
     Archive(const Archive&) = delete;

@@ -32,7 +32,14 @@ Archive::ScopedSection::ScopedSection(Archive& archive, const char* name)
     archive.beginSection(name);
 }
 
+void Archive::ScopedSection::end() {
+    m_archive.endSection(m_name);
+    m_isEnded = true;
+}
+
 Archive::ScopedSection::~ScopedSection() {
+    if (m_isEnded)
+        return;
     // A section within may be open still, or this one was ended by another hand.
     const bool isOpen = m_archive.getSectionDepth() == m_depth + 1 && m_archive.getSectionName() == m_name;
     if (!isOpen && std::uncaught_exceptions() == m_numExceptions) {

@@ -173,14 +173,22 @@ Serializable* InputArchive::readRecord() {
         if (entry != nullptr && entry->object != nullptr)
             return entry->object;
     }
-    const ScopedSection section(*this, "Object");
+    ScopedSection section(*this, "Object");
     if (!isTaken) {
         readObjectHeader(record.mode, record.agent);
         if (record.mode == NullObject)
             return readNull();
         record.id = readId();
     }
-    return record.mode == KnownObject ? readKnown(record.id) : readNew(record.id, record.agent);
+    if (record.mode == KnownObject)
+        return readKnown(record.id);
+    Serializable* const object = readNew(record.id, record.agent);
+    const auto text = [&record] {
+        return "End of file reached while trying to read end section Object, during restore of object: " +
+               record.agent->getClassName();
+    };
+    orEnd(text, [&section] { section.end(); });
+    return object;
 }
 
 Serializable* InputArchive::readNull() {
@@ -270,7 +278,7 @@ bool InputArchive::readObjectByVal(Serializable& object) {
     };
     const auto bodyText = [] { return "End of file reached while trying to restoring an object"; };
     return nested([&] {
-        const ScopedSection section(*this, "Object");
+        ScopedSection section(*this, "Object");
         const StorageMode mode = orEnd(headerText, [this] {
             const zel::FlagScope isValue(m_isValueHeader);
             StorageMode read = NullObject;
@@ -283,6 +291,7 @@ bool InputArchive::readObjectByVal(Serializable& object) {
         if (mode != NewObject)
             fail("Bad storage mode");
         orEnd(bodyText, [this, &object] { return restoreBody(object); });
+        section.end();
         return true;
     });
 }

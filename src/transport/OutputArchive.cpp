@@ -320,21 +320,23 @@ void OutputArchive::writeObjectByVal(const Serializable& object) {
         return;
     }
     Nesting::run(*this, [this, &object] {
-        const ScopedSection section(*this, "Object");
+        ScopedSection section(*this, "Object");
         {
             const zel::FlagScope isValue(m_isValueHeader);
             writeObjectHeader(NewObject, nullptr);
         }
         writeBody(object, 0);
+        section.end();
     });
 }
 
 void OutputArchive::writeNewObject(const Serializable& object, const IdEntry& entry) {
     Nesting::run(*this, [this, &object, &entry] {
-        const ScopedSection section(*this, "Object");
+        ScopedSection section(*this, "Object");
         writeHeader(NewObject, entry);
         ++m_numReferences;
         writeBody(object, entry.id);
+        section.end();
     });
 }
 

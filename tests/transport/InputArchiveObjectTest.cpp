@@ -3,6 +3,7 @@
 #include <zel/observer_ptr.h>
 
 #include <exception>
+#include <sstream>
 
 using fleet::Motor;
 using fleet::Permit;
@@ -256,6 +257,39 @@ TEST_F(InputArchiveObjectTest, ModesOfARecordAreNoModesToReadIn) {
     for (const auto mode : {Archive::NewObject, Archive::KnownObject, Archive::NullObject})
         EXPECT_EQ(archiveErrorOf([&] { archive->readVal(wheel, mode); }),
                   "Current scope: 'Archive'. Invalid storage mode specified for read");
+}
+
+TEST_F(InputArchiveObjectTest, ASectionThatRestoreLeavesOpenIsToldAtTheEndOfItsObject) {
+    fleet::Scripted::s_restore = [](Scripted&, InputArchive& archive) { archive.beginSection("Tank"); };
+    EXPECT_EQ(refErrorOf(start().newObject(1, 1, "fleet::Scripted").base(uuidOf(5))),
+              "Current scope: 'Archive/Object/Tank'. Call to endSection(\"Object\") does not match previous "
+              "call to "
+              "beginSection(\"Tank\") at path: 'Archive/Object/Tank'");
+    EXPECT_EQ(valErrorOf<Scripted>(start().scalar(1).scalar(4).base(uuidOf(5))),
+              "Current scope: 'Archive/Object/Tank'. Call to endSection(\"Object\") does not match previous "
+              "call to "
+              "beginSection(\"Tank\") at path: 'Archive/Object/Tank'");
+}
+
+/// A form whose sections end in a byte.
+class ClosingArchive : public InputArchive {
+public:
+    void endSection(const char* name) override {
+        char mark = 0;
+        if (std::string(name) == "Object")
+            read(&mark, 1);
+        InputArchive::endSection(name);
+    }
+};
+
+TEST_F(InputArchiveObjectTest, TheEndOfTheFileInTheEndOfAnObjectIsToldWithItsClass) {
+    std::istringstream stream(wheelBytes().bytes());
+    ClosingArchive archive;
+    archive.open(stream);
+    EXPECT_EQ(archiveErrorOf([&] { (void)archive.readObjectByRef(); }),
+              "Current scope: 'Archive/Object'. End of file reached while trying to read end section Object, "
+              "during "
+              "restore of object: fleet::Wheel");
 }
 
 TEST_F(InputArchiveObjectTest, AnObjectOfAnotherClassIsToldWithBothClasses) {
