@@ -141,7 +141,7 @@ public:
     void read(zel::SPDMatrix3x3& matrix);
 
     /// A vector of float may be read as one of double and the other way round, also of their Vec of the same
-    /// dimension.
+    /// dimension. Where the read throws, the container holds what was read until then.
     template <ArchiveVector Container>
     void read(Container& values) {
         using Element = std::remove_cvref_t<decltype(*values.data())>;

@@ -48,7 +48,8 @@ public:
             if (archive.m_depth == 1 && !archive.m_putOff.empty())
                 archive.writePutOff();
         } catch (const std::exception& exception) {
-            archive.noteFailure(exception.what());
+            if (!archive.hasFailed()) // which the innermost object has told
+                archive.noteFailure(exception.what());
             throw;
         } catch (...) {
             archive.noteFailure("An object could not be stored");
