@@ -201,17 +201,10 @@ void count(benchmark::State& state, std::size_t numBytes) {
     state.counters["bytes per object"] = static_cast<double>(numBytes) / static_cast<double>(NumNodes);
 }
 
-void store(std::ostream& stream) {
-    zelStream::OutputArchive archive;
-    archive.open(stream);
-    archive.write(zel::uint64{NumNodes});
-    for (const zel::ref_ptr<Node>& node : nodes())
-        archive.write(node.get());
-    archive.close();
-}
-
-void StoreGraph(benchmark::State& state) {
-    (void)nodes();
+/// Stores again and again in memory that is there.
+/// @param store  takes the stream
+template <typename Store>
+void storeGraph(benchmark::State& state, const Store& store) {
     std::size_t numBytes = 0;
     for (auto _ : state) {
         MemoryBuffer buffer(memory());
@@ -221,24 +214,18 @@ void StoreGraph(benchmark::State& state) {
     }
     count(state, numBytes);
 }
-BENCHMARK(StoreGraph)->Name("BM_ArchiveStoreGraph/zel")->Unit(benchmark::kMillisecond);
 
-void RestoreGraph(benchmark::State& state) {
+/// Restores again and again what was stored.
+/// @param restore  takes the stream and fills the list
+template <typename List, typename Store, typename Restore>
+void restoreGraph(benchmark::State& state, const Store& store, const Restore& restore) {
     std::ostringstream stored;
     store(stored);
     std::istringstream stream(stored.str());
     for (auto _ : state) {
         stream.seekg(0);
-        std::vector<zel::ref_ptr<Node>> restored;
-        {
-            zelStream::InputArchive archive;
-            archive.open(stream);
-            zel::uint64 size = 0;
-            archive.read(size);
-            restored.resize(size);
-            for (zel::ref_ptr<Node>& node : restored)
-                archive.read(node);
-        }
+        List restored;
+        restore(stream, restored);
         state.PauseTiming();
         verify(restored);
         restored.clear();
@@ -246,6 +233,38 @@ void RestoreGraph(benchmark::State& state) {
         state.ResumeTiming();
     }
     count(state, stored.str().size());
+}
+
+using Nodes = std::vector<zel::ref_ptr<Node>>;
+using PlainNodes = std::vector<std::shared_ptr<PlainObject>>;
+
+void store(std::ostream& stream) {
+    zelStream::OutputArchive archive;
+    archive.open(stream);
+    archive.write(zel::uint64{NumNodes});
+    for (const zel::ref_ptr<Node>& node : nodes())
+        archive.write(node.get());
+    archive.close();
+}
+
+void restore(std::istream& stream, Nodes& restored) {
+    zelStream::InputArchive archive;
+    archive.open(stream);
+    zel::uint64 size = 0;
+    archive.read(size);
+    restored.resize(size);
+    for (zel::ref_ptr<Node>& node : restored)
+        archive.read(node);
+}
+
+void StoreGraph(benchmark::State& state) {
+    (void)nodes();
+    storeGraph(state, store);
+}
+BENCHMARK(StoreGraph)->Name("BM_ArchiveStoreGraph/zel")->Unit(benchmark::kMillisecond);
+
+void RestoreGraph(benchmark::State& state) {
+    restoreGraph<Nodes>(state, store, restore);
 }
 BENCHMARK(RestoreGraph)->Name("BM_ArchiveRestoreGraph/zel")->Unit(benchmark::kMillisecond);
 
@@ -255,37 +274,19 @@ void storeCereal(std::ostream& stream) {
     archive(plainNodes());
 }
 
+void restoreCereal(std::istream& stream, PlainNodes& restored) {
+    cereal::BinaryInputArchive archive(stream);
+    archive(restored);
+}
+
 void StoreGraphCereal(benchmark::State& state) {
     (void)plainNodes();
-    std::size_t numBytes = 0;
-    for (auto _ : state) {
-        MemoryBuffer buffer(memory());
-        std::ostream stream(&buffer);
-        storeCereal(stream);
-        numBytes = buffer.size();
-    }
-    count(state, numBytes);
+    storeGraph(state, storeCereal);
 }
 BENCHMARK(StoreGraphCereal)->Name("BM_ArchiveStoreGraph/cereal")->Unit(benchmark::kMillisecond);
 
 void RestoreGraphCereal(benchmark::State& state) {
-    std::ostringstream stored;
-    storeCereal(stored);
-    std::istringstream stream(stored.str());
-    for (auto _ : state) {
-        stream.seekg(0);
-        std::vector<std::shared_ptr<PlainObject>> restored;
-        {
-            cereal::BinaryInputArchive archive(stream);
-            archive(restored);
-        }
-        state.PauseTiming();
-        verify(restored);
-        restored.clear();
-        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
-        state.ResumeTiming();
-    }
-    count(state, stored.str().size());
+    restoreGraph<PlainNodes>(state, storeCereal, restoreCereal);
 }
 BENCHMARK(RestoreGraphCereal)->Name("BM_ArchiveRestoreGraph/cereal")->Unit(benchmark::kMillisecond);
 #endif
@@ -296,37 +297,19 @@ void storeBoost(std::ostream& stream) {
     archive << plainNodes();
 }
 
+void restoreBoost(std::istream& stream, PlainNodes& restored) {
+    boost::archive::binary_iarchive archive(stream);
+    archive >> restored;
+}
+
 void StoreGraphBoost(benchmark::State& state) {
     (void)plainNodes();
-    std::size_t numBytes = 0;
-    for (auto _ : state) {
-        MemoryBuffer buffer(memory());
-        std::ostream stream(&buffer);
-        storeBoost(stream);
-        numBytes = buffer.size();
-    }
-    count(state, numBytes);
+    storeGraph(state, storeBoost);
 }
 BENCHMARK(StoreGraphBoost)->Name("BM_ArchiveStoreGraph/boost")->Unit(benchmark::kMillisecond);
 
 void RestoreGraphBoost(benchmark::State& state) {
-    std::ostringstream stored;
-    storeBoost(stored);
-    std::istringstream stream(stored.str());
-    for (auto _ : state) {
-        stream.seekg(0);
-        std::vector<std::shared_ptr<PlainObject>> restored;
-        {
-            boost::archive::binary_iarchive archive(stream);
-            archive >> restored;
-        }
-        state.PauseTiming();
-        verify(restored);
-        restored.clear();
-        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
-        state.ResumeTiming();
-    }
-    count(state, stored.str().size());
+    restoreGraph<PlainNodes>(state, storeBoost, restoreBoost);
 }
 BENCHMARK(RestoreGraphBoost)->Name("BM_ArchiveRestoreGraph/boost")->Unit(benchmark::kMillisecond);
 #endif
@@ -345,46 +328,31 @@ void storeByHand(std::ostream& stream) {
     }
 }
 
+void restoreByHand(std::istream& stream, PlainNodes& restored) {
+    const auto take = [&stream](auto& value) {
+        stream.rdbuf()->sgetn(reinterpret_cast<char*>(&value), sizeof(value));
+    };
+    restored.resize(NumNodes);
+    for (std::shared_ptr<PlainObject>& object : restored) {
+        const auto node = std::make_shared<PlainNode>();
+        object = node;
+        std::uint32_t parent = 0;
+        take(node->mass);
+        take(node->kind);
+        take(parent);
+        if (parent != 0)
+            node->parent = restored[parent - 1];
+    }
+}
+
 void StoreGraphByHand(benchmark::State& state) {
     (void)plainNodes();
-    std::size_t numBytes = 0;
-    for (auto _ : state) {
-        MemoryBuffer buffer(memory());
-        std::ostream stream(&buffer);
-        storeByHand(stream);
-        numBytes = buffer.size();
-    }
-    count(state, numBytes);
+    storeGraph(state, storeByHand);
 }
 BENCHMARK(StoreGraphByHand)->Name("BM_ArchiveStoreGraph/by_hand")->Unit(benchmark::kMillisecond);
 
 void RestoreGraphByHand(benchmark::State& state) {
-    std::ostringstream stored;
-    storeByHand(stored);
-    std::istringstream stream(stored.str());
-    for (auto _ : state) {
-        stream.seekg(0);
-        std::vector<std::shared_ptr<PlainObject>> restored(NumNodes);
-        const auto take = [&stream](auto& value) {
-            stream.rdbuf()->sgetn(reinterpret_cast<char*>(&value), sizeof(value));
-        };
-        for (std::shared_ptr<PlainObject>& object : restored) {
-            const auto node = std::make_shared<PlainNode>();
-            object = node;
-            std::uint32_t parent = 0;
-            take(node->mass);
-            take(node->kind);
-            take(parent);
-            if (parent != 0)
-                node->parent = restored[parent - 1];
-        }
-        state.PauseTiming();
-        verify(restored);
-        restored.clear();
-        malloc_trim(0); // each run begins with fresh memory, as one that starts with restoring does
-        state.ResumeTiming();
-    }
-    count(state, stored.str().size());
+    restoreGraph<PlainNodes>(state, storeByHand, restoreByHand);
 }
 BENCHMARK(RestoreGraphByHand)->Name("BM_ArchiveRestoreGraph/by_hand")->Unit(benchmark::kMillisecond);
 
@@ -416,35 +384,46 @@ void StoreVectorMemcpy(benchmark::State& state) {
 }
 BENCHMARK(StoreVectorMemcpy)->Name("BM_ArchiveStoreVector/memcpy")->Unit(benchmark::kMillisecond);
 
-void RestoreVector(benchmark::State& state) {
+/// An archive of the reals, and nothing behind them.
+std::string storedReals() {
     std::ostringstream stored;
     zelStream::OutputArchive output;
     output.open(stored);
     output.write(reals());
     output.close();
-    std::istringstream stream(stored.str());
+    return stored.str();
+}
+
+/// @param read  reads the reals from the stream, which stands at its begin
+template <typename Read>
+void restoreVector(benchmark::State& state, const Read& read) {
+    std::istringstream stream(storedReals());
     std::vector<double> restored(NumReals);
     for (auto _ : state) {
         stream.seekg(0);
-        zelStream::InputArchive archive;
-        archive.open(stream);
-        archive.read(restored);
-        archive.close();
+        read(stream, restored);
     }
     require(restored == reals());
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(NumReals * sizeof(double)));
 }
+
+void RestoreVector(benchmark::State& state) {
+    restoreVector(state, [](std::istream& stream, std::vector<double>& restored) {
+        zelStream::InputArchive archive;
+        archive.open(stream);
+        archive.read(restored);
+        archive.close();
+    });
+}
 BENCHMARK(RestoreVector)->Name("BM_ArchiveRestoreVector/zel")->Unit(benchmark::kMillisecond);
 
+/// The same bytes from the same place.
 void RestoreVectorMemcpy(benchmark::State& state) {
-    const std::string stored(reinterpret_cast<const char*>(reals().data()), NumReals * sizeof(double));
-    std::vector<double> restored(NumReals);
-    for (auto _ : state) {
-        std::memcpy(restored.data(), stored.data(), stored.size());
-        benchmark::ClobberMemory();
-    }
-    require(restored == reals());
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(NumReals * sizeof(double)));
+    const auto numBytes = static_cast<std::streamoff>(NumReals * sizeof(double));
+    restoreVector(state, [numBytes](std::istream& stream, std::vector<double>& restored) {
+        stream.seekg(-numBytes, std::ios::end);
+        stream.read(reinterpret_cast<char*>(restored.data()), numBytes);
+    });
 }
 BENCHMARK(RestoreVectorMemcpy)->Name("BM_ArchiveRestoreVector/memcpy")->Unit(benchmark::kMillisecond);
 

@@ -141,11 +141,10 @@ public:
     void read(zel::SPDMatrix3x3& matrix);
 
     /// A vector of float may be read as one of double and the other way round, also of their Vec of the same
-    /// dimension. Where the read throws, the container holds what was read until then.
+    /// dimension. Where the stream ends in the elements, the container holds some of them.
     template <ArchiveVector Container>
     void read(Container& values) {
         using Element = std::remove_cvref_t<decltype(*values.data())>;
-        values.resize(0);
         read_vector(VectorSink(
                         [](void* container, zel::size_t n) -> void* {
                             static_cast<Container*>(container)->resize(n);

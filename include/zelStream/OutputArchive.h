@@ -158,6 +158,8 @@ protected:
     virtual void writeScalar(const char* name, const void* value, ScalarForm form);
     virtual void writeString(const char* name, std::string_view text);
     virtual void writeUuid(const char* name, const zel::Uuid& uuid);
+    /// What stands ahead of the elements of a vector.
+    void writeVectorHead(zel::size_t numElements, VectorElement type);
     /// Hands a complete archive to the stream.
     virtual void finish();
     /// What stands ahead of the section "Version": byte order and sizes of types, which XML does not have.

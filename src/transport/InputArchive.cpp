@@ -236,7 +236,9 @@ void InputArchive::read(void* data, zel::size_t numBytes) {
 void InputArchive::read_vector(const VectorSink& sink, VectorElement type) {
     const auto [numElements, stored] = readVectorHead(type);
     verifyLeft(numElements, formOf(stored).size());
-    if (stored == type)
+    if (numElements == 0)
+        sink.resize(0);
+    else if (stored == type)
         readInto(sink, numElements, type);
     else
         convertInto(sink, numElements, stored, type);

@@ -214,13 +214,18 @@ void OutputArchive::write(const void* data, zel::size_t numBytes) {
     put(data, numBytes);
 }
 
-void OutputArchive::write_vector(const void* elements, zel::size_t numElements, VectorElement type) {
-    verifyWritable();
+void OutputArchive::writeVectorHead(zel::size_t numElements, VectorElement type) {
     const VectorElementForm form = formOf(type);
     write(zel::uint64{numElements});
     write(zel::uint64{form.size()});
     write(form.width);
     write(static_cast<zel::uint32>(type));
+}
+
+void OutputArchive::write_vector(const void* elements, zel::size_t numElements, VectorElement type) {
+    verifyWritable();
+    writeVectorHead(numElements, type);
+    const VectorElementForm form = formOf(type);
     const auto* bytes = static_cast<const char*>(elements);
     zel::size_t left = numElements * form.size();
     if (!m_isSwapped) {

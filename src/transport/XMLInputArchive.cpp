@@ -310,7 +310,7 @@ void XMLInputArchive::read_vector(const VectorSink& sink, VectorElement type) {
     // Each component takes at least a digit and a blank.
     if (numElements > m_document->size / 2 / from.numComponents)
         failShort(numElements > ~zel::uint64{0} / from.size() ? ~zel::uint64{0} : numElements * from.size());
-    char* target = numElements == 0 ? nullptr : static_cast<char*>(sink.resize(numElements));
+    char* target = static_cast<char*>(sink.resize(numElements));
     for (zel::uint64 i = 0; i < numElements; ++i, target += to.size()) {
         std::memset(target, 0, to.size());
         for (zel::uint32 k = 0; k < from.numComponents; ++k)

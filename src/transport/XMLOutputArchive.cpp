@@ -244,11 +244,8 @@ void XMLOutputArchive::write(const void* data, zel::size_t numBytes) {
 }
 
 void XMLOutputArchive::write_vector(const void* elements, zel::size_t numElements, VectorElement type) {
+    writeVectorHead(numElements, type);
     const VectorElementForm form = formOf(type);
-    write(zel::uint64{numElements});
-    write(zel::uint64{form.size()});
-    write(form.width);
-    write(static_cast<zel::uint32>(type));
     const auto* bytes = static_cast<const char*>(elements);
     for (zel::size_t i = 0; i < numElements; ++i, bytes += form.size())
         for (zel::uint32 k = 0; k < form.numComponents; ++k)

@@ -54,6 +54,25 @@ TEST_F(InputArchiveVectorTest, EachTypeOfElementsIsRead) {
     }
 }
 
+TEST_F(InputArchiveVectorTest, WhatAVectorHeldIsReplacedAndLeftAloneWhereTheHeadIsWrong) {
+    ArchiveBytes bytes = start();
+    bytes.vector<double>({1, 2}, 2, 1).vectorHeader(0, 8, 8, 1).vector<double>({3}, 1, 1);
+    bytes.vector<float>({4}, 1, 0).vector<double>({5, 6}, 1, 3);
+    Opened archive(bytes);
+    zel::Vector<double> values{9, 9, 9};
+    archive->read(values);
+    EXPECT_THAT(values, ElementsAre(1, 2));
+    archive->read(values);
+    EXPECT_THAT(values, ElementsAre());
+    archive->read(values);
+    EXPECT_THAT(values, ElementsAre(3));
+    values = {7, 8, 9};
+    archive->read(values); // of float
+    EXPECT_THAT(values, ElementsAre(4));
+    EXPECT_NE(archiveErrorOf([&] { archive->read(values); }), "no exception");
+    EXPECT_THAT(values, ElementsAre(4));
+}
+
 TEST_F(InputArchiveVectorTest, FloatsAndDoublesOfOneShapeAreReadAsEachOther) {
     for (const bool isLittleEndian : {true, false}) {
         ArchiveBytes bytes = start(isLittleEndian);
