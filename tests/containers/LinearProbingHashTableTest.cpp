@@ -109,6 +109,18 @@ TEST(LinearProbingHashTableTest, InsertingAnEqualKeyKeepsItsSlotAndKeyAndReplace
     EXPECT_EQ(table.begin()->value, 20);
 }
 
+TEST(LinearProbingHashTableTest, TryingToInsertAnEqualKeyLeavesItsValueAndTellsIt) {
+    LinearProbingHashTable<int, int> table;
+    const auto [first, isNew] = table.tryInsert(5, 10);
+    EXPECT_TRUE(isNew);
+    EXPECT_EQ(first->value, 10);
+    const auto [second, isNewAgain] = table.tryInsert(5, 20);
+    EXPECT_FALSE(isNewAgain);
+    EXPECT_EQ(second.index(), first.index());
+    EXPECT_EQ(second->value, 10);
+    EXPECT_EQ(table.size(), 1U);
+}
+
 TEST(LinearProbingHashTableTest, ProbesOneByOneAndAroundTheEnd) {
     PlainTable table;
     table.clearResize(5);
@@ -407,9 +419,13 @@ void compareWithModel(uint64 keyMask, int steps) {
     for (int step = 0; step < steps; ++step) {
         const uint64 key = random() & keyMask;
         if (random() % 10 < (step / 2000 % 2 == 0 ? 7U : 3U)) {
-            EXPECT_EQ(table.insert(key, step)->value, step);
-            model.insert(key, step, Hash());
-            content[key] = step;
+            if (random() % 2 == 0) {
+                EXPECT_EQ(table.insert(key, step)->value, step);
+                content[key] = step;
+            } else {
+                EXPECT_EQ(table.tryInsert(key, step).second, content.emplace(key, step).second);
+            }
+            model.insert(key, content[key], Hash());
         } else {
             EXPECT_EQ(table.erase(key), content.erase(key) == 1);
             model.erase(key, Hash());
