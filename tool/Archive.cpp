@@ -111,6 +111,8 @@ int convertArchive(const Arguments& arguments) {
     if (!stream)
         throw std::runtime_error(target + " can not be written");
     try {
+        for (const zel::String& hash : file.archive().getModifications())
+            output.addModification(hash);
         output.open(stream, file.archive().getAppName());
         for (const zelStream::Serializable* const object : objects)
             output.write(object);

@@ -44,7 +44,7 @@ public:
     /// A compile-time choice of the library that wrote the archive.
     struct BuildFlag {
         zel::String name;
-        bool isSet;
+        bool isSet = false;
     };
 
     InputArchive();

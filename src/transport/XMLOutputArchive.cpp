@@ -30,6 +30,14 @@ bool isXmlText(std::string_view text) {
     return true;
 }
 
+/// Whether one of the printed attributes begins like this. Goes from attribute to attribute, for a value that
+/// ends in a blank, a name and '=' looks like a beginning together with its closing quote.
+bool hasAttribute(std::string_view attributes, std::string_view beginning) {
+    while (!attributes.empty() && !attributes.starts_with(beginning))
+        attributes.remove_prefix(attributes.find('"', attributes.find('"') + 1) + 1);
+    return !attributes.empty();
+}
+
 } // namespace
 
 struct XMLOutputArchive::Element {
@@ -184,10 +192,9 @@ std::string& XMLOutputArchive::beginValue(const char* name) {
     validateVariable(name);
     const zel::size_t start = element.head.size();
     element.head.append(" ").append(name).append("=\"");
-    // What stands in quotes has none of its own, so that this can be no part of a value.
-    const std::string_view added = std::string_view(element.head).substr(start);
+    const std::string_view head = element.head;
     const bool isKnown =
-        std::string_view(element.head).substr(0, start).find(added) != std::string_view::npos;
+        hasAttribute(head.substr(element.nameLength, start - element.nameLength), head.substr(start));
     if (isKnown || element.numAttributes == MaximumAttributes) {
         element.head.resize(start);
         fail(isKnown ? "The section has an attribute '" + zel::String(name) + "' already"

@@ -30,6 +30,7 @@ void write(const std::string& path, const std::string& option) {
     zelStream::OutputArchive archive;
     archive.setUseCurrentDate(false);
     archive.setLittleEndian(option != "--big-endian");
+    archive.addModification("0badcafe");
     archive.open(stream, "harbour");
     if (option == "--value-first")
         archive.write(7);

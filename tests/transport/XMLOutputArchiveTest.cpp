@@ -160,6 +160,14 @@ TEST_F(XMLOutputArchiveTest, RefusesASecondAttributeOfAName) {
     });
 }
 
+TEST_F(XMLOutputArchiveTest, TakesAnAttributeWhoseNameEndsTheValueOfAnother) {
+    EXPECT_EQ(elementOf([](XMLOutputArchive& archive) {
+                  archive.addAttribute("text", " size=");
+                  archive.addAttribute("size", 1);
+              }),
+              "<V text=\" size=\" size=\"1\" />");
+}
+
 TEST_F(XMLOutputArchiveTest, RefusesMoreAttributesThanAReaderTakes) {
     const std::string text = xmlOf([](XMLOutputArchive& archive) {
         for (std::size_t i = 0; i < XMLOutputArchive::MaximumAttributes; ++i)
