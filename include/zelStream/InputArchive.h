@@ -217,6 +217,13 @@ public:
 protected:
     explicit InputArchive(bool isBinary);
 
+    friend class ArchiveReader;
+    /// What was read ahead of the stream.
+    struct Ahead {
+        const char* head = nullptr;
+        const char* end = nullptr;
+    };
+
     /// Where the elements of a vector go.
     class VectorSink {
     public:
@@ -260,12 +267,6 @@ protected:
     void verifyReadable() const;
 
 private:
-    friend class ArchiveReader;
-    /// What was read ahead of the stream.
-    struct Ahead {
-        const char* head = nullptr;
-        const char* end = nullptr;
-    };
     struct Entry {
         zel::ref_ptr<Serializable> held; ///< null for an object that readVal restored, and once removed
         Serializable* object;            ///< null once removed
@@ -302,7 +303,7 @@ private:
     void readBytes(void* bytes, zel::size_t numBytes);
     void readNumber(void* value, zel::size_t size);
     template <typename T>
-    void readCorrectNumBytes(void* value, bool isSigned);
+    void readCorrectNumBytes(void* value, bool isInteger);
     void readInto(const VectorSink& sink, zel::uint64 numElements, VectorElement type);
     void
     convertInto(const VectorSink& sink, zel::uint64 numElements, VectorElement stored, VectorElement wanted);

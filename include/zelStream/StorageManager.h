@@ -45,7 +45,7 @@ public:
 
     private:
         struct Entry {
-            const StorageAgent* agent;
+            const StorageAgent* agent = nullptr;
             ModificationCallback fits;
         };
         zel::Vector<Entry> m_entries;

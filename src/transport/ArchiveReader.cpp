@@ -43,7 +43,11 @@ ArchiveReader::~ArchiveReader() {
 bool ArchiveReader::isAtEnd() {
     if (m_isSeekable)
         return getNumBytesLeft() == 0;
-    return m_stream.rdbuf() == nullptr || m_stream.peek() == std::istream::traits_type::eof();
+    try {
+        return m_stream.rdbuf() == nullptr || m_stream.rdbuf()->sgetc() == std::istream::traits_type::eof();
+    } catch (...) {
+        return true; // as in take
+    }
 }
 
 void ArchiveReader::copy(void* data, zel::size_t numBytes) {

@@ -27,7 +27,7 @@ constexpr int Digits = std::numeric_limits<T>::max_digits10 - 1;
 
 template <typename T>
 void appendNumber(std::string& out, T value) {
-    std::array<char, 24> text;
+    std::array<char, 24> text{};
     out.append(text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr);
 }
 
@@ -41,7 +41,7 @@ void appendReal(std::string& out, T value, bool isComponent) {
         out += value < 0 ? "-INF" : "INF";
         return;
     }
-    std::array<char, 384> text; // the largest double has 309 digits ahead of the point
+    std::array<char, 384> text{}; // the largest double has 309 digits ahead of the point
     char* const limit = text.data() + text.size();
     if (isComponent) {
         char* const end = std::to_chars(text.data(), limit, value, std::chars_format::fixed, Digits<T>).ptr;

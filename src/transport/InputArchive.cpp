@@ -34,7 +34,7 @@ zel::String nameOf(VectorElement type) {
 void clearPadding(void* elements, zel::uint64 numElements, VectorElementForm form) {
     if (form.numComponents == form.numStoredComponents)
         return;
-    char* padding = static_cast<char*>(elements) + form.width * form.numComponents;
+    char* padding = static_cast<char*>(elements) + zel::size_t{form.width} * form.numComponents;
     for (zel::uint64 i = 0; i < numElements; ++i, padding += form.size())
         std::memset(padding, 0, form.width);
 }
@@ -244,21 +244,21 @@ void InputArchive::read_vector(const VectorSink& sink, VectorElement type) {
         convertInto(sink, numElements, stored, type);
 }
 
-InputArchive::VectorHead InputArchive::readVectorHead(VectorElement type) {
+InputArchive::VectorHead InputArchive::readVectorHead(VectorElement wanted) {
     verifyReadable();
-    const VectorElementForm wanted = formOf(type);
+    const VectorElementForm wantedForm = formOf(wanted);
     zel::uint64 numElements = 0;
     read(numElements);
-    zel::uint64 elementSize = wanted.size();
-    zel::uint32 width = wanted.width;
-    auto stored = static_cast<zel::uint32>(type);
+    zel::uint64 elementSize = wantedForm.size();
+    zel::uint32 width = wantedForm.width;
+    auto stored = static_cast<zel::uint32>(wanted);
     if (m_serializationVersion >= WithElementSize) {
         read(elementSize);
         read(width);
     }
     if (m_serializationVersion >= WithElementType)
         read(stored);
-    else if (type != VectorElement::UInt16) {
+    else if (wanted != VectorElement::UInt16) {
         if (width != 4)
             fail("Error reading binary vector. Probably a mix of 32/64 binary dums. Use ZEL with "
                  "serialization "
@@ -271,8 +271,8 @@ InputArchive::VectorHead InputArchive::readVectorHead(VectorElement type) {
         fail("A vector has elements of the unknown type " + std::to_string(stored));
     const auto storedType = static_cast<VectorElement>(stored);
     const VectorElementForm form = formOf(storedType);
-    if (!isSameShape(storedType, type))
-        fail("A vector of " + nameOf(storedType) + " can not be read as one of " + nameOf(type));
+    if (!isSameShape(storedType, wanted))
+        fail("A vector of " + nameOf(storedType) + " can not be read as one of " + nameOf(wanted));
     if (elementSize != form.size() || width != form.width)
         fail("A vector of " + nameOf(storedType) + " has elements of " + std::to_string(elementSize) +
              " bytes with numbers of " + std::to_string(width));
@@ -300,7 +300,7 @@ void InputArchive::convertInto(const VectorSink& sink,
                                VectorElement wanted) {
     const VectorElementForm from = formOf(stored);
     const VectorElementForm to = formOf(wanted);
-    std::array<char, 4096> block;
+    std::array<char, 4096> block{};
     for (zel::uint64 taken = 0; taken < numElements;) {
         const zel::uint64 n = std::min<zel::uint64>(numElements - taken, block.size() / from.size());
         const zel::uint64 numWords = n * from.numStoredComponents;

@@ -148,7 +148,7 @@ bool InputArchive::readRecordAtOnce(Record& record) {
     constexpr zel::size_t NumBytes = NumNumbers * (1 + Width);
     if (!isAhead(NumBytes))
         return false;
-    std::array<zel::uint32, NumNumbers> numbers;
+    std::array<zel::uint32, NumNumbers> numbers{};
     const char* head = m_ahead.head;
     for (zel::uint32& number : numbers) {
         if (*head != Width)

@@ -182,7 +182,7 @@ void OutputArchive::flushBuffer() {
 
 void OutputArchive::writeScalar(const char*, const void* value, ScalarForm form) {
     verifyWritable();
-    std::array<char, 1 + LargestScalar> bytes;
+    std::array<char, 1 + LargestScalar> bytes{};
     zel::size_t start = 0;
     if (!form.isRaw)
         bytes[start++] = static_cast<char>(form.size);
@@ -232,7 +232,7 @@ void OutputArchive::write_vector(const void* elements, zel::size_t numElements, 
         put(bytes, left);
         return;
     }
-    std::array<char, 4096> block;
+    std::array<char, 4096> block{};
     while (left != 0) {
         const zel::size_t n = std::min(left, block.size());
         swapWords(block.data(), bytes, n / form.width, form.width);

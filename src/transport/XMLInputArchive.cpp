@@ -1,3 +1,4 @@
+#include "ArchiveReader.h"
 #include "ArchiveText.h"
 #include "ArchiveVectors.h"
 #include "StackLeft.h"
@@ -117,26 +118,24 @@ void XMLInputArchive::init(std::istream& stream) {
         fail("Archive not opened");
     constexpr const char* Failure = "Error while parsing XML stream: ";
     constexpr zel::size_t MaximumSize = XMLOutputArchive::MaximumSize;
+    const auto verifySize = [&](zel::uint64 size) {
+        if (size > MaximumSize)
+            fail(Failure + ("the document is larger than " + std::to_string(MaximumSize) + " bytes"));
+    };
+    Ahead ahead;
+    ArchiveReader reader(stream, ahead);
+    if (reader.isSeekable())
+        verifySize(reader.getNumBytesLeft());
     std::string text;
-    if (stream) {
-        const auto here = stream.tellg();
-        const auto end = stream.seekg(0, std::ios::end).tellg();
-        stream.clear();
-        if (here != -1) {
-            stream.seekg(here);
-            if (end - here > static_cast<std::streamoff>(MaximumSize))
-                fail(Failure + ("the document is larger than " + std::to_string(MaximumSize) + " bytes"));
-        }
-        std::string block(zel::size_t{1} << 16, '\0');
-        while (
-            text.size() <= MaximumSize &&
-            (stream.read(block.data(), static_cast<std::streamsize>(block.size())) || stream.gcount() != 0))
-            text.append(block, 0, static_cast<zel::size_t>(stream.gcount()));
-    }
-    if (text.empty() || stream.bad())
+    std::string block(zel::size_t{1} << 16, '\0');
+    zel::size_t n = 0;
+    do {
+        n = reader.read(block.data(), block.size());
+        text.append(block, 0, n);
+        verifySize(text.size());
+    } while (n == block.size());
+    if (text.empty())
         fail("No document available while parsing");
-    if (text.size() > MaximumSize)
-        fail(Failure + ("the document is larger than " + std::to_string(MaximumSize) + " bytes"));
     zel::XmlRules rules;
     const zel::size_t numLevels = stackAbove(stackFloor()) / StackOfLevel;
     rules.maximumDepth = std::min(XMLOutputArchive::MaximumDepth, numLevels);
@@ -314,7 +313,7 @@ void XMLInputArchive::read_vector(const VectorSink& sink, VectorElement type) {
     for (zel::uint64 i = 0; i < numElements; ++i, target += to.size()) {
         std::memset(target, 0, to.size());
         for (zel::uint32 k = 0; k < from.numComponents; ++k)
-            readComponent(target + k * to.width, stored, type);
+            readComponent(target + zel::size_t{k} * to.width, stored, type);
     }
 }
 

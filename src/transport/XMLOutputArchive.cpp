@@ -256,7 +256,7 @@ void XMLOutputArchive::write_vector(const void* elements, zel::size_t numElement
     const auto* bytes = static_cast<const char*>(elements);
     for (zel::size_t i = 0; i < numElements; ++i, bytes += form.size())
         for (zel::uint32 k = 0; k < form.numComponents; ++k)
-            writeScalar(nullptr, bytes + k * form.width, componentFormOf(type));
+            writeScalar(nullptr, bytes + zel::size_t{k} * form.width, componentFormOf(type));
 }
 
 void XMLOutputArchive::writeByteOrder() {}

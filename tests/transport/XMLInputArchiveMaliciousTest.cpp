@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -54,6 +55,23 @@ protected:
 
 const std::string Scope = "Current scope: 'Archive/V'. ";
 const std::string Parsing = "Error while parsing XML stream: ";
+
+TEST_F(XMLInputArchiveMaliciousTest, AStreamThatThrowsAtItsEndIsReadLikeAnyOther) {
+    for (const auto mask : {std::ios::eofbit, std::ios::failbit, std::ios::badbit}) {
+        std::istringstream stream(documentOf("<V>7</V>"));
+        stream.exceptions(mask);
+        XMLInputArchive archive;
+        archive.open(stream);
+        archive.beginSection("V");
+        int value = 0;
+        archive.read(value);
+        EXPECT_EQ(value, 7);
+        std::istringstream empty;
+        empty.exceptions(mask);
+        XMLInputArchive other;
+        EXPECT_EQ(archiveErrorOf([&] { other.open(empty); }), "No document available while parsing");
+    }
+}
 
 TEST_F(XMLInputArchiveMaliciousTest, RefusesNumbersWithTailsAndOutOfRange) {
     for (const char* text :
