@@ -168,7 +168,9 @@ protected:
     /// What every operation that writes begins with.
     /// @throws ArchiveException if the archive has failed or is closed
     void verifyWritable() const;
-    [[nodiscard]] std::ostream* getStream() const noexcept { return m_stream; }
+    /// Hands bytes to the stream.
+    /// @throws ArchiveException if it does not take them
+    void send(const void* bytes, zel::size_t numBytes);
 
 private:
     struct IdEntry {
@@ -214,7 +216,9 @@ private:
     void put(const void* bytes, zel::size_t numBytes);
     void flushBuffer();
     void flushStream();
-    void verifyStream();
+    template <typename Use>
+    void useStream(const Use& use);
+    void letGo();
 
     std::ostream* m_stream = nullptr;
     zel::Vector<char> m_buffer; ///< of the whole size while the archive is open

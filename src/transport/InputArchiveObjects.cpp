@@ -232,7 +232,7 @@ Serializable* InputArchive::readNew(zel::uint32 id, const StorageAgent* agent) {
     enter(id, {object, object.get(), agent});
     restoreReferenced(*object, agent);
     const Entry* const entry = findEntry(id);
-    if (entry != nullptr && entry->object != nullptr)
+    if (entry != nullptr && entry->object == object.get())
         return object.get();
     // It was removed meanwhile: null, if nobody took it.
     const int numOwners = object->referenceCount() - 1 - numAwaited(object.get());
@@ -304,7 +304,7 @@ void InputArchive::readVal(Serializable& object, StorageMode mode) {
     if (mode != ByReference)
         fail("Invalid storage mode specified for read");
     nested([this, &object] {
-        const ScopedSection section(*this, "Object");
+        ScopedSection section(*this, "Object");
         StorageMode stored = NullObject;
         const StorageAgent* agent = nullptr;
         readObjectHeader(stored, agent);
@@ -314,6 +314,7 @@ void InputArchive::readVal(Serializable& object, StorageMode mode) {
             failClass(agent->getClassName(), object.getClassName());
         enter(readId(), {nullptr, &object, agent});
         restoreReferenced(object, agent);
+        section.end();
         return true;
     });
 }
@@ -402,7 +403,7 @@ void InputArchive::letGo() {
 
 void InputArchive::readDeferredInto(void* place, Setter set) {
     nested([this, place, set] {
-        const ScopedSection section(*this, "Object");
+        ScopedSection section(*this, "Object");
         StorageMode mode = NullObject;
         const StorageAgent* agent = nullptr;
         readObjectHeader(mode, agent);
@@ -415,6 +416,7 @@ void InputArchive::readDeferredInto(void* place, Setter set) {
             set(*this, place, readKnown(id));
         else
             waitFor(id, place, set);
+        section.end();
         return true;
     });
 }

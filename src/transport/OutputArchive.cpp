@@ -92,7 +92,12 @@ void OutputArchive::open(std::ostream& stream, const zel::String& appName) {
     m_buffer.resize(m_bufferSize);
     m_appName = appName;
     m_isOpen = true;
-    writeHeader();
+    try {
+        writeHeader();
+    } catch (...) {
+        letGo();
+        throw;
+    }
 }
 
 void OutputArchive::close() {
@@ -106,6 +111,11 @@ void OutputArchive::close() {
     } catch (const std::exception& exception) {
         noteFailure(exception.what());
     }
+    letGo();
+    verifySound();
+}
+
+void OutputArchive::letGo() {
     dropSections(0);
     m_isOpen = false;
     m_isDirect = false;
@@ -113,7 +123,6 @@ void OutputArchive::close() {
     m_objects.clear();
     m_agents.clear();
     m_putOff.clear();
-    verifySound();
 }
 
 void OutputArchive::flush() {
@@ -127,12 +136,25 @@ void OutputArchive::finish() {
 }
 
 void OutputArchive::flushStream() {
-    m_stream->flush();
-    verifyStream();
+    useStream([this] { m_stream->flush(); });
 }
 
-void OutputArchive::verifyStream() {
-    if (!*m_stream)
+void OutputArchive::send(const void* bytes, zel::size_t numBytes) {
+    useStream(
+        [&] { m_stream->write(static_cast<const char*>(bytes), static_cast<std::streamsize>(numBytes)); });
+}
+
+/// What a stream throws, which may be asked to, is a failure like any other.
+template <typename Use>
+void OutputArchive::useStream(const Use& use) {
+    bool isSound = true;
+    try {
+        use();
+        isSound = !m_stream->fail();
+    } catch (...) {
+        isSound = false;
+    }
+    if (!isSound)
         failForGood("The output stream does not take the archive");
 }
 
@@ -163,8 +185,7 @@ void OutputArchive::put(const void* bytes, zel::size_t numBytes) {
     if (numBytes > m_buffer.size() - m_numBuffered) {
         flushBuffer();
         if (numBytes > m_buffer.size()) {
-            m_stream->write(static_cast<const char*>(bytes), static_cast<std::streamsize>(numBytes));
-            verifyStream();
+            send(bytes, numBytes);
             return;
         }
     }
@@ -175,9 +196,7 @@ void OutputArchive::put(const void* bytes, zel::size_t numBytes) {
 void OutputArchive::flushBuffer() {
     if (m_numBuffered == 0)
         return;
-    m_stream->write(m_buffer.data(), static_cast<std::streamsize>(m_numBuffered));
-    m_numBuffered = 0;
-    verifyStream();
+    send(m_buffer.data(), std::exchange(m_numBuffered, 0));
 }
 
 void OutputArchive::writeScalar(const char*, const void* value, ScalarForm form) {
@@ -314,8 +333,11 @@ void OutputArchive::writePutOff() {
     while (!m_putOff.empty()) {
         const Serializable* const object = m_putOff.back();
         m_putOff.pop_back();
-        if (m_objects.find(object)->value.isByReference == 0)
-            writeObjectByRef(object);
+        IdEntry& entry = m_objects.find(object)->value;
+        if (entry.isByReference != 0)
+            continue;
+        entry.isByReference = 1;
+        writeNewObject(*object, IdEntry(entry)); // whether its serialization is on or not: it was promised
     }
 }
 

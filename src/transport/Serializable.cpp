@@ -67,6 +67,8 @@ void Serializable::_restore(InputArchive& archive) {
     else {
         zel::uint64 old = 0;
         archive.getAttribute("uniqueID", old);
+        if (m_uuid == zel::Uuid() && isUuidGenerationEnabled())
+            generateUuid(); // the archive has made the object without one
     }
     archive.getAttribute("serializationEnabled", m_isSerializationEnabled);
     restore(archive);

@@ -140,7 +140,7 @@ void XMLOutputArchive::finish() {
         size += block.size();
         if (size > MaximumSize)
             fail("The document is larger than " + std::to_string(MaximumSize) + " bytes");
-        getStream()->write(block.data(), static_cast<std::streamsize>(block.size()));
+        send(block.data(), block.size());
     });
     *m_document = {};
 }

@@ -63,6 +63,28 @@ TEST_F(ArchiveDeferredTest, NullAndDisabledObjectsAreNotPutOff) {
               ArchiveBytes().newObject(1, 1, "fleet::Barge").base(uuidOf(1)).null().bytes());
 }
 
+TEST_F(ArchiveDeferredTest, WhatWasPutOffIsWrittenThoughItsSerializationIsOffByThen) {
+    const auto first = makeBarge(1);
+    const auto second = makeBarge(2);
+    first->next = second.get();
+    std::ostringstream stream;
+    OutputArchive archive;
+    archive.open(stream);
+    archive.getObjectEvent().connect(
+        {[&](const zelStream::Serializable*, zel::uint32) { second->setEnableSerialization(false); }});
+    archive.write(first.get());
+    archive.write(7);
+    archive.close();
+    Opened opened(stream.str());
+    Barge* restored = nullptr;
+    opened->read(restored);
+    ASSERT_NE(restored->next, nullptr);
+    EXPECT_EQ(restored->next->getUuid(), uuidOf(2));
+    int behind = 0;
+    opened->read(behind);
+    EXPECT_EQ(behind, 7);
+}
+
 TEST_F(ArchiveDeferredTest, OutsideOfObjectsNothingIsPutOff) {
     const ref_ptr<Wheel> wheel(new Wheel(2));
     wheel->setUuid(uuidOf(1));

@@ -200,6 +200,18 @@ TEST_F(InputArchiveObjectTest, ArchivesUpToVersion2HaveANumberInPlaceOfTheUuid) 
     }
 }
 
+TEST_F(InputArchiveObjectTest, ObjectsOfSuchArchivesGetUuidsOfTheirOwn) {
+    ArchiveBytes bytes = startOf(2, true);
+    bytes.newObject(1, 1, "fleet::Wheel").scalar(zel::uint64{4711}).scalar(true).scalar(0.5);
+    bytes.newObject(2, 1).scalar(zel::uint64{4712}).scalar(true).scalar(0.5);
+    Opened archive(bytes);
+    const Serializable* const first = archive->readObjectByRef();
+    const Serializable* const second = archive->readObjectByRef();
+    EXPECT_NE(first->getUuid(), zel::Uuid());
+    EXPECT_NE(second->getUuid(), zel::Uuid());
+    EXPECT_NE(first->getUuid(), second->getUuid());
+}
+
 TEST_F(InputArchiveObjectTest, FromVersion3OnTheUuidIsRestored) {
     Opened archive(startOf(3).byValue().base(uuidOf(8)).scalar(0.5));
     Wheel wheel;
@@ -265,6 +277,18 @@ TEST_F(InputArchiveObjectTest, ASectionThatRestoreLeavesOpenIsToldAtTheEndOfItsO
               "Current scope: 'Archive/Object/Tank'. Call to endSection(\"Object\") does not match previous "
               "call to "
               "beginSection(\"Tank\") at path: 'Archive/Object/Tank'");
+    {
+        Opened archive(start().newObject(1, 1, "fleet::Scripted").base(uuidOf(5)));
+        Scripted object;
+        EXPECT_THAT(archiveErrorOf([&] { archive->readVal(object, Archive::ByReference); }),
+                    HasSubstr("Call to endSection(\"Object\")"));
+    }
+    {
+        Opened archive(start().newObject(1, 1, "fleet::Scripted").base(uuidOf(5)));
+        ref_ptr<Scripted> object;
+        EXPECT_THAT(archiveErrorOf([&] { archive->readDeferred(object); }),
+                    HasSubstr("Call to endSection(\"Object\")"));
+    }
     EXPECT_EQ(valErrorOf<Scripted>(start().scalar(1).scalar(4).base(uuidOf(5))),
               "Current scope: 'Archive/Object/Tank'. Call to endSection(\"Object\") does not match previous "
               "call to "

@@ -54,6 +54,40 @@ protected:
     OutputArchive m_archive;
 };
 
+TEST_F(OutputArchiveStreamTest, AStreamThatThrowsFailsTheArchiveForGood) {
+    for (const std::size_t bufferSize : {0U, 16U, 65536U}) {
+        NotingBuffer buffer(400);
+        std::ostream stream(&buffer);
+        stream.exceptions(std::ios::badbit | std::ios::failbit);
+        OutputArchive archive;
+        archive.setWriteBufferSize(bufferSize);
+        const std::string error = archiveErrorOf([&] {
+            archive.open(stream);
+            for (int i = 0; i < 100; ++i)
+                archive.write(i);
+            archive.flush();
+        });
+        EXPECT_THAT(error, HasSubstr("The output stream does not take the archive"));
+        stream.clear();
+        if (archive.isOpen()) {
+            EXPECT_NE(archiveErrorOf([&] { archive.close(); }), "no exception");
+        }
+        EXPECT_EQ(buffer.bytes.size(), 400U);
+    }
+}
+
+TEST_F(OutputArchiveStreamTest, AnArchiveThatCouldNotBeOpenedIsOpenedElsewhere) {
+    NotingBuffer full(0);
+    std::ostream stream(&full);
+    m_archive.setWriteBufferSize(0);
+    EXPECT_NE(archiveErrorOf([&] { m_archive.open(stream); }), "no exception");
+    EXPECT_FALSE(m_archive.isOpen());
+    m_archive.open(m_stream);
+    m_archive.write(7);
+    m_archive.close();
+    EXPECT_FALSE(m_buffer.bytes.empty());
+}
+
 TEST_F(OutputArchiveStreamTest, SmallValuesAreGathered) {
     EXPECT_EQ(m_archive.getWriteBufferSize(), 65536U);
     m_archive.open(m_stream);

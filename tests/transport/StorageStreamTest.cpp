@@ -27,7 +27,7 @@ T throughBytes(const T& value) {
     return result;
 }
 
-std::string bytesOf(const StorageStream& stream) {
+std::string contentOf(const StorageStream& stream) {
     return {stream.data(), stream.size()};
 }
 
@@ -69,7 +69,7 @@ TEST(StorageStreamTest, NumbersAreLittleEndian) {
     stream.write(zel::uint32{0x04030201});
     stream.write(true);
     stream.write(1.0);
-    EXPECT_EQ(bytesOf(stream), std::string("\1\2\3\4\1\0\0\0\0\0\0\xF0\x3F", 13));
+    EXPECT_EQ(contentOf(stream), std::string("\1\2\3\4\1\0\0\0\0\0\0\xF0\x3F", 13));
 }
 
 TEST(StorageStreamTest, MathTypesAreTheirComponents) {
@@ -103,7 +103,7 @@ TEST(StorageStreamTest, BytesAreWrittenAsTheyAre) {
     StorageStream stream;
     stream.write("abc", 3);
     stream.write(nullptr, 0);
-    EXPECT_EQ(bytesOf(stream), "abc");
+    EXPECT_EQ(contentOf(stream), "abc");
     char read[3];
     stream.read(read, 2);
     stream.read(nullptr, 0);
