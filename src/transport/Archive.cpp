@@ -1,3 +1,5 @@
+#include "ArchiveHeader.h"
+
 #include <zelStream/Archive.h>
 
 #include <algorithm>
@@ -6,9 +8,6 @@
 namespace zelStream {
 
 namespace {
-
-/// The change after which deprecated classes bear their final names.
-constexpr const char* FinalNames = "904156fd";
 
 /// What registerModification adds to. Made at first use, which may be in a static constructor.
 zel::Vector<zel::String>& registeredModifications() {

@@ -17,6 +17,9 @@ constexpr bool IsLittleEndianMachine = std::endian::native == std::endian::littl
 constexpr std::array<zel::uint8, 5> TypeSizes{
     sizeof(long), sizeof(void*), sizeof(int), sizeof(double), sizeof(float)};
 
+/// The change after which deprecated classes bear their final names.
+constexpr const char* FinalNames = "904156fd";
+
 // What a record begins with.
 constexpr zel::int32 ObjectTag = 1;
 constexpr zel::int32 TypeTag = 2;

@@ -1,3 +1,5 @@
+#include "ArchiveHeader.h"
+
 #include <zel/DynamicLibrary.h>
 #include <zel/HashSet.h>
 #include <zel/Log.h>
@@ -24,8 +26,6 @@ namespace {
 
 constinit zel::ServicePointer<StorageManager> s_storageManager;
 
-/// The change after which classes that are only there to read old archives bear their final names.
-constexpr char FinalNames[] = "904156fd";
 constexpr char Deprecated[] = "deprecated";
 constexpr char OldDeprecated[] = "depricated";
 
