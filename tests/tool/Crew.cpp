@@ -11,7 +11,7 @@ ZEL_REGISTER_SERIALIZABLE(Ship)
 void Sailor::store(zelStream::OutputArchive& archive) const {
     archive.addAttribute("name", name);
     archive.write(age);
-    archive.write(mate.get());
+    archive.write(mate);
 }
 
 void Sailor::restore(zelStream::InputArchive& archive) {

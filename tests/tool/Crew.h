@@ -20,7 +20,7 @@ public:
 
     std::string name;
     zel::int32 age = 0;
-    zel::ref_ptr<Sailor> mate;
+    Sailor* mate = nullptr; ///< not held, for it may be the sailor himself
 };
 
 class Ship : public zelStream::Serializable {

@@ -20,8 +20,8 @@ void write(const std::string& path, const std::string& option) {
     ship->cook = new crew::Sailor;
     ship->cook->name = "Bo\x1b";
     ship->cook->age = -1;
-    ship->captain.mate = ship->cook;
-    ship->cook->mate = ship->cook;
+    ship->captain.mate = ship->cook.get();
+    ship->cook->mate = ship->cook.get();
     zel::Uuid zero;
     for (zelStream::Serializable* const object :
          std::initializer_list<zelStream::Serializable*>{ship.get(), &ship->captain, ship->cook.get()})
@@ -38,8 +38,6 @@ void write(const std::string& path, const std::string& option) {
     archive.write(ship->cook.get());
     archive.write(static_cast<crew::Ship*>(nullptr));
     archive.close();
-    ship->cook->mate = nullptr;
-    ship->captain.mate = nullptr;
 }
 
 } // namespace
