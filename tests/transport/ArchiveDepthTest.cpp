@@ -1,5 +1,6 @@
 #include "ArchiveFixture.h"
 
+#include <support/SmallStack.h>
 #include <support/Stress.h>
 
 #include <regex>
@@ -15,7 +16,7 @@ using zelTest::archiveErrorOf;
 using zelTest::Listening;
 using zelTest::uuidOf;
 
-// Rows of objects that are longer than a stack is deep, on the stack that a program has by default.
+// Rows of objects that are longer than a stack is deep.
 
 namespace {
 
@@ -111,7 +112,8 @@ TEST_F(ArchiveDepthTest, AMillionNestedObjectsAreRefusedWhereTheyAreStored) {
         std::ostringstream stream;
         OutputArchive archive;
         archive.open(stream);
-        const std::string error = archiveErrorOf([&] { archive.write(row.front().get()); });
+        std::string error;
+        zelTest::onSmallStack([&] { error = archiveErrorOf([&] { archive.write(row.front().get()); }); });
         const std::size_t depth = depthOf(error);
         EXPECT_GE(depth, 1000U);
         EXPECT_LT(depth, Million);
@@ -124,7 +126,8 @@ TEST_F(ArchiveDepthTest, AMillionNestedObjectsAreRefusedWhereTheyAreStored) {
 TEST_F(ArchiveDepthTest, AMillionNestedObjectsAreRefusedWhereTheyAreRestored) {
     const std::string bytes = nestedBytes(Million);
     zelTest::Opened archive(bytes);
-    const std::string error = archiveErrorOf([&] { (void)archive->readObjectByRef(); });
+    std::string error;
+    zelTest::onSmallStack([&] { error = archiveErrorOf([&] { (void)archive->readObjectByRef(); }); });
     const std::size_t depth = depthOf(error);
     EXPECT_GE(depth, 1000U);
     EXPECT_LT(depth, Million);
