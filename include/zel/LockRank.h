@@ -15,10 +15,12 @@ namespace zel {
 /// both names where a thread breaks the order, or takes again what it holds and is not recursive. With the
 /// environment variable ZEL_YIELD_AT_LOCKS each thread steps aside ahead of each lock there.
 enum class LockRank : unsigned char {
+    TreeGate,          ///< the gate between who changes the tree of objects and who looks at it from outside
     TrackOutput,       ///< the writer of a track of frames
     TrackQueue,        ///< the queue and cache of a track
     TrackInput,        ///< the reader of a track
     FrameReader,       ///< the place of a reader in its session
+    FrameStream,       ///< the clients or the frames of a stream through WebSockets; the writer's recursive
     TypeSystem,        ///< types, models, plug-ins, libraries; recursive
     ModelPlaces,       ///< the places of model files
     Services,          ///< the making of services; recursive
@@ -33,6 +35,10 @@ enum class LockRank : unsigned char {
     PushedJobs,        ///< a thread's queue that others push to
     Sleep,             ///< the sleep of one thread
     ReaderWriter,      ///< the inside of a lock for readers and writers
+    CommandServer,     ///< the settings and handlers of the command server
+    WebServer,         ///< the thread and the port of a server of web pages
+    WebSocketServers,  ///< the list of WebSocket servers
+    AllowedHosts,      ///< the names of this machine
     OnceTold,          ///< a message that is told once
     Notify,            ///< the way of a message to its streams and callbacks
     ThreadRecords,     ///< a thread's timers, log and timeline

@@ -7,6 +7,10 @@
 
 namespace zelNet {
 
+/// Lets the system choose a port, wherever a server is to listen. By this name, since a bare 0 may be a
+/// pointer too.
+constexpr zel::uint16 AnyPort = 0;
+
 /// A port that no UDP socket uses now; used for TCP as well, where it is nearly always free too.
 /// @throws NetError
 /// @threads any thread

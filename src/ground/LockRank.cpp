@@ -13,11 +13,12 @@ namespace zel {
 namespace {
 
 constexpr const char* Names[] = {
-    "TrackOutput",   "TrackQueue", "TrackInput",   "FrameReader",       "TypeSystem",
-    "ModelPlaces",   "Services",   "Statistics",   "GlobalResult",      "ThreadStart",
-    "Waiters",       "TaskEdges",  "ActiveTasks",  "RegisteredThreads", "SharedJobs",
-    "PushedJobs",    "Sleep",      "ReaderWriter", "OnceTold",          "Notify",
-    "ThreadRecords", "LogChunks",  "Observers",    "Singletons",        "Names"};
+    "TreeGate",   "TrackOutput",  "TrackQueue",    "TrackInput",        "FrameReader",      "FrameStream",
+    "TypeSystem", "ModelPlaces",  "Services",      "Statistics",        "GlobalResult",     "ThreadStart",
+    "Waiters",    "TaskEdges",    "ActiveTasks",   "RegisteredThreads", "SharedJobs",       "PushedJobs",
+    "Sleep",      "ReaderWriter", "CommandServer", "WebServer",         "WebSocketServers", "AllowedHosts",
+    "OnceTold",   "Notify",       "ThreadRecords", "LogChunks",         "Observers",        "Singletons",
+    "Names"};
 static_assert(std::size(Names) == static_cast<size_t>(LockRank::Names) + 1);
 
 struct HeldLock {

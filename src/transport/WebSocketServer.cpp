@@ -1,0 +1,456 @@
+#include <zel/Exception.h>
+#include <zel/LockRank.h>
+#include <zel/Log.h>
+#include <zel/Verify.h>
+#include <zelNet/AllowedHosts.h>
+#include <zelNet/NetError.h>
+#include <zelNet/WebSocketServer.h>
+
+#include <arpa/inet.h>
+#include <libwebsockets.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace zelNet {
+
+using zel::uint16;
+using zel::uint32;
+
+namespace {
+
+using ContextTable = zel::HashTable<lws_context*, WebSocketServer*>;
+
+/// The servers, and what those that are to come are told.
+struct Servers {
+    zel::RankedMutex<zel::LockRank::WebSocketServers> mutex;
+    ContextTable s_contexts;
+    zel::String listenAddress;
+
+    static Servers& instance() {
+        static Servers servers;
+        return servers;
+    }
+};
+
+/// Whether a start that fails may print why.
+bool s_allow_server_init_print = true;
+
+constexpr int LogErrorsAndWarnings = LLL_ERR | LLL_WARN;
+/// Of the connection that libwebsockets hands to the callback at once.
+constexpr zel::size_t ReceiveBufferSize = 1048576;
+/// A service that never finds an end goes on with the next call.
+constexpr int MaxRounds = 10000;
+
+/// A peer that has gone without a word is noticed.
+const lws_retry_bo_t IdlePolicy = {nullptr, 0, 0, 30, 45, 0};
+
+const char* environmentOf(const char* name) {
+    return std::getenv(name); // NOLINT(concurrency-mt-unsafe)
+}
+
+zel::String listenAddressNow() {
+    Servers& servers = Servers::instance();
+    const std::lock_guard lock(servers.mutex);
+    if (!servers.listenAddress.empty())
+        return servers.listenAddress;
+    const char* const fromEnvironment = environmentOf("ZEL_LISTEN_ADDRESS");
+    return fromEnvironment == nullptr || *fromEnvironment == '\0' ? "lo" : fromEnvironment;
+}
+
+/// The value of a header of a handshake; empty if there is none. One that is too long to be true is not
+/// valid.
+bool readHeader(lws* handle, lws_token_indexes token, std::string& value) {
+    char text[1024];
+    const int length = lws_hdr_total_length(handle, token);
+    value.clear();
+    if (length == 0)
+        return true;
+    if (length < 0 || lws_hdr_copy(handle, text, sizeof(text), token) < 0)
+        return false;
+    value = text;
+    return true;
+}
+
+/// Whether somebody listens at this port on all addresses: then no loopback address is left for another one.
+bool isTakenOnAllAddresses(uint16 port) {
+    const auto isTaken = [port](uint32 loopbackAddress) {
+        const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(loopbackAddress);
+        address.sin_port = htons(port);
+        const bool failed = ::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0;
+        ::close(probe);
+        return failed;
+    };
+    return isTaken(0x7F000002) && isTaken(0x7F000003); // one of them may be somebody's own
+}
+
+bool namesProtocol(const std::string& list, const zel::String& protocol) {
+    for (std::size_t begin = 0; begin <= list.size();) {
+        const std::size_t end = std::min(list.find(',', begin), list.size());
+        std::size_t first = begin, last = end;
+        while (first < last && list[first] == ' ')
+            ++first;
+        while (last > first && list[last - 1] == ' ')
+            --last;
+        if (list.compare(first, last - first, protocol) == 0)
+            return true;
+        begin = end + 1;
+    }
+    return list.empty();
+}
+
+bool mayConnect(lws* handle, const zel::String& protocol) {
+    std::string host, origin, protocols;
+    return readHeader(handle, WSI_TOKEN_HOST, host) && readHeader(handle, WSI_TOKEN_ORIGIN, origin) &&
+           readHeader(handle, WSI_TOKEN_PROTOCOL, protocols) && isAllowedHost(host) &&
+           isAllowedOrigin(origin, host) && namesProtocol(protocols, protocol);
+}
+
+} // namespace
+
+// What libwebsockets calls
+
+class SocketEventHandler {
+public:
+    static int socket_event_callback(
+        lws* handle, lws_callback_reasons reason, void* user, void* data, zel::size_t length) noexcept {
+        try {
+            return handleEvent(handle, reason, static_cast<WebSocket**>(user), data, length);
+        } catch (const std::exception& e) {
+            report(e.what());
+        } catch (...) {
+            report("unknown");
+        }
+        return 0;
+    }
+
+private:
+    static void report(const char* what) {
+        std::cerr
+            << "WebSocket: Got a C++ exception while executing a C callback from libwebsocket. Message is '"
+            << what << "\"." << std::endl;
+    }
+
+    static int handleEvent(
+        lws* handle, lws_callback_reasons reason, WebSocket** session, void* data, zel::size_t length) {
+        lws_context* const context = lws_get_context(handle);
+        WebSocketServer* const server = WebSocketServer::getServer(context);
+        if (server == nullptr)
+            return 0;
+        if (reason != LWS_CALLBACK_GET_THREAD_ID)
+            server->m_hasActivity = true;
+        switch (reason) {
+        case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
+            return mayConnect(handle, server->m_protocolName) && server->hasRoom() ? 0 : 1;
+        case LWS_CALLBACK_ESTABLISHED:
+        case LWS_CALLBACK_CLIENT_ESTABLISHED:
+            *session = server->acceptNewClient(handle);
+            break;
+        case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+            std::cout << "WebSocket connection error!" << std::endl;
+            break;
+        case LWS_CALLBACK_CLOSED:
+        case LWS_CALLBACK_CLIENT_CLOSED:
+            if (session != nullptr)
+                *session = nullptr;
+            server->connectionClosed(handle);
+            break;
+        case LWS_CALLBACK_RECEIVE:
+        case LWS_CALLBACK_CLIENT_RECEIVE:
+            if (WebSocket* const socket = socketOf(session, server, handle))
+                socket->receive(
+                    data, length, lws_remaining_packet_payload(handle), lws_is_final_fragment(handle) != 0);
+            break;
+        case LWS_CALLBACK_SERVER_WRITEABLE:
+        case LWS_CALLBACK_CLIENT_WRITEABLE:
+            if (WebSocket* const socket = socketOf(session, server, handle))
+                socket->writeNext();
+            break;
+        case LWS_CALLBACK_WSI_DESTROY:
+            server->connectionDestroyed(handle);
+            break;
+        default:
+            break;
+        }
+        return 0;
+    }
+
+    static WebSocket* socketOf(WebSocket** session, const WebSocketServer* server, lws* socketHandle) {
+        WebSocket* const socket = session == nullptr ? nullptr : *session;
+        if (socket != nullptr)
+            zelVerify(socket == server->getWebSocket(socketHandle));
+        return socket;
+    }
+};
+
+// Starting
+
+WebSocketServer::WebSocketServer(uint16 port,
+                                 SocketCallback onConnect,
+                                 SocketCallback onDisconnect,
+                                 const zel::String& protocolName)
+    : m_onConnect(std::move(onConnect))
+    , m_onDisconnect(std::move(onDisconnect))
+    , m_protocolName(protocolName) {
+    init(port);
+}
+
+WebSocketServer::WebSocketServer(PortRange* range,
+                                 SocketCallback onConnect,
+                                 SocketCallback onDisconnect,
+                                 const zel::String& protocolName)
+    : m_onConnect(std::move(onConnect))
+    , m_onDisconnect(std::move(onDisconnect))
+    , m_protocolName(protocolName) {
+    s_allow_server_init_print = false;
+    bool success = false;
+    while (!success) {
+        const auto port = static_cast<uint16>(range->getPort());
+        if (port == NoListen)
+            break;
+        try {
+            init(port);
+            success = true;
+        } catch (const NetError&) {
+            continue; // the next port may be free
+        }
+    }
+    s_allow_server_init_print = true;
+    zelVerifyN(success,
+               "Unable to start websocket server with port range %u:%u",
+               static_cast<unsigned>(range->getStartPort()),
+               static_cast<unsigned>(range->getEndPort()));
+}
+
+void WebSocketServer::initProtocols() {
+    const char* const protocolName = m_protocolName.c_str();
+    zelVerifyN(strlen(protocolName) < 31, "libwebsocket has hardcoded max length on protocol name...");
+    m_protocols.reset(static_cast<lws_protocols*>(std::calloc(2, sizeof(lws_protocols))));
+    zelVerify(m_protocols);
+    lws_protocols& first = m_protocols.get()[0];
+    first.name = protocolName;
+    first.callback = SocketEventHandler::socket_event_callback;
+    first.per_session_data_size = sizeof(WebSocket*);
+    first.rx_buffer_size = ReceiveBufferSize;
+}
+
+void WebSocketServer::init(uint16 port) {
+    lws_set_log_level(s_allow_server_init_print ? LogErrorsAndWarnings : 0, nullptr);
+    initProtocols();
+    const zel::String address = listenAddressNow();
+    const bool listensEverywhere = address == "0.0.0.0";
+
+    lws_context_creation_info info{};
+    info.port = port == NoListen ? CONTEXT_PORT_NO_LISTEN : port;
+    info.iface = listensEverywhere || port == NoListen ? nullptr : address.c_str();
+    info.protocols = m_protocols.get();
+    info.max_http_header_data = 16384;
+    info.pt_serv_buf_size = ReceiveBufferSize;
+    info.gid = -1;
+    info.uid = -1;
+    info.retry_and_idle_policy = &IdlePolicy;
+    // Without IPv6, since an IPv4 address would else be taken for all of them.
+    info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_DISABLE_IPV6 |
+                   LWS_SERVER_OPTION_VALIDATE_UTF8 | LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
+    if (const char* const pemFile = environmentOf("ZEL_SSL_PEM_FILE")) {
+        info.ssl_cert_filepath = pemFile;
+        info.ssl_private_key_filepath = pemFile;
+        info.ssl_ca_filepath = environmentOf("ZEL_SSL_CA_FILE");
+        m_useSSL = true;
+    }
+
+    errno = 0;
+    lws_context* const context = lws_create_context(&info);
+    const int reason = errno;
+    lws_set_log_level(LogErrorsAndWarnings, nullptr);
+    if (context == nullptr)
+        ZEL_THROW(NetError,
+                  zel::String::format("libwebsocket init failed: %s\n",
+                                      reason == 0 ? "Internal error" : std::strerror(reason)));
+    if (port != NoListen)
+        port = static_cast<uint16>(lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default")));
+    if (port != NoListen && !listensEverywhere && isTakenOnAllAddresses(port)) {
+        lws_context_destroy(context);
+        ZEL_THROW(NetError,
+                  "libwebsocket init failed: it would listen on all addresses and not on '" + address +
+                      "'\n");
+    }
+    m_context = context;
+    m_port = port;
+    Servers& servers = Servers::instance();
+    const std::lock_guard lock(servers.mutex);
+    servers.s_contexts.insert(context, this);
+}
+
+WebSocketServer::~WebSocketServer() {
+    {
+        Servers& servers = Servers::instance();
+        const std::lock_guard lock(servers.mutex);
+        servers.s_contexts.erase(m_context);
+    }
+    for (const auto& [handle, socket] : m_clientSockets)
+        socket->connectionEnded();
+    lws_context_destroy(m_context);
+}
+
+void WebSocketServer::setListenAddress(const zel::String& address) {
+    Servers& servers = Servers::instance();
+    const std::lock_guard lock(servers.mutex);
+    servers.listenAddress = address;
+}
+
+WebSocketServer* WebSocketServer::getServer(lws_context* context) {
+    Servers& servers = Servers::instance();
+    const std::lock_guard lock(servers.mutex);
+    const auto found = servers.s_contexts.find(context);
+    return found == servers.s_contexts.end() ? nullptr : found->value;
+}
+
+// At work
+
+bool WebSocketServer::service(double /*time*/) {
+    const std::lock_guard lock(m_mutex);
+    if (m_isInService)
+        return false;
+    m_isInService = true;
+    int numRounds = 0;
+    do {
+        m_hasActivity = false;
+        lws_service(m_context, -1); // does not wait
+    } while (++numRounds < MaxRounds && m_hasActivity);
+    m_isInService = false;
+    return numRounds > 1;
+}
+
+void WebSocketServer::send(WebSocket::Packet* packet) {
+    const std::lock_guard lock(m_mutex);
+    for (const auto& [handle, socket] : m_clientSockets)
+        if (!socket->isAnonymous())
+            socket->send(packet);
+}
+
+void WebSocketServer::send(const StructuredMessage* message) {
+    const std::lock_guard lock(m_mutex);
+    for (const auto& [handle, socket] : m_clientSockets)
+        if (!socket->isAnonymous())
+            socket->send(message);
+}
+
+WebSocket* WebSocketServer::createConnection(const zel::String& host,
+                                             uint16 port,
+                                             bool useSSL,
+                                             const zel::String& path,
+                                             const zel::String& protocol,
+                                             bool isAnonymous) {
+    ZEL_LOG_INFO("WebSocketServer::createConnection to "
+                 << host << ", port: " << port << ", path: " << path << ", useSSL: " << useSSL
+                 << ", protocol: " << protocol << ", isAnonymous: " << isAnonymous);
+    const std::lock_guard lock(m_mutex);
+    if (m_isInService)
+        ZEL_THROW(NetError, "WebSocketServer::connect");
+    lws_client_connect_info info{};
+    info.context = m_context;
+    info.address = host.c_str();
+    info.port = port;
+    info.ssl_connection = useSSL ? LCCSCF_USE_SSL | LCCSCF_ALLOW_SELFSIGNED : 0;
+    info.path = path.empty() ? "/" : path.c_str();
+    info.host = host.c_str();
+    info.origin = "";
+    info.protocol = protocol.c_str();
+    info.ietf_version_or_minus_one = -1;
+    info.pwsi = &m_pendingConnection; // known to the callbacks from the start
+    lws* const handle = lws_client_connect_via_info(&info);
+    if (handle == nullptr) {
+        m_pendingConnection = nullptr;
+        ZEL_THROW(NetError, "WebSocketServer::connect");
+    }
+    m_pendingConnection = handle;
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::seconds(20);
+    WebSocket* socket = nullptr;
+    while ((socket = getWebSocket(handle)) == nullptr) {
+        const bool isQuiet = !service(0);
+        if (m_pendingConnection == nullptr)
+            ZEL_THROW(NetError, "WebSocketServer::connect");
+        if (!isQuiet)
+            continue;
+        if (Clock::now() > end) {
+            lws_set_timeout(handle, PENDING_TIMEOUT_USER_REASON_BASE, LWS_TO_KILL_ASYNC);
+            m_pendingConnection = nullptr;
+            ZEL_THROW(NetError, "WebSocketServer::connect");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    socket->setAnonymous(isAnonymous);
+    m_pendingConnection = nullptr;
+    return socket;
+}
+
+bool WebSocketServer::hasRoom() const {
+    if (m_clientSockets.size() >= MaxConnections)
+        return false;
+    if (m_maxUnauthenticated >= MaxConnections)
+        return true;
+    zel::size_t count = 0;
+    for (const auto& [handle, socket] : m_clientSockets)
+        if (!socket->isAuthenticated() && !socket->isOutgoing())
+            ++count;
+    return count < m_maxUnauthenticated;
+}
+
+WebSocket* WebSocketServer::getWebSocket(lws* handle) const {
+    const auto found = m_clientSockets.find(handle);
+    return found == m_clientSockets.end() ? nullptr : found->value.get();
+}
+
+WebSocket* WebSocketServer::acceptNewClient(lws* handle) {
+    if (m_clientSockets.contains(handle))
+        zelAbort("WebSocket: Was told that one of my old clients is a new client. Something is wrong.");
+    zel::ref_ptr<WebSocket> socket(new WebSocket(this, handle, handle == m_pendingConnection));
+    m_clientSockets.insert(handle, socket);
+    if (m_onConnect)
+        m_onConnect(socket.get());
+    return socket.get();
+}
+
+void WebSocketServer::connectionClosed(lws* handle) {
+    const auto found = m_clientSockets.find(handle);
+    if (found == m_clientSockets.end()) {
+        std::cerr << "WebSocketServer: Got connection closed event for an unknown socket." << std::endl;
+        return;
+    }
+    const zel::ref_ptr<WebSocket> socket(found->value);
+    socket->m_isClosing = true;
+    // The callback may throw.
+    struct End {
+        ~End() {
+            server->m_clientSockets.erase(handle);
+            socket->connectionEnded();
+        }
+        WebSocketServer* server;
+        lws* handle;
+        WebSocket* socket;
+    } end{this, handle, socket.get()};
+    if (m_onDisconnect)
+        m_onDisconnect(socket.get());
+}
+
+void WebSocketServer::connectionDestroyed(lws* handle) {
+    if (m_pendingConnection == handle)
+        m_pendingConnection = nullptr;
+}
+
+} // namespace zelNet

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "RawWebSocket.h"
+
+#include <zelCore/zelCore.h>
+#include <zelNet/WebSocketServer.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zelTest {
+
+/// Peers of one process, all on the test's thread.
+class WebSocketFixture : public testing::Test {
+protected:
+    using Callback = zelNet::WebSocketServer::SocketCallback;
+
+    void SetUp() override { zelCore::init(); }
+    void TearDown() override {
+        m_services.clear();
+        zelCore::shutdown();
+    }
+
+    /// A service function that serve() calls.
+    void serveAlso(std::function<void()> service) { m_services.push_back(std::move(service)); }
+    /// Serves until it is true.
+    /// @return false if it never is, in a time that no machine needs
+    bool serveUntil(const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end)
+                return false;
+            for (const auto& service : m_services)
+                service();
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
+    /// A server on a free port that is served.
+    zel::ref_ptr<zelNet::WebSocketServer> makeServer(Callback onConnect = {}, Callback onDisconnect = {}) {
+        zel::ref_ptr<zelNet::WebSocketServer> server(new zelNet::WebSocketServer(
+            zelNet::AnyPort, std::move(onConnect), std::move(onDisconnect), Protocol));
+        serveAlso([server] { server->service(0); });
+        return server;
+    }
+
+    /// A peer that has shaken hands.
+    std::unique_ptr<RawWebSocket> connectTo(zel::uint16 port) {
+        auto peer = std::make_unique<RawWebSocket>(port);
+        EXPECT_TRUE(peer->send(RawWebSocket::handshake(Protocol)));
+        std::string answer;
+        EXPECT_TRUE(serveUntil([&] { return !(answer = peer->takeAnswer()).empty(); }));
+        EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 101");
+        return peer;
+    }
+    RawWebSocket::Frame takeFrame(RawWebSocket& peer) {
+        RawWebSocket::Frame frame;
+        EXPECT_TRUE(serveUntil([&] { return (frame = peer.takeFrame()).isWhole; }));
+        return frame;
+    }
+
+    static constexpr const char* Protocol = "zel_stream";
+
+private:
+    std::vector<std::function<void()>> m_services;
+};
+
+} // namespace zelTest
