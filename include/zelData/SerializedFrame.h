@@ -77,8 +77,9 @@ public:
     static constexpr zel::uint32 MaxDepth = 512;
 
     /// @param frame  outlives this object
+    /// @param leftOut  the name of a child of the frame that is passed over
     /// @throws std::runtime_error  for a tree that is deeper than MaxDepth, and for texts of 4 GiB
-    explicit SerializedFrame(const Frame* frame);
+    explicit SerializedFrame(const Frame* frame, const zel::Name& leftOut = zel::Name());
     /// Without a frame behind it.
     explicit SerializedFrame(Component* root);
     ~SerializedFrame() override;

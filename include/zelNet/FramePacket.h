@@ -28,8 +28,9 @@ public:
     static constexpr int MaxHeaderDepth = 2 * static_cast<int>(MaxDepth) + 2;
 
     /// @param frame  outlives this object, and must not change until all is sent
+    /// @param leftOut  the name of a child of the frame that is not sent
     /// @throws std::runtime_error  as SerializedFrame, and for a packet of 4 GiB
-    explicit FramePacket(const zelData::Frame* frame);
+    explicit FramePacket(const zelData::Frame* frame, const zel::Name& leftOut = zel::Name());
     ~FramePacket() override;
 
     [[nodiscard]] const StructuredMessage::PreHeader& getPreHeader() const noexcept { return m_preHeader; }

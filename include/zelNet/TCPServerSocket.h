@@ -20,6 +20,8 @@ public:
     /// @param disableNagle  of the connections that are accepted
     /// @throws NetError  if the socket is open or the port cannot be had
     void open(zel::uint16 port, bool disableNagle);
+    /// Where it listens; 0 if it is not open.
+    [[nodiscard]] zel::uint16 getPort() const;
     /// Never waits. The port in the address of the result is in network byte order, unlike elsewhere.
     /// @return a new connection without owner; null if none is pending, and with a warning in the log if the
     ///     system has no room for it

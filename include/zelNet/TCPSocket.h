@@ -4,6 +4,9 @@
 #include <zel/Integers.h>
 #include <zelNet/Socket.h>
 
+#include <functional>
+#include <utility>
+
 struct iovec;
 
 namespace zelNet {
@@ -44,16 +47,25 @@ public:
     /// Receives exactly so many bytes, however long the peer takes. Signals are treated as in sendBlocking.
     /// @throws NetError  as recv; what came till then is lost
     void recvBlocking(zel::uint8* data, zel::uint32 size);
+    /// Sends the pieces, one behind the other.
+    /// @throws NetError  as send
+    void sendBlocking(const iovec* pieces, zel::size_t numPieces);
     /// Sends the message from where its parts lie, without its numbers: the peer finds 0 for both. Do not
     /// give a URI to a message with payload. The peer gets as many bytes of padding too many as the URI has,
     /// and above 32 bytes of padding the process ends.
     /// @throws NetError  as send, and for a message of 4 GiB
     void sendBlocking(const StructuredMessage* message);
 
+    /// The blocking operations ask ten times a second, while they wait, whether they may go on waiting; they
+    /// throw NetError if not. Empty, as at first, means that they may.
+    void setMayWait(std::function<bool()> mayWait) { m_mayWait = std::move(mayWait); }
+
 private:
     friend class TCPServerSocket; // makes open ones
 
     void sendPieces(iovec* pieces, zel::size_t numPieces);
+
+    std::function<bool()> m_mayWait;
 };
 
 } // namespace zelNet

@@ -3,6 +3,7 @@
 #include <zel/Callback.h>
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/Name.h>
 #include <zel/Referenced.h>
 #include <zel/String.h>
 #include <zel/ref_ptr.h>
@@ -27,7 +28,8 @@ class WebSocketServer;
 ///
 /// All network work is done by WebSocketServer::service: `send` only puts into a queue, and the receive
 /// callback is called from within `service`, on the thread that calls it.
-/// @threads `send` from any thread; all else as the server's service
+/// @threads `send`, `close`, `setPaused` and `setReceiveCallback` from any thread; all else as the server's
+///     service
 class ZEL_CORE_API WebSocket : public zel::Referenced {
 public:
     class ControlChannel;
@@ -45,8 +47,9 @@ public:
         /// @throws NetError  without the memory for it
         Packet(zel::size_t size, ContentType type);
         /// The frame as a FramePacket.
+        /// @param leftOut  the name of a child of the frame that is not sent
         /// @throws std::runtime_error  as FramePacket
-        explicit Packet(const zelData::Frame* frame);
+        explicit Packet(const zelData::Frame* frame, const zel::Name& leftOut = zel::Name());
         /// The value on one line, as text.
         explicit Packet(const Json::Value& json);
         explicit Packet(const zel::String& text);
@@ -102,7 +105,11 @@ public:
 
     /// @param callback  gets each message that comes, whole; the bytes are its own until it returns. What it
     ///     throws is logged and sent to the peer as text.
+    ///     No call of the one before is under way any more when this returns, unless this is called from it.
     void setReceiveCallback(ReceiveCallback callback);
+    /// Leaves what the peer sends in the system, where it waits, or takes it again.
+    /// @threads any thread
+    void setPaused(bool isPaused);
     /// Hands a whole message to the callback, if there is one.
     void messageReceived(void* data, zel::size_t size);
 
@@ -146,10 +153,10 @@ private:
     void writeNext();
     void dropQueue() noexcept;
     void closeSoon();
-    /// What is known of the connection when there is none any more.
+    /// Forgets the connection, which is no more.
     void connectionEnded() noexcept;
 
-    WebSocketServer* m_server; // null once the connection has ended
+    WebSocketServer* m_server; // null once that has gone
     lws* m_handle;             // null once the connection has ended
     ReceiveCallback m_receiveCallback;
     zel::uint32 m_nextMessageId = 1;

@@ -51,10 +51,13 @@ class SerializedFrame::Builder {
 public:
     Builder(SerializedFrame& target, bool serialized) : m_target(target), m_serialized(serialized) {}
 
-    void addChildren(Component* parent, const zel::Component* source) {
+    /// @param leftOut  the name of a child that is passed over; empty for none
+    void
+    addChildren(Component* parent, const zel::Component* source, const zel::Name& leftOut = zel::Name()) {
         const Level level(m_depth, source);
         for (zel::size_t i = 0; i < source->getNumObjects(); ++i)
-            add(parent, source->getObject(i));
+            if (leftOut.empty() || source->getObject(i)->getName() != leftOut)
+                add(parent, source->getObject(i));
     }
 
 private:
@@ -274,9 +277,9 @@ private:
     zel::Name m_lastFormatName;
 };
 
-SerializedFrame::SerializedFrame(const Frame* frame)
+SerializedFrame::SerializedFrame(const Frame* frame, const zel::Name& leftOut)
     : m_frame(frame), m_root(new Component(Frame::NoId, zel::Name())) {
-    Builder(*this, frame->isSerialized()).addChildren(m_root.get(), frame);
+    Builder(*this, frame->isSerialized()).addChildren(m_root.get(), frame, leftOut);
     m_dataSize = m_dataOffset;
 }
 

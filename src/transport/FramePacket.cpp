@@ -84,8 +84,8 @@ void addNode(FramePacket& packet, Json::Value& children, const SerializedFrame::
 
 } // namespace
 
-FramePacket::FramePacket(const Frame* frame)
-    : SerializedFrame(frame), m_header(std::make_unique<Json::Value>()) {
+FramePacket::FramePacket(const Frame* frame, const zel::Name& leftOut)
+    : SerializedFrame(frame, leftOut), m_header(std::make_unique<Json::Value>()) {
     Json::Value& header = *m_header;
     header["index"] = Json::Value::UInt64{frame->getIndex()};
     header["timeStamp"] = frame->getTimeStamp();

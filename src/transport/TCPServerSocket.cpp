@@ -35,6 +35,14 @@ void TCPServerSocket::open(zel::uint16 port, bool disableNagle) {
     m_disableNagle = disableNagle;
 }
 
+zel::uint16 TCPServerSocket::getPort() const {
+    sockaddr_in local{};
+    socklen_t size = sizeof(local);
+    const bool isKnown =
+        isValid() && ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&local), &size) == 0;
+    return isKnown ? ntohs(local.sin_port) : 0;
+}
+
 TCPSocket* TCPServerSocket::accept() {
     (void)Library::instance();
     inputReady = false;

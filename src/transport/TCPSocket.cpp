@@ -13,7 +13,10 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
+#include <climits>
 #include <limits>
+#include <vector>
 
 namespace zelNet {
 
@@ -25,6 +28,8 @@ namespace {
 
 /// How long one wait of those takes that go on until they are done.
 constexpr uint32 WaitMs = 1000;
+/// After how long somebody is asked whether to go on.
+constexpr uint32 AskMs = 100;
 constexpr uint64 MaxMessageSize = std::numeric_limits<uint32>::max();
 
 iovec pieceOf(const void* data, zel::size_t size) {
@@ -34,12 +39,20 @@ iovec pieceOf(const void* data, zel::size_t size) {
 /// Runs a call that sends or receives until it has done so or failed, however often it must wait.
 /// @param call  takes the flags of the system call
 template <typename Call>
-ssize_t waitFor(int descriptor, short event, const Call& call) {
+ssize_t waitFor(int descriptor, short event, const std::function<bool()>& mayWait, const Call& call) {
     const auto mustWait = [](ssize_t result) { return result < 0 && (errno == EAGAIN || errno == EINTR); };
     ssize_t result = call(MSG_DONTWAIT);
     if (!mustWait(result))
         return result;
     const zel::SignalBlock signalsWait;
+    if (mayWait) {
+        do {
+            pollfd entry{descriptor, event, 0};
+            if (pollFor(&entry, 1, AskMs) == 0 && !mayWait())
+                ZEL_THROW(NetError, "TCPSocket: nobody waits for the peer any more");
+        } while (mustWait(result = call(MSG_DONTWAIT)));
+        return result;
+    }
     // A process that is stopped and goes on again is interrupted in spite of that.
     while (mustWait(result = call(0))) {
         pollfd entry{descriptor, event, 0};
@@ -164,9 +177,9 @@ void TCPSocket::sendPieces(iovec* pieces, zel::size_t numPieces) {
     for (;;) {
         msghdr header{};
         header.msg_iov = pieces;
-        header.msg_iovlen = static_cast<zel::size_t>(end - pieces);
-        const ssize_t result =
-            waitFor(m_socket, POLLOUT, [&](int flags) { return ::sendmsg(m_socket, &header, flags); });
+        header.msg_iovlen = std::min<zel::size_t>(static_cast<zel::size_t>(end - pieces), IOV_MAX);
+        const ssize_t result = waitFor(
+            m_socket, POLLOUT, m_mayWait, [&](int flags) { return ::sendmsg(m_socket, &header, flags); });
         auto sent = static_cast<zel::size_t>(requireSent(result, this));
         left -= sent;
         if (left == 0)
@@ -178,14 +191,19 @@ void TCPSocket::sendPieces(iovec* pieces, zel::size_t numPieces) {
     }
 }
 
+void TCPSocket::sendBlocking(const iovec* pieces, zel::size_t numPieces) {
+    std::vector<iovec> left(pieces, pieces + numPieces);
+    sendPieces(left.data(), left.size());
+}
+
 void TCPSocket::recvBlocking(uint8* data, uint32 size) {
     if (size == 0)
         return;
     inputReady = false;
     requireOpen(this);
     while (size != 0) {
-        const ssize_t result =
-            waitFor(m_socket, POLLIN, [&](int flags) { return ::recv(m_socket, data, size, flags); });
+        const ssize_t result = waitFor(
+            m_socket, POLLIN, m_mayWait, [&](int flags) { return ::recv(m_socket, data, size, flags); });
         const auto received = static_cast<uint32>(requireReceived(result, this));
         data += received;
         size -= received;

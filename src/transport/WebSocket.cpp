@@ -199,7 +199,6 @@ void WebSocket::closeSoon() {
 }
 
 void WebSocket::connectionEnded() noexcept {
-    m_server = nullptr;
     m_handle = nullptr;
     dropQueue();
     resetPartialMessage();
@@ -208,7 +207,20 @@ void WebSocket::connectionEnded() noexcept {
 // Receiving
 
 void WebSocket::setReceiveCallback(ReceiveCallback callback) {
+    std::unique_lock<std::recursive_mutex> lock;
+    if (m_server != nullptr)
+        lock = std::unique_lock(m_server->m_mutex);
     m_receiveCallback = std::move(callback);
+}
+
+void WebSocket::setPaused(bool isPaused) {
+    if (m_server == nullptr)
+        return;
+    const std::lock_guard lock(m_server->m_mutex);
+    if (m_handle == nullptr)
+        return;
+    m_server->m_hasActivity = true;
+    lws_rx_flow_control(m_handle, isPaused ? 0 : 1);
 }
 
 void WebSocket::receive(void* data, zel::size_t size, zel::size_t remaining, bool isFinal) {

@@ -44,8 +44,9 @@ WebSocket::Packet::Packet(zel::size_t size, ContentType type) : m_type(type) {
     allocate(size);
 }
 
-WebSocket::Packet::Packet(const zelData::Frame* frame) : m_type(ContentType::Binary) {
-    const FramePacket packet(frame);
+WebSocket::Packet::Packet(const zelData::Frame* frame, const zel::Name& leftOut)
+    : m_type(ContentType::Binary) {
+    const FramePacket packet(frame, leftOut);
     const auto& numbers = packet.getPreHeader();
     allocate(zel::size_t{numbers.payloadOffset} + numbers.payloadSize);
     numbers.write(m_payload);

@@ -7,6 +7,7 @@
 #include <zelNet/WebSocketServer.h>
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <libwebsockets.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -82,19 +84,59 @@ bool readHeader(lws* handle, lws_token_indexes token, std::string& value) {
     return true;
 }
 
+/// A socket that is bound and closed again.
+/// @return the errno of the failure; 0 if there was none
+int tryToBind(in_addr_t address, uint16 port) {
+    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    (void)::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)); // past connections do not count
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = address;
+    local.sin_port = htons(port);
+    const bool failed = ::bind(probe, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0;
+    const int reason = failed ? errno : 0;
+    ::close(probe);
+    return reason;
+}
+
 /// Whether somebody listens at this port on all addresses: then no loopback address is left for another one.
 bool isTakenOnAllAddresses(uint16 port) {
-    const auto isTaken = [port](uint32 loopbackAddress) {
-        const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(loopbackAddress);
-        address.sin_port = htons(port);
-        const bool failed = ::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0;
-        ::close(probe);
-        return failed;
-    };
-    return isTaken(0x7F000002) && isTaken(0x7F000003); // one of them may be somebody's own
+    // One of them may be somebody's own.
+    return tryToBind(htonl(0x7F000002), port) != 0 && tryToBind(htonl(0x7F000003), port) != 0;
+}
+
+/// The first IPv4 address of a network device, or the address that the text is; false for others.
+bool findAddress(const zel::String& name, in_addr& address) {
+    if (inet_pton(AF_INET, name.c_str(), &address) == 1)
+        return true;
+    ifaddrs* first = nullptr;
+    if (getifaddrs(&first) != 0)
+        return false;
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> all(first, &freeifaddrs);
+    for (const ifaddrs* device = first; device != nullptr; device = device->ifa_next)
+        if (device->ifa_addr != nullptr && device->ifa_addr->sa_family == AF_INET &&
+            name == device->ifa_name) {
+            address = reinterpret_cast<const sockaddr_in*>(device->ifa_addr)->sin_addr; // NOLINT: as told
+            return true;
+        }
+    return false;
+}
+
+[[noreturn]] void failToStart(const char* reason) {
+    ZEL_THROW(NetError, zel::String::format("libwebsocket init failed: %s\n", reason));
+}
+
+/// Where a server is to listen, as an address.
+/// @throws NetError  if it cannot: libwebsockets, which would say so too, loses memory then
+std::string requireAddress(const zel::String& name, uint16 port) {
+    in_addr address{};
+    if (!findAddress(name, address))
+        failToStart(std::strerror(ENODEV));
+    if (const int reason = tryToBind(address.s_addr, port))
+        failToStart(std::strerror(reason));
+    char text[INET_ADDRSTRLEN] = {};
+    return inet_ntop(AF_INET, &address, text, sizeof(text));
 }
 
 bool namesProtocol(const std::string& list, const zel::String& protocol) {
@@ -250,12 +292,13 @@ void WebSocketServer::initProtocols() {
 void WebSocketServer::init(uint16 port) {
     lws_set_log_level(s_allow_server_init_print ? LogErrorsAndWarnings : 0, nullptr);
     initProtocols();
-    const zel::String address = listenAddressNow();
+    const bool listens = port != NoListen;
+    const std::string address = listens ? requireAddress(listenAddressNow(), port) : std::string();
     const bool listensEverywhere = address == "0.0.0.0";
 
     lws_context_creation_info info{};
-    info.port = port == NoListen ? CONTEXT_PORT_NO_LISTEN : port;
-    info.iface = listensEverywhere || port == NoListen ? nullptr : address.c_str();
+    info.port = listens ? port : CONTEXT_PORT_NO_LISTEN;
+    info.iface = listensEverywhere || !listens ? nullptr : address.c_str();
     info.protocols = m_protocols.get();
     info.max_http_header_data = 16384;
     info.pt_serv_buf_size = ReceiveBufferSize;
@@ -277,16 +320,12 @@ void WebSocketServer::init(uint16 port) {
     const int reason = errno;
     lws_set_log_level(LogErrorsAndWarnings, nullptr);
     if (context == nullptr)
-        ZEL_THROW(NetError,
-                  zel::String::format("libwebsocket init failed: %s\n",
-                                      reason == 0 ? "Internal error" : std::strerror(reason)));
-    if (port != NoListen)
+        failToStart(reason == 0 ? "Internal error" : std::strerror(reason));
+    if (listens)
         port = static_cast<uint16>(lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default")));
-    if (port != NoListen && !listensEverywhere && isTakenOnAllAddresses(port)) {
+    if (listens && !listensEverywhere && isTakenOnAllAddresses(port)) {
         lws_context_destroy(context);
-        ZEL_THROW(NetError,
-                  "libwebsocket init failed: it would listen on all addresses and not on '" + address +
-                      "'\n");
+        failToStart(("it would listen on all addresses and not on " + address).c_str());
     }
     m_context = context;
     m_port = port;
@@ -301,8 +340,10 @@ WebSocketServer::~WebSocketServer() {
         const std::lock_guard lock(servers.mutex);
         servers.s_contexts.erase(m_context);
     }
-    for (const auto& [handle, socket] : m_clientSockets)
+    for (const auto& [handle, socket] : m_clientSockets) {
         socket->connectionEnded();
+        socket->m_server = nullptr;
+    }
     lws_context_destroy(m_context);
 }
 

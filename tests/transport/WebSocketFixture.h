@@ -14,15 +14,15 @@
 
 namespace zelTest {
 
-/// Peers of one process, all on the test's thread.
-class WebSocketFixture : public testing::Test {
+/// A test with WebSocket peers of one process, all on the test's thread.
+template <typename Test>
+class Served : public Test {
 protected:
     using Callback = zelNet::WebSocketServer::SocketCallback;
 
-    void SetUp() override { zelCore::init(); }
     void TearDown() override {
         m_services.clear();
-        zelCore::shutdown();
+        Test::TearDown();
     }
 
     /// A service function that serve() calls.
@@ -69,5 +69,13 @@ protected:
 private:
     std::vector<std::function<void()>> m_services;
 };
+
+/// The same without anything else.
+class InitialisedTest : public testing::Test {
+protected:
+    void SetUp() override { zelCore::init(); }
+    void TearDown() override { zelCore::shutdown(); }
+};
+class WebSocketFixture : public Served<InitialisedTest> {};
 
 } // namespace zelTest

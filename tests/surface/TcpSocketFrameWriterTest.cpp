@@ -1,0 +1,206 @@
+#include "FrameStreamFixture.h"
+
+#include <zelNet/NetError.h>
+#include <zelNet/TcpSocketFrameReader.h>
+#include <zelNet/TcpSocketFrameWriter.h>
+
+#include <support/WhatOf.h>
+
+#include <future>
+#include <thread>
+
+using testing::HasSubstr;
+using zel::ref_ptr;
+using zelData::Frame;
+using zelData::Track;
+using zelNet::AnyPort;
+using zelNet::IPAddress;
+using zelNet::NetError;
+using zelNet::TCPSocket;
+using zelNet::TcpSocketFrameReader;
+using zelNet::TcpSocketFrameWriter;
+using zelTest::Loopback;
+
+namespace {
+
+class TcpSocketFrameWriterTest : public zelTest::FrameStreamFixture {
+protected:
+    /// A client whose bytes the test sees.
+    struct Client {
+        explicit Client(const TcpSocketFrameWriter& writer) : socket(new TCPSocket) {
+            socket->open(IPAddress(Loopback, writer.getPort()), false);
+        }
+        std::string take(std::size_t size) const {
+            std::string bytes(size, '\0');
+            socket->recvBlocking(reinterpret_cast<zel::uint8*>(bytes.data()), static_cast<zel::uint32>(size));
+            return bytes;
+        }
+        ref_ptr<TCPSocket> socket;
+    };
+    static ref_ptr<TcpSocketFrameWriter> makeWriter() {
+        return ref_ptr<TcpSocketFrameWriter>(new TcpSocketFrameWriter(AnyPort));
+    }
+    /// Connects a reader, which waits for its first header while the frame is sent.
+    static ref_ptr<TcpSocketFrameReader> connectReader(TcpSocketFrameWriter& writer, const Frame* first) {
+        const zel::size_t before = writer.getNumClients();
+        auto reader = std::async(std::launch::async, [port = writer.getPort()] {
+            return ref_ptr<TcpSocketFrameReader>(new TcpSocketFrameReader(IPAddress(Loopback, port)));
+        });
+        while (writer.getNumClients() == before)
+            writer.writeFrame(first);
+        return reader.get();
+    }
+};
+
+TEST_F(TcpSocketFrameWriterTest, WithoutClientsNothingIsSerialized) {
+    const auto writer = makeWriter();
+    EXPECT_NE(writer->getPort(), 0);
+    // A tree that is too deep for a packet would throw.
+    const auto frame = makeFrame();
+    zel::Component* parent = frame.get();
+    for (int i = 0; i < 600; ++i) {
+        const ref_ptr<zel::Component> child(new zel::Component("c"));
+        frame->addNode(parent, child.get());
+        parent = child.get();
+    }
+    frame->addNode(parent, real("t", 1).get());
+    EXPECT_NO_THROW(writer->writeFrame(frame.get()));
+    const Client client(*writer);
+    EXPECT_THROW(writer->writeFrame(frame.get()), std::runtime_error);
+}
+
+TEST_F(TcpSocketFrameWriterTest, APortThatIsTakenThrows) {
+    const auto writer = makeWriter();
+    EXPECT_THROW(TcpSocketFrameWriter(writer->getPort()), NetError);
+}
+
+TEST_F(TcpSocketFrameWriterTest, AClientGetsThePacketWithWhatStandsBetweenItsPartsAs0xFF) {
+    const auto writer = makeWriter();
+    const Client client(*writer);
+    const auto frame = frameOf(3);
+    writer->writeFrame(frame.get());
+    EXPECT_EQ(writer->getNumClients(), 1U);
+    std::string expected = bytesOf(frame.get());
+    const ref_ptr<zelNet::FramePacket> packet(new zelNet::FramePacket(frame.get()));
+    zel::uint64 end = 0;
+    for (const auto& segment : packet->getSegments()) {
+        const std::size_t begin = packet->getPreHeader().payloadOffset;
+        expected.replace(begin + end, segment.offset - end, segment.offset - end, '\xFF');
+        end = segment.offset + segment.data->getSize();
+    }
+    EXPECT_EQ(client.take(expected.size()), expected);
+    writer->endOfStream();
+    const std::string marker = client.take(24);
+    EXPECT_EQ(marker,
+              std::string(8, '\xFF') + std::string(4, '\0') + std::string(4, '\xFF') + std::string(8, '\0'));
+}
+
+TEST_F(TcpSocketFrameWriterTest, AFrameWithoutElementsIsItsHeader) {
+    const auto writer = makeWriter();
+    const Client client(*writer);
+    writer->writeFrame(makeFrame().get());
+    const ref_ptr<zelNet::FramePacket> packet(new zelNet::FramePacket(makeFrame().get()));
+    const std::string all = bytesOf(*packet);
+    writer->endOfStream();
+    // There is no padding without a segment, whatever the header tells.
+    const std::string sent = client.take(24 + packet->getHeaderText().size());
+    EXPECT_EQ(sent, all.substr(0, sent.size()));
+    EXPECT_EQ(client.take(24).substr(12, 4), std::string(4, '\xFF'));
+}
+
+TEST_F(TcpSocketFrameWriterTest, AClientSeesTheFramesFromTheNextOneOn) {
+    const auto writer = makeWriter();
+    writer->writeFrame(frameOf(1).get());
+    const auto reader = connectReader(*writer, frameOf(2).get());
+    writer->writeFrame(frameOf(3).get());
+    writer->endOfStream();
+    EXPECT_TRUE(reader->isOpen());
+    auto frame = read(*reader);
+    expectFrame(frame, 2);
+    while ((frame = read(*reader)) != nullptr && frame->getIndex() == 2)
+        continue;
+    expectFrame(frame, 3);
+    EXPECT_EQ(read(*reader), nullptr);
+    EXPECT_TRUE(reader->isOpen()) << "the stream has ended in order";
+    EXPECT_EQ(read(*reader), nullptr) << "and stays so";
+}
+
+TEST_F(TcpSocketFrameWriterTest, AllClientsGetAFrameThoughOneHasGone) {
+    const auto writer = makeWriter();
+    const Client first(*writer), second(*writer), third(*writer);
+    const auto frame = frameOf(1);
+    writer->writeFrame(frame.get());
+    ASSERT_EQ(writer->getNumClients(), 3U);
+    first.socket->close();
+    const std::size_t size = bytesOf(frame.get()).size();
+    std::size_t numFrames = 1;
+    bool hasThrown = false;
+    while (!hasThrown) { // the system may take some bytes for a peer that has gone
+        ++numFrames;
+        try {
+            writer->writeFrame(frame.get());
+        } catch (const NetError&) {
+            hasThrown = true;
+        }
+    }
+    EXPECT_EQ(writer->getNumClients(), 2U);
+    EXPECT_EQ(second.take(numFrames * size).size(), numFrames * size);
+    EXPECT_EQ(third.take(numFrames * size).size(), numFrames * size);
+    EXPECT_NO_THROW(writer->writeFrame(frame.get())) << "it goes on";
+}
+
+TEST_F(TcpSocketFrameWriterTest, WritesToAGivenSocket) {
+    zelTest::OpenServer server;
+    server.open(0, false);
+    const ref_ptr<TCPSocket> near(new TCPSocket);
+    near->open(IPAddress(Loopback, server.port()), false);
+    const ref_ptr<TCPSocket> far(server.accept());
+    const ref_ptr<TcpSocketFrameWriter> writer(new TcpSocketFrameWriter(near.get()));
+    EXPECT_EQ(writer->getPort(), 0);
+    writer->writeFrame(frameOf(5).get());
+    writer->endOfStream();
+    TcpSocketFrameReader reader(far.get());
+    expectFrame(read(reader), 5);
+    EXPECT_EQ(read(reader), nullptr);
+}
+
+TEST_F(TcpSocketFrameWriterTest, AClientThatDoesNotReadIsDroppedWhenTheTrackIsStopped) {
+    const auto writer = makeWriter();
+    const Client lazy(*writer);
+    const ref_ptr<Track> track(new Track(nullptr, writer.get()));
+    track->setExpandFrames(true);
+    track->start();
+    const auto large = makeFrame();
+    large->setKeyFrame(true);
+    const ref_ptr<zelData::Buffer> bytes(new zelData::Buffer("bytes", zelData::getFormat("UInt:8bit")));
+    bytes->resize(64'000'000); // more than the system keeps
+    large->addBuffer(bytes.get(), "bytes");
+    track->pushFrame(large.get());
+    track->stop();
+    EXPECT_EQ(writer->getNumClients(), 0U);
+    EXPECT_EQ(track->getException(), nullptr) << "nobody has failed";
+}
+
+TEST_F(TcpSocketFrameWriterTest, TwoTracksStreamAllFrames) {
+    constexpr zel::uint64 NumFrames = 200;
+    const auto writer = makeWriter();
+    const auto reader = connectReader(*writer, frameOf(0).get());
+    const ref_ptr<Track> sending(new Track(nullptr, writer.get()));
+    const ref_ptr<Track> receiving(new Track(reader.get(), nullptr));
+    sending->setExpandFrames(true);
+    sending->start();
+    receiving->start();
+    for (zel::uint64 i = 1; i <= NumFrames; ++i)
+        sending->pushFrame(frameOf(i).get());
+    sending->stop();
+    ref_ptr<Frame> frame;
+    zel::uint64 last = 0;
+    while ((frame = receiving->popFrame(true)) != nullptr) {
+        EXPECT_TRUE(frame->getIndex() == last + 1 || frame->getIndex() == 0);
+        last = frame->getIndex();
+    }
+    EXPECT_EQ(last, NumFrames);
+    receiving->stop();
+}
+
+} // namespace
