@@ -71,7 +71,7 @@ public:
     /// The names of the open sections, the outermost first, joined by "/".
     [[nodiscard]] const zel::String& getSectionStackString() const noexcept { return m_sections; }
     /// The text with the place ahead of it: "Current scope: 'Archive/Object'. " and the text, which stands
-    /// alone where no section is open.
+    /// alone where no section is open. A long row of sections is shortened in its middle.
     [[nodiscard]] virtual zel::String getErrorMessage(const zel::String& text) const;
 
     /// Whether the archive's objects have the stored form that came with the change, named by eight

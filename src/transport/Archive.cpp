@@ -15,10 +15,24 @@ zel::Vector<zel::String>& registeredModifications() {
     return modifications;
 }
 
+/// The names of sections for a text, in which a long row of them is shortened in its middle.
+zel::String shortened(const zel::String& sections) {
+    constexpr zel::size_t LongestEnd = 200;
+    constexpr const char* Gap = "/.../";
+    if (sections.size() <= 2 * LongestEnd)
+        return sections;
+    zel::size_t head = sections.rfind('/', LongestEnd);
+    if (head == zel::String::npos)
+        head = LongestEnd; // in the middle of a name
+    zel::size_t tail = sections.find('/', sections.size() - LongestEnd);
+    tail = tail == zel::String::npos ? sections.size() - LongestEnd : tail + 1;
+    return sections.substr(0, head) + Gap + sections.substr(tail);
+}
+
 zel::String mismatchText(std::string_view name, std::string_view openName, const zel::String& path) {
     return "Call to endSection(\"" + std::string(name) +
            "\") does not match previous call to beginSection(\"" + std::string(openName) + "\") at path: '" +
-           path + "'";
+           shortened(path) + "'";
 }
 
 } // namespace
@@ -91,7 +105,7 @@ void Archive::dropSections(zel::size_t depth) noexcept {
 zel::String Archive::getErrorMessage(const zel::String& text) const {
     if (m_sectionStarts.empty())
         return text;
-    return "Current scope: '" + m_sections + "'. " + text;
+    return "Current scope: '" + shortened(m_sections) + "'. " + text;
 }
 
 bool Archive::hasModification(const zel::String& hash) const {

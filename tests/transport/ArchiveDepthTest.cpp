@@ -72,6 +72,7 @@ protected:
     /// The depth that the text of an exception tells.
     static std::size_t depthOf(const std::string& error) {
         std::smatch match;
+        EXPECT_LT(error.size(), 1024U);
         const std::size_t at = error.rfind("Objects are nested too deep");
         EXPECT_NE(at, std::string::npos) << error.substr(0, 200);
         if (at == std::string::npos)

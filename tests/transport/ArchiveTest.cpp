@@ -65,6 +65,36 @@ TEST_F(ArchiveTest, MessagesTellTheOpenSections) {
     EXPECT_EQ(m_archive.getSectionStackString(), "Archive/Depot");
 }
 
+TEST_F(ArchiveTest, AMessageShortensALongRowOfSectionsInItsMiddle) {
+    std::string sections = "Archive";
+    const auto begin = [&](const std::string& name) {
+        m_archive.beginSection(name.c_str());
+        sections += "/" + name;
+    };
+    begin(std::string(392, 'a'));
+    EXPECT_EQ(m_archive.getErrorMessage("No fuel"), "Current scope: '" + sections + "'. No fuel");
+    begin("b");
+    EXPECT_EQ(m_archive.getErrorMessage("No fuel"),
+              "Current scope: 'Archive/.../b'. No fuel"); // the long name is left out whole
+    for (int i = 0; i < 1000; ++i)
+        begin("Object");
+    begin("TypeHeader");
+    EXPECT_EQ(m_archive.getErrorMessage("No fuel"), [] {
+        std::string text = "Current scope: 'Archive/.../Object";
+        for (int i = 1; i < 27; ++i)
+            text += "/Object";
+        return text + "/TypeHeader'. No fuel";
+    }());
+    EXPECT_EQ(m_archive.getSectionStackString(), sections);
+}
+
+TEST_F(ArchiveTest, AMessageShortensANameThatIsLongByItself) {
+    const std::string name(100000, 'a');
+    m_archive.beginSection(name.c_str());
+    EXPECT_EQ(m_archive.getErrorMessage("No fuel"),
+              "Current scope: 'Archive/.../" + std::string(200, 'a') + "'. No fuel");
+}
+
 TEST_F(ArchiveTest, AMessageWithoutSectionsIsTheTextAlone) {
     EXPECT_EQ(OutputArchive().getErrorMessage("No fuel"), "No fuel");
     EXPECT_EQ(InputArchive().getErrorMessage("No fuel"), "No fuel");
