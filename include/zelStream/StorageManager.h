@@ -18,8 +18,8 @@ class StorageAgent;
 ///
 /// Agents register when their library is loaded, and stay known through a shutdown of the library: the next
 /// instance() has them again.
-/// @threads registration at start-up on one thread; from then on any thread may look up what is registered; a
-/// search that may load a library wants an external lock
+/// @threads registration at start-up on one thread; from then on any thread may search; while a search loads
+/// a library, which registers its agents, no other thread may
 class ZEL_CORE_API StorageManager : public zel::Singleton {
 public:
     /// Whether an archive has all of a list of modifications.

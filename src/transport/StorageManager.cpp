@@ -3,6 +3,7 @@
 #include <zel/DynamicLibrary.h>
 #include <zel/HashSet.h>
 #include <zel/Log.h>
+#include <zel/Model.h>
 #include <zel/ServicePointer.h>
 #include <zel/Verify.h>
 #include <zelIO/Environment.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -274,6 +276,10 @@ const StorageAgent* StorageManager::find(const String& storedName, const InputAr
     const zelIO::FilePathContainer& directories =
         zelIO::Environment::instance()->getFilePath(zelIO::Environment::PluginPath);
     const String space = libraryNamespace(name);
+    // Threads with archives of their own do not know what these name, and may all come here.
+    const std::lock_guard lock(zel::getTypeSystemMutex());
+    if (m_impl->tryFindAny(name, archive, agent)) // in a library that another one has loaded meanwhile
+        return agent;
     if (!m_impl->isToBeTried(space, directories))
         return nullptr;
     const String library = space + zelIO::FileSystem::DLL_SUFFIX;

@@ -8,12 +8,14 @@
 
 #include <memory>
 #include <thread>
+#include <vector>
 
 using namespace zelStream;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
+using testing::UnorderedElementsAreArray;
 using zelTest::CargoAgent;
 using zelTest::MarkedArchive;
 using zelTest::willTry;
@@ -419,6 +421,26 @@ TEST_F(StorageManagerTest, TwoThreadsThatAskFirstGetTheSame) {
     EXPECT_EQ(seen[0], seen[1]);
     EXPECT_EQ(found[0], &s_static);
     EXPECT_EQ(found[1], &s_static);
+}
+
+TEST_F(StorageManagerTest, ThreadsThatSearchForWhatIsNotThereTryEachLibraryOnce) {
+    constexpr int NumNames = 500;
+    const auto search = [] {
+        for (int i = 0; i < NumNames; ++i)
+            EXPECT_EQ(find("nowhere" + std::to_string(i) + "::Truck"), nullptr);
+    };
+    std::vector<std::thread> others;
+    for (int i = 0; i < 3; ++i)
+        others.emplace_back(search);
+    search();
+    for (std::thread& other : others)
+        other.join();
+    std::vector<std::string> tried;
+    for (int i = 0; i < NumNames; ++i) {
+        const std::string name = "nowhere" + std::to_string(i);
+        tried.push_back(zelTest::willTry(name + "::Truck", name + ".so"));
+    }
+    EXPECT_THAT(log.texts(), UnorderedElementsAreArray(tried));
 }
 
 TEST_F(StorageManagerDeathTest, AnAgentMustBeThere) {
