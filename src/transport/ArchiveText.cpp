@@ -2,8 +2,11 @@
 
 #include "tree/XmlCheck.h"
 
+#include <zel/FloatingPoint.h>
+
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -32,7 +35,39 @@ void appendNumber(std::string& out, T value) {
 }
 
 template <typename T>
+void appendScientific(std::string& out, T value) {
+    std::array<char, 32> text{};
+    char* const end =
+        std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::scientific, Digits<T>)
+            .ptr;
+    std::replace(text.data(), end, 'e', 'E');
+    out.append(text.data(), end);
+}
+
+template <typename T>
+bool isDenormal(T value) {
+    using Bits = std::conditional_t<sizeof(T) == sizeof(zel::uint32), zel::uint32, zel::uint64>;
+    constexpr int NumFractionBits = std::numeric_limits<T>::digits - 1;
+    const Bits magnitude = std::bit_cast<Bits>(value) << 1; // without the sign
+    return magnitude != 0 && magnitude >> (NumFractionBits + 1) == 0;
+}
+
+/// The threads of the system take denormals for zero, and so would the conversion. They are no Component in
+/// fixed form, which has too few digits for them.
+template <typename T>
+void appendDenormal(std::string& out, T value) {
+    const zel::uint32 state = zel::DenormalizationGuard::enable();
+    zel::DenormalizationGuard::disable(state & ~zel::DenormalizationGuard::Mask);
+    appendScientific(out, value);
+    zel::DenormalizationGuard::disable(state);
+}
+
+template <typename T>
 void appendReal(std::string& out, T value, bool isComponent) {
+    if (isDenormal(value)) {
+        appendDenormal(out, value);
+        return;
+    }
     if (std::isnan(value)) {
         out += "NAN";
         return;
@@ -52,9 +87,7 @@ void appendReal(std::string& out, T value, bool isComponent) {
             return;
         }
     }
-    char* const end = std::to_chars(text.data(), limit, value, std::chars_format::scientific, Digits<T>).ptr;
-    std::replace(text.data(), end, 'e', 'E');
-    out.append(text.data(), end);
+    appendScientific(out, value);
 }
 
 template <typename T>

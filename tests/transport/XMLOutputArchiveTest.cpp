@@ -1,5 +1,7 @@
 #include "XMLArchiveFixture.h"
 
+#include <zel/FloatingPoint.h>
+
 #include <support/CommaLocale.h>
 #include <tinyxml.h>
 
@@ -30,6 +32,18 @@ TEST_F(XMLOutputArchiveTest, WritesEachTypeInItsForm) {
 TEST_F(XMLOutputArchiveTest, WritesValuesThatAreNoNumbers) {
     const double infinity = std::numeric_limits<double>::infinity();
     EXPECT_EQ(textOf(infinity, -infinity, std::numeric_limits<float>::quiet_NaN()), "<V>INF -INF NAN</V>");
+}
+
+TEST_F(XMLOutputArchiveTest, WritesDenormalsThoughTheThreadTakesThemForZero) {
+    const double small = std::numeric_limits<double>::denorm_min();
+    const zel::uint32 state = zel::DenormalizationGuard::enable();
+    EXPECT_EQ(textOf(small, -std::numeric_limits<float>::denorm_min(), zelTest::largestDenormal<double>()),
+              "<V>4.9406564584124654E-324 -1.40129846E-45 2.2250738585072009E-308</V>");
+    EXPECT_EQ(textOf(zel::Vec3d(small, 0, -0.0)),
+              "<V>4.9406564584124654E-324 0.0000000000000000 -0.0000000000000000</V>");
+    EXPECT_EQ(zel::DenormalizationGuard::enable() & zel::DenormalizationGuard::Mask,
+              zel::DenormalizationGuard::Mask);
+    zel::DenormalizationGuard::disable(state);
 }
 
 TEST_F(XMLOutputArchiveTest, WritesAVec3InFixedFormWhereThatReadsBack) {
