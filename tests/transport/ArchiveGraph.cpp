@@ -3,7 +3,12 @@
 #include <zelStream/ClassInformation.h>
 #include <zelStream/StorageManager.h>
 
+#include <bit>
+#include <cmath>
+#include <iterator>
+#include <limits>
 #include <map>
+#include <sstream>
 
 namespace fleet {
 
@@ -40,6 +45,10 @@ void Inset::restore(zelStream::InputArchive& archive) {
 
 void Node::store(zelStream::OutputArchive& archive) const {
     archive.addAttribute("value", value);
+    archive.addAttribute("mark", mark);
+    archive.addAttribute("label", label);
+    archive.write(mark);
+    archive.write(extreme);
     archive.write(label);
     archive.write(place);
     archive.write(isTransient);
@@ -52,6 +61,10 @@ void Node::store(zelStream::OutputArchive& archive) const {
 
 void Node::restore(zelStream::InputArchive& archive) {
     archive.getAttribute("value", value);
+    archive.getAttribute("mark", mark);
+    archive.getAttribute("label", label);
+    archive.read(mark);
+    archive.read(extreme);
     archive.read(label);
     archive.read(place);
     archive.read(isTransient);
@@ -80,6 +93,34 @@ std::size_t drawBelow(std::mt19937& random, std::size_t n) {
 
 bool drawOneIn(std::mt19937& random, std::size_t n) {
     return drawBelow(random, n) == 0;
+}
+
+/// A real at the limits, or any bits but those of what is no number, which equals nothing.
+double drawExtreme(std::mt19937& random) {
+    using Limits = std::numeric_limits<double>;
+    constexpr double Extremes[] = {
+        0, -0.0, Limits::denorm_min(), Limits::min(), Limits::max(), Limits::lowest(), Limits::infinity()};
+    if (drawOneIn(random, 2))
+        return Extremes[drawBelow(random, std::size(Extremes))];
+    double drawn = 0;
+    do
+        drawn = std::bit_cast<double>(zel::uint64{random()} << 32U | random());
+    while (std::isnan(drawn));
+    return drawn;
+}
+
+std::string drawLabel(std::mt19937& random) {
+    constexpr const char* Pieces[] = {
+        "a",    " ",        "  ",       "\t",           "\r\n",         "\\",          "\\e",
+        "<&>",  "\"'",      "]]>",      "&#x41;",       "<![CDATA[",    "-->",         "\x7f",
+        "\xff", "\xc2\x85", "\xc3\xa4", "\xed\xa0\x80", "\xef\xbb\xbf", "\xef\xbf\xbf"};
+    std::string label;
+    for (std::size_t n = drawBelow(random, 10); n > 0; --n)
+        if (drawOneIn(random, 3))
+            label += static_cast<char>(random());
+        else
+            label += Pieces[drawBelow(random, std::size(Pieces))];
+    return label;
 }
 
 /// Walks two graphs at once.
@@ -121,6 +162,8 @@ private:
     }
     void compare(const Node& node, const Node& other) {
         expect(node.value == other.value, node, "value");
+        expect(node.mark == other.mark, node, "mark");
+        expect(node.extreme == other.extreme, node, "extreme");
         expect(node.label == other.label, node, "label");
         expect(node.place == other.place, node, "place");
         expect(
@@ -160,13 +203,16 @@ Graph::Graph(std::mt19937& random) : m_nodes(1 + drawBelow(random, drawOneIn(ran
         Node* const node = new Node;
         m_nodes[i] = node;
         node->value = static_cast<zel::int64>(i);
-        node->label = std::string(drawBelow(random, 20), static_cast<char>('a' + drawBelow(random, 26)));
-        if (drawOneIn(random, 4))
-            node->label += " \t<&\"'>\n\\";
-        node->place = zel::Vec3d(static_cast<double>(random()) / 7, -1e-300, static_cast<double>(i));
+        node->mark = static_cast<char>(random());
+        node->extreme = drawExtreme(random);
+        node->label = drawLabel(random);
+        node->place =
+            zel::Vec3d(static_cast<double>(random()) / 7, drawExtreme(random), static_cast<double>(i));
         node->samples.resize(drawBelow(random, 5));
         for (float& sample : node->samples)
-            sample = static_cast<float>(random()) / 3;
+            sample = drawOneIn(random, 4)
+                         ? std::bit_cast<float>(1U + static_cast<zel::uint32>(drawBelow(random, 9)))
+                         : static_cast<float>(random()) / 3;
         node->setEnableSerialization(!drawOneIn(random, 12));
         node->inset.setEnableSerialization(!drawOneIn(random, 5));
     }
@@ -230,6 +276,69 @@ void RestoredGraph::restore(zelStream::InputArchive& archive) {
 
 std::string RestoredGraph::difference() const {
     return Comparison().run(m_original.roots(), m_roots);
+}
+
+namespace {
+
+/// Writes the description of a graph, node by node as they are met.
+class Description {
+public:
+    explicit Description(const Graph& original) : m_original(original) {}
+    std::string run(const std::vector<Reference>& roots) {
+        for (const Reference& root : roots)
+            refer(root);
+        for (std::size_t i = 0; i < m_nodes.size(); ++i) // which grow meanwhile
+            tell(*m_nodes[i]);
+        return m_text.str();
+    }
+
+private:
+    void refer(const Reference& reference) {
+        m_text << (reference.isDeferred ? " later:" : " now:");
+        const Node* const node = reference.target;
+        if (node == nullptr || !originalOf(*node).isSerializationEnabled()) {
+            m_text << "null";
+            return;
+        }
+        const auto [number, isNew] = m_numbers.try_emplace(node, m_nodes.size());
+        if (isNew)
+            m_nodes.push_back(node);
+        m_text << number->second;
+    }
+    void tell(const Node& node) {
+        m_text << "\nvalue " << node.value << " mark " << static_cast<int>(node.mark) << " extreme "
+               << std::bit_cast<zel::uint64>(node.extreme) << " place";
+        for (std::size_t i = 0; i < 3; ++i)
+            m_text << ' ' << std::bit_cast<zel::uint64>(node.place[i]);
+        m_text << " label";
+        for (const char c : node.label)
+            m_text << ' ' << static_cast<int>(c);
+        m_text << " samples";
+        for (const float sample : node.samples)
+            m_text << ' ' << std::bit_cast<zel::uint32>(sample);
+        m_text << " transient " << node.isTransient << " uuid " << node.getUuid().str() << " links";
+        for (const Reference& link : node.links)
+            refer(link);
+        if (!originalOf(node).inset.isSerializationEnabled())
+            return;
+        m_text << " inset " << node.inset.number << " uuid " << node.inset.getUuid().str();
+        refer(node.inset.owner);
+        refer(node.inset.other);
+    }
+    const Node& originalOf(const Node& node) const {
+        return *m_original.nodes().at(static_cast<std::size_t>(node.value));
+    }
+
+    const Graph& m_original;
+    std::map<const Node*, std::size_t> m_numbers;
+    std::vector<const Node*> m_nodes;
+    std::ostringstream m_text;
+};
+
+} // namespace
+
+std::string describe(const std::vector<Reference>& roots, const Graph& original) {
+    return Description(original).run(roots);
 }
 
 } // namespace zelTest

@@ -42,6 +42,8 @@ public:
     void restore(zelStream::InputArchive& archive) override;
 
     zel::int64 value = 0;
+    char mark = 0;
+    double extreme = 0;
     std::string label;
     zel::Vec3d place;
     zel::Vector<float> samples;
@@ -80,11 +82,17 @@ public:
 
     /// Walks both graphs at once, and says where they differ first; empty if nowhere.
     [[nodiscard]] std::string difference() const;
+    [[nodiscard]] const std::vector<fleet::Reference>& roots() const { return m_roots; }
 
 private:
     const Graph& m_original;
     std::vector<fleet::Reference> m_roots;
     std::vector<zel::ref_ptr<zelStream::Serializable>> m_held;
 };
+
+/// Tells all that an archive keeps of the nodes that the roots lead to, each with the number under which it
+/// was first met, so that equal texts are equal graphs. Numbers of the other kind stand there by their bits.
+/// @param roots  of the graph itself, or as they were restored
+[[nodiscard]] std::string describe(const std::vector<fleet::Reference>& roots, const Graph& original);
 
 } // namespace zelTest
