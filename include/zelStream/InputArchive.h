@@ -35,7 +35,7 @@ class StorageAgent;
 /// ArchiveException, and never takes more memory than a small multiple of its length.
 ///
 /// In a stream that can be positioned the archive reads ahead, and `close` leaves the stream behind the last
-/// byte that was read; from another one it takes no byte more than it needs.
+/// byte that was read; from another one it takes no byte more than it needs. It has to stay until then.
 /// @threads owner thread
 class ZEL_CORE_API InputArchive : public Archive {
 public:
