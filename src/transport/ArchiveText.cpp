@@ -429,6 +429,18 @@ void appendXml(std::string& out, std::string_view text) {
     }
 }
 
+bool isXmlText(std::string_view text) {
+    for (zel::size_t i = 0; i < text.size();) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const zel::size_t length = zel::utf8Length(text, i);
+        if (length == 0 || byte == 0x7f || (byte < ' ' && byte != '\t' && byte != '\n' && byte != '\r') ||
+            isLostInXml(text.substr(i, length)))
+            return false;
+        i += length;
+    }
+    return true;
+}
+
 bool isXmlName(std::string_view name) {
     for (zel::size_t i = 0; i < name.size();) {
         const zel::size_t length = zel::utf8Length(name, i);

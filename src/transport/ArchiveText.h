@@ -34,6 +34,8 @@ void appendBytes(std::string& out, const void* data, zel::size_t numBytes);
 
 /// Appends a text with the marks of XML replaced by entities.
 void appendXml(std::string& out, std::string_view text);
+/// Whether XML can hold the text, and parsers give it back, as it is.
+[[nodiscard]] bool isXmlText(std::string_view text);
 /// Whether an element or an attribute can have the name.
 [[nodiscard]] bool isXmlName(std::string_view name);
 

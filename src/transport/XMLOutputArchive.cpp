@@ -1,6 +1,5 @@
 #include "ArchiveText.h"
 #include "ArchiveVectors.h"
-#include "tree/XmlCheck.h"
 
 #include <zel/Log.h>
 #include <zelStream/XMLOutputArchive.h>
@@ -17,18 +16,6 @@ constexpr zel::uint32 Nothing = ~zel::uint32{0};
 constexpr zel::size_t BlockSize = 65536;
 // Deeper elements stand no farther to the right, else ten thousand levels would be 400 MB of blanks.
 constexpr zel::size_t MaximumIndent = 32;
-
-/// Whether XML can hold the text as it is.
-bool isXmlText(std::string_view text) {
-    for (zel::size_t i = 0; i < text.size();) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const zel::size_t length = zel::utf8Length(text, i);
-        if (length == 0 || byte == 0x7f || (byte < ' ' && byte != '\t' && byte != '\n' && byte != '\r'))
-            return false;
-        i += length;
-    }
-    return true;
-}
 
 /// Whether one of the printed attributes begins like this. Goes from attribute to attribute, for a value that
 /// ends in a blank, a name and '=' looks like a beginning together with its closing quote.

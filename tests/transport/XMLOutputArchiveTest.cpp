@@ -105,16 +105,16 @@ TEST_F(XMLOutputArchiveTest, KeepsTheTextOfASectionTogetherAndAheadOfItsChildren
 }
 
 TEST_F(XMLOutputArchiveTest, AddsAStringAsItIsWithMarksAsEntities) {
-    EXPECT_EQ(elementOf([](XMLOutputArchive& archive) {
-                  archive.addString("");
-                  archive.addString("1 \\e");
-                  archive.addString("<a>");
-                  EXPECT_EQ(archiveErrorOf([&] { archive.addString("\x01"); }),
-                            "Current scope: 'Archive/V'. XML can not hold the text as it is");
-                  EXPECT_EQ(archiveErrorOf([&] { archive.addString("\xff"); }),
-                            "Current scope: 'Archive/V'. XML can not hold the text as it is");
-              }),
-              "<V>1 \\e &lt;a&gt;</V>");
+    EXPECT_EQ(
+        elementOf([](XMLOutputArchive& archive) {
+            archive.addString("");
+            archive.addString("1 \\e");
+            archive.addString("<a>");
+            for (const char* lost : {"\x01", "\xff", "a \xef\xbb\xbf", "a \xef\xbf\xbe", "a \xef\xbf\xbf"})
+                EXPECT_EQ(archiveErrorOf([&] { archive.addString(lost); }),
+                          "Current scope: 'Archive/V'. XML can not hold the text as it is");
+        }),
+        "<V>1 \\e &lt;a&gt;</V>");
 }
 
 TEST_F(XMLOutputArchiveTest, LaysOutADocumentAsTinyXmlPrintsIt) {
