@@ -139,6 +139,36 @@ TEST_F(XMLInputArchiveTest, ReadsNamesUuidsBlocksAndVectorsBack) {
     }
 }
 
+TEST_F(XMLInputArchiveTest, ReadsQuaternionsAndMatricesBackRowByRow) {
+    zel::Quatd turn;
+    zel::Matrix3x3f small;
+    zel::Matrix4x4d large;
+    for (std::size_t i = 0; i < 16; ++i) {
+        large.data()[i] = 0.1 * static_cast<double>(i);
+        small.data()[i % 9] = static_cast<float>(i);
+        turn.data()[i % 4] = -static_cast<double>(i);
+    }
+    const std::string text = xmlOf([&](XMLOutputArchive& archive) {
+        archive.write(turn);
+        archive.write(small);
+        archive.write(large);
+    });
+    OpenedXml archive(text);
+    zel::Quatd turnRead;
+    zel::Matrix3x3f smallRead;
+    archive->read(turnRead);
+    archive->read(smallRead);
+    for (std::size_t row = 0; row < 4; ++row)
+        for (std::size_t column = 0; column < 4; ++column) {
+            double read = 0;
+            archive->read(read);
+            EXPECT_EQ(read, large(row, column));
+        }
+    EXPECT_TRUE(archive->isAtEnd());
+    EXPECT_TRUE(std::equal(turn.data(), turn.data() + 4, turnRead.data()));
+    EXPECT_TRUE(std::equal(small.data(), small.data() + 9, smallRead.data()));
+}
+
 template <typename T>
 zel::Vector<T> throughXml(const std::string& text) {
     zel::Vector<T> values{T{}, T{}};
