@@ -292,6 +292,27 @@ TEST_F(EntityStorageArchiveTest, XmlHoldsTheTableInSectionsOfItsOwn) {
     EXPECT_EQ(idsOf(*loaded), idsOf(*original));
 }
 
+TEST_F(EntityStorageArchiveTest, AStorageThatSharesTheColumnsKeepsIdsOfItsOwn) {
+    const ref_ptr<EntityStorage> original = makeUsed();
+    const ref_ptr<EntityStorage> loaded = makeStorage(4);
+    const ref_ptr<EntityStorage> shared(loaded->createSharedStorage());
+    shared->createInstances(3);
+    shared->destroyInstance(0);
+    shared->clear();
+    const std::vector<uint32> before = idsOf(*shared);
+    restore(*loaded, store(*original));
+    EXPECT_EQ(idsOf(*shared), before);
+    restore(*shared, tableOf(2, {1, 0}));
+    for (const uint32 id : {4U, 1U, 3U})
+        EXPECT_EQ(loaded->createInstance().getId(), id);
+    EXPECT_EQ(shared->size(), 3U);
+    EXPECT_EQ(shared->getId(0), 1U);
+    EXPECT_EQ(shared->getId(1), 0U);
+    EXPECT_EQ(shared->getId(2), 2U);
+    loaded->verifyConsistency();
+    shared->verifyConsistency();
+}
+
 // Damaged tables
 
 TEST_F(EntityStorageArchiveDeathTest, AnIdBeyondTheCapacityIsRefused) {
