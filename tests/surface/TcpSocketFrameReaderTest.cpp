@@ -1,4 +1,4 @@
-#include "FrameStreamFixture.h"
+#include "StreamFixture.h"
 
 #include <zelNet/NetError.h>
 #include <zelNet/TcpSocketFrameReader.h>
@@ -16,10 +16,10 @@ using zelTest::Loopback;
 namespace {
 
 /// Readers of bytes that the test writes.
-class TcpSocketFrameReaderTest : public zelTest::FrameStreamFixture {
+class TcpSocketFrameReaderTest : public zelTest::StreamFixture {
 protected:
     void SetUp() override {
-        FrameStreamFixture::SetUp();
+        StreamFixture::SetUp();
         zelTest::OpenServer server;
         server.open(0, false);
         m_sender = new TCPSocket;
@@ -29,7 +29,7 @@ protected:
     void TearDown() override {
         m_sender = nullptr;
         m_receiver = nullptr;
-        FrameStreamFixture::TearDown();
+        StreamFixture::TearDown();
     }
 
     /// A reader of these bytes, behind which the connection ends.

@@ -1,4 +1,4 @@
-#include "FrameStreamFixture.h"
+#include "StreamFixture.h"
 
 #include <zelNet/NetError.h>
 #include <zelNet/TcpSocketFrameReader.h>
@@ -23,7 +23,7 @@ using zelTest::Loopback;
 
 namespace {
 
-class TcpSocketFrameWriterTest : public zelTest::FrameStreamFixture {
+class TcpSocketFrameWriterTest : public zelTest::StreamFixture {
 protected:
     /// A client whose bytes the test sees.
     struct Client {

@@ -1,4 +1,4 @@
-#include "FrameStreamFixture.h"
+#include "StreamFixture.h"
 
 #include <zelNet/NetError.h>
 #include <zelNet/WebSocketFrameReader.h>
@@ -22,10 +22,10 @@ using zelTest::RawWebSocket;
 namespace {
 
 /// A reader at the server's end of a connection to a raw peer.
-class WebSocketFrameReaderTest : public zelTest::FrameStreamFixture {
+class WebSocketFrameReaderTest : public zelTest::StreamFixture {
 protected:
     void SetUp() override {
-        FrameStreamFixture::SetUp();
+        StreamFixture::SetUp();
         server = makeServer([this](WebSocket* socket) { reader = new WebSocketFrameReader(socket); },
                             [this](WebSocket* socket) { reader->releaseBlock(socket); });
         peer = connectTo(server->getPort());
@@ -34,7 +34,7 @@ protected:
         reader = nullptr;
         server = nullptr;
         peer = nullptr;
-        FrameStreamFixture::TearDown();
+        StreamFixture::TearDown();
     }
     void send(const std::string& bytes) {
         EXPECT_TRUE(

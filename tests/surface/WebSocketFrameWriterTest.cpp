@@ -1,4 +1,4 @@
-#include "FrameStreamFixture.h"
+#include "StreamFixture.h"
 
 #include <zelNet/NetError.h>
 #include <zelNet/WebSocketFrameWriter.h>
@@ -13,7 +13,7 @@ using zelTest::RawWebSocket;
 
 namespace {
 
-class WebSocketFrameWriterTest : public zelTest::FrameStreamFixture {
+class WebSocketFrameWriterTest : public zelTest::StreamFixture {
 protected:
     ref_ptr<WebSocketFrameWriter> makeWriter() {
         ref_ptr<WebSocketFrameWriter> writer(new WebSocketFrameWriter(AnyPort));

@@ -12,7 +12,7 @@
 namespace zelTest {
 
 /// Frames that cross sockets.
-class FrameStreamFixture : public Served<FramePacketFixture> {
+class StreamFixture : public Served<FramePacketFixture> {
 protected:
     /// A frame without partial buffers, which nobody reads.
     static zel::ref_ptr<zelData::Frame> frameOf(zel::uint64 index) {
