@@ -5,6 +5,7 @@
 #include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelData/FrameIO.h>
+#include <zelNet/PortRange.h>
 #include <zelNet/TCPServerSocket.h>
 #include <zelNet/TCPSocket.h>
 
