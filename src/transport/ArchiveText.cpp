@@ -3,6 +3,9 @@
 #include "tree/XmlCheck.h"
 
 #include <zel/FloatingPoint.h>
+#include <zel/Verify.h>
+
+#include <tomcrypt.h>
 
 #include <algorithm>
 #include <array>
@@ -12,6 +15,7 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
+#include <vector>
 
 namespace zelStream {
 
@@ -208,16 +212,6 @@ void appendEscaped(std::string& out, std::string_view text, bool isToken) {
     }
 }
 
-constexpr std::string_view Base64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-constexpr std::array<zel::int8, 256> Base64Values = [] {
-    std::array<zel::int8, 256> values{};
-    values.fill(-1);
-    for (zel::size_t i = 0; i < Base64.size(); ++i)
-        values[static_cast<unsigned char>(Base64[i])] = static_cast<zel::int8>(i);
-    return values;
-}();
-
 /// The character at a position of valid UTF-8.
 zel::uint32 codeOf(std::string_view character) {
     if (character.size() == 1)
@@ -374,43 +368,32 @@ void appendBytes(std::string& out, const void* data, zel::size_t numBytes) {
         out += '-';
         return;
     }
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    out.reserve(out.size() + (numBytes + 2) / 3 * 4);
-    for (zel::size_t i = 0; i < numBytes; i += 3) {
-        const zel::size_t n = std::min<zel::size_t>(3, numBytes - i);
-        zel::uint32 word = 0;
-        for (zel::size_t k = 0; k < 3; ++k)
-            word = word << 8U | (k < n ? bytes[i + k] : 0U);
-        for (zel::size_t k = 0; k < 4; ++k)
-            out += k <= n ? Base64[word >> (18 - 6 * k) & 63U] : '=';
-    }
+    const zel::size_t begin = out.size();
+    unsigned long length = (numBytes + 2) / 3 * 4 + 1; // with a NUL
+    out.resize(begin + length);
+    zelVerify(base64_encode(static_cast<const unsigned char*>(data),
+                            numBytes,
+                            reinterpret_cast<unsigned char*>(out.data()) + begin,
+                            &length) == CRYPT_OK);
+    out.resize(begin + length);
 }
 
 bool parseBytes(std::string_view text, void* data, zel::size_t numBytes) {
     if (numBytes == 0)
         return text == "-";
-    if (text.size() % 4 != 0 || text.size() / 4 != (numBytes - 1) / 3 + 1)
+    if (text.size() / 4 != (numBytes - 1) / 3 + 1)
         return false;
-    const zel::size_t numPadding = (3 - numBytes % 3) % 3;
-    const zel::size_t numDigits = text.size() - numPadding;
-    if (text.substr(numDigits) != std::string_view("==").substr(0, numPadding))
+    std::vector<unsigned char> bytes(text.size());
+    unsigned long length = bytes.size();
+    if (base64_strict_decode(
+            reinterpret_cast<const unsigned char*>(text.data()), text.size(), bytes.data(), &length) !=
+            CRYPT_OK ||
+        length != numBytes)
         return false;
-    std::string bytes;
-    bytes.reserve(numBytes);
-    for (zel::size_t i = 0; i < text.size(); i += 4) {
-        zel::uint32 word = 0;
-        for (zel::size_t k = i; k < i + 4; ++k) {
-            const int value = k < numDigits ? Base64Values[static_cast<unsigned char>(text[k])] : 0;
-            if (value < 0)
-                return false;
-            word = word << 6U | static_cast<zel::uint32>(value);
-        }
-        const zel::size_t n = std::min<zel::size_t>(3, numBytes - bytes.size());
-        if ((word & ((1U << (8 * (3 - n))) - 1)) != 0)
-            return false; // another text of the same bytes
-        for (zel::size_t k = 0; k < n; ++k)
-            bytes += static_cast<char>(word >> (16 - 8 * k) & 0xffU);
-    }
+    std::string own;
+    appendBytes(own, bytes.data(), numBytes);
+    if (own != text)
+        return false; // another text of the same bytes
     std::memcpy(data, bytes.data(), numBytes);
     return true;
 }
