@@ -131,6 +131,8 @@ private:
     };
 
     void init(zel::uint16 port);
+    [[nodiscard]] lws_context* makeContext(int port, const char* address, bool isSecure);
+    [[nodiscard]] lws_context* contextForConnection(bool isSecure);
     void initProtocols();
     /// Whether one more may connect.
     [[nodiscard]] bool hasRoom() const;
@@ -149,6 +151,7 @@ private:
     zel::size_t m_maxMessageSize = DefaultMaxMessageSize;
     zel::size_t m_maxQueuedBytes = DefaultMaxQueuedBytes;
     zel::size_t m_maxUnauthenticated = MaxConnections;
+    lws_context* m_secureContext = nullptr; // of encrypted outgoing connections, from the first one on
     mutable std::recursive_mutex m_mutex;
 };
 

@@ -123,6 +123,12 @@ bool findAddress(const zel::String& name, in_addr& address) {
     return false;
 }
 
+void enter(lws_context* context, WebSocketServer* server) {
+    Servers& servers = Servers::instance();
+    const std::lock_guard lock(servers.mutex);
+    servers.s_contexts.insert(context, server);
+}
+
 [[noreturn]] void failToStart(const char* reason) {
     ZEL_THROW(NetError, zel::String::format("libwebsocket init failed: %s\n", reason));
 }
@@ -289,16 +295,10 @@ void WebSocketServer::initProtocols() {
     first.rx_buffer_size = ReceiveBufferSize;
 }
 
-void WebSocketServer::init(uint16 port) {
-    lws_set_log_level(s_allow_server_init_print ? LogErrorsAndWarnings : 0, nullptr);
-    initProtocols();
-    const bool listens = port != NoListen;
-    const std::string address = listens ? requireAddress(listenAddressNow(), port) : std::string();
-    const bool listensEverywhere = address == "0.0.0.0";
-
+lws_context* WebSocketServer::makeContext(int port, const char* address, bool isSecure) {
     lws_context_creation_info info{};
-    info.port = listens ? port : CONTEXT_PORT_NO_LISTEN;
-    info.iface = listensEverywhere || !listens ? nullptr : address.c_str();
+    info.port = port;
+    info.iface = address;
     info.protocols = m_protocols.get();
     info.max_http_header_data = 16384;
     info.pt_serv_buf_size = ReceiveBufferSize;
@@ -306,21 +306,35 @@ void WebSocketServer::init(uint16 port) {
     info.uid = -1;
     info.retry_and_idle_policy = &IdlePolicy;
     // Without IPv6, since an IPv4 address would else be taken for all of them.
-    info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_DISABLE_IPV6 |
-                   LWS_SERVER_OPTION_VALIDATE_UTF8 | LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
-    if (const char* const pemFile = environmentOf("ZEL_SSL_PEM_FILE")) {
-        info.ssl_cert_filepath = pemFile;
-        info.ssl_private_key_filepath = pemFile;
+    info.options = LWS_SERVER_OPTION_DISABLE_IPV6 | LWS_SERVER_OPTION_VALIDATE_UTF8 |
+                   LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
+    if (isSecure)
+        info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
+    if (m_useSSL) {
+        info.ssl_cert_filepath = info.ssl_private_key_filepath = environmentOf("ZEL_SSL_PEM_FILE");
         info.ssl_ca_filepath = environmentOf("ZEL_SSL_CA_FILE");
-        m_useSSL = true;
     }
-
     errno = 0;
     lws_context* const context = lws_create_context(&info);
-    const int reason = errno;
-    lws_set_log_level(LogErrorsAndWarnings, nullptr);
-    if (context == nullptr)
+    if (context == nullptr) {
+        const int reason = errno;
         failToStart(reason == 0 ? "Internal error" : std::strerror(reason));
+    }
+    return context;
+}
+
+void WebSocketServer::init(uint16 port) {
+    initProtocols();
+    m_useSSL = environmentOf("ZEL_SSL_PEM_FILE") != nullptr;
+    const bool listens = port != NoListen;
+    const std::string address = listens ? requireAddress(listenAddressNow(), port) : std::string();
+    const bool listensEverywhere = address == "0.0.0.0";
+
+    lws_set_log_level(s_allow_server_init_print ? LogErrorsAndWarnings : 0, nullptr);
+    lws_context* const context = makeContext(listens ? port : CONTEXT_PORT_NO_LISTEN,
+                                             listensEverywhere || !listens ? nullptr : address.c_str(),
+                                             m_useSSL);
+    lws_set_log_level(LogErrorsAndWarnings, nullptr);
     if (listens)
         port = static_cast<uint16>(lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default")));
     if (listens && !listensEverywhere && isTakenOnAllAddresses(port)) {
@@ -329,9 +343,18 @@ void WebSocketServer::init(uint16 port) {
     }
     m_context = context;
     m_port = port;
-    Servers& servers = Servers::instance();
-    const std::lock_guard lock(servers.mutex);
-    servers.s_contexts.insert(context, this);
+    enter(context, this);
+}
+
+lws_context* WebSocketServer::contextForConnection(bool isSecure) {
+    if (!isSecure || m_useSSL)
+        return m_context;
+    // Only now: it takes long to make, and libwebsockets loses memory wherever there are two such contexts.
+    if (m_secureContext == nullptr) {
+        m_secureContext = makeContext(CONTEXT_PORT_NO_LISTEN, nullptr, true);
+        enter(m_secureContext, this);
+    }
+    return m_secureContext;
 }
 
 WebSocketServer::~WebSocketServer() {
@@ -339,12 +362,14 @@ WebSocketServer::~WebSocketServer() {
         Servers& servers = Servers::instance();
         const std::lock_guard lock(servers.mutex);
         servers.s_contexts.erase(m_context);
+        servers.s_contexts.erase(m_secureContext);
     }
     for (const auto& [handle, socket] : m_clientSockets) {
         socket->connectionEnded();
         socket->m_server = nullptr;
     }
     lws_context_destroy(m_context);
+    lws_context_destroy(m_secureContext);
 }
 
 void WebSocketServer::setListenAddress(const zel::String& address) {
@@ -371,6 +396,8 @@ bool WebSocketServer::service(double /*time*/) {
     do {
         m_hasActivity = false;
         lws_service(m_context, -1); // does not wait
+        if (m_secureContext != nullptr)
+            lws_service(m_secureContext, -1);
     } while (++numRounds < MaxRounds && m_hasActivity);
     m_isInService = false;
     return numRounds > 1;
@@ -403,7 +430,7 @@ WebSocket* WebSocketServer::createConnection(const zel::String& host,
     if (m_isInService)
         ZEL_THROW(NetError, "WebSocketServer::connect");
     lws_client_connect_info info{};
-    info.context = m_context;
+    info.context = contextForConnection(useSSL);
     info.address = host.c_str();
     info.port = port;
     info.ssl_connection = useSSL ? LCCSCF_USE_SSL | LCCSCF_ALLOW_SELFSIGNED : 0;

@@ -6,7 +6,12 @@
 #include <json/value.h>
 #include <support/LogCapture.h>
 #include <support/StreamCapture.h>
+#include <support/TempDirectory.h>
 #include <support/WhatOf.h>
+
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
 
 #include <algorithm>
 #include <cstdlib>
@@ -503,6 +508,82 @@ TEST_F(WebSocketServerTest, OutgoingConnectionsEndAsOthersDo) {
     serveAlso([&] { client->service(0); });
     EXPECT_TRUE(serveUntil([&] { return !isConnected; }));
     EXPECT_TRUE(client->getClientSockets().empty());
+}
+
+// Encryption
+
+/// libwebsockets loses memory where there are two contexts with encryption, and where a start fails.
+class WebSocketServerSecureTest : public WebSocketServerTest {
+protected:
+    void SetUp() override {
+        WebSocketServerTest::SetUp();
+#ifdef __SANITIZE_ADDRESS__
+        __lsan_disable();
+#endif
+        pemFile = directory / "server.pem";
+        const std::string command =
+            "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -keyout " + pemFile +
+            " -out " + pemFile + ".crt 2> /dev/null && cat " + pemFile + ".crt >> " + pemFile;
+        ASSERT_EQ(std::system(command.c_str()), 0); // NOLINT(concurrency-mt-unsafe)
+    }
+    void TearDown() override {
+        ::unsetenv("ZEL_SSL_PEM_FILE"); // NOLINT(concurrency-mt-unsafe)
+#ifdef __SANITIZE_ADDRESS__
+        __lsan_enable();
+#endif
+        WebSocketServerTest::TearDown();
+    }
+    /// Connects while the server is served by another thread.
+    std::string failureOf(WebSocketServer& client, WebSocketServer& server, bool useSSL) {
+        std::atomic<bool> isDone{false};
+        std::thread other([&] {
+            while (!isDone.load(std::memory_order_acquire)) {
+                server.service(0);
+                std::this_thread::yield();
+            }
+        });
+        const std::string failure = whatOf([&] {
+            (void)client.createConnection("localhost", server.getPort(), useSSL, "", Protocol, false);
+        });
+        isDone.store(true, std::memory_order_release);
+        other.join();
+        return failure;
+    }
+
+    zelTest::TempDirectory directory;
+    std::string pemFile;
+};
+
+TEST_F(WebSocketServerSecureTest, EncryptedConnectionsCarryMessages) {
+    ::setenv("ZEL_SSL_PEM_FILE", pemFile.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    std::vector<std::string> atServer;
+    const auto server = makeServer([&](WebSocket* socket) { keepMessages(socket, atServer); });
+    EXPECT_TRUE(server->useSSL());
+    ::unsetenv("ZEL_SSL_PEM_FILE"); // NOLINT(concurrency-mt-unsafe)
+    ref_ptr<WebSocket> socket;
+    const auto client = makeClient([&](WebSocket* connected) { socket = connected; });
+    serveAlso([&] { client->service(0); });
+    EXPECT_FALSE(client->useSSL());
+    ASSERT_EQ(failureOf(*client, *server, true), "no exception");
+    const std::string large(1'000'000, 'x');
+    socket->send(packetOf(large).get());
+    EXPECT_TRUE(serveUntil([&] { return !atServer.empty(); }));
+    EXPECT_TRUE(atServer.front() == large);
+}
+
+TEST_F(WebSocketServerSecureTest, BothEndsMustAgree) {
+    const auto plain = makeServer();
+    ::setenv("ZEL_SSL_PEM_FILE", pemFile.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    const auto secure = makeServer();
+    const auto client = makeClient();
+    EXPECT_EQ(failureOf(*client, *plain, true), "WebSocketServer::connect");
+    EXPECT_EQ(failureOf(*client, *secure, false), "WebSocketServer::connect");
+}
+
+TEST_F(WebSocketServerSecureTest, AFileThatIsNoneThrows) {
+    ::setenv("ZEL_SSL_PEM_FILE", "no/such/file", 1); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_THAT(whatOf([&] { WebSocketServer server(AnyPort, {}, {}, Protocol); }),
+                testing::StartsWith("libwebsocket init failed: "));
 }
 
 TEST_F(WebSocketServerTest, ThreadsMaySendWhileAnotherServes) {
