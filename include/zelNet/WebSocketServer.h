@@ -152,7 +152,7 @@ private:
     zel::size_t m_maxQueuedBytes = DefaultMaxQueuedBytes;
     zel::size_t m_maxUnauthenticated = MaxConnections;
     lws_context* m_secureContext = nullptr; // of encrypted outgoing connections, from the first one on
-    mutable std::recursive_mutex m_mutex;
+    mutable std::recursive_mutex m_mutex; // no rank: the program's callbacks run under it, and take any lock
 };
 
 } // namespace zelNet
