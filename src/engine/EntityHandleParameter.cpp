@@ -33,8 +33,10 @@ std::atomic<Model*> s_instanceModel{nullptr};
 const XmlLoaderRegistrator s_ptrLoader("Parameter.EntityPtr", &EntityPtrParameter::load);
 const XmlLoaderRegistrator s_instanceLoader("Parameter.EntityInstance", &EntityInstanceParameter::load);
 
-/// Handles of generated classes are those of the base class in memory, and have types of their own: "FooPtr"
-/// for the entity "Foo".
+} // namespace
+
+// Handles of generated classes are those of the base class in memory, and have types of their own: "FooPtr"
+// for the entity "Foo".
 bool isHandle(const zelData::Format* format, const zelData::Format* handleFormat, const Name& entity) {
     if (format == handleFormat)
         return true;
@@ -43,8 +45,6 @@ bool isHandle(const zelData::Format* format, const zelData::Format* handleFormat
     return type != nullptr && type->getDefaultFormat() == format &&
            format->getSize() == handleFormat->getSize() && type->getName().str() == entity.str() + suffix;
 }
-
-} // namespace
 
 zelData::EntityModel* loadParameterEntity(TiXmlElement* element) {
     const char* type = element->Attribute("type");

@@ -5,10 +5,12 @@
 namespace zelData {
 class EntityModel;
 class EntityStorage;
+class Format;
 } // namespace zelData
 
 namespace zel {
 
+class Name;
 class Parameter;
 
 // What the parameters share that are bound to entities.
@@ -21,5 +23,10 @@ zelData::EntityModel* loadParameterEntity(TiXmlElement* element);
 void verifyParameterEntity(const Parameter& parameter,
                            const zelData::EntityModel* entityModel,
                            const zelData::EntityStorage* storage);
+
+/// Whether the format is that of handles of the entity.
+/// @param handleFormat  of its kind of handles: EntityPtr or EntityInstance
+[[nodiscard]] bool
+isHandle(const zelData::Format* format, const zelData::Format* handleFormat, const Name& entity);
 
 } // namespace zel

@@ -28,7 +28,17 @@ TaskPlugin* findPlugin(const Path& path) {
     return position == TaskManager::pluginTable().end() ? nullptr : position->value;
 }
 
+thread_local bool t_searchPathsOnly = false;
+
 } // namespace
+
+SearchPathsOnly::SearchPathsOnly() noexcept : m_outer(t_searchPathsOnly) {
+    t_searchPathsOnly = true;
+}
+
+SearchPathsOnly::~SearchPathsOnly() {
+    t_searchPathsOnly = m_outer;
+}
 
 String findPluginLibrary(const Path& path) {
     String file;
@@ -44,6 +54,10 @@ TaskPlugin* loadPlugin(const Path& path, String& failure) {
     if (TaskPlugin* const plugin = findPlugin(path))
         return plugin;
     String file = findPluginLibrary(path);
+    if (file.empty() && t_searchPathsOnly) {
+        failure = "Could not find plugin '" + path.str() + "' in the search paths";
+        return nullptr;
+    }
     if (file.empty())
         file =
             TaskManager::getPluginPath(path); // where the system looks for libraries, if it is there at all

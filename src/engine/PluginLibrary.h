@@ -22,6 +22,18 @@ class TaskPluginImplementation;
 /// @return null if there is none
 [[nodiscard]] TaskPlugin* loadPlugin(const Path& path, String& failure);
 
+/// While it lives, this thread loads no plug-in that is not in a search path: for names that others send.
+class SearchPathsOnly {
+public:
+    SearchPathsOnly() noexcept;
+    SearchPathsOnly(const SearchPathsOnly&) = delete;
+    SearchPathsOnly& operator=(const SearchPathsOnly&) = delete;
+    ~SearchPathsOnly();
+
+private:
+    bool m_outer;
+};
+
 /// Whether the plug-in of a path is loaded, or its library is there.
 [[nodiscard]] bool hasPlugin(const Path& path);
 
