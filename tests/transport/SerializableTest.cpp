@@ -1,5 +1,6 @@
 #include "ArchiveFixture.h"
 
+#include <zel/Component.h>
 #include <zel/Thread.h>
 #include <zelStream/StorageStream.h>
 
@@ -17,6 +18,37 @@ using zelStream::Serializable;
 using zelTest::ArchiveBytes;
 using zelTest::Opened;
 using zelTest::uuidOf;
+
+namespace fleet {
+
+namespace {
+
+/// Counted through another base already: it stores itself through a member.
+class Beacon : public zel::Component {
+public:
+    class State : public Serializable {
+    public:
+        void store(OutputArchive& archive) const override {
+            archive.write(range);
+            archive.write(keeper.get());
+        }
+        void restore(InputArchive& archive) override {
+            archive.read(range);
+            archive.read(keeper);
+        }
+
+        double range = 0;
+        ref_ptr<Vehicle> keeper;
+    };
+
+    using Component::Component;
+
+    State state;
+};
+
+} // namespace
+
+} // namespace fleet
 
 namespace {
 
@@ -193,6 +225,39 @@ TEST_F(SerializableTest, LightDataIsBroughtBack) {
     vehicle.restoreLightData(stream);
     EXPECT_EQ(vehicle.fuel, 40);
     EXPECT_EQ(vehicle.name, "b");
+}
+
+TEST_F(SerializableTest, AnObjectOfAnotherBaseStoresItselfThroughAMember) {
+    const ref_ptr<fleet::Beacon> beacon(new fleet::Beacon("north"));
+    const ref_ptr<fleet::Beacon> other(new fleet::Beacon("south"));
+    beacon->state.range = 12.5;
+    beacon->state.keeper = new Vehicle("tender");
+    other->state.keeper = beacon->state.keeper;
+    const std::string bytes = archiveOf([&](OutputArchive& archive) {
+        archive.write(beacon->state);
+        archive.write(other->state);
+        archive.write(zel::int32{7});
+    });
+
+    const ref_ptr<fleet::Beacon> first(new fleet::Beacon("first"));
+    ref_ptr<fleet::Beacon> second(new fleet::Beacon("second"));
+    zel::int32 behind = 0;
+    {
+        Opened archive(bytes);
+        EXPECT_TRUE(archive->read(first->state));
+        EXPECT_TRUE(archive->read(second->state));
+        archive->read(behind);
+        EXPECT_EQ(second->state.referenceCount(), 0); // the archive holds no member of somebody else
+    }
+    EXPECT_EQ(behind, 7);
+    EXPECT_EQ(first->state.range, 12.5);
+    EXPECT_EQ(first->state.getUuid(), beacon->state.getUuid());
+    ASSERT_NE(first->state.keeper, nullptr);
+    EXPECT_EQ(first->state.keeper->name, "tender");
+    EXPECT_EQ(first->state.keeper.get(), second->state.keeper.get());
+    EXPECT_EQ(first->state.getArchive(), nullptr);
+    second = nullptr;
+    EXPECT_EQ(first->state.keeper->referenceCount(), 1);
 }
 
 } // namespace
