@@ -241,6 +241,10 @@ Stream::parseParameter(Object* context, const Json::Value& eParameter, const zel
     const Json::Value& eModel = eParameter["model"];
     zelVerifyThrow(eModel.isString());
     const String modelName = eModel.asString();
+    // Models of classes are made when they are first asked for.
+    const Model* const pointerModel = Pointer::ClassModel();
+    const Model* const bufferModel = zelData::Buffer::ClassModel();
+    const Model* const valueModel = zelData::Value::ClassModel();
     const SearchPathsOnly scope;
     const Model* const model = isPlainPath(modelName) ? Model::getModel(modelName) : nullptr;
     zelVerifyThrowN(model, "Unknown model '%s'", printable(modelName).c_str());
@@ -249,14 +253,14 @@ Stream::parseParameter(Object* context, const Json::Value& eParameter, const zel
         zelVerifyThrow(eBind.isString());
         Object* const binding = Object::getResource(context, Path(eBind.asString()), nullptr);
         zelVerifyThrow(binding);
-        if (model->is(Pointer::ClassModel()))
+        if (model->is(pointerModel))
             return new Pointer(parseName(eParameter), binding);
         zelVerifyThrow(binding->getModel() == model);
         return binding;
     }
-    if (model->is(zelData::Buffer::ClassModel()))
+    if (model->is(bufferModel))
         return ref_ptr<Object>(parseBuffer(context, eParameter, payload).get());
-    if (model->is(zelData::Value::ClassModel()))
+    if (model->is(valueModel))
         return ref_ptr<Object>(parseValue(context, eParameter, payload).get());
     zelVerifyThrowN(false, "Unknown model '%s'", printable(modelName).c_str());
     return nullptr;
