@@ -3,6 +3,7 @@
 #include <zel/Task.h>
 
 #include <json/writer.h>
+#include <support/LogCapture.h>
 #include <support/Stress.h>
 
 #include <random>
@@ -162,6 +163,16 @@ TEST_F(StreamMaliciousTest, NamesLeadNowhereElse) {
     EXPECT_THAT(valueFailure("'type': 'Real', 'value': 'Math.Mul(a..b(1), 2)'"),
                 HasSubstr("is no name of a function"));
     EXPECT_THAT(valueFailure("'type': 'Real', 'value': 'No.Such(1)'"), HasSubstr("can not be called"));
+}
+
+TEST_F(StreamMaliciousTest, NothingIsLookedUpOnTheLibraryPathOfTheSystem) {
+    const zelTest::LogCapture log;
+    Json::Value header = call();
+    header["implementation"] = "m";
+    EXPECT_THAT(callFailure(header), failed("m_task"));
+    EXPECT_THAT(log.text(), HasSubstr("Could not find plugin 'm' in the search paths"));
+    EXPECT_THAT(valueFailure("'type': 'Real', 'value': 'z(1)'"), HasSubstr("can not be called"));
+    EXPECT_THAT(log.text(), HasSubstr("Could not find plugin 'z' in the search paths"));
 }
 
 TEST_F(StreamMaliciousTest, ClientBytesArePrintedWithoutControls) {
