@@ -42,7 +42,7 @@ public:
     SocketEvent SocketConnect;
     SocketEvent SocketDisconnect;
 
-    /// @param port, range  see WebSocketServer
+    /// The port and the range as those of WebSocketServer.
     /// @param token  empty: everybody is trusted who can connect
     ControlChannel(zel::uint16 port, const zel::String& token);
     ControlChannel(PortRange* range, const zel::String& token);
