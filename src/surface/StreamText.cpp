@@ -2,6 +2,7 @@
 
 #include "data/FormatLookup.h"
 #include "data/ValueLiteral.h"
+#include "transport/Envelope.h"
 
 #include <zel/VerifyThrow.h>
 #include <zelData/Format.h>
@@ -45,14 +46,7 @@ void verifyBool(std::string_view text) {
 } // namespace
 
 String printable(std::string_view text) {
-    constexpr std::size_t limit = 200;
-    std::string shown(text.substr(0, limit));
-    std::replace_if(
-        shown.begin(),
-        shown.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; },
-        '.');
-    return shown + (text.size() > limit ? "..." : "");
+    return zelNet::printable(text, 200);
 }
 
 bool isPlainPath(std::string_view text) {

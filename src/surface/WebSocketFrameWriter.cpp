@@ -1,3 +1,5 @@
+#include "transport/Envelope.h"
+
 #include <zel/String.h>
 #include <zelNet/WebSocketFrameWriter.h>
 
@@ -65,13 +67,10 @@ void WebSocketFrameWriter::clientDisconnectedCallback(WebSocket* socket) {
 void WebSocketFrameWriter::messageReceivedCallback(WebSocket* /*socket*/,
                                                    zel::uint8* data,
                                                    zel::size_t size) {
-    std::string text(reinterpret_cast<const char*>(data), size);
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '.');
     std::cout << "zelJournal::WebSocketFrameWriter: The writer got a incoming message of size " << size
               << ". The writer is not supposed to receive any messages. Ignoring.\n"
               << "Printing the message as a string.\n"
-              << text << "\nEnd of message." << std::endl;
+              << printable({reinterpret_cast<const char*>(data), size}) << "\nEnd of message." << std::endl;
 }
 
 } // namespace zelNet

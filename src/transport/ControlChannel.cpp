@@ -1,3 +1,5 @@
+#include "Envelope.h"
+
 #include <zel/Log.h>
 #include <zel/VerifyThrow.h>
 #include <zelNet/ControlChannel.h>
@@ -23,13 +25,6 @@ namespace {
 /// Whether the texts are equal, in a time that does not tell how much of them is.
 bool isSameToken(const std::string& received, const zel::String& token) {
     return received.size() == token.size() && mem_neq(received.data(), token.data(), token.size()) == 0;
-}
-
-/// Text from a client, for a terminal.
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '.');
-    return text;
 }
 
 bool isAnswer(const StructuredMessage& message) {

@@ -5,12 +5,20 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace zelNet {
 
 std::string writeJsonLine(const Json::Value& json) {
     return Json::FastWriter().write(json);
+}
+
+std::string printable(std::string_view text, zel::size_t limit) {
+    std::string shown(text.substr(0, limit));
+    std::replace_if(
+        shown.begin(), shown.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '.');
+    return text.size() > limit ? shown + "..." : shown;
 }
 
 namespace {

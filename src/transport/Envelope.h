@@ -24,6 +24,10 @@ namespace zelNet {
     return (numBytes + 31) / 32 * 32;
 }
 
+/// Text of a peer, for a terminal or a log: without control characters.
+/// @param limit  what is longer is cut, and ends in "..."
+[[nodiscard]] std::string printable(std::string_view text, zel::size_t limit = std::string_view::npos);
+
 /// A payload that refers to bytes of somebody else.
 [[nodiscard]] zelData::BinaryData* viewOf(const zel::uint8* bytes, zel::size_t size);
 

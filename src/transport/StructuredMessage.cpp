@@ -20,7 +20,7 @@ static_assert(std::endian::native == std::endian::little, "the numbers of an env
 namespace {
 
 /// The text as a log may show it: "0" for each NUL, "." for other bytes that control terminals.
-zel::String printable(std::string_view bytes) {
+zel::String shownInLog(std::string_view bytes) {
     zel::String text(bytes);
     for (char& c : text)
         if (c == '\0')
@@ -71,7 +71,7 @@ StructuredMessage* StructuredMessage::parse(const uint8* data, zel::size_t size,
                                       "message size: %u. Printable data: %s",
                                       preHeader.uriSize,
                                       static_cast<uint32>(texts.size()),
-                                      printable(texts).c_str()));
+                                      shownInLog(texts).c_str()));
 
     zel::ref_ptr<StructuredMessage> message(
         new StructuredMessage(zel::String(texts.substr(0, preHeader.uriSize))));
@@ -81,7 +81,7 @@ StructuredMessage* StructuredMessage::parse(const uint8* data, zel::size_t size,
         ZEL_THROW(
             NetError,
             zel::String::format("Structured message has invalid pre-header! URI: %s, message size: %uKB",
-                                printable(message->getUri()).c_str(),
+                                shownInLog(message->getUri()).c_str(),
                                 static_cast<uint32>(size >> 10)));
 
     Json::Value& header = message->getHeader();
