@@ -16,7 +16,7 @@ struct lws;
 
 namespace zelData {
 class Frame;
-}
+} // namespace zelData
 
 namespace zelNet {
 

@@ -75,8 +75,8 @@ WebSocket::Packet* packetOf(const StructuredMessage& message) {
         new WebSocket::Packet(size, WebSocket::Packet::ContentType::Binary));
     uint8* const bytes = packet->getPayload();
     numbers.write(bytes);
-    std::memcpy(bytes + sizeof(PreHeader), uri.data(), uri.size());
-    std::memcpy(bytes + sizeof(PreHeader) + uri.size(), json.data(), json.size());
+    uint8* const behindUri = std::copy(uri.begin(), uri.end(), bytes + sizeof(PreHeader));
+    std::copy(json.begin(), json.end(), behindUri);
     if (payloadSize != 0) {
         std::memset(bytes + textsEnd, 0, payloadOffset - textsEnd);
         std::memcpy(bytes + payloadOffset, payload->getData(), payloadSize);

@@ -291,7 +291,7 @@ void WebSocketServer::initProtocols() {
     lws_protocols& first = m_protocols.get()[0];
     first.name = protocolName;
     first.callback = SocketEventHandler::socket_event_callback;
-    first.per_session_data_size = sizeof(WebSocket*);
+    first.per_session_data_size = sizeof(void*); // a WebSocket*
     first.rx_buffer_size = ReceiveBufferSize;
 }
 
