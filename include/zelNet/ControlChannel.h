@@ -53,6 +53,7 @@ public:
     /// Inserts or replaces; null takes the handler away. A call that is under way ends as it began.
     void registerMessageHandler(const zel::String& uri, MessageHandler handler);
     [[nodiscard]] zel::uint16 getPort() const noexcept { return m_server->getPort(); }
+    /// Keep it no longer than the channel: it tells the channel of its clients.
     [[nodiscard]] WebSocketServer* getServer() const noexcept { return m_server.get(); }
     [[nodiscard]] const zel::Vector<zel::ref_ptr<WebSocket>>& getClients() const noexcept {
         return m_clients;

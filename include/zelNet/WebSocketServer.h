@@ -130,6 +130,7 @@ private:
         void operator()(void* memory) const noexcept { std::free(memory); }
     };
 
+    WebSocketServer(SocketCallback onConnect, SocketCallback onDisconnect, const zel::String& protocolName);
     void init(zel::uint16 port);
     [[nodiscard]] lws_context* makeContext(int port, const char* address, bool isSecure);
     [[nodiscard]] lws_context* contextForConnection(bool isSecure);

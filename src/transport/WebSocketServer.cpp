@@ -204,9 +204,17 @@ private:
         case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
             return mayConnect(handle, server->m_protocolName) && server->hasRoom() ? 0 : 1;
         case LWS_CALLBACK_ESTABLISHED:
-        case LWS_CALLBACK_CLIENT_ESTABLISHED:
-            *session = server->acceptNewClient(handle);
+        case LWS_CALLBACK_CLIENT_ESTABLISHED: {
+            // The socket is there also where the callback that is told of it throws.
+            struct Store {
+                ~Store() { *session = server->getWebSocket(handle); }
+                WebSocket** session;
+                WebSocketServer* server;
+                lws* handle;
+            } store{session, server, handle};
+            server->acceptNewClient(handle);
             break;
+        }
         case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
             std::cout << "WebSocket connection error!" << std::endl;
             break;
@@ -246,13 +254,18 @@ private:
 
 // Starting
 
-WebSocketServer::WebSocketServer(uint16 port,
-                                 SocketCallback onConnect,
+WebSocketServer::WebSocketServer(SocketCallback onConnect,
                                  SocketCallback onDisconnect,
                                  const zel::String& protocolName)
     : m_onConnect(std::move(onConnect))
     , m_onDisconnect(std::move(onDisconnect))
-    , m_protocolName(protocolName) {
+    , m_protocolName(protocolName) {}
+
+WebSocketServer::WebSocketServer(uint16 port,
+                                 SocketCallback onConnect,
+                                 SocketCallback onDisconnect,
+                                 const zel::String& protocolName)
+    : WebSocketServer(std::move(onConnect), std::move(onDisconnect), protocolName) {
     init(port);
 }
 
@@ -260,23 +273,28 @@ WebSocketServer::WebSocketServer(PortRange* range,
                                  SocketCallback onConnect,
                                  SocketCallback onDisconnect,
                                  const zel::String& protocolName)
-    : m_onConnect(std::move(onConnect))
-    , m_onDisconnect(std::move(onDisconnect))
-    , m_protocolName(protocolName) {
-    s_allow_server_init_print = false;
+    : WebSocketServer(std::move(onConnect), std::move(onDisconnect), protocolName) {
+    struct Silence {
+        Silence() { s_allow_server_init_print = false; }
+        Silence(const Silence&) = delete;
+        Silence& operator=(const Silence&) = delete;
+        ~Silence() { s_allow_server_init_print = true; }
+    };
     bool success = false;
-    while (!success) {
-        const auto port = static_cast<uint16>(range->getPort());
-        if (port == NoListen)
-            break;
-        try {
-            init(port);
-            success = true;
-        } catch (const NetError&) {
-            continue; // the next port may be free
+    {
+        const Silence silence;
+        while (!success) {
+            const auto port = static_cast<uint16>(range->getPort());
+            if (port == NoListen)
+                break;
+            try {
+                init(port);
+                success = true;
+            } catch (const NetError&) {
+                continue; // the next port may be free
+            }
         }
     }
-    s_allow_server_init_print = true;
     zelVerifyN(success,
                "Unable to start websocket server with port range %u:%u",
                static_cast<unsigned>(range->getStartPort()),

@@ -455,15 +455,10 @@ TEST_F(ControlChannelTest, TwoChannelsTalkToEachOther) {
             answers.push_back(message->getUri() + " " + std::to_string(message->getResponseId()));
         });
     serveAlso([&] { other->service(0); });
-    std::atomic<bool> isDone{false};
-    std::thread server([&] {
-        while (!isDone.load(std::memory_order_acquire))
-            channel->service(0);
+    WebSocket* socket = nullptr;
+    whileServed(*channel, [&] {
+        socket = other->createConnection("127.0.0.1", channel->getPort(), false, "/", "zel_stream", false);
     });
-    WebSocket* const socket =
-        other->createConnection("127.0.0.1", channel->getPort(), false, "/", "zel_stream", false);
-    isDone.store(true, std::memory_order_release);
-    server.join();
     Json::Value header;
     header["token"] = "secret";
     const StructuredMessage login("authenticate", header, nullptr);
@@ -482,15 +477,10 @@ TEST_F(ControlChannelTest, AConnectionThatItMakesIsTrustedOnlyByTheProgram) {
     serveAlso([&] { client->service(0); });
     ref_ptr<WebSocket> atServer;
     channel->SocketConnect.connect([&](ControlChannel*, WebSocket* socket) { atServer = socket; });
-    std::atomic<bool> isDone{false};
-    std::thread server([&] {
-        while (!isDone.load(std::memory_order_acquire))
-            channel->service(0);
+    WebSocket* socket = nullptr;
+    whileServed(*channel, [&] {
+        socket = client->createConnection("localhost", channel->getPort(), false, "", "zel_stream", false);
     });
-    WebSocket* const socket =
-        client->createConnection("localhost", channel->getPort(), false, "", "zel_stream", false);
-    isDone.store(true, std::memory_order_release);
-    server.join();
     EXPECT_FALSE(socket->isAnonymous()) << "as told";
     const StructuredMessage push("Push");
     std::string refusal;

@@ -5,6 +5,7 @@
 #include <zelCore/zelCore.h>
 #include <zelNet/WebSocketServer.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -39,6 +40,21 @@ protected:
             std::this_thread::yield();
         }
         return true;
+    }
+
+    /// Runs something that waits for a server, which another thread serves meanwhile.
+    template <typename Server, typename Action>
+    static void whileServed(Server& server, const Action& action) {
+        std::atomic<bool> isDone{false};
+        std::thread other([&] {
+            while (!isDone.load(std::memory_order_acquire)) {
+                server.service(0);
+                std::this_thread::yield();
+            }
+        });
+        action();
+        isDone.store(true, std::memory_order_release);
+        other.join();
     }
 
     /// A server on a free port that is served.

@@ -51,18 +51,11 @@ protected:
     }
     /// Connects while the server, which is of this thread too, is served by another one.
     WebSocket* connect(WebSocketServer& client, WebSocketServer& server, bool isAnonymous = false) {
-        std::atomic<bool> isDone{false};
-        std::thread other([&] {
-            while (!isDone.load(std::memory_order_acquire)) {
-                server.service(0);
-                std::this_thread::yield();
-            }
-        });
         WebSocket* socket = nullptr;
-        EXPECT_NO_THROW(socket = client.createConnection(
-                            "127.0.0.1", server.getPort(), false, "", Protocol, isAnonymous));
-        isDone.store(true, std::memory_order_release);
-        other.join();
+        whileServed(server, [&] {
+            EXPECT_NO_THROW(socket = client.createConnection(
+                                "127.0.0.1", server.getPort(), false, "", Protocol, isAnonymous));
+        });
         return socket;
     }
 };
@@ -193,6 +186,18 @@ TEST_F(WebSocketServerTest, ExceptionsOfCallbacksDoNotCrossTheLibrary) {
     EXPECT_THAT(errors.text(),
                 HasSubstr("WebSocket: Got a C++ exception while executing a C callback from libwebsocket. "
                           "Message is 'no room\"."));
+}
+
+TEST_F(WebSocketServerTest, ASocketWhoseConnectCallbackThrowsStillReceives) {
+    std::vector<std::string> messages;
+    const auto server = makeServer([&](WebSocket* socket) {
+        keepMessages(socket, messages);
+        throw std::runtime_error("in the end");
+    });
+    const zelTest::StreamCapture errors(std::cerr);
+    const auto peer = connectTo(server->getPort());
+    EXPECT_TRUE(peer->send(RawWebSocket::frame(RawWebSocket::Text, "hello")));
+    EXPECT_TRUE(serveUntil([&] { return !messages.empty(); }));
 }
 
 // Connections
@@ -535,18 +540,12 @@ protected:
     }
     /// Connects while the server is served by another thread.
     std::string failureOf(WebSocketServer& client, WebSocketServer& server, bool useSSL) {
-        std::atomic<bool> isDone{false};
-        std::thread other([&] {
-            while (!isDone.load(std::memory_order_acquire)) {
-                server.service(0);
-                std::this_thread::yield();
-            }
+        std::string failure;
+        whileServed(server, [&] {
+            failure = whatOf([&] {
+                (void)client.createConnection("localhost", server.getPort(), useSSL, "", Protocol, false);
+            });
         });
-        const std::string failure = whatOf([&] {
-            (void)client.createConnection("localhost", server.getPort(), useSSL, "", Protocol, false);
-        });
-        isDone.store(true, std::memory_order_release);
-        other.join();
         return failure;
     }
 
