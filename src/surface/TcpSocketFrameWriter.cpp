@@ -76,19 +76,17 @@ void TcpSocketFrameWriter::acceptIncommingConnectionRequests() {
 template <typename Send>
 void TcpSocketFrameWriter::sendToEach(const Send& send) {
     std::exception_ptr firstError;
-    const auto fails = [&](const zel::ref_ptr<TCPSocket>& client) {
+    for (const auto& client : m_clients)
         try {
             send(*client);
-            return false;
         } catch (const NetError&) {
             const bool isGivenUp = getTrack() != nullptr && !getTrack()->isRunning();
             if (firstError == nullptr && !isGivenUp)
                 firstError = std::current_exception();
             client->close();
-            return true;
         }
-    };
-    m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(), fails), m_clients.end());
+    const auto hasGone = [](const zel::ref_ptr<TCPSocket>& client) { return !client->isValid(); };
+    m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(), hasGone), m_clients.end());
     if (firstError != nullptr)
         std::rethrow_exception(firstError);
 }

@@ -3,6 +3,8 @@
 #include <zelNet/NetError.h>
 #include <zelNet/TcpSocketFrameReader.h>
 
+#include <support/WhatOf.h>
+
 #include <thread>
 
 using testing::HasSubstr;
@@ -104,6 +106,13 @@ TEST_F(TcpSocketFrameReaderTest, AHeaderThatIsNoJsonClosesTheReader) {
     const auto reader = readerOf(preHeader(5, 32, 0) + "nojsn" + std::string(3, '\xFF'));
     EXPECT_FALSE(reader->isOpen());
     EXPECT_EQ(reader->readFrame(), nullptr);
+}
+
+TEST_F(TcpSocketFrameReaderTest, JsonThatTellsNoFrameThrowsAndTheNextFrameIsRead) {
+    const auto reader = readerOf(preHeader(2, 26, 0) + "[]" + bytesOf(frameOf(2).get()));
+    EXPECT_TRUE(reader->isOpen());
+    EXPECT_EQ(zelTest::whatOf([&] { (void)reader->readFrame(); }), "FramePacket: Invalid header");
+    expectFrame(read(*reader), 2);
 }
 
 TEST_F(TcpSocketFrameReaderTest, AnAnnouncedHeaderAboveTheLimitClosesTheReader) {
