@@ -36,6 +36,14 @@ TEST(TCPServerSocketTest, OpenListens) {
     EXPECT_TRUE(server.blocking) << "what setBlocking was told last";
 }
 
+TEST(TCPServerSocketTest, TellsThePortThatTheSystemHasChosen) {
+    OpenServer server;
+    EXPECT_EQ(server.getPort(), 0) << "not open";
+    server.open(0, false);
+    EXPECT_NE(server.getPort(), 0);
+    EXPECT_EQ(server.getPort(), server.port());
+}
+
 TEST(TCPServerSocketTest, AcceptNeverWaits) {
     OpenServer server;
     server.open(0, false);

@@ -1,6 +1,7 @@
 #include "SocketFixture.h"
 
 #include <support/LogCapture.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <string>
@@ -423,6 +424,36 @@ TEST_F(TCPSocketTest, APeerThatIsGoneDoesNotEndTheProcess) {
                 connection.client.sendBlocking(room.data(), 1); // SIGPIPE, if nobody ignored it
         },
         NetError);
+}
+
+TEST_F(TCPSocketTest, BlockingOperationsAskWhetherTheyMayGoOnWaiting) {
+    Pipe pipe;
+    int numAsked = 0;
+    pipe.socket.setMayWait([&numAsked] { return ++numAsked < 2; });
+    zel::uint8 bytes[5] = {};
+    EXPECT_STREQ(errorOf([&] { pipe.socket.recvBlocking(bytes, sizeof(bytes)); }).what(),
+                 "TCPSocket: nobody waits for the peer any more");
+    EXPECT_EQ(numAsked, 2);
+    pipe.fill();
+    EXPECT_STREQ(errorOf([&] { pipe.socket.sendBlocking(bytes, sizeof(bytes)); }).what(),
+                 "TCPSocket: nobody waits for the peer any more");
+    EXPECT_EQ(numAsked, 3);
+    pipe.give("hello");
+    pipe.socket.recvBlocking(bytes, sizeof(bytes));
+    EXPECT_EQ(numAsked, 3) << "nobody is asked where nothing waits";
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes), sizeof(bytes)), "hello");
+}
+
+TEST_F(TCPSocketTest, SendBlockingSendsMorePiecesThanTheSystemTakesAtOnce) {
+    Pipe pipe;
+    std::string expected;
+    for (int i = 0; i < 3000; ++i)
+        expected += static_cast<char>('a' + i % 26);
+    std::vector<iovec> pieces;
+    for (char& c : expected)
+        pieces.push_back({&c, 1});
+    pipe.socket.sendBlocking(pieces.data(), pieces.size());
+    EXPECT_EQ(pipe.takeAll(), expected);
 }
 
 } // namespace
