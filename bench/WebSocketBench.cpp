@@ -19,6 +19,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -334,7 +335,7 @@ void broadcast(benchmark::State& state, int port, const std::function<void()>& s
                 if (left[i] == 0)
                     continue;
                 left[i] -= clients[i]->receiveSome(block.data(), std::min(left[i], block.size()));
-                numLeft -= left[i] == 0 ? 1 : 0;
+                numLeft -= left[i] == 0 ? 1U : 0U;
             }
     }
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(numReaders * BlockSize));
