@@ -9,7 +9,7 @@ install(TARGETS zelCorePackage EXPORT zelCoreTargets
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
 # The sources of plug-ins stay at home, those of the entities' classes are used by programs.
 install(DIRECTORY Components/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h"
-        PATTERN "Math" EXCLUDE)
+        PATTERN "Math" EXCLUDE PATTERN "WebDebugger" EXCLUDE)
 install(DIRECTORY Components/ DESTINATION ${ZEL_INSTALL_DATADIR}/Components
         PATTERN "*.h" EXCLUDE PATTERN "*.cpp" EXCLUDE PATTERN "Math" EXCLUDE)
 # One file that needs no library: to be copied, or to stand in PYTHONPATH.
