@@ -11,6 +11,7 @@
 #include <zel/Model.h>
 #include <zel/TaskGroup.h>
 #include <zel/Thread.h>
+#include <zel/TreeGate.h>
 #include <zel/Verify.h>
 
 #include <algorithm>
@@ -222,6 +223,7 @@ void Clock::reset() {
 void Clock::tick(bool) {
     if (!isEnabled() && !m_isForced)
         return;
+    const TreeChange change;
     const Keep keep(*this);
     zelVerifyNAs(
         !m_isTicking, "!m_isTicking", "%s: A clock can not tick within its own tick", getPath().c_str());

@@ -7,6 +7,7 @@
 #include <zel/HashTable.h>
 #include <zel/Model.h>
 #include <zel/Object.h>
+#include <zel/TreeGate.h>
 #include <zel/Vector.h>
 #include <zel/Verify.h>
 #include <zel/XmlLoader.h>
@@ -297,6 +298,7 @@ public:
 } // namespace
 
 Object* Object::load(TiXmlElement* element, Device* device) {
+    const TreeChange change;
     const LoadScope scope;
     const String tag(element->ValueStr());
     if (tag == "Object")
