@@ -19,8 +19,9 @@ namespace zel {
 ///     system->addObject(rover);
 ///
 /// Waits for the looks that are under way, unless this thread or another one is changing the tree already: a
-/// tick waits for its tasks on other threads, which may change the tree as well.
-/// @threads any thread; not one that looks, which is verified
+/// tick waits for its tasks on other threads, which may change the tree as well. On a thread that looks, or
+/// that loads models, it does nothing: models have a lock of their own.
+/// @threads any thread. Taken ahead of all locks
 class ZEL_CORE_API TreeChange {
 public:
     TreeChange();
@@ -28,11 +29,17 @@ public:
     TreeChange& operator=(const TreeChange&) = delete;
     /// On the thread of the constructor.
     ~TreeChange();
+
+    /// Whether the calling thread is within a change, as within a tick.
+    [[nodiscard]] static bool isUnderWay() noexcept;
+
+private:
+    bool m_hasEntered;
 };
 
 /// While it lives, nobody changes the tree, unless it is the thread itself that did so already. Not to be
 /// held while one waits for something else, such as a client: the simulation waits.
-/// @threads any thread
+/// @threads any thread. Taken ahead of all locks
 class ZEL_CORE_API TreeLook {
 public:
     /// @param patience  for how many seconds a change may go on until this look gives up
@@ -42,6 +49,9 @@ public:
     TreeLook& operator=(const TreeLook&) = delete;
     /// On the thread of the constructor.
     ~TreeLook();
+
+private:
+    bool m_hasEntered;
 };
 
 } // namespace zel

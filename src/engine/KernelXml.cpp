@@ -9,6 +9,7 @@
 #include <zel/Model.h>
 #include <zel/Namespace.h>
 #include <zel/TaskManager.h>
+#include <zel/TreeGate.h>
 #include <zel/Verify.h>
 #include <zel/XmlLoader.h>
 #include <zel/ref_ptr.h>
@@ -76,6 +77,7 @@ Task* Kernel::load(TiXmlElement* element, Device* device) {
                 element, String::format("When loading '%s': Unknown device type \"%s\"", path.c_str(), name));
         device = CpuDevice::instance();
     }
+    const TreeChange change;
     const std::lock_guard lock(TaskManager::getMutex());
     // The kernel of a path without a library would be looked for in this very element.
     ref_ptr<Task> task;
@@ -92,6 +94,7 @@ Task* Kernel::load(TiXmlElement* element, Device* device) {
 
 Task* CpuKernel::load(TiXmlElement* element, Device* device) {
     static bool loading = false; // guarded by TaskManager's mutex
+    const TreeChange change;
     const std::lock_guard lock(TaskManager::getMutex());
     const Path path = pathOf(element);
     zelVerifyN(!loading, "Load loop detected for kernel '%s'", path.c_str());

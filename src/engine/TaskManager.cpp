@@ -13,6 +13,7 @@
 #include <zel/ServicePointer.h>
 #include <zel/TaskManager.h>
 #include <zel/TaskPlugin.h>
+#include <zel/TreeGate.h>
 #include <zel/UnresolvedTask.h>
 #include <zel/Verify.h>
 #include <zel/XmlLoader.h>
@@ -231,6 +232,7 @@ Task* createFromPlugin(const Request& request, TaskPlugin& plugin, const Descrip
 }
 
 Task* createTask(Request request) {
+    const TreeChange change; // ahead of the lock, as always
     const std::lock_guard lock(TaskManager::getMutex());
     UnresolvedTask::deleteAllConfiguredProxies();
     static_cast<void>(Task::ClassModel());

@@ -8,6 +8,7 @@
 #include <zel/Model.h>
 #include <zel/ScalarParameter.h>
 #include <zel/TaskManager.h>
+#include <zel/TreeGate.h>
 #include <zel/UnresolvedParameter.h>
 #include <zel/UnresolvedTask.h>
 #include <zel/Verify.h>
@@ -111,6 +112,7 @@ void UnresolvedTask::swapDevice() {
 }
 
 void UnresolvedTask::tryPlugin() {
+    const TreeChange change;
     const std::lock_guard lock(TaskManager::getMutex());
     for (Path prefix = m_proxyPath; !m_instance; prefix = prefix.base()) {
         const Path path = prefix + m_implementationName;

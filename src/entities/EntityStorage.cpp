@@ -1,6 +1,7 @@
 #include "EntityStorageImplementation.h"
 #include "EntityText.h"
 #include "EntityXml.h"
+#include "tree/GateExemption.h"
 
 #include <zel/Exception.h>
 #include <zel/Model.h>
@@ -152,6 +153,7 @@ void EntityStorage::createValues(zel::uint64 size, zel::uint64 capacity) {
 void EntityStorage::init(zel::uint64 capacity) {
     // Storages of one model may be made by many threads.
     const std::lock_guard lock(zel::getTypeSystemMutex());
+    const zel::GateExemption exemption; // its functions may be looked for
     const CreatingStorage creating(m_entity.get());
     // A callback may hold the storage for a while, which has no owner yet.
     reference();

@@ -231,14 +231,19 @@ void Notify::setNotifyLevel(std::ostream* stream, NotifyLevel level) {
 }
 
 void Notify::addCallback(NotifyCallback* callback, NotifyLevel level) {
-    m_callbacks.insert(callback, level);
+    const ref_ptr<NotifyCallback> added(callback);
+    const std::lock_guard lock(m_mutex);
+    m_callbacks.insert(added, level);
 }
 
 void Notify::removeCallback(NotifyCallback* callback) {
-    m_callbacks.erase(callback);
+    const ref_ptr<NotifyCallback> removed(callback); // destroyed without the lock
+    const std::lock_guard lock(m_mutex);
+    m_callbacks.erase(removed);
 }
 
 void Notify::setNotifyLevel(NotifyCallback* callback, NotifyLevel level) {
+    const std::lock_guard lock(m_mutex);
     const auto position = m_callbacks.find(callback);
     if (position != m_callbacks.end())
         position->value = level;

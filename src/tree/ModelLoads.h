@@ -1,5 +1,7 @@
 #pragma once
 
+#include "GateExemption.h"
+
 #include <zel/Model.h>
 #include <zel/String.h>
 
@@ -27,6 +29,7 @@ public:
 private:
     static void takeBack(size_t count) noexcept;
 
+    GateExemption m_exemption;
     size_t m_begin;
     bool m_isKept = false;
 };

@@ -1,7 +1,8 @@
+#include "GateExemption.h"
+
 #include <zel/Integers.h>
 #include <zel/LockRank.h>
 #include <zel/TreeGate.h>
-#include <zel/Verify.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -83,6 +84,7 @@ TreeGate& treeGate() {
 
 thread_local size_t t_numChanges = 0;
 thread_local size_t t_numLooks = 0;
+thread_local size_t t_numExemptions = 0;
 
 void enterRank() {
 #ifdef ZEL_CHECK_LOCK_RANKS
@@ -98,12 +100,16 @@ void leaveRank() noexcept {
 
 } // namespace
 
-TreeChange::TreeChange() {
-    if (t_numChanges == 0) {
-        zelVerifyNAs(t_numLooks == 0,
-                     "t_numLooks == 0",
-                     "%s",
-                     "A thread that looks at the tree of objects can not change it");
+GateExemption::GateExemption() noexcept {
+    ++t_numExemptions;
+}
+
+GateExemption::~GateExemption() {
+    --t_numExemptions;
+}
+
+TreeChange::TreeChange() : m_hasEntered(t_numChanges == 0 && t_numLooks == 0 && t_numExemptions == 0) {
+    if (m_hasEntered) {
         enterRank();
         treeGate().enterChange();
     }
@@ -111,14 +117,19 @@ TreeChange::TreeChange() {
 }
 
 TreeChange::~TreeChange() {
-    if (--t_numChanges != 0)
-        return;
-    treeGate().leaveChange();
-    leaveRank();
+    --t_numChanges;
+    if (m_hasEntered) {
+        treeGate().leaveChange();
+        leaveRank();
+    }
 }
 
-TreeLook::TreeLook(double patience) {
-    if (t_numChanges == 0 && t_numLooks == 0) {
+bool TreeChange::isUnderWay() noexcept {
+    return t_numChanges != 0;
+}
+
+TreeLook::TreeLook(double patience) : m_hasEntered(t_numChanges == 0 && t_numLooks == 0) {
+    if (m_hasEntered) {
         enterRank();
         if (!treeGate().enterLook(patience)) {
             leaveRank();
@@ -129,10 +140,11 @@ TreeLook::TreeLook(double patience) {
 }
 
 TreeLook::~TreeLook() {
-    if (--t_numLooks != 0 || t_numChanges != 0)
-        return;
-    treeGate().leaveLook();
-    leaveRank();
+    --t_numLooks;
+    if (m_hasEntered) {
+        treeGate().leaveLook();
+        leaveRank();
+    }
 }
 
 } // namespace zel
