@@ -120,8 +120,8 @@ protected:
     }
 
     zel::ref_ptr<zel::Component> top;
-    zelData::Value* a = nullptr; // in the tree, as the next
-    zelData::Value* result = nullptr;
+    zelData::ValueT<double>* a = nullptr; // in the tree, as the next
+    zelData::ValueT<double>* result = nullptr;
     zel::ref_ptr<zelData::Buffer> numbers;
     zel::ref_ptr<zelData::EntityModel> model;
     zel::ref_ptr<zelData::EntityStorage> storage;

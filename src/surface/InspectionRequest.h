@@ -1,0 +1,48 @@
+#pragma once
+
+#include <zel/Integers.h>
+#include <zel/String.h>
+#include <zel/ref_ptr.h>
+#include <zelData/BinaryData.h>
+#include <zelNet/WebSocket.h>
+
+#include <json/value.h>
+
+namespace zelNet {
+
+/// A request to an inspection service, and what is answered.
+class InspectionRequest {
+public:
+    InspectionRequest(WebSocket* sender, const StructuredMessage& request);
+
+    // Members of the header. They throw std::runtime_error for one of the wrong kind, which names it.
+
+    [[nodiscard]] zel::String text(const char* member) const;
+    [[nodiscard]] zel::uint64 wholeNumber(const char* member, zel::uint64 otherwise, zel::uint64 max) const;
+    /// Required, and finite.
+    [[nodiscard]] double number(const char* member) const;
+    /// Required.
+    [[nodiscard]] zel::uint64 wholeNumber(const char* member, zel::uint64 max) const;
+    /// Required, of texts.
+    [[nodiscard]] zel::Vector<zel::String> texts(const char* member, zel::size_t maxCount) const;
+    [[nodiscard]] const Json::Value& member(const char* name) const;
+
+    WebSocket* const socket;
+    const StructuredMessage& message;
+    Json::Value response;
+    zel::ref_ptr<zelData::BinaryData> payload;
+
+private:
+    Json::Value m_header; // an object
+};
+
+/// Texts in answers are cut at this size.
+constexpr zel::size_t MaxInspectionText = 4096;
+
+/// The text, not longer than that; never cut within a character.
+[[nodiscard]] zel::String cutText(zel::String text);
+
+/// A message that answers nothing.
+void push(WebSocket* socket, const char* uri, const Json::Value& header, zelData::BinaryData* payload);
+
+} // namespace zelNet
