@@ -35,6 +35,16 @@ const std::vector<Command>& commands() {
           {"--clock", "PATH", "The clock that is ticked; without it the first one of the model."},
           {"--threads", "N", "Runs on N threads; 0, as without it, means one for each processor."},
           {"--record", "FILE", "Records the run in a new journal."},
+          {"--control",
+           "PORT",
+           "Lets browsers of this machine look into the run, through the port; 0 for any. Prints the address "
+           "of the "
+           "page."},
+          {"--token",
+           "TEXT",
+           "What the page must know, in place of a random token; it stands in the address."},
+          {"--open", nullptr, "Lets each program of this machine look, without a token."},
+          {"--writable", nullptr, "Lets the page set values and drive clocks."},
           {"--path", "DIRECTORY", "Looks there for models, plug-ins and data, too. May be given again."},
           {"--set",
            "PATH=VALUE",

@@ -1,4 +1,5 @@
 #include "Command.h"
+#include "Control.h"
 #include "Model.h"
 
 #include <zel/Clock.h>
@@ -18,6 +19,7 @@
 #include <chrono>
 #include <iostream>
 #include <limits>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
@@ -127,7 +129,22 @@ zel::ref_ptr<zelData::Recorder> record(zel::Clock& clock, const std::string& fil
     return zelData::Recorder::record(&clock, file, model);
 }
 
-void tickThrough(zel::Clock& clock, const Arguments& arguments) {
+/// One tick of the clock, and what clients of the control ask for: ticks as well, while the clock is halted.
+/// @return by how many frames the clock has gone on
+unsigned long advance(zel::Clock& clock, std::optional<Control>& control) {
+    const std::size_t frame = clock.getFrame();
+    clock.tick();
+    const bool isHalted = clock.getFrame() == frame;
+    if (isHalted && !control)
+        throw std::runtime_error("the clock does not go on: is it disabled?");
+    if (isHalted)
+        control->serviceAndRest();
+    else if (control)
+        control->serviceIfDue();
+    return clock.getFrame() > frame ? clock.getFrame() - frame : 0;
+}
+
+void tickThrough(zel::Clock& clock, const Arguments& arguments, std::optional<Control>& control) {
     const unsigned long numFrames = arguments.number("--frames", std::numeric_limits<unsigned long>::max());
     const double endTime = arguments.real("--time", std::numeric_limits<double>::infinity());
     const double startTime = clock.getTime();
@@ -138,12 +155,9 @@ void tickThrough(zel::Clock& clock, const Arguments& arguments) {
     };
     Progress progress;
     unsigned long done = 0;
-    for (; done < numFrames && clock.getTime() < endTime && endSignal() == 0; ++done) {
-        const std::size_t frame = clock.getFrame();
-        clock.tick();
-        if (clock.getFrame() == frame)
-            throw std::runtime_error("the clock does not go on: is it disabled?");
-        progress.update(clock, share(done + 1));
+    while (done < numFrames && clock.getTime() < endTime && endSignal() == 0) {
+        done += advance(clock, control);
+        progress.update(clock, share(done));
     }
     progress.finish(clock, share(done));
 }
@@ -156,6 +170,7 @@ int runModel(const Arguments& arguments) {
     const unsigned long numThreads = arguments.number("--threads", 0);
     (void)arguments.number("--frames", 0); // told ahead of the model
     (void)arguments.real("--time", 0);
+    Control::verifyOptions(arguments);
     endOnSignals();
     if (arguments.has("--statistics")) {
         // Ahead of the tasks, which register what they measure.
@@ -172,10 +187,15 @@ int runModel(const Arguments& arguments) {
     if (arguments.has("--record"))
         recorder = record(clock, arguments.get("--record"), model.get());
 
+    std::optional<Control> control;
+    if (arguments.has("--control"))
+        control.emplace(arguments);
+
     const auto start = std::chrono::steady_clock::now();
-    tickThrough(clock, arguments);
+    tickThrough(clock, arguments, control);
     if (recorder)
         recorder->stop(); // all is written, and the journal is closed
+    control.reset();
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
 
     if (endSignal() != 0)
