@@ -11,7 +11,10 @@ install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHIN
 install(DIRECTORY Components/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h"
         PATTERN "Math" EXCLUDE PATTERN "WebDebugger" EXCLUDE)
 install(DIRECTORY Components/ DESTINATION ${ZEL_INSTALL_DATADIR}/Components
-        PATTERN "*.h" EXCLUDE PATTERN "*.cpp" EXCLUDE PATTERN "Math" EXCLUDE)
+        PATTERN "*.h" EXCLUDE PATTERN "*.cpp" EXCLUDE PATTERN "Math" EXCLUDE PATTERN "tsconfig.json" EXCLUDE)
+# A script that is older than its source would be taken for one that must be compiled again.
+install(CODE "file(GLOB scripts \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${ZEL_INSTALL_DATADIR}/Components/WebDebugger/*.js\")
+file(TOUCH \${scripts})")
 # One file that needs no library: to be copied, or to stand in PYTHONPATH.
 install(FILES ${PROJECT_SOURCE_DIR}/python/zeljournal.py DESTINATION ${ZEL_INSTALL_DATADIR}/python)
 

@@ -1,0 +1,230 @@
+"use strict";
+/// All about the selected object: what it is, its value to be set, its elements.
+var detailsPanel;
+(function (detailsPanel) {
+    var el = ui.el;
+    const RowHeight = 22;
+    const ValueInterval = 100;
+    class Panel {
+        constructor(root, session) {
+            this.session = session;
+            this.title = el("h2", {}, "Details");
+            this.body = el("div", { class: "body" });
+            this.error = el("p", { class: "error", role: "alert", id: "details-error" });
+            this.entry = null;
+            this.question = 0;
+            this.table = null;
+            this.value = el("output", { id: "value" });
+            root.append(el("header", {}, this.title), this.error, this.body);
+            this.body.append(el("p", { class: "hint" }, "Choose an object in the tree."));
+            this.watch = session.subscribe(({ items }) => {
+                for (const item of items)
+                    ui.setText(this.value, item.removed ? "(gone)" : item.value === null ? "" : String(item.value));
+            }, (text) => this.fail(text));
+            session.selected.add((path) => void this.show(path));
+            session.stateChanged.add(() => {
+                if (session.isConnected && this.entry !== null)
+                    void this.show(this.entry.path);
+            });
+        }
+        fail(text) {
+            ui.setText(this.error, text);
+        }
+        async show(path) {
+            const question = ++this.question;
+            try {
+                const entry = await this.session.describe(path, 0);
+                if (question !== this.question)
+                    return;
+                this.fail("");
+                this.entry = entry;
+                this.render(entry);
+            }
+            catch (error) {
+                if (question === this.question)
+                    this.fail(error.message);
+            }
+        }
+        render(entry) {
+            this.table?.close();
+            this.table = null;
+            ui.setText(this.title, entry.name || entry.path || "(root)");
+            const facts = el("dl", { class: "facts" });
+            const fact = (name, value) => {
+                if (value !== null && value !== "")
+                    facts.append(el("dt", {}, name), el("dd", {}, value));
+            };
+            const link = (name, path) => {
+                const follow = ui.button(path, "Show this object", () => this.session.select(path));
+                follow.classList.add("link");
+                facts.append(el("dt", {}, name), el("dd", {}, follow));
+            };
+            fact("path", entry.path);
+            fact("kind", entry.kind);
+            fact("type", entry.type);
+            fact("class", entry.implementation);
+            fact("model", entry.model);
+            fact("entity", entry.entity);
+            fact("enabled", entry.enabled === null ? null : String(entry.enabled));
+            fact("elements", entry.numElements === null ? null : String(entry.numElements));
+            fact("capacity", entry.capacity === null ? null : String(entry.capacity));
+            fact("children", entry.numChildren === 0 ? null : String(entry.numChildren));
+            if (entry.binding !== "")
+                link("bound to", entry.binding);
+            if (entry.target !== null)
+                entry.target === "" ? fact("target", "none") : link("target", entry.target);
+            this.body.replaceChildren(facts);
+            const hasValue = entry.value !== null;
+            this.watch.set(hasValue ? { paths: [entry.path], interval: ValueInterval } : null);
+            if (hasValue)
+                this.body.append(...this.valueControls(entry));
+            if (entry.kind === "buffer") {
+                const table = this.table = new Table(this.session, entry, (text) => this.fail(text));
+                if (particlePanel.suits(entry))
+                    facts.after(el("div", { class: "actions" }, ui.button("Show as particles", "Positions of the particle view", () => this.session.particlesAsked.fire(entry))));
+                this.body.append(table.root);
+            }
+        }
+        valueControls(entry) {
+            ui.setText(this.value, String(entry.value));
+            const input = el("input", { id: "new-value", type: "text", value: String(entry.value), "aria-label": "New value", autocomplete: "off", spellcheck: "false", title: "As in a model file" });
+            const submit = el("button", { id: "set-value", title: "Set the value" }, "Set");
+            const form = el("form", { class: "set" }, input, submit);
+            for (const control of [input, submit])
+                ui.enable(control, this.session.whyReadOnly);
+            form.addEventListener("submit", (event) => {
+                event.preventDefault();
+                this.session.setValue(entry.path, input.value).then((value) => {
+                    this.fail("");
+                    if (this.entry === entry && value !== null) {
+                        ui.setText(this.value, String(value));
+                        input.value = String(value);
+                    }
+                }, (error) => this.fail(error.message));
+            });
+            const quantities = model.quantitiesOf(entry.path, entry.value);
+            const elements = [el("div", { class: "current" }, this.value)];
+            if (quantities.length > 0)
+                elements[0].append(ui.button("Plot", "Plot this value", () => this.session.plotAsked.fire(quantities)));
+            elements.push(form);
+            if (this.session.whyReadOnly !== "")
+                elements.push(el("p", { class: "hint" }, this.session.whyReadOnly));
+            return elements;
+        }
+    }
+    detailsPanel.Panel = Panel;
+    /// The elements of a buffer, live, of which only those in sight are asked for.
+    class Table {
+        constructor(session, entry, fail) {
+            this.session = session;
+            this.entry = entry;
+            this.fail = fail;
+            this.viewport = el("div", { class: "elements", id: "elements", role: "grid", tabindex: "0", "aria-label": "Elements" });
+            this.head = el("div", { class: "cells head", role: "row" });
+            this.item = null;
+            this.components = -1;
+            this.row = 0;
+            this.column = 0;
+            this.later = 0;
+            this.root = el("div", { class: "table" }, this.head, this.viewport, el("p", { class: "hint" }, "Arrow keys choose a number, Enter or a double click plots it."));
+            this.watch = session.subscribe(({ items }) => {
+                this.item = items[items.length - 1] ?? null;
+                if (this.item !== null)
+                    this.take(this.item);
+            }, fail);
+            this.list = new ui.VirtualList(this.viewport, RowHeight, () => this.create(), (row, index) => this.fill(row, index), () => this.look());
+            this.list.setCount(entry.numElements ?? 0);
+            this.viewport.addEventListener("keydown", (event) => this.keyDown(event));
+            this.look();
+        }
+        close() {
+            clearTimeout(this.later);
+            this.watch.close();
+        }
+        /// Watches what is in sight, but not each row that is scrolled past.
+        look() {
+            clearTimeout(this.later);
+            this.later = window.setTimeout(() => this.watch.set({
+                paths: [this.entry.path], begin: Math.max(0, this.list.first - 2), count: this.list.visibleCount + 6, interval: ValueInterval,
+            }), this.item === null ? 0 : 60);
+        }
+        take(item) {
+            if (item.removed) {
+                this.fail("The buffer is gone.");
+                this.list.setCount(0);
+                return;
+            }
+            const components = item.elements?.components ?? 0;
+            if (components !== this.components) {
+                this.components = components;
+                const names = components === 0 ? ["bytes"] : Array.from({ length: components }, (_, i) => model.componentName(i, components));
+                this.head.replaceChildren(el("span", { role: "columnheader" }, "#"), ...names.map((name) => el("span", { role: "columnheader" }, name)));
+            }
+            this.list.setCount(item.numElements);
+        }
+        create() {
+            const row = el("div", { class: "cells", role: "row" });
+            row.addEventListener("click", (event) => this.choose(row, event.target));
+            row.addEventListener("dblclick", (event) => {
+                this.choose(row, event.target);
+                this.plot();
+            });
+            return row;
+        }
+        choose(row, cell) {
+            this.row = Number(row.dataset.index);
+            this.column = Math.max(0, [...row.children].indexOf(cell) - 1);
+            ui.drawSoon(this.list.draw);
+        }
+        fill(row, index) {
+            const columns = Math.max(1, this.components);
+            row.dataset.index = String(index);
+            row.setAttribute("aria-rowindex", String(index + 1));
+            while (row.childElementCount > columns + 1)
+                row.lastElementChild.remove();
+            while (row.childElementCount < columns + 1)
+                row.append(el("span", { role: "gridcell" }));
+            ui.setText(row.children[0], String(index));
+            const elements = this.item?.elements ?? null;
+            const at = index - (this.item?.begin ?? 0);
+            for (let column = 0; column < columns; ++column) {
+                const cell = row.children[column + 1];
+                const isKnown = elements !== null && at >= 0 && at < elements.count;
+                const content = !isKnown ? "…" : elements.components === 0 ? elements.bytesAt(at) : elements.at(at, column);
+                ui.setText(cell, typeof content === "number" ? ui.number(content, 6) : String(content));
+                cell.title = String(content);
+                cell.setAttribute("aria-selected", String(index === this.row && column === this.column));
+            }
+        }
+        plot() {
+            if (this.components <= 0)
+                return;
+            const name = this.components === 1 ? "" : "." + model.componentName(this.column, this.components);
+            this.session.plotAsked.fire([{
+                    path: this.entry.path, index: this.row, component: this.column, label: this.entry.path + "[" + this.row + "]" + name,
+                }]);
+        }
+        keyDown(event) {
+            const last = (this.item?.numElements ?? 1) - 1;
+            const moves = {
+                ArrowDown: [1, 0], ArrowUp: [-1, 0], ArrowRight: [0, 1], ArrowLeft: [0, -1], Home: [-last, 0], End: [last, 0],
+                PageDown: [this.list.visibleCount - 1, 0], PageUp: [1 - this.list.visibleCount, 0],
+            };
+            const move = moves[event.key];
+            if (move !== undefined) {
+                this.row = Math.max(0, Math.min(this.row + move[0], last));
+                this.column = Math.max(0, Math.min(this.column + move[1], this.components - 1));
+                this.list.scrollTo(this.row);
+                ui.drawSoon(this.list.draw);
+            }
+            else if (event.key === "Enter") {
+                this.plot();
+            }
+            else {
+                return;
+            }
+            event.preventDefault();
+            event.stopPropagation();
+        }
+    }
+})(detailsPanel || (detailsPanel = {}));

@@ -1,0 +1,150 @@
+/// Finds the control channel, and puts the panels together.
+namespace main {
+    import el = ui.el;
+
+    const Place = "zel.control";
+
+    interface Channel {
+        readonly port: number;
+        readonly token: string;
+    }
+
+    function channelOf(port: string, token: string): Channel | null {
+        const number = Number(port);
+        return Number.isInteger(number) && number > 0 && number < 65536 ? { port: number, token } : null;
+    }
+
+    /// The fragment holds a secret: it leaves the address before anything else. It is kept as long as the tab, so that the page may be
+    /// loaded again.
+    function findChannel(): Channel | null {
+        // A "+" of the token is none of a form.
+        const settings = new URLSearchParams(location.hash.slice(1).replace(/\+/g, "%2B"));
+        history.replaceState(null, "", location.pathname + location.search);
+        const fromAddress = channelOf(settings.get("control") ?? "", settings.get("token") ?? "");
+        if (fromAddress !== null)
+            return fromAddress;
+        try {
+            const kept: unknown = JSON.parse(sessionStorage.getItem(Place) ?? "null");
+            return protocol.isMembers(kept) ? channelOf(protocol.textOf(kept.port), protocol.textOf(kept.token)) : null;
+        } catch {
+            return null;
+        }
+    }
+
+    function keep(channel: Channel): void {
+        sessionStorage.setItem(Place, JSON.stringify({ port: String(channel.port), token: channel.token }));
+    }
+
+    function openSocket(port: number): protocol.Socket {
+        const scheme = location.protocol === "https:" ? "wss://" : "ws://";
+        return new WebSocket(scheme + location.hostname + ":" + port, "zel_stream") as protocol.Socket;
+    }
+
+    // Appearance.
+
+    const Themes = ["system", "light", "dark"];
+    function setTheme(theme: string): void {
+        document.documentElement.dataset.theme = theme;
+        localStorage.setItem("zel.theme", theme);
+    }
+
+    function makeTabs(panels: readonly HTMLElement[]): HTMLElement {
+        const bar = el("div", { class: "tabs", role: "tablist", "aria-label": "Panels" });
+        const choose = (index: number): void => panels.forEach((panel, i) => {
+            panel.classList.toggle("shown", i === index);
+            const tab = bar.children[i]!;
+            tab.setAttribute("aria-selected", String(i === index));
+            tab.setAttribute("tabindex", i === index ? "0" : "-1");
+        });
+        panels.forEach((panel, i) => {
+            const tab = el("button", { type: "button", role: "tab", "aria-controls": panel.id }, panel.dataset.tab!);
+            tab.addEventListener("click", () => choose(i));
+            tab.addEventListener("keydown", (event) => {
+                const step = event.key === "ArrowRight" ? 1 : event.key === "ArrowLeft" ? -1 : 0;
+                if (step === 0)
+                    return;
+                const next = (i + step + panels.length) % panels.length;
+                choose(next);
+                (bar.children[next] as HTMLElement).focus();
+            });
+            bar.append(tab);
+        });
+        choose(0);
+        return bar;
+    }
+
+    function panel(id: string): HTMLElement {
+        return document.getElementById(id)!;
+    }
+
+    function run(channel: Channel): void {
+        keep(channel);
+        panel("start").hidden = true;
+        panel("page").hidden = false;
+        const session = new model.Session({
+            open: () => openSocket(channel.port),
+            later: (action, milliseconds) => {
+                const timer = setTimeout(action, milliseconds);
+                return () => clearTimeout(timer);
+            },
+        }, channel.token, () => performance.now());
+
+        const status = new statusPanel.Panel(panel("status"), session);
+        new treePanel.Panel(panel("objects"), session);
+        new detailsPanel.Panel(panel("details"), session);
+        const plots = new plotPanel.Panel(panel("plotting"), session);
+        const particles = new particlePanel.Panel(panel("particles"), session);
+        new logPanel.Panel(panel("log"), session);
+        panel("page").append(makeTabs(["objects", "details", "plotting", "particles", "log"].map(panel)));
+
+        const theme = panel("theme") as HTMLSelectElement;
+        const redraw = (): void => {
+            plots.redraw();
+            particles.redraw();
+        };
+        theme.addEventListener("change", () => {
+            setTheme(theme.value);
+            redraw();
+        });
+        matchMedia("(prefers-color-scheme: dark)").addEventListener("change", redraw);
+        panel("other").addEventListener("click", () => {
+            sessionStorage.removeItem(Place);
+            location.reload();
+        });
+        document.addEventListener("keydown", (event) => {
+            if (event.key !== " " || document.activeElement !== document.body)
+                return;
+            status.toggle();
+            event.preventDefault();
+        });
+        session.connection.connect();
+    }
+
+    function showForm(): void {
+        panel("start").hidden = false;
+        panel("start").addEventListener("submit", (event) => {
+            event.preventDefault();
+            const channel = channelOf((panel("port") as HTMLInputElement).value, (panel("token") as HTMLInputElement).value);
+            ui.setText(panel("start-error"), channel === null ? "A port is a number from 1 to 65535." : "");
+            if (channel !== null)
+                run(channel);
+        });
+    }
+
+    window.addEventListener("hashchange", () => {
+        const other = findChannel();
+        if (other === null)
+            return;
+        keep(other);
+        location.reload();
+    });
+    const channel = findChannel();
+    const kept = localStorage.getItem("zel.theme") ?? "";
+    const theme = Themes.includes(kept) ? kept : "system";
+    setTheme(theme);
+    (panel("theme") as HTMLSelectElement).value = theme;
+    if (channel === null)
+        showForm();
+    else
+        run(channel);
+}

@@ -1,0 +1,415 @@
+"use strict";
+/// What the page knows of the simulation, and what its panels share. No elements of the page here.
+var model;
+(function (model) {
+    var textOf = protocol.textOf;
+    var numberOf = protocol.numberOf;
+    var countOf = protocol.countOf;
+    class Signal {
+        constructor() {
+            this.listeners = [];
+        }
+        add(listener) {
+            this.listeners.push(listener);
+        }
+        fire(value) {
+            for (const listener of this.listeners)
+                listener(value);
+        }
+    }
+    model.Signal = Signal;
+    function valueOf(value) {
+        return typeof value === "string" || typeof value === "number" || typeof value === "boolean" ? value : null;
+    }
+    function entryOf(members) {
+        const countOrNull = (value) => value === undefined ? null : countOf(value);
+        return {
+            name: textOf(members.name), path: textOf(members.path), model: textOf(members.model),
+            implementation: textOf(members.implementation), kind: textOf(members.kind), numChildren: countOf(members.numChildren),
+            children: Array.isArray(members.children) ? protocol.listOf(members.children).map(entryOf) : null,
+            type: textOf(members.type), value: valueOf(members.value), binding: textOf(members.binding),
+            numElements: countOrNull(members.numElements), capacity: countOrNull(members.capacity), entity: textOf(members.entity),
+            target: members.target === undefined ? null : textOf(members.target),
+            enabled: typeof members.enabled === "boolean" ? members.enabled : null,
+        };
+    }
+    model.entryOf = entryOf;
+    const Axes = ["x", "y", "z", "w"];
+    function componentName(component, components) {
+        return components === 1 ? "value" : components <= 4 ? Axes[component] : String(component);
+    }
+    model.componentName = componentName;
+    /// The numbers that a value consists of; none where it is not made of numbers alone.
+    function numbersOf(value) {
+        const numbers = typeof value === "string" ? value.trim().split(/\s+/).map(numberOf) : value === null ? [] : [numberOf(value)];
+        const isNumber = (number, i) => !Number.isNaN(number) || value === "nan" || String(value).trim().split(/\s+/)[i] === "nan";
+        return numbers.every(isNumber) ? numbers : [];
+    }
+    model.numbersOf = numbersOf;
+    function quantitiesOf(path, value) {
+        const numbers = numbersOf(value);
+        return numbers.map((_, component) => ({
+            path, index: null, component, label: path + (numbers.length === 1 ? "" : "." + componentName(component, numbers.length)),
+        }));
+    }
+    model.quantitiesOf = quantitiesOf;
+    function clockOf(members) {
+        return {
+            path: textOf(members.path), time: numberOf(members.time), frame: numberOf(members.frame),
+            frequency: numberOf(members.frequency), timeStep: numberOf(members.timeStep), modulation: numberOf(members.modulation),
+            enabled: members.enabled === true, master: textOf(members.master), pending: numberOf(members.pending) || 0,
+        };
+    }
+    model.clockOf = clockOf;
+    /// How fast a clock goes, from what was seen of it.
+    class Pace {
+        constructor() {
+            this.samples = [];
+            /// Where the drift is counted from.
+            this.start = null;
+        }
+        /// @param wall  seconds, by any clock that only goes forward
+        add(wall, clock) {
+            const last = this.samples[this.samples.length - 1];
+            if (last !== undefined && Pace.isOtherCourse(last.clock, clock)) {
+                this.samples = [];
+                this.start = null;
+            }
+            const sample = { wall, clock };
+            this.samples.push(sample);
+            while (this.samples.length > 2 && this.samples[1].wall < wall - Pace.Window)
+                this.samples.shift();
+            if (this.start === null && clock.enabled && clock.pending === 0)
+                this.start = sample;
+        }
+        /// What went before tells nothing of what comes.
+        static isOtherCourse(before, now) {
+            return before.path !== now.path || before.enabled !== now.enabled || before.frequency !== now.frequency ||
+                before.modulation !== now.modulation || now.time < before.time || (before.pending === 0) !== (now.pending === 0);
+        }
+        get motion() {
+            const last = this.samples[this.samples.length - 1];
+            if (last === undefined)
+                return null;
+            if (last.clock.pending !== 0)
+                return "stepping";
+            if (!last.clock.enabled)
+                return "paused";
+            const first = this.samples[0];
+            return last.wall - first.wall > 1.5 && last.clock.frame === first.clock.frame ? "standing" : "running";
+        }
+        /// Frames in a second; NaN before it is known.
+        get framesPerSecond() {
+            return this.rate((clock) => clock.frame);
+        }
+        /// Simulated seconds in a second.
+        get secondsPerSecond() {
+            return this.rate((clock) => clock.time);
+        }
+        /// Simulated seconds by which the clock is ahead of where its modulation would have brought it; NaN unless it runs.
+        get drift() {
+            const last = this.samples[this.samples.length - 1];
+            if (this.start === null || last === undefined || !last.clock.enabled || last.wall === this.start.wall)
+                return NaN;
+            return last.clock.time - this.start.clock.time - (last.wall - this.start.wall) * last.clock.modulation;
+        }
+        get driftSince() {
+            const last = this.samples[this.samples.length - 1];
+            return this.start === null || last === undefined ? 0 : last.wall - this.start.wall;
+        }
+        rate(what) {
+            const first = this.samples[0];
+            const last = this.samples[this.samples.length - 1];
+            if (first === undefined || last === undefined || last.wall - first.wall < 0.2)
+                return NaN;
+            return (what(last.clock) - what(first.clock)) / (last.wall - first.wall);
+        }
+    }
+    Pace.Window = 3;
+    model.Pace = Pace;
+    // Curves.
+    /// Numbers over one ascending axis of times, for a plot. A time that is before the last one takes back what came after it.
+    class Curves {
+        constructor() {
+            this.times = [];
+            /// For each curve, as long as `times`; null where there is nothing.
+            this.columns = [];
+        }
+        addColumn() {
+            this.columns.push(this.times.map(() => null));
+        }
+        removeColumn(index) {
+            this.columns.splice(index, 1);
+        }
+        push(time, values) {
+            let end = this.times.length;
+            while (end > 0 && this.times[end - 1] >= time)
+                --end;
+            this.times.length = end;
+            this.times.push(time);
+            this.columns.forEach((column, i) => {
+                column.length = end;
+                const value = values[i] ?? null;
+                column.push(value !== null && Number.isFinite(value) ? value : null);
+            });
+            // Not at each push: that would move them all.
+            if (this.times.length > Curves.MaxPoints * 1.25) {
+                const surplus = this.times.length - Curves.MaxPoints;
+                this.times.splice(0, surplus);
+                for (const column of this.columns)
+                    column.splice(0, surplus);
+            }
+        }
+        clear() {
+            this.times.length = 0;
+            for (const column of this.columns)
+                column.length = 0;
+        }
+    }
+    Curves.MaxPoints = 36000;
+    model.Curves = Curves;
+    /// One watch of the simulation for as long as it is not closed, over lost connections.
+    class Subscription {
+        /// @param error  gets "" once the watch has been added
+        constructor(session, update, error) {
+            this.session = session;
+            this.update = update;
+            this.error = error;
+            this.options = null;
+            this.watch = 0;
+            this.sequence = 0;
+        }
+        /// Watches other paths, or null for none.
+        set(options) {
+            if (JSON.stringify(options) === JSON.stringify(this.options))
+                return;
+            this.remove();
+            this.options = options !== null && options.paths.length > 0 ? options : null;
+            this.add();
+        }
+        close() {
+            this.set(null);
+            this.session.subscriptions.delete(this);
+        }
+        /// Asks the simulation, also when a connection is new.
+        add() {
+            if (this.options === null || !this.session.isConnected)
+                return;
+            // A number of its own each time, so that updates on their way from the watch before are not taken for ours.
+            const watch = this.watch = this.session.nextWatch();
+            this.sequence = 0;
+            this.session.watches.set(watch, this);
+            this.session.request("Watch.Add", { watch, ...this.options }).then(() => {
+                if (watch === this.watch)
+                    this.error("");
+            }, (error) => {
+                this.session.watches.delete(watch);
+                if (watch === this.watch && error instanceof protocol.Refusal)
+                    this.error(error.message);
+            });
+        }
+        remove() {
+            if (this.watch !== 0 && this.session.watches.delete(this.watch))
+                this.session.request("Watch.Remove", { watch: this.watch }).catch(() => undefined); // the connection's end removes it
+            this.watch = 0;
+        }
+        /// @throws Error where the update is malformed
+        receive(header, payload) {
+            const sequence = numberOf(header.sequence);
+            this.session.tell("Watch.Ack", { watch: this.watch, sequence });
+            if (sequence <= this.sequence)
+                return;
+            this.sequence = sequence;
+            const paths = this.options?.paths ?? [];
+            const items = [];
+            for (const members of protocol.listOf(header.items)) {
+                const path = paths[numberOf(members.item)];
+                if (path === undefined)
+                    throw new Error("an update of an item that is not watched");
+                items.push({
+                    path, removed: members.removed === true, value: valueOf(members.value),
+                    elements: members.elementSize === undefined ? null : new protocol.Elements(members, payload),
+                    begin: countOf(members.begin), stride: countOf(members.stride) || 1, numElements: countOf(members.numElements),
+                });
+            }
+            const clock = protocol.isMembers(header.clock) ? numberOf(header.clock.time) : NaN;
+            this.update({
+                time: Number.isNaN(clock) ? null : clock, clock: protocol.isMembers(header.clock) ? textOf(header.clock.path) : "", items,
+            });
+        }
+    }
+    model.Subscription = Subscription;
+    // Log.
+    model.Levels = ["debug", "info", "warning", "error"];
+    const ClockInterval = 200;
+    const MaxLines = 5000;
+    /// The connection to one simulation, and what was seen of it.
+    class Session {
+        constructor(surroundings, token, now) {
+            this.now = now;
+            this.subscriptions = new Set();
+            this.watches = new Map();
+            this.pace = new Pace();
+            this.lines = [];
+            /// After it, `isConnected` and `detail` are new.
+            this.stateChanged = new Signal();
+            this.clocksChanged = new Signal();
+            /// The path that was selected.
+            this.selected = new Signal();
+            this.lineAdded = new Signal();
+            this.plotAsked = new Signal();
+            this.particlesAsked = new Signal();
+            /// An entry with its children has come.
+            this.described = new Signal();
+            this.info = null;
+            this.clocks = [];
+            this.selection = "";
+            this.detail = "";
+            /// Of the last answer, in ms; NaN before the first.
+            this.answerTime = NaN;
+            /// What became of the request for the clocks; "" if all is well.
+            this.clockError = "";
+            this.chosenClock = "";
+            this.askedSince = NaN;
+            this.lastWatch = 0;
+            this.level = "info";
+            this.connection = new protocol.Connection(surroundings, token, {
+                state: (state, detail) => this.changeState(state, detail),
+                fault: (text) => this.addLine({ level: "page", time: Date.now() / 1000, text }),
+            });
+            this.connection.onPush("Watch.Update", (message) => this.watches.get(numberOf(message.header.watch))?.receive(message.header, message.payload));
+            this.connection.onPush("Log.Line", ({ header }) => {
+                const dropped = countOf(header.dropped);
+                if (dropped > 0)
+                    this.addLine({ level: "page", time: numberOf(header.time), text: dropped + " lines were left out" });
+                this.addLine({ level: textOf(header.level), time: numberOf(header.time), text: textOf(header.text) });
+            });
+        }
+        get isConnected() {
+            return this.connection.state === "connected" && this.info !== null;
+        }
+        get isWritable() {
+            return this.isConnected && this.info?.writable === true;
+        }
+        /// Why nothing can be changed; "" if it can.
+        get whyReadOnly() {
+            return this.isWritable ? "" : this.isConnected ? "The program offers this simulation for reading only." : "There is no connection.";
+        }
+        /// Milliseconds since the oldest request for the clocks that has no answer yet; 0 without one.
+        get waitingFor() {
+            return Number.isNaN(this.askedSince) ? 0 : this.now() - this.askedSince;
+        }
+        request(uri, header) {
+            return this.connection.request(uri, header);
+        }
+        tell(uri, header) {
+            this.connection.tell(uri, header);
+        }
+        async describe(path, depth, begin = 0, count = 200) {
+            const entry = entryOf((await this.request("Object.Describe", { path, depth, begin, count })).header);
+            this.described.fire(entry);
+            return entry;
+        }
+        async complete(text) {
+            const { header } = await this.request("Object.Complete", { text, limit: 50 });
+            return {
+                names: Array.isArray(header.list) ? header.list.filter((name) => typeof name === "string") : [],
+                hasChildren: header.uniqueMatchHasChildren === true,
+            };
+        }
+        async setValue(path, value) {
+            return valueOf((await this.request("Value.Set", { path, value })).header.value);
+        }
+        async control(action, members) {
+            const { header } = await this.request("Clock.Control", { path: this.clock?.path ?? "", action, ...members });
+            if (!protocol.isMembers(header.clock))
+                return;
+            const changed = clockOf(header.clock);
+            this.clocks = this.clocks.map((clock) => clock.path === changed.path ? changed : clock);
+            this.takeClocks();
+        }
+        subscribe(update, error) {
+            const subscription = new Subscription(this, update, error);
+            this.subscriptions.add(subscription);
+            return subscription;
+        }
+        nextWatch() {
+            return ++this.lastWatch;
+        }
+        select(path) {
+            this.selection = path;
+            this.selected.fire(path);
+        }
+        get clock() {
+            return this.clocks.find((clock) => clock.path === this.chosenClock) ?? this.clocks[0] ?? null;
+        }
+        chooseClock(path) {
+            this.chosenClock = path;
+            this.takeClocks();
+        }
+        setLogLevel(level) {
+            this.level = level;
+            if (this.isConnected)
+                this.request("Log.Subscribe", { level }).catch((error) => this.addFault("log", error));
+        }
+        addFault(where, error) {
+            if (!(error instanceof protocol.Disconnected))
+                this.addLine({ level: "page", time: Date.now() / 1000, text: where + ": " + error.message });
+        }
+        /// To be called again and again: asks for the clocks.
+        poll() {
+            if (!this.isConnected || !Number.isNaN(this.askedSince))
+                return;
+            const since = this.askedSince = this.now();
+            this.request("Clock.List", {}).then(({ header }) => {
+                this.clocks = protocol.listOf(header.clocks).map(clockOf);
+                this.clockError = "";
+                this.answerTime = this.now() - since;
+                this.askedSince = NaN;
+                this.takeClocks();
+            }, (error) => {
+                this.clockError = error.message;
+                this.askedSince = NaN;
+                this.clocksChanged.fire();
+            });
+        }
+        static get pollInterval() {
+            return ClockInterval;
+        }
+        takeClocks() {
+            if (this.clock !== null)
+                this.pace.add(this.now() / 1000, this.clock);
+            this.clocksChanged.fire();
+        }
+        addLine(line) {
+            this.lines.push(line);
+            if (this.lines.length > MaxLines * 1.25)
+                this.lines.splice(0, this.lines.length - MaxLines);
+            this.lineAdded.fire();
+        }
+        changeState(state, detail) {
+            this.detail = detail;
+            this.info = null;
+            this.askedSince = NaN;
+            this.watches.clear();
+            if (state === "connected")
+                this.greet();
+            this.stateChanged.fire();
+        }
+        greet() {
+            this.request("System.Info", {}).then(({ header }) => {
+                this.info = { version: textOf(header.version), pid: countOf(header.pid), writable: header.writable === true };
+                this.setLogLevel(this.level);
+                for (const subscription of this.subscriptions)
+                    subscription.add();
+                this.poll();
+                this.stateChanged.fire();
+            }, (error) => {
+                this.detail = error.message;
+                this.addFault("System.Info", error);
+                this.stateChanged.fire();
+            });
+        }
+    }
+    model.Session = Session;
+})(model || (model = {}));

@@ -1,0 +1,164 @@
+/// The first answer: does it run, how fast, does it drift, what is slow. And the controls of the clock.
+namespace statusPanel {
+    import el = ui.el;
+
+    const words: { [motion in model.Motion]: string } = {
+        running: "Running", paused: "Paused", stepping: "Stepping", standing: "Standing still",
+    };
+
+    export class Panel {
+        private readonly state = el("strong", { id: "state", role: "status" });
+        private readonly detail = el("span", { id: "detail" });
+        private readonly gauges = el("dl", { class: "gauges" });
+        private readonly values = new Map<string, HTMLElement>();
+        private readonly clocks = el("select", { id: "clock", "aria-label": "Clock" });
+        private readonly pause = ui.button("Pause", "Pause or run the clock (space, where nothing else is focused)", () => this.toggle());
+        private readonly error = el("p", { id: "control-error", class: "error", role: "alert" });
+        private readonly controls: (HTMLButtonElement | HTMLInputElement)[] = [];
+        private readonly draw = (): void => this.render();
+        private entered = { frequency: "", modulation: "" };
+
+        constructor(private readonly root: HTMLElement, private readonly session: model.Session) {
+            this.pause.id = "pause";
+            this.gauge("time", "Time", "Simulation time of the clock");
+            this.gauge("frame", "Frame", "Ticks of the clock");
+            this.gauge("fps", "Frames / s", "Ticks in a second of wall time, and what the clock's frequency asks for");
+            this.gauge("speed", "Speed", "Simulated seconds in a second of wall time, and what the clock's modulation asks for");
+            this.gauge("drift", "Drift", "Simulated time ahead (+) or behind (−) wall time since the clock was last changed");
+            this.gauge("answer", "Answers in", "How long the simulation takes to answer: between two steps it serves the page");
+            this.clocks.addEventListener("change", () => this.session.chooseClock(this.clocks.value));
+            const controls = el("div", { class: "controls", role: "group", "aria-label": "Clock controls" }, this.clocks, this.pause);
+            this.controls.push(this.pause);
+            this.form(controls, "step", "Step", "1", "How many ticks", (count) => this.control("step", { count: Math.trunc(count) }));
+            this.form(controls, "stepTo", "Step to", "", "Simulation time in seconds", (time) => this.control("stepTo", { time }));
+            this.form(controls, "frequency", "Frequency", "", "Ticks a second", (value) => this.control("frequency", { value }));
+            this.form(controls, "modulation", "Modulation", "", "Simulated seconds in a second of ticks",
+                (value) => this.control("modulation", { value }));
+            root.append(el("div", { class: "state" }, el("span", { class: "dot", "aria-hidden": "true" }), this.state, this.detail),
+                this.gauges, controls, this.error);
+            session.stateChanged.add(() => ui.drawSoon(this.draw));
+            session.clocksChanged.add(() => ui.drawSoon(this.draw));
+            setInterval(() => {
+                session.poll();
+                ui.drawSoon(this.draw);
+            }, model.Session.pollInterval);
+            ui.drawSoon(this.draw);
+        }
+
+        toggle(): void {
+            if (!this.pause.disabled)
+                this.control(this.session.clock?.enabled === true || this.session.clock?.pending !== 0 ? "pause" : "run", {});
+        }
+
+        private gauge(id: string, name: string, title: string): void {
+            const value = el("dd", { id });
+            this.values.set(id, value);
+            this.gauges.append(el("div", { title }, el("dt", {}, name), value));
+        }
+        private show(id: string, text: string, grade = ""): void {
+            const value = this.values.get(id)!;
+            ui.setText(value, text);
+            if (value.className !== grade)
+                value.className = grade;
+        }
+
+        private form(parent: HTMLElement, id: string, name: string, value: string, title: string, act: (number: number) => void): void {
+            const input = el("input", { id: id + "-value", type: "text", inputmode: "decimal", size: "7", value, title, "aria-label": name + ": " + title });
+            const submit = el("button", { id, title: name + ": " + title }, name);
+            const form = el("form", { novalidate: "" }, submit, input);
+            form.addEventListener("submit", (event) => {
+                event.preventDefault();
+                const number = protocol.numberOf(input.value);
+                if (Number.isNaN(number))
+                    this.fail(name + " wants a number, not '" + input.value + "'.");
+                else if (!submit.disabled)
+                    act(number);
+            });
+            this.controls.push(submit, input);
+            parent.append(form);
+        }
+
+        private control(action: string, members: protocol.Members): void {
+            this.session.control(action, members).then(() => this.fail(""), (error: Error) => this.fail(error.message));
+        }
+        private fail(text: string): void {
+            ui.setText(this.error, text);
+        }
+
+        private render(): void {
+            const { session } = this;
+            const { clock, pace } = session;
+            this.renderState();
+            const whyNot = clock === null && session.isConnected ? "The simulation has no clock." : session.whyReadOnly;
+            for (const control of this.controls)
+                ui.enable(control, whyNot);
+            ui.enable(this.clocks, session.clocks.length === 0 ? "The simulation has no clock." : "");
+            const paths = session.clocks.map((each) => each.path || "(root)");
+            if (this.clocks.length !== paths.length || paths.some((path, i) => this.clocks.options[i]!.text !== path))
+                this.clocks.replaceChildren(...session.clocks.map((each) => el("option", { value: each.path }, each.path || "(root)")));
+            this.clocks.hidden = session.clocks.length < 2;
+            if (clock === null)
+                return;
+            if (this.clocks.value !== clock.path)
+                this.clocks.value = clock.path;
+            ui.setText(this.pause, clock.enabled || clock.pending !== 0 ? "Pause" : "Run");
+            this.follow("frequency", clock.frequency);
+            this.follow("modulation", clock.modulation);
+            this.show("time", (Math.abs(clock.time) < 1e7 ? clock.time.toFixed(3) : ui.number(clock.time, 9)) + " s");
+            this.show("frame", String(clock.frame));
+            this.renderPace(clock, pace);
+        }
+
+        private renderState(): void {
+            const { session } = this;
+            const connection = session.connection.state;
+            const motion = session.pace.motion;
+            let state = { connecting: "Connecting", lost: "Connection lost", refused: "Refused", closed: "Not connected", connected: "" }[connection];
+            let grade = connection === "connecting" ? "idle" : "bad";
+            let detail = connection === "lost" ? session.detail + "; connecting again" : connection === "connected" ? "" : session.detail;
+            if (connection === "connected") {
+                state = session.info === null ? "Connected" : session.clocks.length === 0 ? "Connected, no clock" : motion === null ? "Connected" : words[motion];
+                grade = motion === "standing" ? "bad" : motion === "running" || motion === "stepping" ? "good" : "idle";
+                detail = session.info === null ? session.detail : session.clockError !== "" ? session.clockError :
+                    "process " + session.info.pid + (session.info.writable ? "" : ", read only");
+                if (session.waitingFor > 2000) {
+                    state = "No answer";
+                    grade = "bad";
+                    detail = "for " + ui.seconds(session.waitingFor / 1000);
+                }
+            }
+            ui.setText(this.state, state);
+            ui.setText(this.detail, detail === "connected" ? "" : detail);
+            if (this.root.dataset.grade !== grade)
+                this.root.dataset.grade = grade;
+        }
+
+        private renderPace(clock: model.Clock, pace: model.Pace): void {
+            const isRunning = pace.motion === "running" || pace.motion === "standing";
+            const fps = pace.framesPerSecond;
+            const speed = pace.secondsPerSecond;
+            const known = (value: number, digits: number): string => Number.isNaN(value) ? "–" : ui.number(Number(value.toPrecision(digits)));
+            this.show("fps", known(fps, 3) + " of " + ui.number(clock.frequency),
+                isRunning && fps < 0.9 * clock.frequency ? "slow" : "");
+            this.show("speed", known(speed, 3) + " of " + ui.number(clock.modulation) + " s/s",
+                isRunning && speed < 0.9 * clock.modulation ? "slow" : "");
+            const drift = pace.drift;
+            // What is wall time and what is not: in units of wall time.
+            const late = drift / clock.modulation;
+            this.show("drift", Number.isNaN(drift) ? "–" : (drift < 0 ? "−" : "+") + ui.seconds(Math.abs(drift)) + " / " + Math.round(pace.driftSince) + " s",
+                late < -0.25 && late < -0.01 * pace.driftSince ? "slow" : "");
+            const answer = Math.max(this.session.answerTime, this.session.waitingFor);
+            this.show("answer", ui.seconds(answer / 1000), answer > 250 ? "slow" : "");
+        }
+
+        /// The field shows what holds, but not while somebody writes into it.
+        private follow(name: "frequency" | "modulation", value: number): void {
+            const input = this.root.querySelector<HTMLInputElement>("#" + name + "-value")!;
+            const text = ui.number(value, 9);
+            if (this.entered[name] === text || document.activeElement === input)
+                return;
+            this.entered[name] = text;
+            input.value = text;
+        }
+    }
+}
