@@ -16,7 +16,7 @@ install(DIRECTORY Components/ DESTINATION ${ZEL_INSTALL_DATADIR}/Components
 install(CODE "file(GLOB scripts \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${ZEL_INSTALL_DATADIR}/Components/WebDebugger/*.js\")
 file(TOUCH \${scripts})")
 # One file that needs no library: to be copied, or to stand in PYTHONPATH.
-install(FILES ${PROJECT_SOURCE_DIR}/python/zeljournal.py DESTINATION ${ZEL_INSTALL_DATADIR}/python)
+install(FILES ${PROJECT_SOURCE_DIR}/python/zeljournal.py ${PROJECT_SOURCE_DIR}/python/zelremote.py DESTINATION ${ZEL_INSTALL_DATADIR}/python)
 
 install(EXPORT zelCoreTargets NAMESPACE zelCore:: DESTINATION ${ZEL_INSTALL_CMAKEDIR})
 

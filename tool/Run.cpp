@@ -195,8 +195,8 @@ int runModel(const Arguments& arguments) {
     tickThrough(clock, arguments, control);
     if (recorder)
         recorder->stop(); // all is written, and the journal is closed
-    control.reset();
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    control.reset();
 
     if (endSignal() != 0)
         std::cout << "Ended by a signal.\n";

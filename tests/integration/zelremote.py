@@ -1,0 +1,184 @@
+#!/usr/bin/env python3
+"""The Python client against a running simulation, and against peers that lie.
+
+zelremote.py TOOL SOURCES SOLAR_DIRECTORY CASE
+"""
+import json
+import pathlib
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+
+TOOL, SOURCES, SOLAR = sys.argv[1:4]
+sys.path.insert(0, str(pathlib.Path(SOURCES) / "python"))
+import zelremote  # noqa: E402
+
+MODEL = f"{SOURCES}/examples/solar/Components/solar/Solar.zelComponent"
+
+
+class Simulation:
+    """A run of the solar system with a control channel, until the end of the block."""
+
+    def __init__(self, *options):
+        self.options = options
+
+    def __enter__(self):
+        self.process = subprocess.Popen([TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", *self.options],
+                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        for line in self.process.stdout:
+            if match := re.match(r"Control: (\S+)$", line):
+                self.address = match.group(1)
+                threading.Thread(target=self.process.stdout.read, daemon=True).start()
+                return self
+        raise AssertionError("the simulation has told no address")
+
+    def __exit__(self, *_):
+        self.process.send_signal(signal.SIGINT)
+        assert self.process.wait(60) == 128 + signal.SIGINT
+
+
+def refusal(call, *arguments, **named):
+    try:
+        call(*arguments, **named)
+    except (zelremote.RemoteError, ConnectionError, TimeoutError, ValueError) as error:
+        return f"{type(error).__name__}: {error}"
+    raise AssertionError(f"{call} is not refused")
+
+
+def a_simulation_is_read_and_watched():
+    with Simulation() as simulation, zelremote.connect(simulation.address) as remote:
+        assert remote.info()["protocol"] == 1
+        assert [child["name"] for child in remote.children()].count("Solar") == 1
+        names = [entry["name"] for entry in remote.children("Solar")]
+        assert {"clock", "bodies", "particles"} <= set(names), names
+        assert remote.describe("Solar.bodies", depth=0)["numElements"] == 18
+        positions = remote.read("Solar.bodies.position")
+        assert (len(positions), positions.type, positions.components) == (18, "Vec3:64bit", 3)
+        assert all(len(row) == 3 for row in positions.rows)
+        some = remote.read("Solar.bodies.position", begin=3, count=2, stride=5)
+        assert len(some) == 2 and some.size == 18
+        assert "Earth" in [name for name in remote.read("Solar.bodies.name").rows]
+        masses = remote.read("Solar.bodies.gm")
+        assert list(masses.column) == masses.rows
+        with remote.watch(["Solar.clock.time", "Solar.bodies.position", "Solar.nobody"], interval=0.02) as watch:
+            assert [item["kind"] for item in watch.items] == ["value", "buffer", "none"]
+            first, second = watch.next(30), watch.next(30)
+            assert first.values["Solar.nobody"] is None and len(first.values["Solar.bodies.position"]) == 18
+            assert second.values["Solar.clock.time"] > first.values["Solar.clock.time"]
+            assert second.clock["path"] == "Solar.clock" and second.sequence == 2
+        assert refusal(remote.set, "Solar.duration", 1) == "RemoteError: The simulation takes no changes from here"
+        assert refusal(remote.get, "Solar.nobody") == "RemoteError: There is no object 'Solar.nobody'"
+        assert refusal(remote.get, "Solar.bodies") == "RemoteError: 'Solar.bodies' is no value"
+        assert refusal(remote.request, "No.Such") == (
+            "RemoteError: ControlChannel: No message handler registered for uri: No.Such")
+
+
+def a_simulation_is_steered_where_it_may_be():
+    with Simulation("--writable", "--token", "a b&c") as simulation:
+        with zelremote.connect(simulation.address) as remote:
+            assert remote.control("Solar.clock", "pause")["enabled"] is False
+            frame = remote.clocks()[0]["frame"]
+            remote.control("Solar.clock", "step", count=5)
+            while remote.clocks()[0]["pending"]:
+                pass
+            assert remote.clocks()[0]["frame"] == frame + 5
+            assert remote.set("Solar.clock.timeModulation", 300) == 300
+            clock = remote.clocks()[0]
+            assert clock["timeStep"] == 300 / clock["frequency"]
+            assert remote.set("Solar.clock.timeModulation", "2 ") == 2
+            assert "twice" in refusal(remote.set, "Solar.clock.timeModulation", "twice")
+            lines = remote.log("warning", timeout=30)
+            assert refusal(remote.control, "Solar.clock", "frequency", value=-1) == (
+                "RemoteError: The clock refuses the value")
+            assert "frequency" in next(lines)["text"]
+            remote.control("Solar.clock", "run")
+            assert remote.watch(["Solar.clock.time"]).next(30).values["Solar.clock.time"] > 0
+        assert refusal(zelremote.connect, simulation.address.split("&")[0] + "&token=wrong") == (
+            "RemoteError: The simulation does not take the token")
+        with zelremote.connect(simulation.address.split("&")[0]) as remote:
+            assert refusal(remote.info) == "RemoteError: Error: not authenticated!"
+
+
+def lines_on_the_terminal_tell_the_same():
+    def client(*words, code=0):
+        result = subprocess.run([sys.executable, f"{SOURCES}/python/zelremote.py", simulation.address, *words],
+                                capture_output=True, text=True, timeout=120)
+        assert result.returncode == code, result
+        return result.stdout if code == 0 else result.stderr
+    with Simulation("--open", "--writable") as simulation:
+        assert "token" not in simulation.address
+        assert json.loads(client())["clocks"][0]["path"] == "Solar.clock"
+        assert "bodies: storage [18]" in client("tree", "Solar")
+        assert json.loads(client("set", "Solar.duration", "400")) == 400
+        assert json.loads(client("get", "Solar.duration")) == 400
+        assert len(json.loads(client("get", "Solar.bodies.gm"))) == 18
+        assert client("get", "nobody", code=1) == "zelremote: There is no object 'nobody'\n"
+        assert "wants 2 arguments" in client("set", "nobody", code=2)
+
+
+class Liar:
+    """A peer that shakes hands and answers the first request with what it is given."""
+
+    def __init__(self, answer, handshake=None):
+        self.server = socket.create_server(("127.0.0.1", 0))
+        self.port = self.server.getsockname()[1]
+        self.answer, self.handshake = answer, handshake
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def serve(self):
+        peer, _ = self.server.accept()
+        with peer, self.server:
+            request = b""
+            while b"\r\n\r\n" not in request:
+                request += peer.recv(65536)
+            if self.handshake is not None:
+                peer.sendall(self.handshake)
+                return
+            key = re.search(rb"Sec-WebSocket-Key: (\S+)", request).group(1)
+            accept = zelremote.base64.b64encode(
+                zelremote.hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest())
+            peer.sendall(b"HTTP/1.1 101 Yes\r\nSec-WebSocket-Accept: " + accept + b"\r\n\r\n")
+            peer.recv(65536)
+            peer.sendall(self.answer)
+            peer.shutdown(socket.SHUT_WR)
+            while peer.recv(65536):
+                pass
+
+
+def framed(data, opcode=2):
+    return struct.pack(">BBQ", 0x80 | opcode, 127, len(data)) + data
+
+
+def message(number, response, uri, header, offset=0, size=0, tail=b""):
+    return struct.pack("<IIIIII", number, response, len(uri), len(header), offset, size) + uri + header + tail
+
+
+def peers_that_lie_are_refused():
+    good = message(1, 1, b"System.Info", b'{"success":true,"version":"1"}')
+    elements = (b'{"success":true,"type":"Real:64bit","begin":0,"stride":1,"numElements":9,"revision":1,"count":9,'
+                b'"elementSize":8,"component":"f64","components":1,"byteOffset":0,"numBytes":72}')
+    for answer, handshake in [
+            (b"", None), (framed(b""), None), (framed(good[:23]), None), (framed(good[:40]), None),
+            (framed(message(1, 1, b"u", b"{}", 64, 10)), None), (framed(message(1, 1, b"u", b"{}", 4, 0xFFFFFFFF)), None),
+            (framed(message(1, 1, b"u", b"{")), None), (framed(b"no", 1), None), (framed(b"", 8), None),
+            (struct.pack(">BBQ", 0x82, 127, 1 << 40), None), (b"\x82\x85abcd", None),
+            (b"", b"HTTP/1.1 403 Forbidden\r\n\r\n"), (b"", b"x" * 70000), (b"", b"")]:
+        def ask():
+            with zelremote.connect(port=Liar(answer, handshake).port, timeout=30) as remote:
+                remote.info()
+        assert refusal(ask), answer
+    with zelremote.connect(port=Liar(framed(good)).port) as remote:
+        assert remote.info()["version"] == "1"
+    halves = struct.pack(">BB", 0x02, 30) + good[:30] + framed(b"are you there", 9) + framed(good[30:], 0)
+    with zelremote.connect(port=Liar(halves).port) as remote:
+        assert remote.info()["version"] == "1"
+    with zelremote.connect(port=Liar(framed(message(1, 1, b"Buffer.Read", elements))).port) as remote:
+        assert refusal(remote.read, "x") == "ConnectionError: The message is shorter than it tells"
+
+
+globals()[sys.argv[4]]()
