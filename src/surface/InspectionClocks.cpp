@@ -28,13 +28,20 @@ void verifyTaken(double asked, double present) {
 
 } // namespace
 
-zel::Vector<Clock*> InspectionClocks::clocks() const {
-    zel::Vector<Clock*> clocks;
-    m_root->traverse([&clocks](zel::Object* object) {
-        if (auto* clock = dynamic_cast<Clock*>(object))
-            clocks.push_back(clock);
-    });
-    return clocks;
+zel::Vector<Clock*> InspectionClocks::clocks() {
+    if (m_clocksRevision != m_revision.get()) {
+        m_clocksRevision = m_revision.get();
+        m_clocks.clear();
+        m_root->traverse([this](zel::Object* object) {
+            if (auto* clock = dynamic_cast<Clock*>(object))
+                m_clocks.push_back(clock);
+        });
+    }
+    zel::Vector<Clock*> present;
+    for (const auto& clock : m_clocks)
+        if (clock)
+            present.push_back(clock.get());
+    return present;
 }
 
 Json::Value InspectionClocks::describe(Clock* clock) const {
@@ -55,18 +62,19 @@ Json::Value InspectionClocks::describe(Clock* clock) const {
     return entry;
 }
 
-Json::Value InspectionClocks::first() const {
-    const zel::Vector<Clock*> all = clocks();
-    if (all.empty())
-        return {};
+std::string InspectionClocks::first() {
+    const zel::Vector<Clock*> present = clocks();
+    if (present.empty())
+        return "null";
+    const Clock* clock = present.front();
     Json::Value entry;
-    entry["path"] = static_cast<const std::string&>(inspectedPath(m_root, all.front()));
-    entry["time"] = all.front()->getTime();
-    entry["frame"] = static_cast<Json::UInt64>(all.front()->getFrame());
-    return entry;
+    entry["path"] = static_cast<const std::string&>(inspectedPath(m_root, clock));
+    entry["time"] = clock->getTime();
+    entry["frame"] = static_cast<Json::UInt64>(clock->getFrame());
+    return jsonOf(entry);
 }
 
-void InspectionClocks::list(InspectionRequest& request) const {
+void InspectionClocks::list(InspectionRequest& request) {
     Json::Value& entries = request.response["clocks"] = Json::Value(Json::arrayValue);
     for (Clock* clock : clocks())
         entries.append(describe(clock));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "InspectionRequest.h"
+#include "InspectionTree.h"
 
 #include <zel/Clock.h>
 #include <zel/Component.h>
@@ -9,6 +10,7 @@
 #include <zel/observer_ptr.h>
 
 #include <chrono>
+#include <string>
 
 namespace zelNet {
 
@@ -16,15 +18,17 @@ namespace zelNet {
 /// @threads as the service
 class InspectionClocks {
 public:
-    explicit InspectionClocks(zel::Component* root) : m_root(root) {}
+    /// Both outlive the clocks.
+    InspectionClocks(zel::Component* root, const TreeRevision& revision)
+        : m_root(root), m_revision(revision) {}
 
-    void list(InspectionRequest& request) const;
+    void list(InspectionRequest& request);
     void control(InspectionRequest& request);
     /// Makes ticks that are pending, until the time.
     /// @return whether there were any
     bool step(std::chrono::steady_clock::time_point end);
-    /// The first clock as updates have it; null for none.
-    [[nodiscard]] Json::Value first() const;
+    /// The first clock as updates have it, in JSON; "null" for none.
+    [[nodiscard]] std::string first();
 
 private:
     /// What a paused clock still has to do.
@@ -34,13 +38,17 @@ private:
         double time = 0;
     };
 
-    [[nodiscard]] zel::Vector<zel::Clock*> clocks() const;
+    /// All of them, in the order of the tree.
+    zel::Vector<zel::Clock*> clocks();
     [[nodiscard]] Json::Value describe(zel::Clock* clock) const;
     void drop(const zel::Clock* clock);
     /// @return false once there is nothing more to do
     static bool tickOnce(Pending& pending);
 
     zel::Component* m_root;
+    const TreeRevision& m_revision;
+    zel::uint64 m_clocksRevision = 0;
+    zel::Vector<zel::observer_ptr<zel::Clock>> m_clocks; // of that revision
     zel::Vector<Pending> m_pending;
 };
 

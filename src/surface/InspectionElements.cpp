@@ -2,13 +2,18 @@
 
 #include "InspectionRequest.h"
 #include "data/AsciiFormat.h"
+#include "transport/Envelope.h"
 
+#include <zel/String.h>
 #include <zelData/Buffer.h>
 #include <zelData/Format.h>
 #include <zelData/FormatPrimitives.h>
 #include <zelData/Value.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -28,27 +33,37 @@ namespace {
 /// Numbers beyond are texts in JSON: many readers hold each number as a double.
 constexpr double LargestJsonNumber = 9007199254740992.0;
 
+/// Threads of the library take the smallest numbers for 0, and std::to_chars goes by that; printf does not.
 template <typename T>
-Json::Value toJson(const void* element) {
+bool isDenormal(T number) {
+    using Bits = std::conditional_t<sizeof(T) == 4, uint32, uint64>;
+    constexpr Bits Mantissa = (Bits{1} << (std::numeric_limits<T>::digits - 1)) - 1;
+    constexpr Bits Sign = Bits{1} << (sizeof(T) * 8 - 1);
+    const auto bits = std::bit_cast<Bits>(number) & ~Sign;
+    return bits != 0 && bits <= Mantissa;
+}
+
+template <typename T>
+std::string textOfNumber(const void* element) {
     // A bool of a file may be any byte.
     std::conditional_t<std::is_same_v<T, bool>, uint8, T> number{};
     std::memcpy(&number, element, sizeof(number));
     if constexpr (std::is_same_v<T, bool>)
-        return number != 0;
+        return number != 0 ? "true" : "false";
     else if constexpr (std::is_floating_point_v<T>) {
         if (std::isnan(number))
-            return "nan";
+            return "\"nan\"";
         if (std::isinf(number))
-            return number > 0 ? "inf" : "-inf";
-        return static_cast<double>(number);
-    } else {
-        if (std::abs(static_cast<double>(number)) > LargestJsonNumber)
-            return std::to_string(number);
-        if constexpr (std::is_signed_v<T>)
-            return static_cast<Json::Int64>(number);
-        else
-            return static_cast<Json::UInt64>(number);
-    }
+            return number > 0 ? "\"inf\"" : "\"-inf\"";
+        if (isDenormal(number))
+            return zel::String::format("%.17g", static_cast<double>(number));
+    } else if (std::abs(static_cast<double>(number)) > LargestJsonNumber)
+        return "\"" + std::to_string(number) + "\"";
+    std::array<char, 32> text{};
+    if constexpr (sizeof(T) == 1)
+        return std::to_string(static_cast<int>(number));
+    else
+        return {text.data(), std::to_chars(text.data(), text.data() + text.size(), number).ptr};
 }
 
 template <typename T>
@@ -73,7 +88,7 @@ ElementLayout::ElementLayout(const Format* format) {
         zelData::CallbackList::forAll([this]<typename T>(unsigned int stride, unsigned int padding) {
             component = componentName<T>();
             components = stride - padding;
-            numberToJson = &toJson<T>;
+            numberToText = &textOfNumber<T>;
         });
     Format::callFormatPrimitive(format, list);
 }
@@ -84,8 +99,10 @@ Json::Value valueToJson(const zelData::Value& value, const ElementLayout& layout
         format == nullptr ? nullptr : const_cast<zelData::Value&>(value).getData(); // NOLINT
     if (element == nullptr)
         return {};
-    if (layout.components == 1)
-        return layout.numberToJson(element);
+    if (layout.components == 1) {
+        Json::Value number;
+        return parseJson(layout.numberToText(element), 1, number) ? number : Json::Value();
+    }
     if (zelData::asciiFormat(format) == nullptr)
         return {};
     return static_cast<const std::string&>(cutText(value.toString()));

@@ -6,6 +6,8 @@
 
 #include <json/value.h>
 
+#include <string>
+
 namespace zelData {
 class Buffer;
 class Format;
@@ -24,7 +26,7 @@ struct ElementLayout {
 
     const char* component = ""; ///< such as "f64"; empty for what is not made of one kind of number
     zel::uint32 components = 0; ///< in an element, without padding
-    Json::Value (*numberToJson)(const void* element) = nullptr;
+    std::string (*numberToText)(const void* element) = nullptr; ///< of one component, in JSON
 };
 
 /// A number, true or false, or a text; null for a value without a format.

@@ -1,9 +1,13 @@
 #include "InspectionRequest.h"
 
+#include "transport/Envelope.h"
+
 #include <zel/Vector.h>
 #include <zelNet/StructuredMessage.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -78,6 +82,38 @@ zel::String cutText(zel::String text) {
         --end;
     text.resize(end == 0 ? MaxInspectionText : end);
     return text;
+}
+
+std::string jsonOf(const Json::Value& json) {
+    std::string text = writeJsonLine(json);
+    text.pop_back();
+    return text;
+}
+
+void pushText(WebSocket* socket,
+              std::string_view uri,
+              zel::uint32 number,
+              std::string_view header,
+              const zelData::BinaryData* payload) {
+    StructuredMessage::PreHeader numbers;
+    const zel::size_t payloadSize = payload == nullptr ? 0 : payload->getSize();
+    const zel::size_t textsEnd = sizeof(numbers) + uri.size() + header.size();
+    const zel::size_t offset = payloadSize == 0 ? textsEnd : payloadOffsetBehind(textsEnd);
+    numbers.messageId = number;
+    numbers.uriSize = static_cast<zel::uint32>(uri.size());
+    numbers.headerSize = static_cast<zel::uint32>(header.size());
+    numbers.payloadOffset = payloadSize == 0 ? 0 : static_cast<zel::uint32>(offset);
+    numbers.payloadSize = static_cast<zel::uint32>(payloadSize);
+    const zel::ref_ptr<WebSocket::Packet> packet(
+        new WebSocket::Packet(offset + payloadSize, WebSocket::Packet::ContentType::Binary));
+    zel::uint8* const bytes = packet->getPayload();
+    numbers.write(bytes);
+    zel::uint8* end = std::copy(uri.begin(), uri.end(), bytes + sizeof(numbers));
+    end = std::copy(header.begin(), header.end(), end);
+    std::fill(end, bytes + offset, zel::uint8{0});
+    if (payloadSize != 0)
+        std::memcpy(bytes + offset, payload->getData(), payloadSize);
+    socket->send(packet.get());
 }
 
 void push(WebSocket* socket, const char* uri, const Json::Value& header, zelData::BinaryData* payload) {

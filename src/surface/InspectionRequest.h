@@ -8,6 +8,9 @@
 
 #include <json/value.h>
 
+#include <string>
+#include <string_view>
+
 namespace zelNet {
 
 /// A request to an inspection service, and what is answered.
@@ -42,7 +45,18 @@ constexpr zel::size_t MaxInspectionText = 4096;
 /// The text, not longer than that; never cut within a character.
 [[nodiscard]] zel::String cutText(zel::String text);
 
-/// A message that answers nothing.
+/// On one line, without a line end.
+[[nodiscard]] std::string jsonOf(const Json::Value& json);
+
+/// Sends a message that answers nothing.
 void push(WebSocket* socket, const char* uri, const Json::Value& header, zelData::BinaryData* payload);
+/// The same with a header that is JSON text already: for those that are sent again and again, which a tree of
+/// values would make five times as dear.
+/// @param number  of the message; another one than that of the one of the same URI before
+void pushText(WebSocket* socket,
+              std::string_view uri,
+              zel::uint32 number,
+              std::string_view header,
+              const zelData::BinaryData* payload);
 
 } // namespace zelNet

@@ -107,6 +107,7 @@ private:
 
     steady_clock::time_point m_start = steady_clock::now();
     uint64 m_disconnect;
+    TreeRevision m_revision;
     InspectionWatches m_watches;
     InspectionClocks m_clocks;
     zel::ref_ptr<InspectionLog> m_log;
@@ -127,7 +128,12 @@ const std::array<InspectionService::Implementation::Route, 12> InspectionService
      {"Function.Call", &Implementation::callFunction, true}}};
 
 InspectionService::Implementation::Implementation(WebSocket::ControlChannel* c, zel::Component* r)
-    : channel(c), root(r), m_watches(r), m_clocks(r), m_log(new InspectionLog) {
+    : channel(c)
+    , root(r)
+    , m_revision(r)
+    , m_watches(r, m_revision)
+    , m_clocks(r, m_revision)
+    , m_log(new InspectionLog) {
     for (const Route& route : Routes)
         channel->registerMessageHandler(route.uri,
                                         [this, &route](auto*, WebSocket* socket, StructuredMessage* message) {

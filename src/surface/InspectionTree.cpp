@@ -167,6 +167,16 @@ private:
 
 } // namespace
 
+TreeRevision::TreeRevision(Component* root)
+    : m_root(root)
+    , m_added(root->addObjectEvent.connect([this](Component*, Object*) { ++m_revision; }))
+    , m_removed(root->removeObjectEvent.connect([this](Component*, Object*) { ++m_revision; })) {}
+
+TreeRevision::~TreeRevision() {
+    m_root->addObjectEvent.disconnect(m_added);
+    m_root->removeObjectEvent.disconnect(m_removed);
+}
+
 Object* findInspected(Component* root, std::string_view path) {
     Object* object = root;
     const std::string_view rest = follow(object, path);

@@ -16,6 +16,24 @@ namespace zelNet {
 
 // Objects as the inspection protocol names and describes them.
 
+/// Counts the objects that have come and gone below the root.
+class TreeRevision {
+public:
+    /// @param root  outlives this
+    explicit TreeRevision(zel::Component* root);
+    TreeRevision(const TreeRevision&) = delete;
+    TreeRevision& operator=(const TreeRevision&) = delete;
+    ~TreeRevision();
+
+    [[nodiscard]] zel::uint64 get() const noexcept { return m_revision; }
+
+private:
+    zel::Component* m_root;
+    zel::uint64 m_revision = 1;
+    zel::uint64 m_added;
+    zel::uint64 m_removed;
+};
+
 /// @return null if the path leads nowhere
 [[nodiscard]] zel::Object* findInspected(zel::Component* root, std::string_view path);
 /// The same, and an error that names the path instead of null.

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace zelNet {
@@ -35,12 +36,20 @@ struct InspectionWatches::Update {
         uint64 offset;
     };
 
-    Json::Value items{Json::arrayValue};
+    std::string items; // in JSON, with commas between them
     zel::Vector<Piece> pieces;
     uint64 numBytes = 0;
-    size_t numTextBytes = 0;
 
-    [[nodiscard]] bool isFull() const { return numTextBytes > MaxUpdateText; }
+    [[nodiscard]] bool isFull() const { return items.size() > MaxUpdateText; }
+
+    /// @param members  in JSON
+    void add(size_t index, std::string_view members) {
+        items += items.empty() ? "{\"item\":" : ",{\"item\":";
+        items += std::to_string(index);
+        items += ',';
+        items += members;
+        items += '}';
+    }
 
     [[nodiscard]] zel::ref_ptr<zelData::BinaryData> payload() const {
         if (numBytes == 0)
@@ -55,17 +64,6 @@ struct InspectionWatches::Update {
         return bytes;
     }
 };
-
-InspectionWatches::InspectionWatches(zel::Component* root)
-    : m_root(root)
-    , m_added(root->addObjectEvent.connect([this](zel::Component*, zel::Object*) { ++m_treeRevision; }))
-    , m_removed(
-          root->removeObjectEvent.connect([this](zel::Component*, zel::Object*) { ++m_treeRevision; })) {}
-
-InspectionWatches::~InspectionWatches() {
-    m_root->addObjectEvent.disconnect(m_added);
-    m_root->removeObjectEvent.disconnect(m_removed);
-}
 
 void InspectionWatches::add(InspectionRequest& request) {
     const uint64 number = request.wholeNumber("watch", ~zel::uint32{0});
@@ -102,7 +100,7 @@ void InspectionWatches::add(InspectionRequest& request) {
         items.append(entry);
         watch.items.push_back(std::move(item));
     }
-    watch.treeRevision = m_treeRevision;
+    watch.treeRevision = m_revision.get();
     watches[number] = std::move(watch);
 }
 
@@ -142,7 +140,7 @@ void InspectionWatches::find(Item& item) const {
 }
 
 void InspectionWatches::refresh(Watch& watch) const {
-    const bool hasTreeChanged = std::exchange(watch.treeRevision, m_treeRevision) != m_treeRevision;
+    const bool hasTreeChanged = std::exchange(watch.treeRevision, m_revision.get()) != m_revision.get();
     for (Item& item : watch.items) {
         // A parameter may have got another value meanwhile.
         const bool isParameter = item.value != nullptr && item.object != item.value;
@@ -154,71 +152,65 @@ void InspectionWatches::refresh(Watch& watch) const {
     }
 }
 
-bool InspectionWatches::tellValue(Item& item, Json::Value& json) {
+/// @return the value in JSON; empty if it has been told
+std::string InspectionWatches::tellValue(Item& item) {
     const zelData::Format* format = item.value->getFormat();
     if (item.format != format) {
         item.format = format;
         item.layout = ElementLayout(format);
         item.isTold = false;
     }
-    if (item.layout.components != 0) {
-        const auto* bytes = static_cast<const uint8*>(item.value->getData());
-        const size_t size = format->getSize();
-        if (item.isTold && item.lastBytes.size() == size &&
-            std::memcmp(item.lastBytes.data(), bytes, size) == 0)
-            return false;
-        item.lastBytes.assign(bytes, bytes + size);
-        json["value"] = valueToJson(*item.value, item.layout);
-    } else {
-        Json::Value text = valueToJson(*item.value, item.layout);
+    if (item.layout.components == 0) {
+        std::string text = jsonOf(valueToJson(*item.value, item.layout));
         if (item.isTold && item.lastText == text)
-            return false;
+            return {};
         item.lastText = text;
-        json["value"] = std::move(text);
+        return text;
     }
-    return true;
+    const auto* bytes = static_cast<const uint8*>(item.value->getData());
+    const size_t size = format->getSize();
+    if (item.isTold && item.lastBytes.size() == size && std::memcmp(item.lastBytes.data(), bytes, size) == 0)
+        return {};
+    item.lastBytes.assign(bytes, bytes + size);
+    return item.layout.components == 1 ? item.layout.numberToText(bytes)
+                                       : jsonOf(valueToJson(*item.value, item.layout));
 }
 
 /// @return false if there is no room for it
 bool InspectionWatches::tell(Item& item, size_t index, const Watch& watch, Update& update) {
     constexpr uint64 Alignment = 16;
-    Json::Value json;
     if (!item.object || (item.value == nullptr && item.buffer == nullptr)) {
-        if (item.isRemovalTold)
-            return true;
+        if (!item.isRemovalTold)
+            update.add(index, "\"removed\":true");
         item.isRemovalTold = true;
         item.isTold = false;
-        json["removed"] = true;
-    } else if (item.value != nullptr) {
-        if (!tellValue(item, json))
-            return true;
-        update.numTextBytes += json["value"].isString() ? json["value"].asString().size() : 0;
-    } else {
-        if (item.isTold && item.lastRevision == item.buffer->getRevision())
-            return true;
+        return true;
+    }
+    if (item.value != nullptr) {
+        const std::string value = tellValue(item);
+        if (!value.empty())
+            update.add(index, "\"value\":" + value);
+    } else if (!item.isTold || item.lastRevision != item.buffer->getRevision()) {
         const uint64 offset = (update.numBytes + Alignment - 1) / Alignment * Alignment;
-        const ElementRange whole = watch.range.clipped(*item.buffer, InspectionService::MaxElementBytes);
+        const ElementRange range = watch.range.clipped(*item.buffer, InspectionService::MaxElementBytes);
         const uint64 numBytes =
-            item.buffer->hasPlainElements() ? whole.count * item.buffer->getElementSize() : 0;
+            item.buffer->hasPlainElements() ? range.count * item.buffer->getElementSize() : 0;
         if (offset + numBytes > InspectionService::MaxElementBytes && update.numBytes != 0)
             return false;
-        update.numBytes = offset + describeElements(json, *item.buffer, whole, offset);
+        Json::Value json;
+        update.numBytes = offset + describeElements(json, *item.buffer, range, offset);
         if (numBytes != 0)
-            update.pieces.push_back({item.buffer, whole, offset});
-        for (const Json::Value& text : json["texts"])
-            update.numTextBytes += text.asString().size();
+            update.pieces.push_back({item.buffer, range, offset});
+        const std::string object = jsonOf(json);
+        update.add(index, std::string_view(object).substr(1, object.size() - 2));
         item.lastRevision = item.buffer->getRevision();
     }
-    if (item.object)
-        item.isRemovalTold = false;
+    item.isRemovalTold = false;
     item.isTold = true;
-    json["item"] = static_cast<Json::UInt64>(index);
-    update.items.append(std::move(json));
-    update.numTextBytes += 64;
     return true;
 }
 
-bool InspectionWatches::send(WebSocket* socket, uint64 number, Watch& watch, const Json::Value& clock) const {
+bool InspectionWatches::send(WebSocket* socket, uint64 number, Watch& watch, const std::string& clock) {
     refresh(watch);
     Update update;
     const size_t size = watch.items.size();
@@ -231,12 +223,10 @@ bool InspectionWatches::send(WebSocket* socket, uint64 number, Watch& watch, con
     watch.first = size == 0 ? 0 : (watch.first + done) % size;
     if (update.items.empty())
         return false;
-    Json::Value header;
-    header["watch"] = static_cast<Json::UInt64>(number);
-    header["sequence"] = static_cast<Json::UInt64>(++watch.sequence);
-    header["clock"] = clock;
-    header["items"] = std::move(update.items);
-    push(socket, "Watch.Update", header, update.payload().get());
+    const std::string header = "{\"watch\":" + std::to_string(number) +
+                               ",\"sequence\":" + std::to_string(++watch.sequence) + ",\"clock\":" + clock +
+                               ",\"items\":[" + update.items + "]}";
+    pushText(socket, "Watch.Update", ++m_lastMessage, header, update.payload().get());
     return true;
 }
 
@@ -248,7 +238,7 @@ bool InspectionWatches::isDue(Time now) const {
     return false;
 }
 
-bool InspectionWatches::update(Time now, const Json::Value& clock) {
+bool InspectionWatches::update(Time now, const std::string& clock) {
     bool hasSent = false;
     for (auto& [socket, watches] : m_clients) {
         if (!socket->isOpen() || socket->isAnonymous())

@@ -2,6 +2,7 @@
 
 #include "InspectionElements.h"
 #include "InspectionRequest.h"
+#include "InspectionTree.h"
 
 #include <zel/Component.h>
 #include <zel/Integers.h>
@@ -14,6 +15,7 @@
 
 #include <chrono>
 #include <map>
+#include <string>
 
 namespace zelNet {
 
@@ -24,10 +26,8 @@ public:
     using Time = std::chrono::steady_clock::time_point;
 
     /// Both outlive the watches.
-    explicit InspectionWatches(zel::Component* root);
-    InspectionWatches(const InspectionWatches&) = delete;
-    InspectionWatches& operator=(const InspectionWatches&) = delete;
-    ~InspectionWatches();
+    InspectionWatches(zel::Component* root, const TreeRevision& revision)
+        : m_root(root), m_revision(revision) {}
 
     void add(InspectionRequest& request);
     void remove(InspectionRequest& request);
@@ -35,9 +35,9 @@ public:
     /// Forgets what the client watches.
     void forget(WebSocket* socket);
     /// Sends what has changed and is due.
-    /// @param clock  what updates have as "clock"
+    /// @param clock  what updates have as "clock", in JSON
     /// @return whether anything was sent
-    bool update(Time now, const Json::Value& clock);
+    bool update(Time now, const std::string& clock);
     /// Whether an update is due.
     [[nodiscard]] bool isDue(Time now) const;
 
@@ -54,7 +54,7 @@ private:
         const zelData::Format* format = nullptr; // of the layout
         ElementLayout layout;
         zel::Vector<zel::uint8> lastBytes;
-        Json::Value lastText;
+        std::string lastText;
         zel::uint64 lastRevision = 0;
     };
     struct Watch {
@@ -73,13 +73,12 @@ private:
     void find(Item& item) const;
     void refresh(Watch& watch) const;
     [[nodiscard]] static bool tell(Item& item, zel::size_t index, const Watch& watch, Update& update);
-    [[nodiscard]] static bool tellValue(Item& item, Json::Value& json);
-    bool send(WebSocket* socket, zel::uint64 number, Watch& watch, const Json::Value& clock) const;
+    [[nodiscard]] static std::string tellValue(Item& item);
+    bool send(WebSocket* socket, zel::uint64 number, Watch& watch, const std::string& clock);
 
     zel::Component* m_root;
-    zel::uint64 m_treeRevision = 1; // raised by each object that comes or goes
-    zel::uint64 m_added;
-    zel::uint64 m_removed;
+    const TreeRevision& m_revision;
+    zel::uint32 m_lastMessage = 0; // the number of the last update, of any client
     std::map<WebSocket*, Watches> m_clients;
 };
 

@@ -155,25 +155,33 @@ TEST_F(InspectionServiceTest, NamesByPlaceWhatANameDoesNotLeadTo) {
                 ElementsAre("top.folder.twin", "top.folder.#1", "top.folder.#2", "top.folder.#3"));
     for (int i = 0; i < 4; ++i) {
         const std::string path = entry["children"][i]["children"][0]["path"].asString();
-        EXPECT_EQ(ask(client, "Object.Describe", "{'path':'" + path + "'}").header["value"], i + 1.0) << path;
+        EXPECT_EQ(ask(client, "Object.Describe", "{'path':'" + path + "'}").header["value"].asDouble(),
+                  i + 1.0)
+            << path;
     }
 }
 
 TEST_F(InspectionServiceTest, NumbersThatJsonLosesAreTexts) {
     put(new ValueT<double>("nan", std::numeric_limits<double>::quiet_NaN()));
     put(new ValueT<double>("inf", -std::numeric_limits<double>::infinity()));
+    put(new ValueT<double>("least", std::numeric_limits<double>::denorm_min()));
     put(new ValueT<zel::uint64>("large", ~zel::uint64{0}));
     put(new ValueT<zel::int64>("small", -9));
     put(new ValueT<bool>("flag", true));
     put(new ValueT<zel::String>("name", zel::String("Ann")));
     auto client = connect();
     std::vector<std::string> values;
-    for (const char* name : {"nan", "inf", "large", "small", "flag", "name"})
+    for (const char* name : {"nan", "inf", "least", "large", "small", "flag", "name"})
         values.push_back(
             text(ask(client, "Object.Describe", std::string("{'path':'top.") + name + "'}").header["value"]));
-    EXPECT_THAT(
-        values,
-        ElementsAre("\"nan\"\n", "\"-inf\"\n", "\"18446744073709551615\"\n", "-9\n", "true\n", "\"Ann\"\n"));
+    EXPECT_THAT(values,
+                ElementsAre("\"nan\"\n",
+                            "\"-inf\"\n",
+                            "4.9406564584124654e-324\n",
+                            "\"18446744073709551615\"\n",
+                            "-9\n",
+                            "true\n",
+                            "\"Ann\"\n"));
 }
 
 TEST_F(InspectionServiceTest, RefusesWhatIsNoRequest) {

@@ -45,7 +45,7 @@ TEST_F(InspectionServiceWatchTest, SendsAllAtFirstAndThenWhatHasChanged) {
     auto update = next(client).header;
     EXPECT_EQ(update["watch"], 1);
     EXPECT_EQ(update["sequence"], 1);
-    EXPECT_EQ(text(update["items"]), "[{\"item\":0,\"value\":1.5},{\"item\":1,\"value\":0.0}]\n");
+    EXPECT_EQ(text(update["items"]), "[{\"item\":0,\"value\":1.5},{\"item\":1,\"value\":0}]\n");
     EXPECT_EQ(update["clock"]["path"], "top.clock");
     EXPECT_EQ(update["clock"]["frame"], 0);
     EXPECT_TRUE(isQuiet(client));
@@ -53,7 +53,7 @@ TEST_F(InspectionServiceWatchTest, SendsAllAtFirstAndThenWhatHasChanged) {
     result->set(7.0);
     update = next(client).header;
     EXPECT_EQ(update["sequence"], 2);
-    EXPECT_EQ(text(update["items"]), "[{\"item\":1,\"value\":7.0}]\n");
+    EXPECT_EQ(text(update["items"]), "[{\"item\":1,\"value\":7}]\n");
     EXPECT_EQ(update["clock"]["time"], 0.1);
 }
 
@@ -72,7 +72,7 @@ TEST_F(InspectionServiceWatchTest, TellsTheLatestToASlowClient) {
     acknowledge(client, first);
     const auto update = takePush(client, Update).header;
     EXPECT_EQ(update["sequence"], 3);
-    EXPECT_EQ(text(update["items"]), "[{\"item\":0,\"value\":100.0}]\n");
+    EXPECT_EQ(text(update["items"]), "[{\"item\":0,\"value\":100}]\n");
 }
 
 TEST_F(InspectionServiceWatchTest, AcknowledgementsOfWhatWasNeverSentAreNone) {
@@ -173,7 +173,7 @@ TEST_F(InspectionServiceWatchTest, ObjectsMayGoAndComeBack) {
     put(new ValueT<double>("a", 1.5));
     EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":1.5}]\n");
     put(new ValueT<double>("later", 3.0));
-    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":1,\"value\":3.0}]\n");
+    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":1,\"value\":3}]\n");
 }
 
 TEST_F(InspectionServiceWatchTest, FollowsPointersThatTurn) {
@@ -184,9 +184,9 @@ TEST_F(InspectionServiceWatchTest, FollowsPointersThatTurn) {
     auto* pointer = put(new zel::Pointer("pointer", one));
     auto client = connect();
     watch(client, "'top.pointer.x'");
-    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":1.0}]\n");
+    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":1}]\n");
     pointer->bind(static_cast<zel::Object*>(two));
-    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":2.0}]\n");
+    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":2}]\n");
 }
 
 TEST_F(InspectionServiceWatchTest, TellsOfNumbersThatAreNone) {
@@ -204,7 +204,7 @@ TEST_F(InspectionServiceWatchTest, IsReplacedByOneOfItsNumberAndRemoved) {
     watch(client, "'top.a'");
     next(client);
     watch(client, "'top.result'");
-    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":0.0}]\n");
+    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":0}]\n");
     ask(client, "Watch.Remove", "{'watch':1}");
     result->set(5.0);
     EXPECT_TRUE(isQuiet(client));
@@ -263,5 +263,5 @@ TEST_F(InspectionServiceWatchTest, PausesWhileTheClientIsNotTrusted) {
         next(other);
     }
     EXPECT_EQ(ask(client, "authenticate", "{'token':'secret'}").header["success"], true);
-    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":2.0}]\n");
+    EXPECT_EQ(text(next(client).header["items"]), "[{\"item\":0,\"value\":2}]\n");
 }
