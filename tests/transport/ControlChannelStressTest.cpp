@@ -35,21 +35,6 @@ protected:
     }
     static void yield() { std::this_thread::yield(); }
 
-    /// Shakes hands.
-    /// @return false if the server has no room
-    static bool enter(RawWebSocket& peer) {
-        if (!peer.send(RawWebSocket::handshake(Protocol)))
-            return false;
-        for (;;) {
-            const bool isOpen = peer.receive();
-            const std::string answer = peer.takeAnswer();
-            if (!answer.empty())
-                return answer.starts_with("HTTP/1.1 101");
-            if (!isOpen)
-                return false;
-            yield();
-        }
-    }
     static bool request(RawWebSocket& peer, const std::string& uri, const std::string& json, zel::uint32 id) {
         return peer.send(RawWebSocket::frame(RawWebSocket::Binary, envelopeOf(uri, json, id)), yield);
     }
@@ -57,7 +42,7 @@ protected:
     /// Asks, and wants each answer; broadcasts come in between.
     static void behave(zel::uint16 port, Random& random) {
         RawWebSocket peer(port);
-        if (!enter(peer))
+        if (!peer.enter(Protocol))
             return; // the places for those without token were taken
         const int numRequests = static_cast<int>(random() % 20);
         for (int i = 0; i <= numRequests; ++i) {
@@ -85,7 +70,7 @@ protected:
         RawWebSocket peer(port);
         if (random() % 4 == 0) {
             (void)peer.send(RawWebSocket::handshake(Protocol).substr(0, random() % 150));
-        } else if (enter(peer)) {
+        } else if (peer.enter(Protocol)) {
             for (auto i = random() % 5; i != 0; --i) {
                 std::string bytes = RawWebSocket::frame(
                     RawWebSocket::Binary, envelopeOf("Echo", "{}", static_cast<zel::uint32>(random() % 3)));

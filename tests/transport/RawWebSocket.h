@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace zelTest {
 
@@ -123,6 +124,22 @@ public:
         std::string answer = m_received.substr(0, end + 4);
         m_received.erase(0, end + 4);
         return answer;
+    }
+
+    /// Shakes hands with a server that another thread serves.
+    /// @return false if it has no room
+    [[nodiscard]] bool enter(const char* protocol) {
+        if (!send(handshake(protocol)))
+            return false;
+        for (;;) {
+            const bool isOpen = receive();
+            const std::string answer = takeAnswer();
+            if (!answer.empty())
+                return answer.starts_with("HTTP/1.1 101");
+            if (!isOpen)
+                return false;
+            std::this_thread::yield();
+        }
     }
 
     /// The next frame of the other side, if it is there.
