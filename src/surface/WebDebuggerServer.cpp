@@ -37,14 +37,10 @@ void sleepMilliseconds(long milliseconds) {
 
 /// Called ahead of all that civetweb does with a request.
 int beginRequest(mg_connection* connection) {
-    if (const int status = refuseMethod(connection))
-        return status;
-    // Until the handler is there, civetweb would serve files by its own rules.
     const auto* const server = static_cast<const CivetServer*>(mg_get_user_data(mg_get_context(connection)));
-    if (!*static_cast<const std::atomic<bool>*>(server->getUserContext())) {
-        mg_send_http_error(connection, 503, "%s", "The server is starting");
-        return 503;
-    }
+    if (const int status =
+            refuseAhead(connection, *static_cast<const std::atomic<bool>*>(server->getUserContext())))
+        return status;
     if (!comesFromForeignPage(connection))
         return 0;
     mg_send_http_error(connection,
@@ -231,7 +227,10 @@ void WebDebuggerServer::serve() {
     }
     while (!m_isStopRequested)
         sleepMilliseconds(100);
-    m_server->close();
+    {
+        const ListenerWaker waker(static_cast<zel::uint16>(ports.front()));
+        m_server->close();
+    }
     const std::lock_guard lock(m_mutex);
     m_server = nullptr;
 }

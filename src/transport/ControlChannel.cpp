@@ -1,4 +1,5 @@
 #include "Envelope.h"
+#include "Token.h"
 
 #include <zel/Log.h>
 #include <zel/VerifyThrow.h>
@@ -7,7 +8,6 @@
 
 #include <json/value.h>
 #include <json/writer.h>
-#include <tomcrypt.h>
 
 #include <algorithm>
 #include <exception>
@@ -21,11 +21,6 @@ using ControlChannel = WebSocket::ControlChannel;
 using zel::uint32;
 
 namespace {
-
-/// Whether the texts are equal, in a time that does not tell how much of them is.
-bool isSameToken(const std::string& received, const zel::String& token) {
-    return received.size() == token.size() && mem_neq(received.data(), token.data(), token.size()) == 0;
-}
 
 bool isAnswer(const StructuredMessage& message) {
     return message.getResponseId() != StructuredMessage::NoId && message.getResponseId() != 0;

@@ -10,12 +10,9 @@
 #include <netdb.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <filesystem>
-#include <functional>
 #include <iostream>
 #include <memory>
-#include <thread>
 #include <vector>
 
 using testing::HasSubstr;
@@ -23,57 +20,16 @@ using testing::Not;
 using testing::StartsWith;
 using zelIO::Environment;
 using zelNet::zelWebServer::WebDebuggerServer;
+using zelTest::bodyOf;
 using zelTest::exchangeHttp;
 using zelTest::LogCapture;
+using zelTest::OpenSocket;
 using zelTest::requestHttp;
 using zelTest::StreamCapture;
 using zelTest::TempDirectory;
+using zelTest::waitUntil;
 
 namespace {
-
-bool waitUntil(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-/// A connection that stays open.
-class OpenSocket {
-public:
-    OpenSocket() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        m_address.sin_family = AF_INET;
-        m_address.sin_addr.s_addr = htonl(INADDR_ANY);
-    }
-    OpenSocket(const OpenSocket&) = delete;
-    OpenSocket& operator=(const OpenSocket&) = delete;
-    ~OpenSocket() { ::close(m_socket); }
-
-    void connect(int port) {
-        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        m_address.sin_port = htons(static_cast<std::uint16_t>(port));
-        ASSERT_EQ(::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof(m_address)), 0);
-    }
-    void send(const std::string& bytes) const {
-        EXPECT_EQ(::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    /// Takes a port of the system's choice.
-    int listen() {
-        EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof(m_address)), 0);
-        EXPECT_EQ(::listen(m_socket, 1), 0);
-        socklen_t size = sizeof(m_address);
-        EXPECT_EQ(::getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_address), &size), 0);
-        return ntohs(m_address.sin_port);
-    }
-
-private:
-    int m_socket;
-    sockaddr_in m_address{};
-};
 
 class WebDebuggerServerTest : public testing::Test {
 protected:
@@ -89,10 +45,6 @@ protected:
     [[nodiscard]] std::uint16_t port() const { return static_cast<std::uint16_t>(server->getPort()); }
     [[nodiscard]] std::string get(const std::string& uri, const std::string& headers = "") const {
         return requestHttp(port(), uri, "Host: localhost\r\n" + headers);
-    }
-    [[nodiscard]] static std::string bodyOf(const std::string& answer) {
-        const std::size_t end = answer.find("\r\n\r\n");
-        return end == std::string::npos ? "no answer" : answer.substr(end + 4);
     }
 
     TempDirectory directory;
