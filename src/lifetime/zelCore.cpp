@@ -7,6 +7,7 @@
 #include <zel/Thread.h>
 #include <zel/Timer.h>
 #include <zelCore/zelCore.h>
+#include <zelIO/RemoteCommandServer.h>
 
 #include <pthread.h>
 
@@ -81,6 +82,9 @@ void shutdown() {
         return;
     s_zel_initialized.store(false, std::memory_order_relaxed);
     zel::detail::beginShutdown();
+    // Its thread is one of the system's. In later sessions the manager, which comes last, does nothing.
+    if (auto* server = zelIO::RemoteCommandServerSingleton::find())
+        zel::detail::attemptShutdown("RemoteCommandServer::stop", [server] { server->_shutdown(); });
     zel::detail::attemptShutdown("Thread::shutdown", [] { zel::Thread::shutdown(); });
     zel::ShutdownCallback::triggerShutdown();
     if (zel::SingletonManager* manager = zel::SingletonManager::instance())
