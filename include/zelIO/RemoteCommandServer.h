@@ -19,6 +19,7 @@
 #include <chrono>
 #include <concepts>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -28,6 +29,7 @@ struct mg_context;
 
 namespace zelIO {
 
+class HandlerThread;
 using zel::String;
 
 /// Gives the command server a scripting language. Called on the server's thread, one call at a time.
@@ -52,7 +54,7 @@ public:
 ///     server->start(0, false);
 ///     std::cout << "http://localhost:" << server->getPort() << '\n';
 ///
-/// Requests come in on a thread of the server's own, one after the other. They see the tree of objects at
+/// Requests are handled on a thread of the server's own, one after the other. They see the tree of objects at
 /// rest, between two ticks: what changes it elsewhere has to pass the gate of zel/TreeGate.h. Handlers and
 /// script listeners of the program run outside of the gate.
 ///
@@ -181,6 +183,7 @@ private:
     zel::HashTable<String, RequestHandler> m_handlers;
     std::set<std::string> m_allowedExtensions;
     std::atomic<std::chrono::milliseconds> m_compileLimit{std::chrono::minutes(1)};
+    std::unique_ptr<HandlerThread> m_handlerThread;                 // while it listens
     mutable zel::RankedMutex<zel::LockRank::CommandServer> m_mutex; // token, root, listeners, handlers
 };
 

@@ -1,3 +1,4 @@
+#include "surface/HandlerThread.h"
 #include "surface/HttpRules.h"
 #include "threads/SignalBlock.h"
 
@@ -111,9 +112,6 @@ RemoteCommandServer::~RemoteCommandServer() {
 
 namespace {
 
-/// The server whose handler this thread runs.
-thread_local const RemoteCommandServer* t_servedBy = nullptr;
-
 void endServerThread(const mg_context*, int, void*) {
     zel::Thread::unregisterAsZelThread();
 }
@@ -181,7 +179,10 @@ bool RemoteCommandServer::startOn(unsigned port, bool allowRemote) {
                                      "keep_alive_timeout_ms",
                                      "100",
                                      "decode_url",
-                                     "no"};
+                                     "no",
+                                     // A script may have been compiled anew.
+                                     "static_file_max_age",
+                                     "0"};
     if (m_useSSL) {
         if (!hasHttps()) {
             m_useSSL = false;
@@ -196,6 +197,7 @@ bool RemoteCommandServer::startOn(unsigned port, bool allowRemote) {
     if (!takeSystemRoot())
         return false;
 
+    m_handlerThread = std::make_unique<HandlerThread>();
     mg_callbacks callbacks{};
     callbacks.begin_request = &mgBeginRequest;
     callbacks.exit_thread = &endServerThread;
@@ -203,8 +205,10 @@ bool RemoteCommandServer::startOn(unsigned port, bool allowRemote) {
         const zel::SignalBlock block; // its threads inherit it
         m_mongoose = mg_start(&callbacks, this, options.data());
     }
-    if (m_mongoose == nullptr)
+    if (m_mongoose == nullptr) {
+        m_handlerThread = nullptr;
         return refuse();
+    }
     mg_set_auth_handler(m_mongoose, "", &mgAuthCallback, this);
     mg_set_request_handler(m_mongoose, "", &mgRequestCallback, this);
     mg_server_port actual_ports{};
@@ -228,7 +232,7 @@ bool RemoteCommandServer::start(zelNet::PortRange* range, bool allowRemote) {
 }
 
 void RemoteCommandServer::stop() {
-    if (t_servedBy == this)
+    if (m_handlerThread != nullptr && m_handlerThread->isCurrent())
         ZEL_THROW(std::runtime_error, "RemoteCommandServer: a handler can not stop the server that calls it");
     end();
 }
@@ -242,6 +246,7 @@ void RemoteCommandServer::end() {
         mg_stop(m_mongoose);
     }
     m_mongoose = nullptr;
+    m_handlerThread = nullptr;
     zel::Vector<zel::ref_ptr<ScriptListener>> listeners; // let go when the mutex is free
     const std::lock_guard lock(m_mutex);
     std::swap(listeners, m_scriptListeners);
@@ -323,14 +328,12 @@ int RemoteCommandServer::mgAuthCallback(mg_connection* connection, void* server)
 int RemoteCommandServer::mgRequestCallback(mg_connection* connection, void* server) {
     auto* const commandServer = static_cast<RemoteCommandServer*>(server);
     zelVerify(commandServer);
-    t_servedBy = commandServer;
     int state = 500;
     try {
         state = commandServer->handleHttpEvent(connection);
     } catch (...) {
         // Of the log, since handlers have been guarded; nobody is left to tell.
     }
-    t_servedBy = nullptr;
     return state;
 }
 

@@ -55,8 +55,8 @@ void gatherJournalConfigurations(const String& file, Json::Value& json) {
 
 bool RemoteCommandServer::readComponent(mg_connection* connection, const QueryArgumentTable& arguments) {
     const String& path = arguments["path"];
-    // The system would cut the name off at a NUL.
-    const bool isName = path.find('\0') == String::npos;
+    // The system would cut the name off at a NUL, and others would steer the terminal that shows the search.
+    const bool isName = printable(path) == path;
     const String found = isName ? Environment::instance()->findComponent(path) : String();
     log("  Client requesting component %s, found %s", printable(path).c_str(), printable(found).c_str());
     std::error_code error;

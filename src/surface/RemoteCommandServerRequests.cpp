@@ -1,3 +1,4 @@
+#include "surface/HandlerThread.h"
 #include "surface/HttpRules.h"
 #include "surface/StaticFileHandler.h"
 #include "transport/Envelope.h"
@@ -150,7 +151,7 @@ int RemoteCommandServer::handleHttpEvent(mg_connection* connection) {
             handler = position->value;
     }
     if (handler)
-        answer(connection, uri, handler);
+        m_handlerThread->run([&] { answer(connection, uri, handler); });
     else if (uri.ends_with(".js"))
         compileScript(uri);
     if (isCallback)

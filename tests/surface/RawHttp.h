@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -53,13 +54,21 @@ public:
         EXPECT_EQ(::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
     }
+    /// The same where the other side may hang up meanwhile.
+    void sendSome(const std::string& bytes) const {
+        static_cast<void>(::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+    }
     /// All that comes until the other side closes.
     [[nodiscard]] std::string receive() const {
         std::string answer;
         char block[4096];
-        for (ssize_t n = 0; (n = ::recv(m_socket, block, sizeof(block), 0)) > 0;)
-            answer.append(block, static_cast<std::size_t>(n));
-        return answer;
+        for (;;) {
+            const ssize_t n = ::recv(m_socket, block, sizeof(block), 0);
+            if (n > 0)
+                answer.append(block, static_cast<std::size_t>(n));
+            else if (n == 0 || errno != EINTR) // a child process of the server may end
+                return answer;
+        }
     }
     /// The next byte; 0 at the end.
     [[nodiscard]] char receiveOne() const {

@@ -1,11 +1,13 @@
 #include "CommandServerFixture.h"
 #include "support/WhatOf.h"
 
+#include <zel/Thread.h>
 #include <zelIO/Environment.h>
 #include <zelNet/AllowedHosts.h>
 #include <zelNet/PortRange.h>
 
 #include <json/value.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -412,6 +414,24 @@ TEST_F(RemoteCommandServerTest, WhatAHandlerThrowsIsTheAnswer) {
                 HasSubstr("] Uncaught exception in HTTP request handler for '/bad'. Description: "
                           "oops.[2J.\n"));
     EXPECT_THAT(log.text(), HasSubstr("for '/worse'. Description: unknown exception\n"));
+}
+
+TEST_F(RemoteCommandServerTest, HandlersHaveRoomOnTheirStack) {
+    std::size_t size = 0;
+    bool isKnown = false;
+    server->registerHandler("/room", [&](auto*, auto*, const auto&) {
+        pthread_attr_t attributes;
+        void* address = nullptr;
+        EXPECT_EQ(::pthread_getattr_np(::pthread_self(), &attributes), 0);
+        EXPECT_EQ(::pthread_attr_getstack(&attributes, &address, &size), 0);
+        ::pthread_attr_destroy(&attributes);
+        isKnown = zel::Thread::getCurrentThread() != nullptr;
+        return true;
+    });
+    start();
+    EXPECT_EQ(get("/room"), RouteHead);
+    EXPECT_GE(size, std::size_t{1} << 20) << "scripts run there";
+    EXPECT_TRUE(isKnown);
 }
 
 TEST_F(RemoteCommandServerTest, AnAnswerThatIsCutShortIsTold) {
