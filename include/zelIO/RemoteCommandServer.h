@@ -29,7 +29,7 @@ struct mg_context;
 
 namespace zelIO {
 
-class HandlerThread;
+class RoomyStack;
 using zel::String;
 
 /// Gives the command server a scripting language. Called on the server's thread, one call at a time.
@@ -183,7 +183,7 @@ private:
     zel::HashTable<String, RequestHandler> m_handlers;
     std::set<std::string> m_allowedExtensions;
     std::atomic<std::chrono::milliseconds> m_compileLimit{std::chrono::minutes(1)};
-    std::unique_ptr<HandlerThread> m_handlerThread;                 // while it listens
+    std::unique_ptr<RoomyStack> m_handlerStack;                     // while it listens
     mutable zel::RankedMutex<zel::LockRank::CommandServer> m_mutex; // token, root, listeners, handlers
 };
 

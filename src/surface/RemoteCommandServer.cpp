@@ -1,5 +1,5 @@
-#include "surface/HandlerThread.h"
 #include "surface/HttpRules.h"
+#include "surface/RoomyStack.h"
 #include "threads/SignalBlock.h"
 
 #include <zel/Exception.h>
@@ -197,7 +197,7 @@ bool RemoteCommandServer::startOn(unsigned port, bool allowRemote) {
     if (!takeSystemRoot())
         return false;
 
-    m_handlerThread = std::make_unique<HandlerThread>();
+    m_handlerStack = std::make_unique<RoomyStack>();
     mg_callbacks callbacks{};
     callbacks.begin_request = &mgBeginRequest;
     callbacks.exit_thread = &endServerThread;
@@ -206,7 +206,7 @@ bool RemoteCommandServer::startOn(unsigned port, bool allowRemote) {
         m_mongoose = mg_start(&callbacks, this, options.data());
     }
     if (m_mongoose == nullptr) {
-        m_handlerThread = nullptr;
+        m_handlerStack = nullptr;
         return refuse();
     }
     mg_set_auth_handler(m_mongoose, "", &mgAuthCallback, this);
@@ -232,7 +232,7 @@ bool RemoteCommandServer::start(zelNet::PortRange* range, bool allowRemote) {
 }
 
 void RemoteCommandServer::stop() {
-    if (m_handlerThread != nullptr && m_handlerThread->isCurrent())
+    if (m_handlerStack != nullptr && m_handlerStack->isCurrent())
         ZEL_THROW(std::runtime_error, "RemoteCommandServer: a handler can not stop the server that calls it");
     end();
 }
@@ -246,7 +246,7 @@ void RemoteCommandServer::end() {
         mg_stop(m_mongoose);
     }
     m_mongoose = nullptr;
-    m_handlerThread = nullptr;
+    m_handlerStack = nullptr;
     zel::Vector<zel::ref_ptr<ScriptListener>> listeners; // let go when the mutex is free
     const std::lock_guard lock(m_mutex);
     std::swap(listeners, m_scriptListeners);

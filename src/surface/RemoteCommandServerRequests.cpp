@@ -1,5 +1,5 @@
-#include "surface/HandlerThread.h"
 #include "surface/HttpRules.h"
+#include "surface/RoomyStack.h"
 #include "surface/StaticFileHandler.h"
 #include "transport/Envelope.h"
 #include "transport/Token.h"
@@ -151,7 +151,7 @@ int RemoteCommandServer::handleHttpEvent(mg_connection* connection) {
             handler = position->value;
     }
     if (handler)
-        m_handlerThread->run([&] { answer(connection, uri, handler); });
+        m_handlerStack->run([&] { answer(connection, uri, handler); });
     else if (uri.ends_with(".js"))
         compileScript(uri);
     if (isCallback)

@@ -170,6 +170,22 @@ TEST_F(RemoteCommandServerObjectsTest, GroupsTheChildrenOfAComponentByModel) {
               "\"zelData.Value\":{\"speed\":\"2.5\"}},\"path\":\"root\",\"success\":true}\n");
 }
 
+TEST_F(RemoteCommandServerObjectsTest, APathMayGoInCircles) {
+    add(new zel::Pointer("p", root.get()));
+    std::string path = "p";
+    while (path.size() < 15'000)
+        path += ".p";
+    EXPECT_THAT(command(path), HasSubstr("\"success\":true"));
+    EXPECT_THAT(complete(path), StartsWith("{\"hasMatch\":"));
+}
+
+TEST_F(RemoteCommandServerObjectsTest, TheTreeMayBeDeep) {
+    zel::Component* deepest = root.get();
+    for (int i = 0; i < 2000; ++i)
+        deepest = addComponent("x", deepest);
+    EXPECT_THAT(ask("/zelJournal/NavigationTree"), AllOf(HasSubstr("\"name\":\"x\""), EndsWith("}\n")));
+}
+
 TEST_F(RemoteCommandServerObjectsTest, PrintsWhatWasAskedAndAnswered) {
     const StreamCapture output(std::cout);
     static_cast<void>(command("Boat%0a%1b[2J"));
