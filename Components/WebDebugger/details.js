@@ -157,7 +157,7 @@ var detailsPanel;
             const components = item.elements?.components ?? 0;
             if (components !== this.components) {
                 this.components = components;
-                const names = components === 0 ? ["bytes"] : Array.from({ length: components }, (_, i) => model.componentName(i, components));
+                const names = components === 0 ? ["element"] : Array.from({ length: components }, (_, i) => model.componentName(i, components));
                 this.head.replaceChildren(el("span", { role: "columnheader" }, "#"), ...names.map((name) => el("span", { role: "columnheader" }, name)));
             }
             this.list.setCount(item.numElements);
@@ -190,7 +190,7 @@ var detailsPanel;
             for (let column = 0; column < columns; ++column) {
                 const cell = row.children[column + 1];
                 const isKnown = elements !== null && at >= 0 && at < elements.count;
-                const content = !isKnown ? "…" : elements.components === 0 ? elements.bytesAt(at) : elements.at(at, column);
+                const content = !isKnown ? "…" : elements.components === 0 ? elements.textAt(at) : elements.at(at, column);
                 ui.setText(cell, typeof content === "number" ? ui.number(content, 6) : String(content));
                 cell.title = String(content);
                 cell.setAttribute("aria-selected", String(index === this.row && column === this.column));

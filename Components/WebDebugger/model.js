@@ -41,9 +41,11 @@ var model;
     model.componentName = componentName;
     /// The numbers that a value consists of; none where it is not made of numbers alone.
     function numbersOf(value) {
-        const numbers = typeof value === "string" ? value.trim().split(/\s+/).map(numberOf) : value === null ? [] : [numberOf(value)];
-        const isNumber = (number, i) => !Number.isNaN(number) || value === "nan" || String(value).trim().split(/\s+/)[i] === "nan";
-        return numbers.every(isNumber) ? numbers : [];
+        if (value === null || value === "")
+            return [];
+        const parts = String(value).trim().split(/[\s,]+/);
+        const numbers = typeof value === "boolean" ? [numberOf(value)] : parts.map(numberOf);
+        return numbers.every((number, i) => !Number.isNaN(number) || parts[i] === "nan") ? numbers : [];
     }
     model.numbersOf = numbersOf;
     function quantitiesOf(path, value) {

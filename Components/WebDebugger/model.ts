@@ -83,10 +83,11 @@ namespace model {
     }
     /// The numbers that a value consists of; none where it is not made of numbers alone.
     export function numbersOf(value: Value | null): number[] {
-        const numbers = typeof value === "string" ? value.trim().split(/\s+/).map(numberOf) : value === null ? [] : [numberOf(value)];
-        const isNumber = (number: number, i: number): boolean =>
-            !Number.isNaN(number) || value === "nan" || String(value).trim().split(/\s+/)[i] === "nan";
-        return numbers.every(isNumber) ? numbers : [];
+        if (value === null || value === "")
+            return [];
+        const parts = String(value).trim().split(/[\s,]+/);
+        const numbers = typeof value === "boolean" ? [numberOf(value)] : parts.map(numberOf);
+        return numbers.every((number, i) => !Number.isNaN(number) || parts[i] === "nan") ? numbers : [];
     }
     export function quantitiesOf(path: string, value: Value | null): Quantity[] {
         const numbers = numbersOf(value);

@@ -12,12 +12,13 @@ var particlePanel;
     particlePanel.suits = suits;
     const Projection = `
         uniform vec3 u_right, u_up, u_forward, u_target;
-        uniform float u_distance, u_aspect;
+        uniform vec2 u_extent;
+        uniform float u_distance;
         vec4 project(vec3 place) {
             vec3 q = place - u_target;
             float depth = u_distance + dot(u_forward, q);
             float near = 0.01 * u_distance, far = 1000.0 * u_distance;
-            return vec4(dot(u_right, q) / (${Tangent} * u_aspect), dot(u_up, q) / ${Tangent},
+            return vec4(dot(u_right, q) / u_extent.x, dot(u_up, q) / u_extent.y,
                 depth * (far + near) / (far - near) - 2.0 * far * near / (far - near), depth);
         }`;
     const PointVertex = `#version 300 es
@@ -108,7 +109,7 @@ var particlePanel;
             const [cy, sy, cp, sp] = [Math.cos(this.yaw), Math.sin(this.yaw), Math.cos(this.pitch), Math.sin(this.pitch)];
             return { right: [-sy, cy, 0], up: [-sp * cy, -sp * sy, cp], forward: [-cp * cy, -cp * sy, -sp] };
         }
-        /// Moves what is seen by parts of the height of the picture.
+        /// Moves what is seen by parts of the shorter side of the picture.
         pan(x, y) {
             const { right, up } = this.axes;
             const step = 2 * Tangent * this.distance;
@@ -130,7 +131,8 @@ var particlePanel;
                 gl.uniform3fv(at("u_forward"), forward);
                 gl.uniform3fv(at("u_target"), this.target);
                 gl.uniform1f(at("u_distance"), this.distance);
-                gl.uniform1f(at("u_aspect"), canvas.width / canvas.height);
+                const side = Math.min(canvas.width, canvas.height);
+                gl.uniform2f(at("u_extent"), Tangent * canvas.width / side, Tangent * canvas.height / side);
                 if (program === this.points) {
                     gl.uniform1f(at("u_size"), this.size * devicePixelRatio);
                     gl.uniform3fv(at("u_color"), color);
@@ -388,7 +390,7 @@ var particlePanel;
             if (scene === null)
                 return;
             scene.target.fill(0);
-            scene.distance = 2.8 / Math.min(1, this.canvas.clientWidth / Math.max(1, this.canvas.clientHeight));
+            scene.distance = 2.65;
             if (this.isFlat) {
                 scene.yaw = -Math.PI / 2;
                 scene.pitch = Math.PI / 2;
@@ -410,13 +412,16 @@ var particlePanel;
             const accent = parseInt(ui.color("--accent").slice(1), 16);
             scene.draw([accent >> 16 & 255, accent >> 8 & 255, accent & 255].map((part) => part / 255));
             // A length of 1, 2 or 5 times a power of ten.
-            const unitsPerPixel = 2 * Tangent * scene.distance * this.radius / canvas.clientHeight;
+            const unitsPerPixel = 2 * Tangent * scene.distance * this.radius / this.side;
             const most = 120 * unitsPerPixel;
             const power = 10 ** Math.floor(Math.log10(most));
             const length = Number.isFinite(power) && power > 0 ? power * (most >= 5 * power ? 5 : most >= 2 * power ? 2 : 1) : 0;
             this.scaleBar.hidden = length === 0 || scene.count === 0;
             this.scaleBar.style.width = length / unitsPerPixel + "px";
             ui.setText(this.scaleBar, ui.number(length, 3));
+        }
+        get side() {
+            return Math.max(1, Math.min(this.canvas.clientWidth, this.canvas.clientHeight));
         }
         turn(x, y) {
             if (this.scene === null)
@@ -452,7 +457,7 @@ var particlePanel;
                 const before = pointers.get(event.pointerId);
                 if (before === undefined)
                     return;
-                const [x, y] = [(event.clientX - before.x) / canvas.clientHeight, (event.clientY - before.y) / canvas.clientHeight];
+                const [x, y] = [(event.clientX - before.x) / this.side, (event.clientY - before.y) / this.side];
                 const other = [...pointers].find(([id]) => id !== event.pointerId)?.[1];
                 if (other !== undefined)
                     this.zoom(Math.hypot(before.x - other.x, before.y - other.y) / Math.max(1, Math.hypot(event.clientX - other.x, event.clientY - other.y)));

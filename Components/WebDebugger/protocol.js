@@ -112,9 +112,14 @@ var protocol;
                 this.components = 0;
             if (offset + numBytes > payload.byteLength)
                 throw new Error("elements that lie outside of the payload");
+            this.texts = Array.isArray(header.texts) ? header.texts : null;
+            if (this.texts !== null && numBytes > 0)
+                throw new Error("elements that are both bytes and texts");
             if (numBytes > 0 && (this.elementSize === 0 || numBytes % this.elementSize !== 0))
                 throw new Error("elements that are cut short");
-            this.count = numBytes === 0 ? 0 : numBytes / this.elementSize;
+            this.count = this.texts !== null ? this.texts.length : numBytes === 0 ? 0 : numBytes / this.elementSize;
+            if (this.texts !== null)
+                this.components = 0;
             this.view = new DataView(payload.buffer, payload.byteOffset + offset, numBytes);
         }
         at(index, component) {
@@ -126,8 +131,10 @@ var protocol;
         numberAt(index, component) {
             return Number(this.at(index, component));
         }
-        /// For a person: the bytes of an element that is not made of numbers.
-        bytesAt(index) {
+        /// For a person: an element that is not made of numbers, by its text or its bytes.
+        textAt(index) {
+            if (this.texts !== null)
+                return textOf(this.texts[index]);
             let text = "";
             for (let i = 0; i < Math.min(this.elementSize, 16); ++i)
                 text += this.view.getUint8(index * this.elementSize + i).toString(16).padStart(2, "0") + " ";

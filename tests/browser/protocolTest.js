@@ -82,7 +82,7 @@ test("numbers that JSON has not come as texts", () => {
         [NaN, Infinity, -Infinity, 18446744073709551615, NaN, NaN, NaN, NaN]);
 });
 test("values of several numbers are taken apart", () => {
-    assert.deepStrictEqual(model.numbersOf("1 2.5 -3e2"), [1, 2.5, -300]);
+    assert.deepStrictEqual(model.numbersOf("1, 2.5, -3e2"), [1, 2.5, -300]);
     assert.deepStrictEqual(model.numbersOf("rover 3"), []);
     assert.deepStrictEqual(model.numbersOf(true), [1]);
     assert.deepStrictEqual(model.numbersOf("nan"), [NaN]);
@@ -102,7 +102,12 @@ test("integers of 64 bits keep all their digits", () => {
 });
 test("elements that are not numbers are shown by their bytes", () => {
     const elements = new Elements({ elementSize: 3, component: "", components: 0, numBytes: 3 }, Uint8Array.of(1, 0xAB, 3));
-    assert.strictEqual(elements.bytesAt(0), "01 ab 03");
+    assert.strictEqual(elements.textAt(0), "01 ab 03");
+});
+test("elements that are no plain bytes come as texts", () => {
+    const elements = new Elements({ elementSize: 0, component: "", components: 0, numBytes: 0, texts: ["Ann", 3, {}] }, new Uint8Array(0));
+    assert.deepStrictEqual([elements.count, elements.components, [0, 1, 2].map((i) => elements.textAt(i))], [3, 0, ["Ann", "3", ""]]);
+    assert.throws(() => new Elements({ elementSize: 1, numBytes: 1, texts: ["a"] }, new Uint8Array(1)), /both bytes and texts/);
 });
 test("elements that lie about their size are refused", () => {
     const payload = new Uint8Array(16);
