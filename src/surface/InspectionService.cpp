@@ -1,3 +1,4 @@
+#include "Completion.h"
 #include "InspectionClocks.h"
 #include "InspectionElements.h"
 #include "InspectionLog.h"
@@ -88,13 +89,14 @@ private:
         bool changes;
         bool answers = true;
     };
-    static const std::array<Route, 12> Routes;
+    static const std::array<Route, 13> Routes;
 
     void handle(const Route& route, WebSocket* socket, const StructuredMessage& message);
 
     void info(InspectionRequest& request);
     void heartbeat(InspectionRequest& request);
     void describe(InspectionRequest& request);
+    void complete(InspectionRequest& request);
     void setValue(InspectionRequest& request);
     void readBuffer(InspectionRequest& request);
     void addWatch(InspectionRequest& request) { m_watches.add(request); }
@@ -113,10 +115,11 @@ private:
     zel::ref_ptr<InspectionLog> m_log;
 };
 
-const std::array<InspectionService::Implementation::Route, 12> InspectionService::Implementation::Routes = {
+const std::array<InspectionService::Implementation::Route, 13> InspectionService::Implementation::Routes = {
     {{"System.Info", &Implementation::info, false},
      {"System.Heartbeat", &Implementation::heartbeat, false},
      {"Object.Describe", &Implementation::describe, false},
+     {"Object.Complete", &Implementation::complete, false},
      {"Value.Set", &Implementation::setValue, true},
      {"Buffer.Read", &Implementation::readBuffer, false},
      {"Watch.Add", &Implementation::addWatch, false},
@@ -219,6 +222,15 @@ void InspectionService::Implementation::describe(InspectionRequest& request) {
     range.begin = request.wholeNumber("begin", 0, ~uint64{0});
     range.count = request.wholeNumber("count", MaxEntries, MaxEntries);
     request.response = describeInspected(root.get(), requireInspected(root.get(), path), path, range);
+}
+
+void InspectionService::Implementation::complete(InspectionRequest& request) {
+    const zel::String text = request.text("text");
+    const uint64 limit = request.wholeNumber("limit", 50, MaxEntries);
+    zelIO::Completion completion = zelIO::completePath(text, root.get());
+    if (completion.list.size() > limit)
+        completion.list.resize(limit);
+    request.response = completion.toJson(text);
 }
 
 void InspectionService::Implementation::setValue(InspectionRequest& request) {

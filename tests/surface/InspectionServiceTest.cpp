@@ -39,7 +39,7 @@ TEST_F(InspectionServiceTest, TellsWhatItIs) {
     EXPECT_EQ(info["threads"].asUInt64(), zel::getNumThreads());
     EXPECT_GE(info["uptime"].asDouble(), 0);
     EXPECT_EQ(info["limits"]["watches"], 64);
-    EXPECT_EQ(info["uris"].size(), 12U);
+    EXPECT_EQ(info["uris"].size(), 13U);
     service->setWritable(true);
     service->setCallable(true);
     EXPECT_EQ(ask(client, "System.Info").header["callable"], true);
@@ -182,6 +182,25 @@ TEST_F(InspectionServiceTest, NumbersThatJsonLosesAreTexts) {
                             "-9\n",
                             "true\n",
                             "\"Ann\"\n"));
+}
+
+TEST_F(InspectionServiceTest, CompletesPaths) {
+    auto client = connect();
+    const auto complete = [&](const std::string& text, const std::string& more = {}) {
+        return ask(client, "Object.Complete", "{'text':'" + text + "'" + more + "}").header;
+    };
+    auto answer = complete("top.C");
+    EXPECT_EQ(text(answer["list"]), "[\"cars\",\"clock\"]\n");
+    EXPECT_EQ(answer["hasMatch"], true);
+    EXPECT_EQ(answer["matchedPath"], "top");
+    EXPECT_EQ(answer["query"], "top.C");
+    EXPECT_EQ(text(complete("top.c", ",'limit':1")["list"]), "[\"cars\"]\n");
+    answer = complete("TOP.cl");
+    EXPECT_EQ(answer["matchedPath"], "top.clock");
+    EXPECT_EQ(answer["uniqueMatchHasChildren"], true);
+    EXPECT_EQ(complete("top.nobody")["hasMatch"], false);
+    EXPECT_EQ(complete("nobody.nothing.x")["list"].size(), 0U);
+    EXPECT_GT(complete("")["list"].size(), 0U);
 }
 
 TEST_F(InspectionServiceTest, RefusesWhatIsNoRequest) {
