@@ -28,17 +28,17 @@ inline bool waitUntil(const std::function<bool()>& condition) {
 }
 
 /// A connection that stays open.
-class OpenSocket {
+class RawClient {
 public:
-    OpenSocket() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    RawClient() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         m_address.sin_family = AF_INET;
         m_address.sin_addr.s_addr = htonl(INADDR_ANY);
         const timeval bound{60, 0};
         ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
     }
-    OpenSocket(const OpenSocket&) = delete;
-    OpenSocket& operator=(const OpenSocket&) = delete;
-    ~OpenSocket() { ::close(m_socket); }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+    ~RawClient() { ::close(m_socket); }
 
     /// @param from  an address of this machine
     void connect(int port, std::uint32_t from = INADDR_LOOPBACK) {
@@ -106,7 +106,7 @@ private:
 /// Sends the bytes to a port of this machine, and takes all that comes back until the other side closes.
 inline std::string
 exchangeHttp(std::uint16_t port, const std::string& bytes, std::uint32_t from = INADDR_LOOPBACK) {
-    OpenSocket client;
+    RawClient client;
     client.connect(port, from);
     client.send(bytes);
     return client.receive();

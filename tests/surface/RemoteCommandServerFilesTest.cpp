@@ -324,7 +324,7 @@ TEST_F(RemoteCommandServerScriptTest, StopEndsTheCompiler) {
     makeCompiler("sleep 1000\n");
     write("a.ts", "source", 1);
     const StreamCapture output(std::cout);
-    OpenSocket client;
+    RawClient client;
     client.connect(server->getPort());
     client.send("GET /a.js HTTP/1.1\r\nHost: localhost\r\n\r\n");
     ASSERT_TRUE(waitUntil([&] { return !calls().empty(); }));

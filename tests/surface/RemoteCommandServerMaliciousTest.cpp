@@ -146,7 +146,7 @@ TEST_F(RemoteCommandServerMaliciousTest, RubbishGetsNoFile) {
           "GET /" + std::string(100'000, 'a') + " HTTP/1.1\r\nHost: localhost\r\n\r\n",
           "GET / HTTP/1.1\r\nHost: localhost\r\n" + std::string(100'000, 'a') + ": b\r\n\r\n",
           "GET / HTTP/1.1\r\nHost: " + std::string(100'000, 'a') + "\r\n\r\n"}) {
-        OpenSocket client;
+        RawClient client;
         client.connect(server->getPort());
         client.sendSome(bytes);
         EXPECT_THAT(client.receive(), Not(HasSubstr("HTTP/1.1 200"))) << bytes.substr(0, 40);
@@ -194,7 +194,7 @@ TEST_F(RemoteCommandServerMaliciousTest, WhatIsLoggedAndPrintedSteersNoTerminal)
 }
 
 TEST_F(RemoteCommandServerMaliciousTest, ASlowClientIsDroppedSoThatOthersAreServed) {
-    OpenSocket slow;
+    RawClient slow;
     slow.connect(server->getPort());
     slow.send("GET / HTTP/1.1\r\nHost: loc");
     EXPECT_EQ(bodyOf(get("/")), "the page");
@@ -204,7 +204,7 @@ TEST_F(RemoteCommandServerMaliciousTest, ConnectionsThatEndAtAnyPointDoNoHarm) {
     const std::string request = "GET /zelRemote/Command?text= HTTP/1.1\r\nHost: localhost\r\n\r\n";
     for (std::size_t size = 0; size <= request.size(); size += 5)
         for (const bool withReset : {false, true}) {
-            OpenSocket client;
+            RawClient client;
             client.connect(server->getPort());
             client.send(request.substr(0, size));
             if (withReset)
@@ -213,12 +213,12 @@ TEST_F(RemoteCommandServerMaliciousTest, ConnectionsThatEndAtAnyPointDoNoHarm) {
 }
 
 TEST_F(RemoteCommandServerMaliciousTest, ManyConnectionsAreServedInTurn) {
-    std::vector<OpenSocket> clients(100);
-    for (OpenSocket& client : clients) {
+    std::vector<RawClient> clients(100);
+    for (RawClient& client : clients) {
         client.connect(server->getPort());
         client.send("GET /data.txt HTTP/1.1\r\nHost: localhost\r\n\r\n");
     }
-    for (OpenSocket& client : clients)
+    for (RawClient& client : clients)
         EXPECT_EQ(bodyOf(client.receive()), "data");
 }
 

@@ -282,7 +282,7 @@ TEST_F(RemoteCommandServerObjectsTest, ATreeThatIsBeingChangedIsNotLookedAt) {
 TEST_F(RemoteCommandServerObjectsTest, AClientThatDoesNotReadKeepsNobodyFromChangingTheTree) {
     for (int i = 0; i < 3000; ++i)
         addComponent((std::to_string(i) + std::string(8000, 'x')).c_str());
-    OpenSocket client;
+    RawClient client;
     client.limitReceived(4096);
     client.connect(server->getPort());
     client.send("GET /zelJournal/NavigationTree HTTP/1.1\r\nHost: localhost\r\n\r\n");

@@ -73,7 +73,7 @@ TEST_F(RemoteCommandServerTest, ASecondSessionHasAServerOfItsOwn) {
     root = nullptr;
     zelCore::shutdown();
     EXPECT_FALSE(RemoteCommandServer::hasInstance());
-    OpenSocket free;
+    RawClient free;
     EXPECT_EQ(free.listen(port), port) << "nobody listens any more";
 
     SetUp();
@@ -95,7 +95,7 @@ TEST_F(RemoteCommandServerTest, ShutdownWaitsForTheRequestUnderWay) {
         return true;
     });
     start();
-    OpenSocket client;
+    RawClient client;
     client.connect(server->getPort());
     client.send("GET /slow HTTP/1.1\r\nHost: localhost\r\n\r\n");
     ASSERT_TRUE(waitUntil([&] { return isInside.load(); }));
@@ -169,8 +169,8 @@ TEST_F(RemoteCommandServerTest, AHandlerCanNotStopTheServerThatCallsIt) {
 
 TEST_F(RemoteCommandServerTest, StopsWithClientsConnected) {
     start();
-    OpenSocket silent;
-    OpenSocket slow;
+    RawClient silent;
+    RawClient slow;
     silent.connect(server->getPort());
     slow.connect(server->getPort());
     slow.send("GET /zel");
@@ -181,7 +181,7 @@ TEST_F(RemoteCommandServerTest, StopsWithClientsConnected) {
 // What keeps it from starting
 
 TEST_F(RemoteCommandServerTest, APortThatCanNotBeHadIsTold) {
-    OpenSocket taken;
+    RawClient taken;
     const int port = taken.listen();
     const LogCapture log(zel::Notify::Warning);
     EXPECT_FALSE(server->start(static_cast<zel::uint16>(port), false));
@@ -194,7 +194,7 @@ TEST_F(RemoteCommandServerTest, APortThatCanNotBeHadIsTold) {
 }
 
 TEST_F(RemoteCommandServerTest, TriesThePortsOfARangeInTurn) {
-    OpenSocket first;
+    RawClient first;
     const int port = first.listen();
     ASSERT_LT(port, 65000);
     const zel::ref_ptr<zelNet::PortRange> range(
@@ -206,11 +206,11 @@ TEST_F(RemoteCommandServerTest, TriesThePortsOfARangeInTurn) {
 }
 
 TEST_F(RemoteCommandServerTest, ARangeThatIsUsedUpIsTold) {
-    OpenSocket taken;
+    RawClient taken;
     const int port = taken.listen();
     const zel::ref_ptr<zelNet::PortRange> range(
         new zelNet::PortRange(static_cast<zel::uint16>(port), static_cast<zel::uint16>(port + 1)));
-    OpenSocket next;
+    RawClient next;
     const int isOurs = next.listen(port + 1); // or somebody else's
     static_cast<void>(isOurs);
     const LogCapture log(zel::Notify::Warning);
@@ -443,7 +443,7 @@ TEST_F(RemoteCommandServerTest, AnAnswerThatIsCutShortIsTold) {
     start();
     const LogCapture log;
     {
-        OpenSocket client;
+        RawClient client;
         client.limitReceived(4096);
         client.connect(server->getPort());
         client.resetAtEnd();

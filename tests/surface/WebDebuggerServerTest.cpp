@@ -23,7 +23,7 @@ using zelNet::zelWebServer::WebDebuggerServer;
 using zelTest::bodyOf;
 using zelTest::exchangeHttp;
 using zelTest::LogCapture;
-using zelTest::OpenSocket;
+using zelTest::RawClient;
 using zelTest::requestHttp;
 using zelTest::StreamCapture;
 using zelTest::TempDirectory;
@@ -235,7 +235,7 @@ TEST_F(WebDebuggerServerTest, AConnectionServesMoreThanOneRequest) {
 
 TEST_F(WebDebuggerServerTest, ASlowClientIsDroppedSoThatOthersAreServed) {
     start();
-    OpenSocket slow;
+    RawClient slow;
     slow.connect(port());
     slow.send("GET / HTTP/1.1\r\nHost: loc");
     EXPECT_EQ(bodyOf(get("/")), "the page");
@@ -243,8 +243,8 @@ TEST_F(WebDebuggerServerTest, ASlowClientIsDroppedSoThatOthersAreServed) {
 
 TEST_F(WebDebuggerServerTest, StopsWithClientsConnected) {
     start();
-    OpenSocket silent;
-    OpenSocket slow;
+    RawClient silent;
+    RawClient slow;
     silent.connect(port());
     slow.connect(port());
     slow.send("GET /da");
@@ -288,7 +288,7 @@ TEST_F(WebDebuggerServerTest, TwoServersServeTheirOwnFiles) {
 }
 
 TEST_F(WebDebuggerServerTest, ABusyPortFailsAfterTheTimeAndIsTold) {
-    auto taken = std::make_unique<OpenSocket>();
+    auto taken = std::make_unique<RawClient>();
     WebDebuggerServer busy(taken->listen(), directory / "root");
     {
         const StreamCapture errors(std::cerr);
