@@ -384,11 +384,15 @@ class Remote:
     def log(self, level: str = "info", timeout: Optional[float] = None) -> Iterator[Json]:
         """The log lines from now on: level, time, text. Ends after that many seconds without one."""
         self.request("Log.Subscribe", {"level": level})
-        while True:
-            try:
-                yield self._await_push("Log.Line", None, timeout).header
-            except TimeoutError:
-                return
+
+        def lines() -> Iterator[Json]:
+            while True:
+                try:
+                    yield self._await_push("Log.Line", None, timeout).header
+                except TimeoutError:
+                    return
+
+        return lines()
 
     # Messages
 

@@ -20,14 +20,14 @@ public:
 
     // Members of the header. They throw std::runtime_error for one of the wrong kind, which names it.
 
-    [[nodiscard]] zel::String text(const char* member) const;
-    [[nodiscard]] zel::uint64 wholeNumber(const char* member, zel::uint64 otherwise, zel::uint64 max) const;
+    [[nodiscard]] zel::String text(const char* name) const;
+    [[nodiscard]] zel::uint64 wholeNumber(const char* name, zel::uint64 otherwise, zel::uint64 max) const;
     /// Required, and finite.
-    [[nodiscard]] double number(const char* member) const;
+    [[nodiscard]] double number(const char* name) const;
     /// Required.
-    [[nodiscard]] zel::uint64 wholeNumber(const char* member, zel::uint64 max) const;
+    [[nodiscard]] zel::uint64 wholeNumber(const char* name, zel::uint64 max) const;
     /// Required, of texts.
-    [[nodiscard]] zel::Vector<zel::String> texts(const char* member, zel::size_t maxCount) const;
+    [[nodiscard]] zel::Vector<zel::String> texts(const char* name, zel::size_t maxCount) const;
     [[nodiscard]] const Json::Value& member(const char* name) const;
 
     WebSocket* const socket;

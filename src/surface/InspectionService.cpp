@@ -84,9 +84,9 @@ public:
 private:
     using Handler = void (Implementation::*)(InspectionRequest&);
     struct Route {
-        const char* uri;
-        Handler handler;
-        bool changes;
+        const char* uri = nullptr;
+        Handler handler = nullptr;
+        bool changes = false;
         bool answers = true;
     };
     static const std::array<Route, 13> Routes;

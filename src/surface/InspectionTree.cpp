@@ -33,7 +33,7 @@ namespace {
 /// Of nested lists of children.
 constexpr uint64 MaxNestedChildren = 100;
 /// What the entries of one answer may come to, in bytes: readers may refuse a header above 1 MiB.
-constexpr zel::size_t MaxDescription = 700 * 1024;
+constexpr zel::size_t MaxDescription = zel::size_t{700} * 1024;
 /// Of an entry without its texts, about.
 constexpr zel::size_t EntryCost = 250;
 

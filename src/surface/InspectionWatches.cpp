@@ -24,7 +24,7 @@ constexpr uint64 MaxUnacknowledged = 2;
 constexpr uint64 ShortestInterval = 16;
 constexpr uint64 LongestInterval = 3'600'000;
 /// Of the texts of one update, in bytes; see describeInspected.
-constexpr size_t MaxUpdateText = 700 * 1024;
+constexpr size_t MaxUpdateText = size_t{700} * 1024;
 
 } // namespace
 

@@ -17,6 +17,7 @@
 #include <spawn.h>
 #include <strings.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -31,8 +32,6 @@
 #include <iostream>
 #include <string_view>
 #include <thread>
-
-extern char** environ;
 
 namespace zelIO {
 
