@@ -19,6 +19,7 @@ namespace zelData {
 
 class CaptureTree;
 class CaptureWork;
+class RunStateWriter;
 
 /// Takes frames of a live tree: a key frame with all that is bound, and from then on what has changed since
 /// the frame before.
@@ -67,6 +68,10 @@ public:
     /// The next frame is a key frame: for one who throws a frame away, or begins a new session.
     void requestKeyFrame() noexcept { m_wantsKeyFrame = true; }
 
+    /// Frames also tell, in the component "_runState", where the clocks below the root and this one stand:
+    /// without that, a run does not go on from a frame. The clock is not kept alive. See docs/recording.md.
+    void captureClocks(zel::Clock* clock);
+
     /// A frame of what there is now. After an exception the next one is a key frame.
     /// @throws std::bad_alloc, and what the tasks of other threads throw meanwhile
     [[nodiscard]] zel::ref_ptr<Frame> capture(zel::uint64 index, double timeStamp, double timeStep);
@@ -91,6 +96,7 @@ private:
     zel::Vector<zel::String> m_omissions;
     std::unique_ptr<CaptureTree> m_tree;
     std::unique_ptr<CaptureWork> m_work;
+    std::unique_ptr<RunStateWriter> m_runState; // null where clocks are not told
 };
 
 } // namespace zelData

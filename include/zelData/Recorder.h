@@ -18,12 +18,10 @@
 #include <exception>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <utility>
 
 namespace zelData {
 
-class RunStateWriter;
 class Track;
 class Value;
 
@@ -217,7 +215,6 @@ private:
     zel::uint64 m_preTick = 0;
     zel::uint64 m_postTick = 0;
     zel::ref_ptr<FrameCapture> m_capture;
-    std::unique_ptr<RunStateWriter> m_runState;
     zel::ref_ptr<Track> m_track;
     zel::uint64 m_numJournals = 0;
     zel::uint64 m_journalNumber = 0;

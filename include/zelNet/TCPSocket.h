@@ -19,6 +19,9 @@ class StructuredMessage;
 /// @threads external lock
 class ZEL_CORE_API TCPSocket : public Socket {
 public:
+    /// After how long, in milliseconds, blocking operations ask whether to go on, see setMayWait.
+    static constexpr zel::uint32 AskMs = 100;
+
     TCPSocket() : TCPSocket(IPAddress()) {}
     explicit TCPSocket(const IPAddress& peer) : Socket(peer) {}
     TCPSocket& operator=(const TCPSocket&) = default;

@@ -5,6 +5,7 @@
 #include <zel/ref_ptr.h>
 #include <zelData/BinaryData.h>
 #include <zelData/FrameIO.h>
+#include <zelData/SerializedFrame.h>
 #include <zelNet/IPAddress.h>
 #include <zelNet/StructuredMessage.h>
 #include <zelNet/TCPSocket.h>
@@ -18,7 +19,7 @@ namespace zelNet {
 /// Receives the frames of a TcpSocketFrameWriter. Frames own their elements.
 ///
 /// The nodes of a packet that name formats or entities that are not known here, or do not fit their payload,
-/// end the process: both ends are built from one model of the data.
+/// end the process, where nothing else is asked for: both ends are built from one model of the data.
 /// @threads external lock: the track's, once it has one
 class ZEL_CORE_API TcpSocketFrameReader : public zelData::FrameReader {
 public:
@@ -28,7 +29,11 @@ public:
     /// Connects, and waits for the first header. A reader for a server that is absent gives no frames.
     explicit TcpSocketFrameReader(const IPAddress& address);
     /// The same on a socket that is open.
-    explicit TcpSocketFrameReader(TCPSocket* socket);
+    /// @param onFault  with Throw, this and readFrame throw a std::runtime_error for a packet that ends the
+    ///     process otherwise
+    explicit TcpSocketFrameReader(
+        TCPSocket* socket,
+        zelData::SerializedFrame::OnFault onFault = zelData::SerializedFrame::OnFault::EndProcess);
     TcpSocketFrameReader(const TcpSocketFrameReader&) = delete;
     TcpSocketFrameReader& operator=(const TcpSocketFrameReader&) = delete;
     ~TcpSocketFrameReader() override;
@@ -62,6 +67,7 @@ private:
     zel::ref_ptr<zelData::BinaryData> m_buffer;
     StructuredMessage::PreHeader m_preHeader;
     bool m_open = true;
+    zelData::SerializedFrame::OnFault m_onFault = zelData::SerializedFrame::OnFault::EndProcess;
 };
 
 } // namespace zelNet

@@ -39,6 +39,10 @@ public:
     /// Tells the clients that no frame follows.
     void endOfStream() override;
 
+    /// For so long in all, clients that do not read are waited for once the track has been stopped: 0 at
+    /// first.
+    void setPatience(zel::uint32 milliseconds) noexcept { m_patience = milliseconds; }
+
     /// 0 for a writer without port.
     [[nodiscard]] zel::uint16 getPort() const noexcept { return m_port; }
     [[nodiscard]] zel::size_t getNumClients() const noexcept { return m_clients.size(); }
@@ -46,12 +50,14 @@ public:
 private:
     void acceptIncommingConnectionRequests();
     void addClient(TCPSocket* socket);
+    [[nodiscard]] bool mayWait();
     template <typename Send>
     void sendToEach(const Send& send);
 
     zel::ref_ptr<TCPServerSocket> m_server; // null with a given client
     zel::Vector<zel::ref_ptr<TCPSocket>> m_clients;
     zel::uint16 m_port = 0;
+    zel::uint32 m_patience = 0; // ms
 };
 
 } // namespace zelNet

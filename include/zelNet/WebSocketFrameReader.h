@@ -5,10 +5,12 @@
 #include <zel/LockRank.h>
 #include <zel/ref_ptr.h>
 #include <zelData/FrameIO.h>
+#include <zelData/SerializedFrame.h>
 #include <zelNet/WebSocket.h>
 
 #include <condition_variable>
 #include <deque>
+#include <exception>
 
 namespace zelNet {
 
@@ -26,7 +28,12 @@ public:
 
     /// Takes the receive callback of the socket.
     /// @param threaded  see FrameIO
-    explicit WebSocketFrameReader(WebSocket* socket, bool threaded = true);
+    /// @param onFault  with Throw, readFrame throws a std::runtime_error in place of each message that is no
+    ///     frame, or whose frame ends the process otherwise; the peer gets no answer then
+    explicit WebSocketFrameReader(
+        WebSocket* socket,
+        bool threaded = true,
+        zelData::SerializedFrame::OnFault onFault = zelData::SerializedFrame::OnFault::EndProcess);
     WebSocketFrameReader(const WebSocketFrameReader&) = delete;
     WebSocketFrameReader& operator=(const WebSocketFrameReader&) = delete;
     ~WebSocketFrameReader() override;
@@ -44,7 +51,10 @@ private:
     struct Received {
         zel::ref_ptr<zelData::Frame> frame;
         zel::size_t numBytes;
+        std::exception_ptr fault; // in place of the frame
     };
+
+    [[nodiscard]] Received parse(zel::uint8* data, zel::size_t size) const;
 
     void messageReceivedCallback(WebSocket* socket, zel::uint8* data, zel::size_t size);
     /// The caller holds the mutex.
@@ -53,6 +63,7 @@ private:
     }
 
     zel::ref_ptr<WebSocket> m_socket;
+    zelData::SerializedFrame::OnFault m_onFault;
     zel::RankedMutex<zel::LockRank::FrameStream> m_mutex; // of all below
     std::condition_variable_any m_frameCame;
     bool m_isReleased = false;

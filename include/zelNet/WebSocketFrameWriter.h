@@ -37,6 +37,9 @@ public:
         return m_server ? m_server->getPort() : zel::uint16{0};
     }
     [[nodiscard]] zel::size_t getNumClients() const;
+    /// The bytes that wait to be sent, of all clients.
+    /// @threads while nobody calls writeFrame or service
+    [[nodiscard]] zel::size_t getNumQueuedBytes() const;
 
 private:
     void clientConnectedCallback(WebSocket* socket);

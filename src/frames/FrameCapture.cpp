@@ -1,6 +1,7 @@
 #include "CaptureTree.h"
 #include "CaptureWork.h"
 #include "FrameWalk.h"
+#include "RunState.h"
 
 #include <zel/Clock.h>
 #include <zel/Verify.h>
@@ -22,6 +23,11 @@ FrameCapture::~FrameCapture() = default;
 
 void FrameCapture::omit(const zel::Path& path, const zel::String& reason) {
     noteOmission(m_omissions, path, "recorded", reason);
+}
+
+void FrameCapture::captureClocks(zel::Clock* clock) {
+    zelVerify(clock);
+    m_runState = std::make_unique<RunStateWriter>(m_root, clock);
 }
 
 zel::ref_ptr<Frame> FrameCapture::capture(zel::uint64 index, double timeStamp, double timeStep) {
@@ -57,6 +63,8 @@ zel::ref_ptr<Frame> FrameCapture::fill(zel::ref_ptr<Frame> frame) {
     frame->setSerialized(true);
     m_tree->build(frame.get(), m_work->copied);
     m_work->copyAll();
+    if (m_runState)
+        m_runState->write(frame.get());
     m_numIncrements = isKeyFrame ? 0 : m_numIncrements + 1;
     m_wantsKeyFrame = false;
     return frame;

@@ -1,5 +1,4 @@
 #include "RunScene.h"
-#include "RunState.h"
 #include "files/DiskFile.h"
 
 #include <zel/Exception.h>
@@ -355,7 +354,7 @@ void Recorder::start() {
             if (dynamic_cast<const RandomGenerator*>(object) != nullptr)
                 m_capture->addDataBinding(object->getPath(m_root.get()), false);
         });
-    m_runState = std::make_unique<RunStateWriter>(m_root.get(), m_clock.get());
+    m_capture->captureClocks(m_clock.get());
     try {
         openJournal(m_resume);
         if (isDue())
@@ -375,7 +374,6 @@ void Recorder::start() {
 void Recorder::stop() {
     closeJournal();
     m_capture = nullptr;
-    m_runState = nullptr;
     m_condition = nullptr;
     m_root = nullptr;
     m_keptRoot = nullptr;
@@ -423,7 +421,6 @@ void Recorder::capture() {
     if (m_track != track)
         return; // a callback has stopped the recording, or begun another
     const zel::ref_ptr<Frame> frame = m_capture->capture(m_clock.get());
-    m_runState->write(frame.get());
     m_captureSeconds += secondsSince(begin);
     if (m_journalBytes == 0)
         m_journalStart = frame->getTimeStamp();

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
 namespace zelNet {
@@ -19,6 +20,7 @@ namespace zelNet {
 using zel::uint32;
 using zel::uint64;
 using zel::uint8;
+using OnFault = zelData::SerializedFrame::OnFault;
 
 namespace {
 
@@ -37,7 +39,8 @@ TcpSocketFrameReader::TcpSocketFrameReader(const IPAddress& address) : m_socket(
     begin();
 }
 
-TcpSocketFrameReader::TcpSocketFrameReader(TCPSocket* socket) : m_socket(socket) {
+TcpSocketFrameReader::TcpSocketFrameReader(TCPSocket* socket, OnFault onFault)
+    : m_socket(socket), m_onFault(onFault) {
     begin();
 }
 
@@ -51,6 +54,9 @@ void TcpSocketFrameReader::begin() {
         (void)readHeader();
     } catch (const NetError&) {
         close();
+    } catch (...) {
+        m_socket->setMayWait({}); // which would ask this
+        throw;
     }
 }
 
@@ -100,6 +106,8 @@ bool TcpSocketFrameReader::readHeader() {
 
 void TcpSocketFrameReader::readPadding(uint64 numBytes) {
     constexpr uint64 MAX_PADDING = TcpSocketFrameWriter::MAX_PADDING;
+    if (numBytes > MAX_PADDING && m_onFault == OnFault::Throw)
+        throw std::runtime_error("TcpSocketFrameReader: More padding than a sender writes");
     zelVerify(numBytes <= MAX_PADDING);
     uint8 bytes[MAX_PADDING];
     m_socket->recvBlocking(bytes, static_cast<uint32>(numBytes));
@@ -138,7 +146,7 @@ zelData::Frame* TcpSocketFrameReader::readFrame() {
     const zel::ref_ptr<zelData::BinaryData> payload(
         new zelData::BinaryData(m_buffer->getData(), m_preHeader.payloadSize, m_buffer.get()));
     const std::unique_ptr<Json::Value> header = std::move(m_header);
-    return FramePacket::parseFrame(*header, payload.get());
+    return FramePacket::parseFrame(*header, payload.get(), m_onFault);
 }
 
 bool TcpSocketFrameReader::jumpToFrame(uint64 /*index*/) {

@@ -63,7 +63,15 @@ TcpSocketFrameWriter::~TcpSocketFrameWriter() {
 
 void TcpSocketFrameWriter::addClient(TCPSocket* socket) {
     m_clients.push_back(zel::ref_ptr<TCPSocket>(socket));
-    socket->setMayWait([this] { return getTrack() == nullptr || getTrack()->isRunning(); });
+    socket->setMayWait([this] { return mayWait(); });
+}
+
+/// Asked whenever a client has taken nothing for a while.
+bool TcpSocketFrameWriter::mayWait() {
+    if (getTrack() == nullptr || getTrack()->isRunning())
+        return true;
+    m_patience -= std::min(m_patience, TCPSocket::AskMs);
+    return m_patience != 0;
 }
 
 void TcpSocketFrameWriter::acceptIncommingConnectionRequests() {

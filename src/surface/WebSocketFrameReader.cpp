@@ -9,8 +9,10 @@
 
 namespace zelNet {
 
-WebSocketFrameReader::WebSocketFrameReader(WebSocket* socket, bool threaded)
-    : FrameReader(threaded), m_socket(socket) {
+using OnFault = zelData::SerializedFrame::OnFault;
+
+WebSocketFrameReader::WebSocketFrameReader(WebSocket* socket, bool threaded, OnFault onFault)
+    : FrameReader(threaded), m_socket(socket), m_onFault(onFault) {
     socket->setReceiveCallback([this](WebSocket* sender, zel::uint8* data, zel::size_t size) {
         messageReceivedCallback(sender, data, size);
     });
@@ -21,12 +23,22 @@ WebSocketFrameReader::~WebSocketFrameReader() {
     m_socket->setPaused(false);
 }
 
+WebSocketFrameReader::Received WebSocketFrameReader::parse(zel::uint8* data, zel::size_t size) const {
+    try {
+        return {zel::ref_ptr<zelData::Frame>(FramePacket::parseFrame(data, size, m_onFault)), size, {}};
+    } catch (const std::exception&) {
+        if (m_onFault == OnFault::EndProcess)
+            throw;
+        return {{}, size, std::current_exception()};
+    }
+}
+
 void WebSocketFrameReader::messageReceivedCallback(WebSocket* socket, zel::uint8* data, zel::size_t size) {
-    zel::ref_ptr<zelData::Frame> frame(FramePacket::parseFrame(data, size));
+    Received received = parse(data, size);
     bool mustPause = false;
     {
         const std::lock_guard lock(m_mutex);
-        m_frames.push_back({std::move(frame), size});
+        m_frames.push_back(std::move(received));
         m_numBytes += size;
         mustPause = !m_isPaused && isAbove(MaxWaitingBytes, MaxWaitingFrames);
         if (mustPause)
@@ -59,6 +71,8 @@ zelData::Frame* WebSocketFrameReader::readFrame() {
     }
     if (mustGoOn)
         m_socket->setPaused(false);
+    if (received.fault != nullptr)
+        std::rethrow_exception(received.fault);
     return received.frame.release_nodelete();
 }
 

@@ -49,6 +49,14 @@ zel::size_t WebSocketFrameWriter::getNumClients() const {
     return m_clients.size();
 }
 
+zel::size_t WebSocketFrameWriter::getNumQueuedBytes() const {
+    const std::lock_guard lock(m_mutex);
+    zel::size_t sum = 0;
+    for (const auto& client : m_clients)
+        sum += client->getNumQueuedBytes();
+    return sum;
+}
+
 void WebSocketFrameWriter::clientConnectedCallback(WebSocket* socket) {
     {
         const std::lock_guard lock(m_mutex);

@@ -28,8 +28,6 @@ namespace {
 
 /// How long one wait of those takes that go on until they are done.
 constexpr uint32 WaitMs = 1000;
-/// After how long somebody is asked whether to go on.
-constexpr uint32 AskMs = 100;
 constexpr uint64 MaxMessageSize = std::numeric_limits<uint32>::max();
 
 iovec pieceOf(const void* data, zel::size_t size) {
@@ -48,7 +46,7 @@ ssize_t waitFor(int descriptor, short event, const std::function<bool()>& mayWai
     if (mayWait) {
         do {
             pollfd entry{descriptor, event, 0};
-            if (pollFor(&entry, 1, AskMs) == 0 && !mayWait())
+            if (pollFor(&entry, 1, TCPSocket::AskMs) == 0 && !mayWait())
                 ZEL_THROW(NetError, "TCPSocket: nobody waits for the peer any more");
         } while (mustWait(result = call(MSG_DONTWAIT)));
         return result;
