@@ -77,6 +77,7 @@ int printInfo(const Arguments& arguments);
 int listFrames(const Arguments& arguments);
 int showFrame(const Arguments& arguments);
 int verify(const Arguments& arguments);
+int recordStream(const Arguments& arguments);
 int recover(const Arguments& arguments);
 int cut(const Arguments& arguments);
 int exportSeries(const Arguments& arguments);

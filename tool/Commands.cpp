@@ -45,6 +45,15 @@ const std::vector<Command>& commands() {
            "What the page must know, in place of a random token; it stands in the address."},
           {"--open", nullptr, "Lets each program of this machine look, without a token."},
           {"--writable", nullptr, "Lets the page set values and drive clocks."},
+          {"--stream",
+           "tcp:PORT|ws:PORT",
+           "Sends each frame to whoever connects to the port, as 'zel journal record' does. With port 0, one "
+           "that is "
+           "free is taken and printed. May be given again. tcp listens on all addresses of the machine."},
+          {"--budget",
+           "BYTES",
+           "So many bytes of frames may wait for the readers of a stream; 268435456 without it. Frames above "
+           "that are left out."},
           {"--path", "DIRECTORY", "Looks there for models, plug-ins and data, too. May be given again."},
           {"--set",
            "PATH=VALUE",
@@ -116,6 +125,19 @@ const std::vector<Command>& commands() {
          1,
          1,
          &verify},
+        {"journal record",
+         "FILE --from tcp:HOST:PORT|ws:HOST:PORT [OPTION]...",
+         "Records the frames of a run in another process",
+         "Writes the frames that 'zel run --stream' sends to a new journal, from the next one on, until the "
+         "stream ends, "
+         "the connection is lost, or Ctrl-C. The journal is closed in each of these cases.\n"
+         "\n"
+         "    zel journal record --from tcp:localhost:4000 run.journal\n",
+         {{"--from", "SOURCE", "Where the frames come from: tcp:HOST:PORT or ws:HOST:PORT."},
+          {"--path", "DIRECTORY", "Looks there for models of entities, too. May be given again."}},
+         1,
+         1,
+         &recordStream},
         {"journal recover",
          "FILE NEW",
          "Saves the frames of a damaged journal",

@@ -1,6 +1,9 @@
 #include "Command.h"
 #include "Control.h"
+#include "FrameStreams.h"
 #include "Model.h"
+#include "QuietScope.h"
+#include "Signals.h"
 
 #include <zel/Clock.h>
 #include <zel/Statistics.h>
@@ -11,42 +14,19 @@
 #include <zel/ref_ptr.h>
 #include <zelData/Recorder.h>
 
-#include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <iostream>
 #include <limits>
 #include <optional>
-#include <sstream>
-#include <system_error>
+#include <stdexcept>
 
 // zel run.
 
 namespace tool {
 
 namespace {
-
-/// The signal that asks for an end; 0 while there is none. Any thread may get it; nothing else is published
-/// by it.
-constinit std::atomic<int> s_signal{0};
-static_assert(std::atomic<int>::is_always_lock_free); // as a handler needs it
-
-int endSignal() {
-    return s_signal.load(std::memory_order_relaxed);
-}
-
-/// Once: a second signal ends the process as it would without us.
-void endOnSignals() {
-    struct sigaction action {};
-    action.sa_handler = [](int number) { s_signal.store(number, std::memory_order_relaxed); };
-    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
-    for (const int number : {SIGINT, SIGTERM})
-        if (sigaction(number, &action, nullptr) != 0)
-            throw std::system_error(errno, std::generic_category(), "sigaction");
-}
 
 /// The first clock below the component, depth first.
 // NOLINTNEXTLINE(misc-no-recursion)
@@ -117,21 +97,13 @@ private:
 /// Each new journal makes the library tell of an old one that it removes, which there is none of: the
 /// recorder refuses a file that is there.
 zel::ref_ptr<zelData::Recorder> record(zel::Clock& clock, const std::string& file, zel::Component* model) {
-    const std::ostringstream untold;
-    struct OutputScope {
-        explicit OutputScope(std::streambuf* buffer) : former(std::cout.rdbuf(buffer)) {}
-        OutputScope(const OutputScope&) = delete;
-        OutputScope& operator=(const OutputScope&) = delete;
-        ~OutputScope() { std::cout.rdbuf(former); }
-        std::streambuf* former;
-    };
-    const OutputScope scope(untold.rdbuf());
+    const QuietScope scope;
     return zelData::Recorder::record(&clock, file, model);
 }
 
 /// One tick of the clock, and what clients of the control ask for: ticks as well, while the clock is halted.
 /// @return by how many frames the clock has gone on
-unsigned long advance(zel::Clock& clock, std::optional<Control>& control) {
+unsigned long advance(zel::Clock& clock, std::optional<Control>& control, FrameStreams& streams) {
     const std::size_t frame = clock.getFrame();
     clock.tick();
     const bool isHalted = clock.getFrame() == frame;
@@ -141,10 +113,16 @@ unsigned long advance(zel::Clock& clock, std::optional<Control>& control) {
         control->serviceAndRest();
     else if (control)
         control->serviceIfDue();
+    if (clock.getFrame() == frame)
+        return 0;
+    streams.push();
     return clock.getFrame() > frame ? clock.getFrame() - frame : 0;
 }
 
-void tickThrough(zel::Clock& clock, const Arguments& arguments, std::optional<Control>& control) {
+void tickThrough(zel::Clock& clock,
+                 const Arguments& arguments,
+                 std::optional<Control>& control,
+                 FrameStreams& streams) {
     const unsigned long numFrames = arguments.number("--frames", std::numeric_limits<unsigned long>::max());
     const double endTime = arguments.real("--time", std::numeric_limits<double>::infinity());
     const double startTime = clock.getTime();
@@ -156,7 +134,7 @@ void tickThrough(zel::Clock& clock, const Arguments& arguments, std::optional<Co
     Progress progress;
     unsigned long done = 0;
     while (done < numFrames && clock.getTime() < endTime && endSignal() == 0) {
-        done += advance(clock, control);
+        done += advance(clock, control, streams);
         progress.update(clock, share(done));
     }
     progress.finish(clock, share(done));
@@ -171,6 +149,7 @@ int runModel(const Arguments& arguments) {
     (void)arguments.number("--frames", 0); // told ahead of the model
     (void)arguments.real("--time", 0);
     Control::verifyOptions(arguments);
+    FrameStreams streams(arguments); // ports that can not be had are told ahead of the model
     endOnSignals();
     if (arguments.has("--statistics")) {
         // Ahead of the tasks, which register what they measure.
@@ -186,15 +165,17 @@ int runModel(const Arguments& arguments) {
     zel::ref_ptr<zelData::Recorder> recorder;
     if (arguments.has("--record"))
         recorder = record(clock, arguments.get("--record"), model.get());
+    streams.start(clock, model.get());
 
     std::optional<Control> control;
     if (arguments.has("--control"))
         control.emplace(arguments);
 
     const auto start = std::chrono::steady_clock::now();
-    tickThrough(clock, arguments, control);
+    tickThrough(clock, arguments, control, streams);
     if (recorder)
         recorder->stop(); // all is written, and the journal is closed
+    streams.stop();
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
     control.reset();
 
@@ -206,10 +187,12 @@ int runModel(const Arguments& arguments) {
     if (recorder)
         std::cout << "Recorded " << recorder->getNumFrames() << " frames in " << arguments.get("--record")
                   << '\n';
+    streams.print();
     if (arguments.has("--statistics"))
         zel::Statistics::instance()->print(std::cout, false);
     if (recorder && !recorder->getMessage().empty())
         throw std::runtime_error(recorder->getMessage());
+    streams.rethrow();
     return endSignal() == 0 ? static_cast<int>(Done) : BySignal + endSignal();
 }
 

@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import struct
 import subprocess
 import sys
@@ -13,8 +14,8 @@ import tempfile
 import time
 
 ZEL, WRITER, SOURCES, BUILD = sys.argv[1:5]
-COMMANDS = ["run", "tree", "journal info", "journal frames", "journal show", "journal verify", "journal recover",
-            "journal cut", "journal export", "journal diff", "archive info", "archive show", "archive convert"]
+COMMANDS = ["run", "tree", "journal info", "journal frames", "journal show", "journal verify", "journal record",
+            "journal recover", "journal cut", "journal export", "journal diff", "archive info", "archive show", "archive convert"]
 CREW = os.path.join(BUILD, "tests", "crew")
 
 
@@ -62,9 +63,9 @@ def help_is_there_for_each_command():
         assert summary in page, summary
     subprocess.run(["bash", "-n", str(pathlib.Path(ZEL).with_name("zel.bash"))], check=True)
     completed = subprocess.run(
-        ["bash", "-c", 'source "$1"; COMP_WORDS=(zel journal re); COMP_CWORD=2; _zel; echo "${COMPREPLY[@]}"', "bash",
+        ["bash", "-c", 'source "$1"; COMP_WORDS=(zel journal reco); COMP_CWORD=2; _zel; echo "${COMPREPLY[@]}"', "bash",
          str(pathlib.Path(ZEL).with_name("zel.bash"))], capture_output=True, text=True, check=True)
-    assert completed.stdout == "recover\n", completed.stdout
+    assert completed.stdout.split() == ["record", "recover"], completed.stdout
     assert re.fullmatch(r"zel \d+\.\d+\.\d+\.\d+\n", zel("--version"))
 
 
@@ -342,6 +343,165 @@ def runs_are_recorded():
     process.communicate(timeout=60)
     assert process.returncode == 130
     assert json.loads(zel("journal", "info", "long.journal", "--json"))["closed"] is True
+
+
+class Stream:
+    """A run that sends its frames until it is told to end."""
+
+    def __init__(self, *words):
+        pathlib.Path("Counter.zelComponent").write_text(MODEL)
+        self.process = subprocess.Popen([ZEL, "run", "Counter.zelComponent", *words], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True)
+        self.ports = []
+        for kind in re.findall(r"--stream (\w+):", " ".join(words)):
+            line = self.process.stdout.readline()
+            assert re.fullmatch(rf"Streaming to {kind}:\d+\n", line), (line, self.process.stderr.read())
+            self.ports.append(line[len("Streaming to "):-1].replace(":", ":127.0.0.1:"))
+
+    def end(self):
+        self.process.send_signal(signal.SIGINT)
+        output, errors = self.process.communicate(timeout=300)
+        assert self.process.returncode == 130 and errors == "", (output, errors)
+        return output
+
+
+def recorder(port, path):
+    """Records what comes from the port; some of it is there."""
+    process = subprocess.Popen([ZEL, "journal", "record", "--from", port, path], stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, text=True)
+    end = time.monotonic() + 60
+    while not os.path.exists(path) or os.path.getsize(path) < 50000:
+        assert process.poll() is None and time.monotonic() < end, process.communicate()
+        time.sleep(0.01)
+    return process
+
+
+def end_of(process, code=0):
+    output, errors = process.communicate(timeout=300)
+    assert process.returncode == code, (process.returncode, output, errors)
+    return output, errors
+
+
+def is_whole(path):
+    assert "No fault was found." in zel("journal", "verify", path)
+    assert json.loads(zel("journal", "info", path, "--json"))["closed"] is True
+    return [frame["index"] for frame in frames_of(path)]
+
+
+def streams_are_recorded_in_another_process():
+    for kind in ("tcp", "ws"):
+        run = Stream("--stream", f"{kind}:0", "--record", f"{kind}.sent")
+        process = recorder(run.ports[0], f"{kind}.journal")
+        assert f"to {kind}:" in run.end()
+        output, errors = end_of(process)
+        indices = is_whole(f"{kind}.journal")
+        assert output == f"Recorded {len(indices)} frames in {kind}.journal\n" and errors == "", (output, errors)
+        assert indices == list(range(indices[0], indices[-1] + 1))
+        zel("journal", "cut", f"{kind}.sent", f"{kind}.part", "--from", str(indices[0]), "--to", str(indices[-1]))
+        assert (zel("journal", "diff", f"{kind}.part", f"{kind}.journal")
+                == f"No difference in {len(indices)} frames.\n")
+        zel("journal", "record", "--from", "tcp:127.0.0.1:1", f"{kind}.journal", code=3,
+            errors=f"zel: There is a file '{kind}.journal' already.\n")
+
+
+def streams_go_on_when_a_reader_is_killed():
+    for kind in ("tcp", "ws"):
+        run = Stream("--stream", f"{kind}:0")
+        first = recorder(run.ports[0], f"{kind}.first")
+        first.kill()
+        first.communicate(timeout=60)
+        second = recorder(run.ports[0], f"{kind}.second")
+        second.send_signal(signal.SIGINT)
+        assert end_of(second, 130)[0].startswith("Ended by a signal.\nRecorded ")
+        assert is_whole(f"{kind}.second")
+        third = recorder(run.ports[0], f"{kind}.third")
+        run.end()
+        end_of(third)
+        assert is_whole(f"{kind}.third")[0] > is_whole(f"{kind}.second")[-1]
+
+
+def journals_are_closed_when_the_sender_is_killed():
+    for kind, code, told in (("tcp", 1, "The connection was lost.\nRecorded "), ("ws", 0, "Recorded ")):
+        run = Stream("--stream", f"{kind}:0")
+        process = recorder(run.ports[0], f"{kind}.journal")
+        run.process.kill()
+        run.process.communicate(timeout=60)
+        output, errors = end_of(process, code)
+        assert output.startswith(told) and errors == "", (output, errors)
+        assert is_whole(f"{kind}.journal")
+
+
+def two_readers_get_the_same_frames():
+    run = Stream("--stream", "tcp:0", "--stream", "ws:0")
+    processes = [recorder(port, path) for port, path in zip(run.ports * 2, ("a", "b", "c", "d"))]
+    assert len(re.findall("^Streamed ", run.end(), re.M)) == 2
+    for process in processes:
+        end_of(process)
+    for one, other in (("a", "c"), ("b", "d")):
+        begin = max(is_whole(one)[0], is_whole(other)[0])
+        end = min(is_whole(one)[-1], is_whole(other)[-1])
+        for path in (one, other):
+            zel("journal", "cut", path, path + ".part", "--from", str(begin), "--to", str(end))
+        assert zel("journal", "diff", one + ".part", other + ".part").startswith("No difference in ")
+
+
+def readers_that_never_read_do_not_hold_a_run():
+    run = Stream("--stream", "tcp:0", "--budget", "20000")
+    with socket.socket() as reader:
+        reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        reader.connect(("127.0.0.1", int(run.ports[0].split(":")[-1])))
+        # What the run prints as it ends is all that tells of its frames: it goes on until some were left out.
+        reader.recv(1, socket.MSG_PEEK)
+        other = Stream("--stream", "tcp:0", "--frames", "20000", "--budget", "20000")
+        with socket.create_connection(("127.0.0.1", int(other.ports[0].split(":")[-1]))):
+            other.process.communicate(timeout=300)
+            assert other.process.returncode == 0
+        told = run.end()
+    found = re.search(r"^Streamed (\d+) frames to tcp:\d+; (\d+) were left out, since readers were too slow$", told, re.M)
+    assert found and int(found[1]) + int(found[2]) == int(told.split("\n")[1].split()[0]) + 1, told
+
+
+def streams_that_can_not_be_are_told_of():
+    pathlib.Path("Counter.zelComponent").write_text(MODEL)
+    with socket.socket() as taken:
+        taken.bind(("", 0))
+        taken.listen()
+        port = taken.getsockname()[1]
+        for kind in ("tcp", "ws"):
+            result = subprocess.run([ZEL, "run", "Counter.zelComponent", "--frames", "1", "--stream", f"{kind}:{port}"],
+                                    capture_output=True, text=True, timeout=60)
+            assert result.returncode == 3 and result.stdout == "", result
+            assert re.fullmatch(rf"zel: can not listen on {kind}:{port}: .+\n", result.stderr), result.stderr
+    for name in ("tcp", "tcp:", "tcp:x", "tcp:-1", "tcp:65536", "udp:1", "tcp:1:2", "ws:1 "):
+        errors = subprocess.run([ZEL, "run", "none", "--stream", name], capture_output=True, text=True, timeout=60)
+        assert errors.returncode == 2 and errors.stderr.startswith(
+            f"zel run: --stream: '{name}' is not of the form tcp:PORT or ws:PORT, with a port up to 65535\n"), errors
+    for name in ("tcp:1", "tcp::1", "tcp:host:", "tcp:host:0", "ws:host:70000", "http:host:1"):
+        errors = subprocess.run([ZEL, "journal", "record", "--from", name, "x"], capture_output=True, text=True)
+        assert errors.returncode == 2 and errors.stderr.startswith(
+            f"zel journal record: --from: '{name}' is not of the form tcp:HOST:PORT or ws:HOST:PORT, with a port up "
+            "to 65535\n"), errors
+    for kind in ("tcp", "ws"):  # nobody listens there any more
+        result = subprocess.run([ZEL, "journal", "record", "--from", f"{kind}:127.0.0.1:{port}", "x"],
+                                capture_output=True, text=True, timeout=60)
+        assert result.returncode == 3 and not os.path.exists("x"), result
+        assert result.stderr.startswith(f"zel: no frames come from {kind}:127.0.0.1:{port}: "), result.stderr
+
+
+def frames_of_unknown_formats_end_a_recording():
+    node = {"nodeType": "Value", "name": "x", "id": 0, "type": "Wind:64bit", "offset": 0, "numBytes": 8}
+    header = json.dumps({"index": 1, "timeStamp": 0, "timeStep": 1, "name": "f", "children": [node]}).encode()
+    packet = struct.pack("<6I", 0, 0, 0, len(header), 24 + len(header), 8) + header + bytes(8)
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        process = subprocess.Popen(
+            [ZEL, "journal", "record", "--from", f"tcp:127.0.0.1:{server.getsockname()[1]}", "x"],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        client, _ = server.accept()
+        with client:
+            client.sendall(packet)
+            output, errors = end_of(process, 3)
+    assert output == "Recorded 0 frames in x\n", output
+    assert errors == "zel: FramePacket: Invalid format 'Wind:64bit'\n", errors
 
 
 def trees_are_printed():
