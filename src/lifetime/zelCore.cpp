@@ -82,9 +82,14 @@ void shutdown() {
         return;
     s_zel_initialized.store(false, std::memory_order_relaxed);
     zel::detail::beginShutdown();
-    // Its thread is one of the system's. In later sessions the manager, which comes last, does nothing.
+    // Its thread is one of the system's. In later sessions the manager, whose turn is last, does nothing.
     if (auto* server = zelIO::RemoteCommandServerSingleton::find())
-        zel::detail::attemptShutdown("RemoteCommandServer::stop", [server] { server->_shutdown(); });
+        zel::detail::attemptShutdown("RemoteCommandServer::stop", [server] {
+            server->_shutdown();
+            zel::SingletonManager* const manager = zel::SingletonManager::instance();
+            if (manager != nullptr && !manager->unregisterSingleton(server))
+                delete server;
+        });
     zel::detail::attemptShutdown("Thread::shutdown", [] { zel::Thread::shutdown(); });
     zel::ShutdownCallback::triggerShutdown();
     if (zel::SingletonManager* manager = zel::SingletonManager::instance())

@@ -29,8 +29,9 @@ namespace zelIO {
 /// @threads one thread at a time
 class RoomyStack {
 public:
-    /// In bytes; memory is taken as far as it is used.
-    static constexpr std::size_t Size = std::size_t{8} << 20;
+    /// In bytes; memory is taken as far as it is used. The longest path that fits in a request may lead
+    /// through pointers in circles, and takes a tenth of it.
+    static constexpr std::size_t Size = std::size_t{64} << 20;
 
     RoomyStack()
         : m_memory(::mmap(nullptr,

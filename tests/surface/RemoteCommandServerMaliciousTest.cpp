@@ -140,7 +140,7 @@ TEST_F(RemoteCommandServerMaliciousTest, RubbishGetsNoFile) {
           std::string("GET\r\n\r\n"),
           std::string("GET / HTTP/9.9\r\nHost: localhost\r\n\r\n"),
           std::string("GET data.txt HTTP/1.1\r\nHost: localhost\r\n\r\n"),
-          std::string("GET /\0data.txt HTTP/1.1\r\nHost: localhost\r\n\r\n", 46),
+          std::string("GET /") + '\0' + "data.txt HTTP/1.1\r\nHost: localhost\r\n\r\n",
           std::string("\x16\x03\x01\x02\x00\x01\r\n\r\n", 10),
           std::string("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"),
           "GET /" + std::string(100'000, 'a') + " HTTP/1.1\r\nHost: localhost\r\n\r\n",
