@@ -39,6 +39,11 @@ protected:
         const StreamCapture output(std::cout);
         ASSERT_TRUE(server->start(0, allowRemote));
     }
+    /// From here on the test may look at what the server's thread has written, and write what that reads.
+    void settle() {
+        server->stop();
+        start();
+    }
     /// A child of its parent, by default of the root.
     template <typename Class>
     Class* add(Class* object, zel::Component* parent = nullptr) {

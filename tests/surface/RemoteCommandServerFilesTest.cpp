@@ -57,6 +57,7 @@ TEST_F(RemoteCommandServerFilesTest, OtherKindsOfFilesAreRefusedInTheLog) {
     const std::string file = directory.write("foo.json", "secret");
     const LogCapture log;
     EXPECT_EQ(get("/zelComponent/Read?path=foo.json"), RouteHead);
+    settle();
     EXPECT_THAT(log.text(), HasSubstr("]   Client requesting component foo.json, found " + file + "\n"));
     EXPECT_THAT(log.text(), HasSubstr("]   File extension '.json' is NOT allowed! File: " + file + "\n"));
     EXPECT_THAT(log.text(), HasSubstr("HTTP handler failed for uri  '/zelComponent/Read'\n"));
@@ -142,6 +143,7 @@ TEST_F(RemoteCommandServerFilesTest, AFileThatCanNotBeReadIsTold) {
     const std::string answer = read("in.frag");
     zel::Notify::instance()->removeCallback(exhaustion.get());
     EXPECT_EQ(answer, "");
+    settle();
     EXPECT_THAT(exhaustion->text, HasSubstr("]   Unable to read file '" + file + "'\n"));
     EXPECT_EQ(read("in.frag"), "shader");
 }
@@ -149,6 +151,7 @@ TEST_F(RemoteCommandServerFilesTest, AFileThatCanNotBeReadIsTold) {
 TEST_F(RemoteCommandServerFilesTest, NothingIsWritten) {
     const LogCapture log;
     EXPECT_EQ(get("/zelComponent/Write?path=a.frag&text=x"), RouteHead);
+    settle();
     EXPECT_THAT(log.text(), HasSubstr("] writeComponent not implemented! Need authentication...\n"));
     EXPECT_THAT(log.text(), HasSubstr("HTTP handler failed for uri  '/zelComponent/Write'\n"));
     EXPECT_FALSE(fs::exists(directory / "a.frag"));
@@ -262,6 +265,7 @@ TEST_F(RemoteCommandServerScriptTest, WithoutASourceAScriptIsServedAsItIs) {
     EXPECT_EQ(bodyOf(get("/plain.js")), "plain();");
     EXPECT_THAT(get("/plain.js"), HasSubstr("Content-Type: text/javascript\r\n"));
     EXPECT_THAT(get("/missing.js"), StartsWith("HTTP/1.1 404"));
+    settle();
     EXPECT_EQ(output.text(), "");
     EXPECT_EQ(calls(), "");
 }
@@ -273,6 +277,7 @@ TEST_F(RemoteCommandServerScriptTest, AScriptThatIsOlderThanItsSourceIsCompiled)
     {
         const StreamCapture output(std::cout);
         EXPECT_EQ(bodyOf(get("/a.js")), "compiled");
+        settle();
         EXPECT_EQ(output.text(), "==> Recompiling modified TypeScript file: " + source + "\n... done!\n");
     }
     EXPECT_THAT(get("/a.js"), HasSubstr("Cache-Control: no-cache"));
@@ -301,12 +306,14 @@ TEST_F(RemoteCommandServerScriptTest, WhatCanNotBeCompiledIsServedAsItIs) {
     {
         const StreamCapture output(std::cout);
         EXPECT_EQ(bodyOf(get("/a.js")), "old");
+        settle();
         EXPECT_EQ(output.text(), told);
     }
     fs::remove(directory / "bin/tsc");
     setenv("PATH", (directory / "bin").c_str(), 1); // NOLINT(concurrency-mt-unsafe)
     const StreamCapture output(std::cout);
     EXPECT_EQ(bodyOf(get("/a.js")), "old");
+    settle();
     EXPECT_EQ(output.text(), told) << "there is no compiler";
 }
 
@@ -317,6 +324,7 @@ TEST_F(RemoteCommandServerScriptTest, ACompilerThatTakesTooLongIsEnded) {
     write("a.ts", "source", 1);
     const StreamCapture output(std::cout);
     EXPECT_EQ(bodyOf(get("/a.js")), "old");
+    settle();
     EXPECT_THAT(output.text(), HasSubstr("Failed calling: tsc "));
 }
 
@@ -348,6 +356,7 @@ TEST_F(RemoteCommandServerScriptTest, NamesReachTheCompilerAsTheyAre) {
         EXPECT_EQ(bodyOf(get(uri)), "compiled") << uri;
     }
     EXPECT_EQ(calls(), expected);
+    settle();
     EXPECT_THAT(output.text(), HasSubstr("Web/.line.ts\n")) << "printed without control characters";
     EXPECT_FALSE(fs::exists("x"));
     EXPECT_FALSE(fs::exists(directory / "Web/x"));

@@ -57,6 +57,7 @@ TEST_F(RemoteCommandServerMaliciousTest, AllMethodsButTwoAreRefused) {
         exchange("OPTIONS /mine HTTP/1.1\r\nHost: localhost\r\nOrigin: http://evil.example\r\n"
                  "Access-Control-Request-Method: GET\r\nAccess-Control-Request-Headers: Token\r\n\r\n"),
         AllOf(StartsWith("HTTP/1.1 405"), Not(HasSubstr("Access-Control-Allow"))));
+    settle();
     EXPECT_FALSE(isCalled);
     EXPECT_FALSE(std::filesystem::exists(directory / "Web/new.txt"));
 }
@@ -69,6 +70,7 @@ TEST_F(RemoteCommandServerMaliciousTest, HeadGivesTheHeadersOnlyAndCallsNoHandle
     };
     EXPECT_EQ(head("/mine?callback=f"), RouteHead);
     EXPECT_EQ(head("/zelRemote/Command?text="), RouteHead);
+    settle();
     EXPECT_FALSE(isCalled);
     EXPECT_THAT(head("/data.txt"), AllOf(StartsWith("HTTP/1.1 200"), HasSubstr("Content-Length: 4\r\n")));
     EXPECT_EQ(bodyOf(head("/data.txt")), "");
@@ -168,6 +170,7 @@ TEST_F(RemoteCommandServerMaliciousTest, LongAndOddArgumentsReachTheHandler) {
     });
     const std::string text(15'000, 'x');
     EXPECT_EQ(get("/text?text=" + text), RouteHead);
+    settle();
     EXPECT_EQ(seen, text);
     EXPECT_EQ(get("/text?text=%00%ff%zz%4"), RouteHead);
     EXPECT_THAT(get("/zelRemote/Command?text=%ff%fe" + text), StartsWith(RouteHead + "{\"success\":false}"));
@@ -177,6 +180,7 @@ TEST_F(RemoteCommandServerMaliciousTest, LongAndOddArgumentsReachTheHandler) {
     for (int i = 0; i < 3000; ++i)
         parts += "a&=";
     EXPECT_EQ(get("/text?" + parts), RouteHead);
+    settle();
 }
 
 TEST_F(RemoteCommandServerMaliciousTest, WhatIsLoggedAndPrintedSteersNoTerminal) {
@@ -188,6 +192,7 @@ TEST_F(RemoteCommandServerMaliciousTest, WhatIsLoggedAndPrintedSteersNoTerminal)
                                   "/zelComponent/Read?path=%1b%0a",
                                   "/zelRemote/Script?%1b"})
         static_cast<void>(get(uri));
+    settle();
     EXPECT_THAT(log.text() + output.text(), Not(AnyOf(HasSubstr("\x1b"), HasSubstr("\x07"))));
     EXPECT_THAT(log.text(), HasSubstr("] HTTP request '/.[2J..' from client 127.0.0.1\n"));
     EXPECT_THAT(output.text(), HasSubstr("command: .[2J.\n"));

@@ -189,6 +189,7 @@ TEST_F(RemoteCommandServerObjectsTest, TheTreeMayBeDeep) {
 TEST_F(RemoteCommandServerObjectsTest, PrintsWhatWasAskedAndAnswered) {
     const StreamCapture output(std::cout);
     static_cast<void>(command("Boat%0a%1b[2J"));
+    settle();
     EXPECT_EQ(output.text(),
               "command: Boat..[2J\n"
               "commandString: Boat..[2J, resultString: {\n   \"success\" : false\n}\n\n");
@@ -225,6 +226,7 @@ TEST_F(RemoteCommandServerObjectsTest, ModelsAreCompletedWhereNoObjectFits) {
     const LogCapture log;
     EXPECT_EQ(complete("zeldata.VALU"),
               completion("zeldata.VALU", "zelData.Value", false, "\"zelData.Value\""));
+    settle();
     EXPECT_THAT(log.text(), HasSubstr("] Did not find matching system node, trying model instead...\n"));
 }
 
@@ -234,6 +236,7 @@ TEST_F(RemoteCommandServerObjectsTest, PrintsWhatWasCompleted) {
     const StreamCapture output(std::cout);
     static_cast<void>(complete("sh%0a"));
     static_cast<void>(complete("sh"));
+    settle();
     EXPECT_THAT(output.text(), StartsWith("query: sh.\nmatch: , list: \nautoComplete: {\n"));
     EXPECT_THAT(output.text(),
                 HasSubstr("query: sh\nmatch: , list: Ship, Shop\nautoComplete: {\n"

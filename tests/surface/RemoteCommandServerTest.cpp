@@ -162,8 +162,9 @@ TEST_F(RemoteCommandServerTest, AHandlerCanNotStopTheServerThatCallsIt) {
     });
     start();
     EXPECT_EQ(get("/stop"), RouteHead);
-    EXPECT_EQ(told, "RemoteCommandServer: a handler can not stop the server that calls it");
     EXPECT_TRUE(server->isStarted());
+    settle();
+    EXPECT_EQ(told, "RemoteCommandServer: a handler can not stop the server that calls it");
     EXPECT_EQ(bodyOf(get("/")), "the page");
 }
 
@@ -337,6 +338,7 @@ TEST_F(RemoteCommandServerTest, ArgumentsAreDecodedAndTheLastOfEqualKeysWins) {
     start();
     const LogCapture log;
     EXPECT_EQ(get("/arguments?text=x&text=a+b&TEXT=c%2Bd&&=e&f=g=h&i=&%6A=k&bare&text%20=l"), RouteHead);
+    settle();
     EXPECT_EQ(seen.size(), 7U);
     EXPECT_EQ(seen["text"], "a b");
     EXPECT_EQ(seen["TEXT"], "c+d");
@@ -347,6 +349,7 @@ TEST_F(RemoteCommandServerTest, ArgumentsAreDecodedAndTheLastOfEqualKeysWins) {
     EXPECT_EQ(seen["text%20"], "l");
     EXPECT_THAT(log.text(), ContainsRegex("\\] Invalid query string: bare\n"));
     EXPECT_EQ(get("/arguments"), RouteHead);
+    settle();
     EXPECT_EQ(seen.size(), 0U);
 }
 
@@ -379,8 +382,10 @@ TEST_F(RemoteCommandServerTest, GetQsvarLooksAtTheQuery) {
     });
     start();
     EXPECT_EQ(get("/var?b=1&a=2+3"), RouteHead);
+    settle();
     EXPECT_EQ(seen, "2 3");
     EXPECT_EQ(get("/var"), RouteHead);
+    settle();
     EXPECT_EQ(seen, "");
 }
 
@@ -398,6 +403,7 @@ TEST_F(RemoteCommandServerTest, AHandlerThatFailsIsAWarningAndNothingMore) {
     start();
     const LogCapture log(zel::Notify::Warning);
     EXPECT_EQ(get("/fails"), RouteHead);
+    settle();
     EXPECT_EQ(log.text(), "HTTP handler failed for uri  '/fails'\n");
 }
 
@@ -409,6 +415,7 @@ TEST_F(RemoteCommandServerTest, WhatAHandlerThrowsIsTheAnswer) {
     const LogCapture log;
     EXPECT_EQ(ask("/bad"), "{\"exception\":\"oops\\u001b[2J\\n\",\"uri\":\"/bad\"}\n");
     EXPECT_EQ(ask("/worse"), "{\"exception\":\"unknown exception\",\"uri\":\"/worse\"}\n");
+    settle();
     EXPECT_THAT(log.text(),
                 HasSubstr("] Uncaught exception in HTTP request handler for '/bad'. Description: "
                           "oops.[2J.\n"));
@@ -434,6 +441,7 @@ TEST_F(RemoteCommandServerTest, HandlersHaveRoomOnTheirStack) {
     start();
     EXPECT_EQ(get("/room"), RouteHead);
     EXPECT_EQ(get("/room"), RouteHead);
+    settle();
     EXPECT_EQ(sum, 2);
     EXPECT_TRUE(isKnown);
 }
@@ -451,6 +459,7 @@ TEST_F(RemoteCommandServerTest, AnAnswerThatIsCutShortIsTold) {
         EXPECT_EQ(client.receiveOne(), 'H');
     }
     EXPECT_EQ(bodyOf(get("/")), "the page");
+    settle();
     EXPECT_THAT(log.text(),
                 ContainsRegex("Uncaught exception in HTTP request handler for '/big'. Description: .*"
                               "zelVerify failed: `numWritten == .int.responseString.size.*\n"));
@@ -514,6 +523,7 @@ TEST_F(RemoteCommandServerTest, WithATokenEvenThePageNeedsIt) {
             EXPECT_THAT(answer, HasSubstr("Authentication token mismatch!")) << uri << headers;
             EXPECT_THAT(answer, Not(HasSubstr("the page"))) << uri << headers;
         }
+    settle();
     EXPECT_THAT(log.text(), HasSubstr("] Authentication token mismatch!\n"));
     EXPECT_EQ(bodyOf(get("/", "Token: abc\r\n")), "the page");
     EXPECT_EQ(bodyOf(get("/", "token: abc\r\n")), "the page");
@@ -531,6 +541,7 @@ TEST_F(RemoteCommandServerTest, OnlyOneAddressIsLocal) {
     EXPECT_THAT(answer, StartsWith("HTTP/1.1 403"));
     EXPECT_THAT(answer, HasSubstr(text));
     EXPECT_THAT(answer, Not(HasSubstr("the page")));
+    settle();
     EXPECT_EQ(output.text(), text + "\n");
     EXPECT_THAT(log.text(), HasSubstr("] HTTP request '/' from client 127.0.0.2\n"));
 
