@@ -298,9 +298,11 @@ var particlePanel;
             if (this.known.size === before)
                 return;
             const chosen = this.positions.value;
-            const suitable = [...this.known.values()].filter(suits).map(({ path }) => path).sort();
+            // What is called a position comes first, and then the largest: likely what somebody wants to see.
+            const rank = (each) => (/pos/i.test(each.name) ? 1e12 : 0) + (each.numElements ?? 0);
+            const suitable = [...this.known.values()].filter(suits).sort((a, b) => rank(b) - rank(a)).map(({ path }) => path);
             this.positions.replaceChildren(...suitable.map((path) => el("option", { value: path }, path)));
-            this.positions.value = chosen !== "" ? chosen : suitable.find((path) => /pos/i.test(path)) ?? suitable[0] ?? "";
+            this.positions.value = chosen !== "" ? chosen : suitable[0] ?? "";
             this.hint.hidden = suitable.length > 0;
             if (this.positions.value !== chosen)
                 this.choose();

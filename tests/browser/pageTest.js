@@ -342,13 +342,21 @@ const cases = {
         await page.waitForSelector(".row:has-text('Root')");
     },
     async fits_wide_and_narrow_screens(page, { simulation, browser }) {
+        const choose = async (each, name) => {
+            await each.locator(".row .name", { hasText: new RegExp("^" + name + "$") }).dblclick();
+            await untilText(each, "#details .facts", new RegExp(name));
+        };
         const fill = async (each) => {
             await each.selectOption("#plot-target", "new");
-            await plot(each, "Simulation.energy");
-            await goTo(each, "Simulation.bodies.position");
+            await choose(each, "Simulation");
+            await choose(each, "energy");
+            await each.click("#details .current button");
+            await choose(each, "bodies");
+            await choose(each, "position");
             await each.waitForSelector("#elements .cells[data-index='3']");
             await each.locator("#elements .cells[data-index='3'] [role=gridcell]").nth(1).dblclick();
             await each.selectOption("#colors", { label: "velocity" });
+            simulation.warn("The bearing of wheel 3 is warm");
             const frame = await numberIn(each, "#frame");
             await until(each, (past) => parseFloat(document.querySelector("#frame").textContent) > past + 240, frame);
         };
