@@ -191,7 +191,7 @@ var detailsPanel;
                 const cell = row.children[column + 1];
                 const isKnown = elements !== null && at >= 0 && at < elements.count;
                 const content = !isKnown ? "…" : elements.components === 0 ? elements.textAt(at) : elements.at(at, column);
-                ui.setText(cell, typeof content === "number" ? ui.number(content, 6) : String(content));
+                ui.setText(cell, typeof content === "number" ? ui.number(content, 5) : String(content));
                 cell.title = String(content);
                 cell.setAttribute("aria-selected", String(index === this.row && column === this.column));
             }

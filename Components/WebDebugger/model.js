@@ -172,7 +172,7 @@ var model;
     model.Curves = Curves;
     /// One watch of the simulation for as long as it is not closed, over lost connections.
     class Subscription {
-        /// @param error  gets "" once the watch has been added
+        /// @param error  gets what is wrong with the watch, "" once it has been added
         constructor(session, update, error) {
             this.session = session;
             this.update = update;
@@ -201,9 +201,10 @@ var model;
             const watch = this.watch = this.session.nextWatch();
             this.sequence = 0;
             this.session.watches.set(watch, this);
-            this.session.request("Watch.Add", { watch, ...this.options }).then(() => {
+            this.session.request("Watch.Add", { watch, ...this.options }).then(({ header }) => {
+                const missing = protocol.listOf(header.items).filter(({ kind }) => kind === "none").map(({ path }) => textOf(path));
                 if (watch === this.watch)
-                    this.error("");
+                    this.error(missing.length === 0 ? "" : "Not there at present: " + missing.join(", "));
             }, (error) => {
                 this.session.watches.delete(watch);
                 if (watch === this.watch && error instanceof protocol.Refusal)
@@ -312,12 +313,15 @@ var model;
             this.described.fire(entry);
             return entry;
         }
+        /// The paths that a text may be the beginning of.
         async complete(text) {
             const { header } = await this.request("Object.Complete", { text, limit: 50 });
-            return {
-                names: Array.isArray(header.list) ? header.list.filter((name) => typeof name === "string") : [],
-                hasChildren: header.uniqueMatchHasChildren === true,
-            };
+            // The simulation reads the text whatever its case, but paths only in their real spelling.
+            const depth = text.split(".").length - 1;
+            const matched = textOf(header.matchedPath).split(".");
+            const head = (matched.length >= depth ? matched : text.split(".")).slice(0, depth);
+            return Array.isArray(header.list)
+                ? header.list.filter((name) => typeof name === "string").map((name) => [...head, name].join(".")) : [];
         }
         async setValue(path, value) {
             return valueOf((await this.request("Value.Set", { path, value })).header.value);

@@ -258,7 +258,7 @@ namespace model {
         private watch = 0;
         private sequence = 0;
 
-        /// @param error  gets "" once the watch has been added
+        /// @param error  gets what is wrong with the watch, "" once it has been added
         constructor(private readonly session: Session, private readonly update: (update: Update) => void,
                     private readonly error: (text: string) => void) { }
 
@@ -283,9 +283,10 @@ namespace model {
             const watch = this.watch = this.session.nextWatch();
             this.sequence = 0;
             this.session.watches.set(watch, this);
-            this.session.request("Watch.Add", { watch, ...this.options }).then(() => {
+            this.session.request("Watch.Add", { watch, ...this.options }).then(({ header }) => {
+                const missing = protocol.listOf(header.items).filter(({ kind }) => kind === "none").map(({ path }) => textOf(path));
                 if (watch === this.watch)
-                    this.error("");
+                    this.error(missing.length === 0 ? "" : "Not there at present: " + missing.join(", "));
             }, (error: Error) => {
                 this.session.watches.delete(watch);
                 if (watch === this.watch && error instanceof protocol.Refusal)
@@ -419,12 +420,15 @@ namespace model {
             this.described.fire(entry);
             return entry;
         }
-        async complete(text: string): Promise<{ names: string[]; hasChildren: boolean }> {
+        /// The paths that a text may be the beginning of.
+        async complete(text: string): Promise<string[]> {
             const { header } = await this.request("Object.Complete", { text, limit: 50 });
-            return {
-                names: Array.isArray(header.list) ? header.list.filter((name): name is string => typeof name === "string") : [],
-                hasChildren: header.uniqueMatchHasChildren === true,
-            };
+            // The simulation reads the text whatever its case, but paths only in their real spelling.
+            const depth = text.split(".").length - 1;
+            const matched = textOf(header.matchedPath).split(".");
+            const head = (matched.length >= depth ? matched : text.split(".")).slice(0, depth);
+            return Array.isArray(header.list)
+                ? header.list.filter((name): name is string => typeof name === "string").map((name) => [...head, name].join(".")) : [];
         }
         async setValue(path: string, value: string): Promise<Value | null> {
             return valueOf((await this.request("Value.Set", { path, value })).header.value);

@@ -312,22 +312,21 @@ var treePanel;
             const text = this.input.value;
             const question = ++this.question;
             try {
-                const { names } = await this.session.complete(text);
+                const paths = await this.session.complete(text);
                 if (question !== this.question)
                     return;
-                const head = text.slice(0, text.lastIndexOf(".") + 1);
                 this.chosen = -1;
-                this.completions.replaceChildren(...names.map((name, i) => {
-                    const option = el("li", { role: "option", id: "completion-" + i, "aria-selected": "false" }, head + name);
+                this.completions.replaceChildren(...paths.map((path, i) => {
+                    const option = el("li", { role: "option", id: "completion-" + i, "aria-selected": "false" }, path);
                     // Ahead of the field's loss of focus.
                     option.addEventListener("pointerdown", (event) => {
                         event.preventDefault();
-                        this.accept(head + name);
+                        this.accept(path);
                     });
                     return option;
                 }));
-                this.showCompletions(names.length > 0);
-                ui.setText(this.error, names.length === 0 && text !== "" ? "Nothing begins like this." : "");
+                this.showCompletions(paths.length > 0);
+                ui.setText(this.error, paths.length === 0 && text !== "" ? "Nothing begins like this." : "");
             }
             catch (error) {
                 ui.setText(this.error, error.message);

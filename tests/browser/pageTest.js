@@ -155,6 +155,22 @@ const cases = {
         await until(page, () => ![...document.querySelectorAll(".row .name")].some(({ textContent }) => textContent === "gravity"));
         assert.strictEqual(await page.locator("[role=treeitem][tabindex='0']").count(), 1);
     },
+    async completes_paths(page) {
+        await page.focus("#search");
+        await page.keyboard.type("simulation.b");
+        await untilText(page, "#completions", /bodies/);
+        await page.keyboard.press("Tab");
+        await untilText(page, "#completions", /position/);
+        await page.keyboard.type("pos");
+        await until(page, () => document.querySelectorAll("#completions li").length === 1);
+        await page.keyboard.press("ArrowDown");
+        await page.keyboard.press("Enter");
+        await untilText(page, "#details .facts", /bodies\.position.*Vec3:64bit/);
+        assert.strictEqual(await page.locator("[role=treeitem][aria-selected=true] .name").textContent(), "position");
+        await page.fill("#search", "Simulation.nothing");
+        await page.press("#search", "Enter");
+        await untilText(page, "#objects .error", /Simulation\.nothing/);
+    },
     async plots_move_and_freeze(page) {
         await plot(page, "Simulation.energy");
         await plot(page, "Simulation.wind");
@@ -386,30 +402,9 @@ const cases = {
     },
 };
 
-// Cases with a server that is none.
+// Cases with a server that lies.
 
 const mockCases = {
-    async completes_paths(browser) {
-        const mock = new Mock();
-        await mock.start();
-        const page = await browser.open(mock.address + "#control=" + mock.port + "&token=secret");
-        await running(page);
-        await page.focus("#search");
-        await page.keyboard.type("Simulation.b");
-        await untilText(page, "#completions", /bodies/);
-        await page.keyboard.press("Tab");
-        await untilText(page, "#completions", /position/);
-        await page.keyboard.type("pos");
-        await until(page, () => document.querySelectorAll("#completions li").length === 1);
-        await page.keyboard.press("ArrowDown");
-        await page.keyboard.press("Enter");
-        await untilText(page, "#details .facts", /bodies\.position.*Vec3:64bit/);
-        assert.strictEqual(await page.locator("[role=treeitem][aria-selected=true] .name").textContent(), "position");
-        await page.fill("#search", "Simulation.nothing");
-        await page.press("#search", "Enter");
-        await untilText(page, "#objects .error", /Simulation\.nothing/);
-        await mock.stop();
-    },
     async hostile_answers_are_told_and_survived(browser) {
         const update = (items) => ({ watch: 1, sequence: 1, clock: null, items });
         const mock = new Mock({

@@ -301,6 +301,17 @@ test("watches are added again after the connection was lost", async () => {
     await bench.greet();
     assert.deepStrictEqual(bench.sent("Watch.Add").map(({ paths }) => paths), [["a.b"]]);
 });
+test("paths that lead nowhere are told", async () => {
+    const bench = new SessionBench();
+    bench.session.connection.connect();
+    await bench.greet();
+    const errors = [];
+    bench.session.subscribe(() => undefined, (text) => errors.push(text)).set({ paths: ["a", "b", "c"], interval: 16 });
+    const { messageId } = bench.socket.sent.find(({ uri }) => uri === "Watch.Add");
+    bench.say(3, messageId, "Watch.Add", { success: true, items: [{ path: "a", kind: "none" }, { path: "b", kind: "value" }, { path: "c", kind: "none" }] });
+    await settle();
+    assert.deepStrictEqual(errors, ["Not there at present: a, c"]);
+});
 test("each update is acknowledged, also one that is malformed, which is told", async () => {
     const bench = new SessionBench();
     bench.session.connection.connect();
