@@ -211,7 +211,7 @@ var plotPanel;
             this.place = el("div", { class: "plots", id: "plots" });
             this.cursor = el("output", { id: "cursor-time" });
             this.shown = el("select", { id: "shown-points", "aria-label": "How much of the curves is shown", title: "How much of the curves is shown" });
-            this.target = el("select", { id: "plot-target", "aria-label": "Where the next curve goes" }, el("option", { value: "chosen" }, "add to the plot"), el("option", { value: "new" }, "a new plot each"));
+            this.target = el("select", { id: "plot-target", "aria-label": "Where the next curve goes" }, el("option", { value: "chosen" }, "same plot"), el("option", { value: "new" }, "new plot"));
             this.hint = el("p", { class: "hint" }, "Nothing is plotted. Choose a value in the tree and press Plot, or double click a number of a buffer.");
             for (const [points, name] of [["500", "500 updates"], ["5000", "5,000"], ["50000", "all"]])
                 this.shown.append(el("option", { value: points }, name));

@@ -225,7 +225,7 @@ namespace plotPanel {
         private readonly cursor = el("output", { id: "cursor-time" });
         private readonly shown = el("select", { id: "shown-points", "aria-label": "How much of the curves is shown", title: "How much of the curves is shown" });
         private readonly target = el("select", { id: "plot-target", "aria-label": "Where the next curve goes" },
-            el("option", { value: "chosen" }, "add to the plot"), el("option", { value: "new" }, "a new plot each"));
+            el("option", { value: "chosen" }, "same plot"), el("option", { value: "new" }, "new plot"));
         private readonly hint = el("p", { class: "hint" }, "Nothing is plotted. Choose a value in the tree and press Plot, or double click a number of a buffer.");
 
         constructor(root: HTMLElement, private readonly session: model.Session) {
