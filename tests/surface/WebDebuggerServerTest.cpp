@@ -12,7 +12,10 @@
 
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <regex>
+#include <string>
 #include <vector>
 
 using testing::HasSubstr;
@@ -326,14 +329,27 @@ TEST_F(WebDebuggerServerTest, TellsThatItsOwnPageIsMissing) {
     path.setFilePathList(directories);
 }
 
-TEST_F(WebDebuggerServerTest, WithoutADirectoryItServesItsOwnPage) {
+TEST_F(WebDebuggerServerTest, WithoutADirectoryItServesItsOwnPageWithAllThatItNames) {
     WebDebuggerServer own(0, "");
     ASSERT_TRUE(own.start());
-    const std::string page = bodyOf(requestHttp(static_cast<std::uint16_t>(own.getPort()), "/"));
+    const auto fetch = [&own](const std::string& uri) {
+        return requestHttp(static_cast<std::uint16_t>(own.getPort()), uri);
+    };
+    const std::string page = bodyOf(fetch("/"));
     EXPECT_THAT(page, StartsWith("<!DOCTYPE html>"));
     EXPECT_THAT(page, HasSubstr("src=\"protocol.js\""));
     for (const char* const fromElsewhere : {"http:", "https:", "\"//", "@import", "url("})
         EXPECT_THAT(page, Not(HasSubstr(fromElsewhere)));
+    const std::map<std::string, std::string> types{
+        {".js", "text/javascript"}, {".css", "text/css"}, {".svg", "image/svg+xml"}};
+    const std::regex name("(?:src|href)=\"([^\"]+?(\\.[a-z]+))\"");
+    int numFiles = 0;
+    for (std::sregex_iterator found(page.begin(), page.end(), name), end; found != end; ++found, ++numFiles) {
+        const std::string answer = fetch("/" + (*found)[1].str());
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 200")) << (*found)[1];
+        EXPECT_THAT(answer, HasSubstr("Content-Type: " + types.at((*found)[2]) + "\r\n")) << (*found)[1];
+    }
+    EXPECT_GT(numFiles, 10);
 }
 
 TEST(WebDebuggerServerAddressTest, IsTheFirstAddressOfTheNameThatIsNoLoopback) {
