@@ -62,7 +62,8 @@ bool namesNothing(zelData::Value& value, const zel::String& expression) {
     if (begin == zel::String::npos || expression[begin] != '@')
         return false;
     const zel::size_t end = expression.find_last_not_of(" \t\r\n");
-    return value.getAutoScopedResource(zel::Path(expression.substr(begin, end + 1 - begin))) == nullptr;
+    return value.getAutoScopedResource(zel::verifiedPath(expression.substr(begin, end + 1 - begin))) ==
+           nullptr;
 }
 
 } // namespace

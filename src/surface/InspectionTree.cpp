@@ -1,6 +1,7 @@
 #include "InspectionTree.h"
 
 #include "InspectionElements.h"
+#include "StreamText.h"
 
 #include <zel/Clock.h>
 #include <zel/Component.h>
@@ -180,7 +181,7 @@ TreeRevision::~TreeRevision() {
 Object* findInspected(Component* root, std::string_view path) {
     Object* object = root;
     const std::string_view rest = follow(object, path);
-    return rest.empty() ? object : object->getResource(zel::Path(std::string(rest)));
+    return rest.empty() ? object : object->getResource(zel::verifiedPath(std::string(rest)));
 }
 
 Object& requireInspected(Component* root, const String& path) {

@@ -50,7 +50,7 @@ Object* parseContext(const Json::Value& eFunction) {
         return top;
     const Json::Value& eContext = eFunction["context"];
     zelVerifyThrow(eContext.isString());
-    Object* const context = top->getResource(Path(eContext.asString()), Component::ClassModel());
+    Object* const context = top->getResource(verifiedPath(eContext.asString()), Component::ClassModel());
     zelVerifyThrowN(context, "No component '%s'", printable(eContext.asString()).c_str());
     return context;
 }

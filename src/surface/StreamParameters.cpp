@@ -99,7 +99,7 @@ void setEntity(zelData::Value& value, Object* context, const String& reference) 
     const String path = reference.substr(0, pos);
     const String number = reference.substr(pos + 1);
     auto* const storage = dynamic_cast<zelData::EntityStorage*>(
-        Object::getResource(context, Path(path), zelData::EntityStorage::ClassModel()));
+        Object::getResource(context, verifiedPath(path), zelData::EntityStorage::ClassModel()));
     zelVerifyThrowN(storage,
                     "There is no storage '%s' for the entity '%s'",
                     printable(path).c_str(),
@@ -251,7 +251,7 @@ Stream::parseParameter(Object* context, const Json::Value& eParameter, const zel
     if (eParameter.isMember("bind")) {
         const Json::Value& eBind = eParameter["bind"];
         zelVerifyThrow(eBind.isString());
-        Object* const binding = Object::getResource(context, Path(eBind.asString()), nullptr);
+        Object* const binding = Object::getResource(context, verifiedPath(eBind.asString()), nullptr);
         zelVerifyThrow(binding);
         if (model->is(pointerModel))
             return new Pointer(parseName(eParameter), binding);

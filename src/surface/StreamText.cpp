@@ -9,6 +9,7 @@
 #include <zelData/Type.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace zel {
 
@@ -57,9 +58,18 @@ bool isPlainPath(std::string_view text) {
            text.find("..") == std::string_view::npos && std::none_of(text.begin(), text.end(), isBad);
 }
 
+Path verifiedPath(const String& path) {
+    constexpr std::size_t MaxSize = 4096;
+    if (path.size() > MaxSize)
+        throw std::runtime_error("The path '" + printable(path) + "' is too long");
+    return path;
+}
+
 void verifyExpression(std::string_view text, const zelData::Format* format) {
     if (isBool(format))
         verifyBool(text);
+    for (std::size_t at = text.find('@'); at != std::string_view::npos; at = text.find('@', at + 1))
+        static_cast<void>(verifiedPath(std::string(text.substr(at, text.find_first_of("(),", at) - at))));
     // Each name ahead of a bracket is a format, or a function.
     for (std::size_t open = text.find('('); open != std::string_view::npos; open = text.find('(', open + 1)) {
         const auto before = open == 0 ? std::string_view::npos : text.find_last_of("(),", open - 1);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zel/Path.h>
 #include <zel/String.h>
 
 #include <json/value.h>
@@ -24,6 +25,12 @@ namespace zel {
 
 /// Whether the text is names with dots between them, and leads to no other place.
 [[nodiscard]] bool isPlainPath(std::string_view text);
+
+/// Refuses a path that is longer than 4,096 bytes: pointers may lead in circles, and each name on the way
+/// takes room on the stack.
+/// @return the path
+/// @throws std::runtime_error
+Path verifiedPath(const String& path);
 
 /// Refuses an expression that would end the process, or that names what is no name of a function.
 /// @param format  of the value that it is for

@@ -184,6 +184,37 @@ TEST_F(InspectionServiceTest, NumbersThatJsonLosesAreTexts) {
                             "\"Ann\"\n"));
 }
 
+TEST_F(InspectionServiceTest, RefusesToGoInCirclesForEver) {
+    put(new zel::Pointer("circle", static_cast<zel::Object*>(top.get())));
+    service->setWritable(true);
+    service->setCallable(true);
+    std::string path = "top";
+    for (int i = 0; i < 70'000; ++i)
+        path += ".circle";
+    const std::string tooLong = "The path '@top.circle";
+    auto client = connect();
+    EXPECT_THAT(refusal(client, "Object.Describe", "{'path':'" + path + "'}"), StartsWith("The path '"));
+    EXPECT_THAT(refusal(client, "Watch.Add", "{'watch':1,'paths':['" + path + "']}"),
+                StartsWith("The path '"));
+    EXPECT_THAT(refusal(client, "Value.Set", "{'path':'top.a','value':'@" + path + "'}"),
+                StartsWith(tooLong));
+    EXPECT_THAT(refusal(client, "Value.Set", "{'path':'top.a','value':'Math.Mul(@" + path + ", 2)'}"),
+                StartsWith(tooLong));
+    EXPECT_EQ(ask(client, "Object.Describe", "{'path':'top.circle.circle.a'}").header["value"], 1.5);
+    auto header = call();
+    header["context"] = path;
+    const zelTest::StreamCapture quiet(std::cerr);
+    EXPECT_THAT(refusal(client, "Function.Call", text(header)), HasSubstr("' is too long"));
+    header = call();
+    header["parameters"][2]["bind"] = path;
+    send(client,
+         "Function.Call",
+         text(header),
+         zelNet::StructuredMessage::NoId,
+         std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize()));
+    EXPECT_THAT(take(client).header["error"].asString(), HasSubstr("' is too long"));
+}
+
 TEST_F(InspectionServiceTest, CompletesPaths) {
     auto client = connect();
     const auto complete = [&](const std::string& text, const std::string& more = {}) {
