@@ -133,7 +133,8 @@ void tickThrough(zel::Clock& clock,
     };
     Progress progress;
     unsigned long done = 0;
-    while (done < numFrames && clock.getTime() < endTime && endSignal() == 0) {
+    // Without an end, the time may go beyond all numbers.
+    while (done < numFrames && (!arguments.has("--time") || clock.getTime() < endTime) && endSignal() == 0) {
         done += advance(clock, control, streams);
         progress.update(clock, share(done));
     }

@@ -1,5 +1,6 @@
 #include "InspectionClocks.h"
 
+#include "InspectionElements.h"
 #include "InspectionTree.h"
 
 #include <zel/Log.h>
@@ -47,7 +48,7 @@ zel::Vector<Clock*> InspectionClocks::clocks() {
 Json::Value InspectionClocks::describe(Clock* clock) const {
     Json::Value entry;
     entry["path"] = static_cast<const std::string&>(inspectedPath(m_root, clock));
-    entry["time"] = clock->getTime();
+    entry["time"] = realToJson(clock->getTime());
     entry["frame"] = static_cast<Json::UInt64>(clock->getFrame());
     entry["frequency"] = clock->getFrequency();
     entry["timeStep"] = clock->getTimeStep();
@@ -69,7 +70,7 @@ std::string InspectionClocks::first() {
     const Clock* clock = present.front();
     Json::Value entry;
     entry["path"] = static_cast<const std::string&>(inspectedPath(m_root, clock));
-    entry["time"] = clock->getTime();
+    entry["time"] = realToJson(clock->getTime());
     entry["frame"] = static_cast<Json::UInt64>(clock->getFrame());
     return jsonOf(entry);
 }

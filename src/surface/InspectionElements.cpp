@@ -9,6 +9,7 @@
 #include <zelData/Format.h>
 #include <zelData/FormatPrimitives.h>
 #include <zelData/Value.h>
+#include <zelNet/StructuredMessage.h>
 
 #include <algorithm>
 #include <array>
@@ -78,6 +79,11 @@ const char* componentName() {
     }
 }
 
+Json::Value parsed(const std::string& number) {
+    Json::Value json;
+    return parseJson(number, StructuredMessage::MaxHeaderDepth, json) ? json : Json::Value();
+}
+
 } // namespace
 
 ElementLayout::ElementLayout(const Format* format) {
@@ -93,16 +99,18 @@ ElementLayout::ElementLayout(const Format* format) {
     Format::callFormatPrimitive(format, list);
 }
 
+Json::Value realToJson(double number) {
+    return parsed(textOfNumber<double>(&number));
+}
+
 Json::Value valueToJson(const zelData::Value& value, const ElementLayout& layout) {
     const Format* format = value.getFormat();
     const void* element =
         format == nullptr ? nullptr : const_cast<zelData::Value&>(value).getData(); // NOLINT
     if (element == nullptr)
         return {};
-    if (layout.components == 1) {
-        Json::Value number;
-        return parseJson(layout.numberToText(element), 1, number) ? number : Json::Value();
-    }
+    if (layout.components == 1)
+        return parsed(layout.numberToText(element));
     if (zelData::asciiFormat(format) == nullptr)
         return {};
     return static_cast<const std::string&>(cutText(value.toString()));

@@ -33,6 +33,9 @@ struct ElementLayout {
 /// @param layout  of its format
 [[nodiscard]] Json::Value valueToJson(const zelData::Value& value, const ElementLayout& layout);
 
+/// A number that may be none.
+[[nodiscard]] Json::Value realToJson(double number);
+
 /// The elements begin, begin + stride, and so on. Clipped to what there is.
 struct ElementRange {
     zel::uint64 begin = 0;

@@ -8,7 +8,7 @@
 #include "StreamText.h"
 
 #include <zel/Component.h>
-#include <zel/Notify.h>
+#include <zel/Log.h>
 #include <zel/Stream.h>
 #include <zel/Thread.h>
 #include <zel/TreeGate.h>
@@ -163,12 +163,15 @@ void InspectionService::Implementation::handle(const Route& route,
     const uint32_t answered = message.getResponseId();
     if (answered != StructuredMessage::NoId && answered != 0)
         return; // two services would go on for ever
+    InspectionRequest request(socket, message);
     if (!route.answers) {
-        InspectionRequest request(socket, message);
-        (this->*route.handler)(request);
+        try {
+            (this->*route.handler)(request);
+        } catch (const std::exception& error) {
+            ZEL_LOG_DEBUG(route.uri << ": " << error.what());
+        }
         return;
     }
-    InspectionRequest request(socket, message);
     if (route.changes) {
         if (!isWritable)
             throw std::runtime_error("The simulation takes no changes from here");

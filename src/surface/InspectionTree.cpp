@@ -179,9 +179,10 @@ TreeRevision::~TreeRevision() {
 }
 
 Object* findInspected(Component* root, std::string_view path) {
+    const zel::Path whole = zel::verifiedPath(std::string(path));
     Object* object = root;
     const std::string_view rest = follow(object, path);
-    return rest.empty() ? object : object->getResource(zel::verifiedPath(std::string(rest)));
+    return rest.empty() ? object : object->getResource(std::string(rest));
 }
 
 Object& requireInspected(Component* root, const String& path) {

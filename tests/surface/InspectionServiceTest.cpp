@@ -416,6 +416,14 @@ TEST_F(InspectionServiceTest, LongStepsLeaveRoomForOthersAndCanBeStopped) {
     EXPECT_EQ(clock->getFrame(), frame);
 }
 
+TEST_F(InspectionServiceTest, TellsOfTimesBeyondAllNumbers) {
+    clock->setTime(std::numeric_limits<double>::infinity());
+    auto client = connect();
+    EXPECT_EQ(ask(client, "Clock.List").header["clocks"][0]["time"], "inf");
+    ask(client, "Watch.Add", "{'watch':1,'paths':['top.a']}");
+    EXPECT_EQ(takePush(client, "Watch.Update").header["clock"]["time"], "inf");
+}
+
 TEST_F(InspectionServiceTest, AClockThatGoesTakesItsStepsAlong) {
     service->setWritable(true);
     auto client = connect();

@@ -81,6 +81,7 @@ TEST_F(InspectionServiceWatchTest, AcknowledgementsOfWhatWasNeverSentAreNone) {
     takePush(client, Update);
     send(client, "Watch.Ack", "{'watch':1,'sequence':18446744073709551615}");
     send(client, "Watch.Ack", "{'watch':9,'sequence':1}");
+    send(client, "Watch.Ack", "{'watch':1}"); // no answer to this either
     for (int i = 0; i < 2; ++i) {
         a->set(10.0 + i);
         takePush(client, Update);
