@@ -73,6 +73,9 @@ public:
         if (m_movedTo == m_clock->getTime())
             return;
         m_movedTo = m_clock->getTime();
+        // Whoever may set values may change the sizes.
+        m_position->resize(NumBodies);
+        m_velocity->resize(NumBodies);
         for (zel::uint32 i = 0; i < NumBodies; ++i) {
             const double radius = 1 + 0.01 * i;
             const double speed = std::sqrt(m_gravity->get() / radius);
