@@ -25,6 +25,19 @@ using FrameCaptureDeathTest = FrameCaptureTest;
 
 // Frames
 
+TEST_F(FrameCaptureTest, TellsWhereClocksStandIfAskedTo) {
+    const auto clock = add(root.get(), new zel::Clock("clock", 10));
+    EXPECT_EQ(next()->findObject("_runState"), nullptr);
+    capture->captureClocks(clock.get());
+    for (int i = 0; i < 3; ++i) {
+        const auto frame = next();
+        const auto* state = dynamic_cast<zel::Component*>(frame->findObject("_runState"));
+        ASSERT_NE(state, nullptr) << "in increments, too";
+        EXPECT_NE(state->findObject("clocks"), nullptr);
+        clock->tick();
+    }
+}
+
 TEST_F(FrameCaptureTest, TheFirstFrameIsAKeyFrameWithAll) {
     addReal("speed", 3);
     addReals("masses", 4);

@@ -35,6 +35,12 @@ protected:
         frame->setKeyFrame(true); // which a packet does not give back
         EXPECT_EQ(bytesOf(frame.get()), bytesOf(frameOf(index).get()));
     }
+    /// The packet of a frame with another format in place of "Real:64bit", of which there is none.
+    static std::string withUnknownFormat(std::string bytes) {
+        const std::size_t place = bytes.find("Real:64bit");
+        EXPECT_NE(place, std::string::npos);
+        return bytes.replace(place, 10, "Real:65bit");
+    }
     static zel::ref_ptr<zelData::Frame> read(zelData::FrameReader& reader) {
         return zel::ref_ptr<zelData::Frame>(reader.readFrame());
     }

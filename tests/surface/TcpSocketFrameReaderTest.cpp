@@ -14,6 +14,7 @@ using zelNet::IPAddress;
 using zelNet::TCPSocket;
 using zelNet::TcpSocketFrameReader;
 using zelTest::Loopback;
+using OnFault = zelData::SerializedFrame::OnFault;
 
 namespace {
 
@@ -35,11 +36,12 @@ protected:
     }
 
     /// A reader of these bytes, behind which the connection ends.
-    std::unique_ptr<TcpSocketFrameReader> readerOf(const std::string& bytes) {
+    std::unique_ptr<TcpSocketFrameReader> readerOf(const std::string& bytes,
+                                                   OnFault onFault = OnFault::EndProcess) {
         m_sender->sendBlocking(reinterpret_cast<const zel::uint8*>(bytes.data()),
                                static_cast<zel::uint32>(bytes.size()));
         m_sender->close();
-        return std::make_unique<TcpSocketFrameReader>(m_receiver.get());
+        return std::make_unique<TcpSocketFrameReader>(m_receiver.get(), onFault);
     }
     static std::string preHeader(zel::uint32 headerSize, zel::uint32 payloadOffset, zel::uint32 payloadSize) {
         zelNet::StructuredMessage::PreHeader numbers;
@@ -141,6 +143,19 @@ TEST_F(TcpSocketFrameReaderDeathTest, MorePaddingThanASenderWritesEndsTheProcess
     };
     EXPECT_DEATH(readerOf(bytesWith(129)), HasSubstr("zelVerify failed: `numBytes <= MAX_PADDING'"));
     EXPECT_TRUE(readerOf(bytesWith(128))->isOpen());
+}
+
+TEST_F(TcpSocketFrameReaderTest, FormatsThatAreNotKnownThrowWhereThatIsAskedForAndTheNextFrameIsRead) {
+    const auto reader =
+        readerOf(withUnknownFormat(bytesOf(frameOf(1).get())) + bytesOf(frameOf(2).get()), OnFault::Throw);
+    EXPECT_THAT(zelTest::whatOf([&] { (void)reader->readFrame(); }), HasSubstr("Real:65bit"));
+    expectFrame(read(*reader), 2);
+}
+
+TEST_F(TcpSocketFrameReaderTest, MorePaddingThanASenderWritesThrowsWhereThatIsAskedFor) {
+    const std::string bytes = preHeader(2, 26 + 129, 0) + "{}" + std::string(129, '\xFF');
+    EXPECT_EQ(zelTest::whatOf([&] { (void)readerOf(bytes, OnFault::Throw); }),
+              "TcpSocketFrameReader: More padding than a sender writes");
 }
 
 TEST_F(TcpSocketFrameReaderTest, ATrackGivesAFrameOfIndex0Once) {

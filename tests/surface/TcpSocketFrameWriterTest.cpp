@@ -40,6 +40,21 @@ protected:
     static ref_ptr<TcpSocketFrameWriter> makeWriter() {
         return ref_ptr<TcpSocketFrameWriter>(new TcpSocketFrameWriter(AnyPort));
     }
+    static ref_ptr<Track> startTrack(TcpSocketFrameWriter& writer) {
+        ref_ptr<Track> track(new Track(nullptr, &writer));
+        track->setExpandFrames(true);
+        track->start();
+        return track;
+    }
+    /// More than the system keeps.
+    static ref_ptr<Frame> largeFrame() {
+        ref_ptr<Frame> large = makeFrame();
+        large->setKeyFrame(true);
+        const ref_ptr<zelData::Buffer> bytes(new zelData::Buffer("bytes", zelData::getFormat("UInt:8bit")));
+        bytes->resize(64'000'000);
+        large->addBuffer(bytes.get(), "bytes");
+        return large;
+    }
     /// Connects a reader, which waits for its first header while the frame is sent.
     static ref_ptr<TcpSocketFrameReader> connectReader(TcpSocketFrameWriter& writer, const Frame* first) {
         const zel::size_t before = writer.getNumClients();
@@ -167,18 +182,41 @@ TEST_F(TcpSocketFrameWriterTest, WritesToAGivenSocket) {
 TEST_F(TcpSocketFrameWriterTest, AClientThatDoesNotReadIsDroppedWhenTheTrackIsStopped) {
     const auto writer = makeWriter();
     const Client lazy(*writer);
-    const ref_ptr<Track> track(new Track(nullptr, writer.get()));
-    track->setExpandFrames(true);
-    track->start();
-    const auto large = makeFrame();
-    large->setKeyFrame(true);
-    const ref_ptr<zelData::Buffer> bytes(new zelData::Buffer("bytes", zelData::getFormat("UInt:8bit")));
-    bytes->resize(64'000'000); // more than the system keeps
-    large->addBuffer(bytes.get(), "bytes");
-    track->pushFrame(large.get());
+    const auto track = startTrack(*writer);
+    track->pushFrame(largeFrame().get());
     track->stop();
     EXPECT_EQ(writer->getNumClients(), 0U);
     EXPECT_EQ(track->getException(), nullptr) << "nobody has failed";
+}
+
+TEST_F(TcpSocketFrameWriterTest, APatientWriterGivesALateReaderItsLastFrames) {
+    const auto writer = makeWriter();
+    writer->setPatience(60'000);
+    const Client late(*writer);
+    const auto track = startTrack(*writer);
+    track->pushFrame(largeFrame().get());
+    std::thread reading([&] {
+        while (track->isRunning())
+            std::this_thread::yield();
+        TcpSocketFrameReader reader(late.socket.get());
+        const ref_ptr<Frame> frame = read(reader);
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->getBuffer("bytes")->size(), 64'000'000U);
+        EXPECT_EQ(read(reader), nullptr);
+    });
+    track->stop();
+    reading.join();
+    EXPECT_EQ(writer->getNumClients(), 1U);
+}
+
+TEST_F(TcpSocketFrameWriterTest, PatienceEnds) {
+    const auto writer = makeWriter();
+    writer->setPatience(200);
+    const Client lazy(*writer);
+    const auto track = startTrack(*writer);
+    track->pushFrame(largeFrame().get());
+    track->stop();
+    EXPECT_EQ(writer->getNumClients(), 0U);
 }
 
 TEST_F(TcpSocketFrameWriterTest, TwoTracksStreamAllFrames) {

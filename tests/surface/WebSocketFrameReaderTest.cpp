@@ -5,6 +5,7 @@
 #include <zelNet/WebSocketFrameWriter.h>
 
 #include <support/LogCapture.h>
+#include <support/WhatOf.h>
 
 #include <atomic>
 #include <thread>
@@ -69,6 +70,21 @@ TEST_F(WebSocketFrameReaderTest, BytesThatAreNoFrameAreAnsweredByTheirFault) {
     send(bytesOf(frameOf(2).get()));
     serveAll();
     expectFrame(read(*reader), 2);
+}
+
+TEST_F(WebSocketFrameReaderTest, FaultsAreThrownInTheirTurnWhereThatIsAskedFor) {
+    WebSocket* socket = (*server->getClientSockets().begin()).value.get();
+    reader = nullptr;
+    reader = new WebSocketFrameReader(socket, true, zelData::SerializedFrame::OnFault::Throw);
+    send(bytesOf(frameOf(1).get()));
+    send(withUnknownFormat(bytesOf(frameOf(2).get())));
+    send("nonsense");
+    send(bytesOf(frameOf(3).get()));
+    serveAll(); // no answer comes
+    expectFrame(read(*reader), 1);
+    EXPECT_THAT(zelTest::whatOf([&] { (void)reader->readFrame(); }), HasSubstr("Real:65bit"));
+    EXPECT_EQ(zelTest::whatOf([&] { (void)reader->readFrame(); }), "FramePacket: Invalid header");
+    expectFrame(read(*reader), 3);
 }
 
 TEST_F(WebSocketFrameReaderTest, AReleaseGivesWhatHasComeAndThenNullForGood) {
