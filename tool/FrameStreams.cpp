@@ -10,7 +10,9 @@
 #include <zelNet/NetError.h>
 #include <zelNet/TcpSocketFrameWriter.h>
 #include <zelNet/WebSocketFrameWriter.h>
+#include <zelNet/WebSocketServer.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <chrono>
@@ -27,6 +29,9 @@ namespace {
 
 /// So long a reader may take nothing of what waits at the end.
 constexpr std::chrono::seconds Patience{2};
+
+/// A WebSocket for which twice as much waits is closed.
+constexpr zel::uint64 LargestWebSocketBudget = zelNet::WebSocketServer::DefaultMaxQueuedBytes / 2;
 
 /// Goes on for the others, and for those who come later, when a reader has gone.
 class LastingTcpWriter : public zelNet::TcpSocketFrameWriter {
@@ -131,7 +136,8 @@ StreamName StreamName::parse(const std::string& option, const std::string& text,
 
 class FrameStreams::Stream {
 public:
-    Stream(const StreamName& name, zel::uint64 budget) : m_name(name), m_budget(budget) {
+    Stream(const StreamName& name, zel::uint64 budget)
+        : m_name(name), m_budget(name.isWebSocket ? std::min(budget, LargestWebSocketBudget) : budget) {
         try {
             if (name.isWebSocket)
                 m_webSockets = new zelNet::WebSocketFrameWriter(name.port);
@@ -155,7 +161,9 @@ public:
     }
     /// @return whether the frame was not left out
     bool push(zelData::Frame* frame) {
-        const bool hasRoom = m_track->getNumQueuedBytes() < m_budget;
+        const zel::size_t numWaiting =
+            m_track->getNumQueuedBytes() + (m_webSockets ? m_webSockets->getNumQueuedBytes() : 0);
+        const bool hasRoom = numWaiting < m_budget;
         // Behind one that is left out, an increment would not tell all.
         if (!hasRoom || (m_mustBeWhole && !frame->isKeyFrame())) {
             m_mustBeWhole = true;

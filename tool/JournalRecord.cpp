@@ -10,7 +10,6 @@
 #include <zel/ref_ptr.h>
 #include <zelData/FileFrameWriter.h>
 #include <zelData/FileJournal.h>
-#include <zelData/Recorder.h>
 #include <zelData/Track.h>
 #include <zelIO/FileSystem.h>
 #include <zelNet/NetError.h>
@@ -38,6 +37,9 @@ using zelNet::TcpSocketFrameReader;
 using zelNet::WebSocket;
 using zelNet::WebSocketFrameReader;
 using OnFault = zelData::SerializedFrame::OnFault;
+
+/// Of the elements of frames that wait for the disk; small frames take ten times as much.
+constexpr zel::uint64 MaxWaitingBytes = zel::uint64{64} << 20;
 
 /// Frames come whole, and packets do not tell so.
 template <typename Reader>
@@ -165,7 +167,7 @@ int recordStream(const Arguments& arguments) {
     const zel::ref_ptr<zelData::FileFrameWriter> writer(
         new zelData::FileFrameWriter(makeSession(*journal, file)));
     const zel::ref_ptr<zelData::Track> track(new zelData::Track(source->getReader(), writer.get()));
-    track->setMaxNumBytes(zelData::Recorder::DefaultBudget);
+    track->setMaxNumBytes(MaxWaitingBytes);
     track->start();
     while (endSignal() == 0 && !track->isEOF())
         source->service();

@@ -10,6 +10,7 @@
 
 #include <json/forwards.h>
 
+#include <atomic>
 #include <deque>
 
 struct lws;
@@ -136,6 +137,7 @@ public:
     [[nodiscard]] bool isOpen() const noexcept { return m_handle != nullptr; }
     [[nodiscard]] bool isOutgoing() const noexcept { return m_isOutgoing; }
     /// Bytes that wait to be sent.
+    /// @threads any thread
     [[nodiscard]] zel::size_t getNumQueuedBytes() const noexcept { return m_numQueuedBytes; }
     /// Messages above this size, or above that of the server, end the connection with status 1009.
     void setMaxMessageSize(zel::size_t size) noexcept { m_maxMessageSize = size; }
@@ -166,7 +168,7 @@ private:
     zel::size_t m_partialSize = 0;
     std::deque<PacketTransfer> m_queue;
     zel::size_t m_partialCapacity = 0;
-    zel::size_t m_numQueuedBytes = 0;
+    std::atomic<zel::size_t> m_numQueuedBytes{0}; // others may ask
     zel::size_t m_maxMessageSize = NoLimit;
     bool m_isOutgoing;
     bool m_isClosing = false; // from now on nothing is received or sent

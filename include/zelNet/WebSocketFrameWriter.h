@@ -38,7 +38,7 @@ public:
     }
     [[nodiscard]] zel::size_t getNumClients() const;
     /// The bytes that wait to be sent, of all clients.
-    /// @threads while nobody calls writeFrame or service
+    /// @threads any thread
     [[nodiscard]] zel::size_t getNumQueuedBytes() const;
 
 private:

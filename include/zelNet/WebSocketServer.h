@@ -68,7 +68,7 @@ public:
     /// Ends all connections; no callback is called any more.
     ~WebSocketServer() override;
 
-    /// Does what there is to do, without waiting for more.
+    /// Does what there is to do, without waiting for more; of what comes without end, some 20 ms.
     /// @param time  without effect
     /// @return whether anything happened; false also from within a callback, where it does nothing
     bool service(double time);

@@ -53,6 +53,8 @@ constexpr int LogErrorsAndWarnings = LLL_ERR | LLL_WARN;
 constexpr zel::size_t ReceiveBufferSize = 1048576;
 /// A service that never finds an end goes on with the next call.
 constexpr int MaxRounds = 10000;
+/// A peer that sends without a pause is not to hold up who serves it.
+constexpr std::chrono::milliseconds MaxServiceTime{20};
 
 /// A peer that has gone without a word is noticed.
 const lws_retry_bo_t IdlePolicy = {nullptr, 0, 0, 30, 45, 0};
@@ -411,14 +413,15 @@ bool WebSocketServer::service(double /*time*/) {
         return false;
     m_isInService = true;
     int numRounds = 0;
+    const auto end = std::chrono::steady_clock::now() + MaxServiceTime;
     do {
         m_hasActivity = false;
         lws_service(m_context, -1); // does not wait
         if (m_secureContext != nullptr)
             lws_service(m_secureContext, -1);
-    } while (++numRounds < MaxRounds && m_hasActivity);
+    } while (++numRounds < MaxRounds && m_hasActivity && std::chrono::steady_clock::now() < end);
     m_isInService = false;
-    return numRounds > 1;
+    return m_hasActivity || numRounds > 1;
 }
 
 void WebSocketServer::send(WebSocket::Packet* packet) {

@@ -406,7 +406,7 @@ def streams_are_recorded_in_another_process():
 
 def streams_go_on_when_a_reader_is_killed():
     for kind in ("tcp", "ws"):
-        run = Stream("--stream", f"{kind}:0")
+        run = Stream("--stream", f"{kind}:0", "--budget", "1000000")
         first = recorder(run.ports[0], f"{kind}.first")
         first.kill()
         first.communicate(timeout=60)
@@ -443,6 +443,16 @@ def two_readers_get_the_same_frames():
         for path in (one, other):
             zel("journal", "cut", path, path + ".part", "--from", str(begin), "--to", str(end))
         assert zel("journal", "diff", one + ".part", other + ".part").startswith("No difference in ")
+
+
+def readers_that_are_slow_lose_frames_and_not_their_connection():
+    run = Stream("--stream", "ws:0", "--budget", "1")
+    process = recorder(run.ports[0], "few")
+    output = run.end()
+    assert re.search(r"Streamed \d+ frames to ws:\d+; \d+ were left out, since readers were too slow\n", output), output
+    end_of(process)
+    indices = is_whole("few")
+    assert indices == sorted(indices) and len(indices) < indices[-1] - indices[0] + 1
 
 
 def readers_that_never_read_do_not_hold_a_run():
