@@ -39,8 +39,8 @@ public:
     /// Tells the clients that no frame follows.
     void endOfStream() override;
 
-    /// For so long in all, clients that do not read are waited for once the track has been stopped: 0 at
-    /// first.
+    /// For so long in all, clients that take nothing are waited for once the track has been stopped: 0 at
+    /// first. To be set ahead of the track's start.
     void setPatience(zel::uint32 milliseconds) noexcept { m_patience = milliseconds; }
 
     /// 0 for a writer without port.

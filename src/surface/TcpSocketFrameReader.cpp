@@ -106,8 +106,10 @@ bool TcpSocketFrameReader::readHeader() {
 
 void TcpSocketFrameReader::readPadding(uint64 numBytes) {
     constexpr uint64 MAX_PADDING = TcpSocketFrameWriter::MAX_PADDING;
-    if (numBytes > MAX_PADDING && m_onFault == OnFault::Throw)
+    if (numBytes > MAX_PADDING && m_onFault == OnFault::Throw) {
+        close(); // where the next frame begins is not known
         throw std::runtime_error("TcpSocketFrameReader: More padding than a sender writes");
+    }
     zelVerify(numBytes <= MAX_PADDING);
     uint8 bytes[MAX_PADDING];
     m_socket->recvBlocking(bytes, static_cast<uint32>(numBytes));

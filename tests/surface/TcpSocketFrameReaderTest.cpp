@@ -158,6 +158,17 @@ TEST_F(TcpSocketFrameReaderTest, MorePaddingThanASenderWritesThrowsWhereThatIsAs
               "TcpSocketFrameReader: More padding than a sender writes");
 }
 
+TEST_F(TcpSocketFrameReaderTest, NothingIsReadBehindTooMuchPadding) {
+    const std::string bytes = preHeader(2, 26 + 129, 0) + "{}" + std::string(129, '\xFF');
+    const auto reader =
+        readerOf(bytesOf(frameOf(1).get()) + bytes + bytesOf(frameOf(2).get()) + EndMarker, OnFault::Throw);
+    expectFrame(read(*reader), 1);
+    EXPECT_EQ(zelTest::whatOf([&] { (void)reader->readFrame(); }),
+              "TcpSocketFrameReader: More padding than a sender writes");
+    EXPECT_FALSE(reader->isOpen());
+    EXPECT_EQ(reader->readFrame(), nullptr);
+}
+
 TEST_F(TcpSocketFrameReaderTest, ATrackGivesAFrameOfIndex0Once) {
     const std::string bytes = bytesOf(frameOf(0).get()) + bytesOf(frameOf(1).get()) + EndMarker;
     m_sender->sendBlocking(reinterpret_cast<const zel::uint8*>(bytes.data()),
