@@ -1,5 +1,7 @@
 #include "Ascii.h"
 
+#include "RealText.h"
+
 #include <zel/Verify.h>
 
 #include <locale.h>
@@ -44,7 +46,7 @@ AsciiText& AsciiText::fixed(double value) {
 }
 
 AsciiText& AsciiText::general(double value) {
-    append(std::to_chars(m_end, limit(), value, std::chars_format::general, Digits));
+    append(toChars(m_end, limit(), value, std::chars_format::general, Digits));
     return *this;
 }
 

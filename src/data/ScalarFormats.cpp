@@ -1,6 +1,7 @@
 #include "Ascii.h"
 #include "BuiltinFormats.h"
 #include "FormatFamily.h"
+#include "RealText.h"
 
 #include <zel/InvalidIndex.h>
 #include <zel/Verify.h>
@@ -65,7 +66,7 @@ void writeOctave(zel::String& text, T value) {
         text = value < 0 ? "-Inf" : "Inf";
     } else {
         std::array<char, 32> buffer{};
-        const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+        const auto result = toChars(buffer.data(), buffer.data() + buffer.size(), value);
         text.assign(buffer.data(), result.ptr);
     }
 }

@@ -1,4 +1,5 @@
 #include "data/FormatLookup.h"
+#include "data/RealText.h"
 
 #include <zelData/Format.h>
 #include <zelData/FormatPrimitives.h>
@@ -54,7 +55,7 @@ std::string toText(const uint8* bytes) {
         return std::to_string(static_cast<int>(value));
     else {
         std::array<char, 32> text{};
-        return {text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr};
+        return {text.data(), toChars(text.data(), text.data() + text.size(), value).ptr};
     }
 }
 

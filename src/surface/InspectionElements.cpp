@@ -2,9 +2,9 @@
 
 #include "InspectionRequest.h"
 #include "data/AsciiFormat.h"
+#include "data/RealText.h"
 #include "transport/Envelope.h"
 
-#include <zel/String.h>
 #include <zelData/Buffer.h>
 #include <zelData/Format.h>
 #include <zelData/FormatPrimitives.h>
@@ -13,8 +13,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -34,16 +32,6 @@ namespace {
 /// Numbers beyond are texts in JSON: many readers hold each number as a double.
 constexpr double LargestJsonNumber = 9007199254740992.0;
 
-/// Threads of the library take the smallest numbers for 0, and std::to_chars goes by that; printf does not.
-template <typename T>
-bool isDenormal(T number) {
-    using Bits = std::conditional_t<sizeof(T) == 4, uint32, uint64>;
-    constexpr Bits Mantissa = (Bits{1} << (std::numeric_limits<T>::digits - 1)) - 1;
-    constexpr Bits Sign = Bits{1} << (sizeof(T) * 8 - 1);
-    const auto bits = std::bit_cast<Bits>(number) & ~Sign;
-    return bits != 0 && bits <= Mantissa;
-}
-
 template <typename T>
 std::string textOfNumber(const void* element) {
     // A bool of a file may be any byte.
@@ -56,15 +44,13 @@ std::string textOfNumber(const void* element) {
             return "\"nan\"";
         if (std::isinf(number))
             return number > 0 ? "\"inf\"" : "\"-inf\"";
-        if (isDenormal(number))
-            return zel::String::format("%.17g", static_cast<double>(number));
     } else if (std::abs(static_cast<double>(number)) > LargestJsonNumber)
         return "\"" + std::to_string(number) + "\"";
     std::array<char, 32> text{};
     if constexpr (sizeof(T) == 1)
         return std::to_string(static_cast<int>(number));
     else
-        return {text.data(), std::to_chars(text.data(), text.data() + text.size(), number).ptr};
+        return {text.data(), zelData::toChars(text.data(), text.data() + text.size(), number).ptr};
 }
 
 template <typename T>

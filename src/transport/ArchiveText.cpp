@@ -1,15 +1,14 @@
 #include "ArchiveText.h"
 
+#include "data/RealText.h"
 #include "tree/XmlCheck.h"
 
-#include <zel/FloatingPoint.h>
 #include <zel/Verify.h>
 
 #include <tomcrypt.h>
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -42,34 +41,18 @@ template <typename T>
 void appendScientific(std::string& out, T value) {
     std::array<char, 32> text{};
     char* const end =
-        std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::scientific, Digits<T>)
+        zelData::toChars(
+            text.data(), text.data() + text.size(), value, std::chars_format::scientific, Digits<T>)
             .ptr;
     std::replace(text.data(), end, 'e', 'E');
     out.append(text.data(), end);
 }
 
 template <typename T>
-bool isDenormal(T value) {
-    using Bits = std::conditional_t<sizeof(T) == sizeof(zel::uint32), zel::uint32, zel::uint64>;
-    constexpr int NumFractionBits = std::numeric_limits<T>::digits - 1;
-    const Bits magnitude = std::bit_cast<Bits>(value) << 1; // without the sign
-    return magnitude != 0 && magnitude >> (NumFractionBits + 1) == 0;
-}
-
-/// The threads of the system take denormals for zero, and so would the conversion. They are no Component in
-/// fixed form, which has too few digits for them.
-template <typename T>
-void appendDenormal(std::string& out, T value) {
-    const zel::uint32 state = zel::DenormalizationGuard::enable();
-    zel::DenormalizationGuard::disable(state & ~zel::DenormalizationGuard::Mask);
-    appendScientific(out, value);
-    zel::DenormalizationGuard::disable(state);
-}
-
-template <typename T>
 void appendReal(std::string& out, T value, bool isComponent) {
-    if (isDenormal(value)) {
-        appendDenormal(out, value);
+    // In fixed form, that of components, there are too few digits for them.
+    if (zelData::isDenormal(value)) {
+        appendScientific(out, value);
         return;
     }
     if (std::isnan(value)) {

@@ -1,6 +1,7 @@
 #include "Elements.h"
 
 #include <zel/Bound.h>
+#include <zel/FloatingPoint.h>
 #include <zel/Line.h>
 #include <zel/Matrix.h>
 #include <zel/Name.h>
@@ -241,6 +242,21 @@ TEST(AsciiFormatTest, OctaveReadsWhatItsFormatShows) {
             EXPECT_EQ(std::strtod(octave("Real:64bit", value).c_str(), nullptr), value);
         }
     }
+}
+
+TEST(AsciiFormatTest, NumbersThatThreadsOfTheSystemTakeForZeroAreShownAsTheyAre) {
+    const auto text = [](const char* target, const char* source, auto value) {
+        zelTest::Elements shown(target, 1);
+        const zel::uint32 state = zel::DenormalizationGuard::enable();
+        zelData::transform(shown.data(), shown.format(), &value, zelData::getFormat(source), 1);
+        zel::DenormalizationGuard::disable(state);
+        return std::string(*shown.as<zel::String>());
+    };
+    constexpr double Least = std::numeric_limits<double>::denorm_min();
+    constexpr float LeastFloat = std::numeric_limits<float>::denorm_min();
+    EXPECT_EQ(text("Real:Octave", "Real:64bit", Least), "5e-324");
+    EXPECT_EQ(text("Real:Octave", "Real:32bit", -LeastFloat), "-1e-45");
+    EXPECT_EQ(text("Real:ascii", "Real:64bit", Least), "4.94066e-324");
 }
 
 TEST(AsciiFormatTest, WritesRealVectorsWithSixDigitsBehindThePoint) {

@@ -1,11 +1,14 @@
 #include "DamageFixture.h"
 
+#include <zel/FloatingPoint.h>
 #include <zelData/Array.h>
 #include <zelData/EntityPtr.h>
 #include <zelData/PlainElements.h>
 #include <zelData/PlainFrame.h>
 
 #include <support/Stress.h>
+
+#include <limits>
 
 using zel::ref_ptr;
 using zel::uint64;
@@ -80,6 +83,7 @@ TEST_F(PlainFrameTest, ElementsAreShownByTheirFormats) {
     frame->addBuffer(makeBuffer<zel::Vec3d>("places", "Vec3", {zel::Vec3d(1, 2.5, -3)}).get(), "places");
     frame->addBuffer(texts("names", {"one", "", "three"}).get(), "names");
     frame->addValue(real("x", 0.1).get(), "x");
+    frame->addValue(real("least", std::numeric_limits<double>::denorm_min()).get(), "least");
     writer->writeFrame(frame.get());
     PlainJournal plain(path());
     const PlainFrame& shown = plain.readComplete(0);
@@ -90,6 +94,9 @@ TEST_F(PlainFrameTest, ElementsAreShownByTheirFormats) {
     EXPECT_EQ(textOf(shown, "names"), "one||three");
     EXPECT_EQ(textOf(shown, "x"), "0.1");
     EXPECT_EQ(textOf(shown, "y"), "none");
+    const zel::uint32 state = zel::DenormalizationGuard::enable(); // as on threads of the system
+    EXPECT_EQ(textOf(shown, "least"), "5e-324");
+    zel::DenormalizationGuard::disable(state);
 }
 
 TEST_F(PlainFrameTest, UnknownFormatsAreShownAsBytes) {
