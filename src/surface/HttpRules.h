@@ -14,6 +14,27 @@ struct mg_connection;
 
 namespace zelNet {
 
+/// Options of civetweb, names and values, that both servers want: what it would do by itself is switched off,
+/// slow clients are dropped, and paths come as they were sent, see decodedUri.
+inline constexpr const char* CommonOptions[] = {"num_threads",
+                                                "1",
+                                                "access_control_allow_origin",
+                                                "",
+                                                "access_control_allow_methods",
+                                                "",
+                                                "access_control_allow_headers",
+                                                "",
+                                                "cgi_pattern",
+                                                "",
+                                                "enable_directory_listing",
+                                                "no",
+                                                "request_timeout_ms",
+                                                "3000",
+                                                "keep_alive_timeout_ms",
+                                                "100",
+                                                "decode_url",
+                                                "no"};
+
 /// To be called ahead of all that civetweb does with a request by its own rules: answers every method but GET
 /// and HEAD with 405, since civetweb would write, delete and list files, and all requests with 503 until the
 /// server has told it of its handlers.

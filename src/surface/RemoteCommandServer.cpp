@@ -14,6 +14,7 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -162,27 +163,10 @@ bool RemoteCommandServer::startOn(unsigned port, bool allowRemote) {
 
     std::vector<const char*> options{"document_root",
                                      m_documentRoot.c_str(),
-                                     "num_threads",
-                                     "1",
-                                     "access_control_allow_origin",
-                                     "",
-                                     "access_control_allow_methods",
-                                     "",
-                                     "access_control_allow_headers",
-                                     "",
-                                     "cgi_pattern",
-                                     "",
-                                     "enable_directory_listing",
-                                     "no",
-                                     "request_timeout_ms",
-                                     "3000",
-                                     "keep_alive_timeout_ms",
-                                     "100",
-                                     "decode_url",
-                                     "no",
                                      // A script may have been compiled anew.
                                      "static_file_max_age",
                                      "0"};
+    options.insert(options.end(), std::begin(zelNet::CommonOptions), std::end(zelNet::CommonOptions));
     if (m_useSSL) {
         if (!hasHttps()) {
             m_useSSL = false;

@@ -17,6 +17,7 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -182,36 +183,17 @@ void WebDebuggerServer::serverThreadFunc() {
 
 void WebDebuggerServer::serve() {
     static StaticFileHandler s_handler;
-    const std::vector<std::string> options{"document_root",
-                                           m_documentRoot,
-                                           "listening_ports",
-                                           "0.0.0.0:" + std::to_string(getPort()),
-                                           "index_files",
-                                           "index.html",
-                                           "enable_directory_listing",
-                                           "no",
-                                           "enable_keep_alive",
-                                           "yes",
-                                           "tcp_nodelay",
-                                           "1",
-                                           "num_threads",
-                                           "1",
-                                           // What civetweb would do by itself.
-                                           "access_control_allow_origin",
-                                           "",
-                                           "access_control_allow_methods",
-                                           "",
-                                           "access_control_allow_headers",
-                                           "",
-                                           "cgi_pattern",
-                                           "",
-                                           "request_timeout_ms",
-                                           "3000",
-                                           "keep_alive_timeout_ms",
-                                           "100",
-                                           // The handler does that.
-                                           "decode_url",
-                                           "no"};
+    std::vector<std::string> options{"document_root",
+                                     m_documentRoot,
+                                     "listening_ports",
+                                     "0.0.0.0:" + std::to_string(getPort()),
+                                     "index_files",
+                                     "index.html",
+                                     "enable_keep_alive",
+                                     "yes",
+                                     "tcp_nodelay",
+                                     "1"};
+    options.insert(options.end(), std::begin(CommonOptions), std::end(CommonOptions));
     CivetCallbacks callbacks;
     callbacks.begin_request = &beginRequest;
     auto server = std::make_unique<CivetServer>(options, &callbacks, &m_isRunning);
