@@ -15,7 +15,7 @@ var treePanel;
             this.session = session;
             this.input = el("input", {
                 id: "search", type: "text", role: "combobox", "aria-expanded": "false", "aria-controls": "completions", "aria-autocomplete": "list",
-                "aria-label": "Go to a path", placeholder: "Go to a path …", autocomplete: "off", spellcheck: "false",
+                autocomplete: "off", spellcheck: "false",
             });
             this.completions = el("ul", { id: "completions", role: "listbox", "aria-label": "Completions", hidden: "" });
             this.error = el("p", { class: "error", role: "alert" });
@@ -28,7 +28,7 @@ var treePanel;
             this.typed = "";
             this.typedAt = 0;
             this.values = new Map();
-            panel.append(el("header", {}, el("h2", {}, "Objects"), ui.button("Refresh", "Ask for the objects again", () => this.reload())), el("div", { class: "search" }, this.input, this.completions), this.error, this.viewport);
+            panel.append(el("header", {}, el("h2", {}, "Objects"), ui.button("Refresh", "Ask for the objects again", () => this.reload())), el("div", { class: "search" }, el("label", { for: "search" }, "Path"), this.input, this.completions), this.error, this.viewport);
             this.list = new ui.VirtualList(this.viewport, RowHeight, () => this.createRow(), (row, index) => this.fillRow(row, index), () => this.watchVisible());
             this.watch = session.subscribe(({ items }) => {
                 for (const item of items)

@@ -33,7 +33,7 @@ namespace treePanel {
     export class Panel {
         private readonly input = el("input", {
             id: "search", type: "text", role: "combobox", "aria-expanded": "false", "aria-controls": "completions", "aria-autocomplete": "list",
-            "aria-label": "Go to a path", placeholder: "Go to a path …", autocomplete: "off", spellcheck: "false",
+            autocomplete: "off", spellcheck: "false",
         });
         private readonly completions = el("ul", { id: "completions", role: "listbox", "aria-label": "Completions", hidden: "" });
         private readonly error = el("p", { class: "error", role: "alert" });
@@ -52,7 +52,7 @@ namespace treePanel {
         constructor(panel: HTMLElement, private readonly session: model.Session) {
             panel.append(el("header", {}, el("h2", {}, "Objects"),
                 ui.button("Refresh", "Ask for the objects again", () => this.reload())),
-                el("div", { class: "search" }, this.input, this.completions), this.error, this.viewport);
+                el("div", { class: "search" }, el("label", { for: "search" }, "Path"), this.input, this.completions), this.error, this.viewport);
             this.list = new ui.VirtualList(this.viewport, RowHeight, () => this.createRow(), (row, index) => this.fillRow(row, index),
                 () => this.watchVisible());
             this.watch = session.subscribe(({ items }) => {
