@@ -6,6 +6,8 @@
 #include <support/LogCapture.h>
 
 #include <limits>
+#include <thread>
+#include <vector>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -497,6 +499,29 @@ TEST_F(InspectionServiceTest, PassesLogLinesOn) {
     EXPECT_TRUE(isQuiet(client));
     EXPECT_EQ(refusal(client, "Log.Subscribe", "{'level':'loud'}"),
               "'level' must be one of debug, info, warning, error and none");
+}
+
+TEST_F(InspectionServiceTest, PassesLinesOfAllThreadsOnWhileOthersSubscribe) {
+    const zelTest::LogCapture log(zel::Notify::Info);
+    constexpr int NumLines = 200;
+    auto client = connect();
+    auto other = connect();
+    ask(client, "Log.Subscribe", "{'level':'warning'}");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t)
+        threads.emplace_back([] {
+            zel::Thread::registerAsZelThread();
+            for (int i = 0; i < NumLines; ++i)
+                ZEL_LOG_WARNING("line " << i);
+            zel::Thread::unregisterAsZelThread();
+        });
+    for (int i = 0; i < 20; ++i)
+        ask(other, "Log.Subscribe", i % 2 == 0 ? "{'level':'debug'}" : "{'level':'none'}");
+    for (auto& thread : threads)
+        thread.join();
+    for (int i = 0; i < 3 * NumLines; ++i)
+        EXPECT_FALSE(takePush(client, "Log.Line").header.isMember("dropped"));
+    EXPECT_TRUE(isQuiet(client));
 }
 
 TEST_F(InspectionServiceTest, PassesTheLastThousandLinesOnAndTellsHowManyLack) {
