@@ -95,6 +95,10 @@ Control::~Control() {
     m_page.join();
 }
 
+void Control::show(const FrameStreams& streams) {
+    m_service->setStreams([&streams] { return streams.states(); });
+}
+
 void Control::serviceIfDue() {
     const auto now = std::chrono::steady_clock::now();
     if (now < m_due)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Command.h"
+#include "FrameStreams.h"
 
 #include <zel/ref_ptr.h>
 #include <zelNet/InspectionService.h>
@@ -25,6 +26,8 @@ public:
     /// @throws UsageError
     static void verifyOptions(const Arguments& arguments);
 
+    /// What clients are told of the streams of frames, which outlive this.
+    void show(const FrameStreams& streams);
     /// Serves the clients, at most each two milliseconds: a tick may be shorter than that.
     void serviceIfDue();
     /// Serves them while the clock is halted, and sleeps a little where there is nothing to do.

@@ -45,13 +45,20 @@ public:
             TcpSocketFrameWriter::writeFrame(frame);
         } catch (const zelNet::NetError&) { // all others have got the frame
         }
+        m_numReaders = getNumClients();
     }
+    /// When the last frame was written.
+    /// @threads any thread
+    [[nodiscard]] zel::uint64 getNumReaders() const { return m_numReaders; }
     void endOfStream() override {
         try {
             TcpSocketFrameWriter::endOfStream();
         } catch (const zelNet::NetError&) {
         }
     }
+
+private:
+    std::atomic<zel::uint64> m_numReaders{0};
 };
 
 /// Some have an empty line behind it.
@@ -161,9 +168,7 @@ public:
     }
     /// @return whether the frame was not left out
     bool push(zelData::Frame* frame) {
-        const zel::size_t numWaiting =
-            m_track->getNumQueuedBytes() + (m_webSockets ? m_webSockets->getNumQueuedBytes() : 0);
-        const bool hasRoom = numWaiting < m_budget;
+        const bool hasRoom = numWaitingBytes() < m_budget;
         // Behind one that is left out, an increment would not tell all.
         if (!hasRoom || (m_mustBeWhole && !frame->isKeyFrame())) {
             m_mustBeWhole = true;
@@ -187,12 +192,24 @@ public:
             std::cout << "; " << m_numLeftOut << " were left out, since readers were too slow";
         std::cout << '\n';
     }
+    [[nodiscard]] zelNet::InspectionService::Stream state() const {
+        return {m_webSockets ? "ws" : "tcp",
+                m_name.port,
+                m_numFrames,
+                m_numLeftOut,
+                m_webSockets ? m_webSockets->getNumClients() : m_sockets->getNumReaders(),
+                numWaitingBytes()};
+    }
     void rethrow() const {
         if (m_track && m_track->getException())
             std::rethrow_exception(m_track->getException());
     }
 
 private:
+    [[nodiscard]] zel::uint64 numWaitingBytes() const {
+        return m_track->getNumQueuedBytes() + (m_webSockets ? m_webSockets->getNumQueuedBytes() : 0);
+    }
+
     StreamName m_name;
     zel::uint64 m_budget;
     zel::ref_ptr<LastingTcpWriter> m_sockets; // one of the two
@@ -250,6 +267,13 @@ void FrameStreams::stop() {
 void FrameStreams::print() const {
     for (const auto& stream : m_streams)
         stream->print();
+}
+
+zel::Vector<zelNet::InspectionService::Stream> FrameStreams::states() const {
+    zel::Vector<zelNet::InspectionService::Stream> all;
+    for (const auto& stream : m_streams)
+        all.push_back(stream->state());
+    return all;
 }
 
 void FrameStreams::rethrow() const {

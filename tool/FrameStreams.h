@@ -4,8 +4,10 @@
 
 #include <zel/Clock.h>
 #include <zel/Component.h>
+#include <zel/Vector.h>
 #include <zel/ref_ptr.h>
 #include <zelData/FrameCapture.h>
+#include <zelNet/InspectionService.h>
 
 #include <memory>
 #include <vector>
@@ -34,6 +36,7 @@ public:
     void stop();
     /// What was sent, and what was left out.
     void print() const;
+    [[nodiscard]] zel::Vector<zelNet::InspectionService::Stream> states() const;
     /// @throws what has ended a stream ahead of the run
     void rethrow() const;
 

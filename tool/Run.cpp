@@ -169,8 +169,10 @@ int runModel(const Arguments& arguments) {
     streams.start(clock, model.get());
 
     std::optional<Control> control;
-    if (arguments.has("--control"))
+    if (arguments.has("--control")) {
         control.emplace(arguments);
+        control->show(streams);
+    }
 
     const auto start = std::chrono::steady_clock::now();
     tickThrough(clock, arguments, control, streams);

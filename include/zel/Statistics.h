@@ -13,6 +13,7 @@
 #include <zel/ref_ptr.h>
 
 #include <atomic>
+#include <functional>
 #include <iosfwd>
 #include <mutex>
 
@@ -97,6 +98,10 @@ public:
     /// @param includeEmpty  whether branches without any number above zero are shown
     void print(std::ostream& stream, bool includeEmpty);
     [[nodiscard]] String printed(bool includeEmpty);
+    /// Shows the visitor all providers below the root, a parent ahead of its children. It must not call the
+    /// statistics: the tree's mutex is held.
+    /// @param visitor  of the provider and its depth, from 0 on. What it throws passes on
+    void visit(const std::function<void(const ProviderHandle& provider, uint32 depth)>& visitor) const;
 
     /// The mutex of the type system, which is taken ahead of the one here.
     [[nodiscard]] static TypeSystemMutex& getTypeSystemMutex();
@@ -189,6 +194,9 @@ public:
     void updateEmptyFlags();
     /// Writes the node and all below.
     void print(std::ostream& stream, bool includeEmpty, uint32 indentation) const;
+    /// All that are times, or all that are none; most accumulated first. The timers of a task come ahead of
+    /// the others.
+    [[nodiscard]] Vector<const AbstractData*> getAllData(bool timing) const;
 
 protected:
     /// As addData, for constructors and holders of the mutex.
@@ -208,6 +216,7 @@ private:
     }
     [[nodiscard]] static std::unique_lock<RankedMutex<LockRank::Statistics>> lockTree();
     [[nodiscard]] AbstractData* findData(const char* name) const;
+    /// Without the timers of a task.
     [[nodiscard]] Vector<const AbstractData*> sortedData(bool timing) const;
     [[nodiscard]] bool hasData(bool timing) const;
 

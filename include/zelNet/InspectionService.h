@@ -3,8 +3,11 @@
 #include <zel/Export.h>
 #include <zel/Integers.h>
 #include <zel/Referenced.h>
+#include <zel/String.h>
+#include <zel/Vector.h>
 #include <zelNet/ControlChannel.h>
 
+#include <functional>
 #include <memory>
 
 namespace zel {
@@ -61,6 +64,18 @@ public:
     /// due. Waits for nobody.
     /// @return whether there was anything to do. A program whose clocks are paused may sleep a little if not
     bool service();
+
+    /// Where frames of the program go, for those who look after it.
+    struct Stream {
+        zel::String name; ///< such as "tcp"
+        zel::uint16 port = 0;
+        zel::uint64 numFrames = 0;  ///< that were sent
+        zel::uint64 numLeftOut = 0; ///< since readers were too slow
+        zel::uint64 numClients = 0;
+        zel::uint64 numQueuedBytes = 0; ///< that wait for them
+    };
+    /// @param streams  is asked within service(), whenever a client asks; empty for none
+    void setStreams(std::function<zel::Vector<Stream>()> streams);
 
     [[nodiscard]] WebSocket::ControlChannel* getChannel() const noexcept;
     [[nodiscard]] zel::Component* getRoot() const noexcept;

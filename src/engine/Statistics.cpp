@@ -24,6 +24,15 @@ bool isAtOrAbove(const Statistics::ProviderHandle* node, const Statistics::Provi
     return false;
 }
 
+// NOLINTNEXTLINE(misc-no-recursion)
+void visitBranch(const Statistics::ProviderHandle& node,
+                 uint32 depth,
+                 const std::function<void(const Statistics::ProviderHandle&, uint32)>& visitor) {
+    visitor(node, depth);
+    for (const ref_ptr<Statistics::ProviderHandle>& child : node.getChildren())
+        visitBranch(*child, depth + 1, visitor);
+}
+
 } // namespace
 
 Statistics::Statistics() : Singleton(10000) {}
@@ -333,6 +342,13 @@ void Statistics::print(std::ostream& stream, bool includeEmpty) {
     }
     root->updateEmptyFlags();
     root->print(stream, includeEmpty, 0);
+}
+
+void Statistics::visit(const std::function<void(const ProviderHandle&, uint32)>& visitor) const {
+    const std::lock_guard lock(m_mutex);
+    if (const ProviderHandle* root = findProvider(nullptr))
+        for (const ref_ptr<ProviderHandle>& child : root->getChildren())
+            visitBranch(*child, 0, visitor);
 }
 
 String Statistics::printed(bool includeEmpty) {

@@ -190,6 +190,16 @@ Vector<const StatisticsData*> Statistics::ProviderHandle::sortedData(bool timing
     return sorted;
 }
 
+Vector<const StatisticsData*> Statistics::ProviderHandle::getAllData(bool timing) const {
+    Vector<const AbstractData*> all;
+    if (const auto* task = dynamic_cast<const TaskTimingReportHandle*>(this); task != nullptr && timing)
+        for (const AbstractData* timer : {task->getWallTime(), task->getOverhead(), task->getComputeCost()})
+            all.push_back(timer);
+    for (const AbstractData* data : sortedData(timing))
+        all.push_back(data);
+    return all;
+}
+
 void Statistics::ProviderHandle::print(std::ostream& stream, bool includeEmpty, uint32 indentation) const {
     if (m_empty && !includeEmpty)
         return;

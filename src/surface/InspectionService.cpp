@@ -3,6 +3,7 @@
 #include "InspectionElements.h"
 #include "InspectionLog.h"
 #include "InspectionRequest.h"
+#include "InspectionStatistics.h"
 #include "InspectionTree.h"
 #include "InspectionWatches.h"
 #include "StreamText.h"
@@ -81,6 +82,7 @@ public:
     const zel::ref_ptr<zel::Component> root;
     bool isWritable = false;
     bool isCallable = false;
+    std::function<zel::Vector<Stream>()> streams;
 
 private:
     using Handler = void (Implementation::*)(InspectionRequest&);
@@ -90,12 +92,13 @@ private:
         bool changes = false;
         bool answers = true;
     };
-    static const std::array<Route, 13> Routes;
+    static const std::array<Route, 14> Routes;
 
     void handle(const Route& route, WebSocket* socket, const StructuredMessage& message);
 
     void info(InspectionRequest& request);
     void heartbeat(InspectionRequest& request);
+    void listStatistics(InspectionRequest& request) { request.response = describeStatistics(); }
     void describe(InspectionRequest& request);
     void complete(InspectionRequest& request);
     void setValue(InspectionRequest& request);
@@ -116,9 +119,10 @@ private:
     zel::ref_ptr<InspectionLog> m_log;
 };
 
-const std::array<InspectionService::Implementation::Route, 13> InspectionService::Implementation::Routes = {
+const std::array<InspectionService::Implementation::Route, 14> InspectionService::Implementation::Routes = {
     {{"System.Info", &Implementation::info, false},
      {"System.Heartbeat", &Implementation::heartbeat, false},
+     {"Statistics.List", &Implementation::listStatistics, false},
      {"Object.Describe", &Implementation::describe, false},
      {"Object.Complete", &Implementation::complete, false},
      {"Value.Set", &Implementation::setValue, true},
@@ -207,6 +211,16 @@ void InspectionService::Implementation::info(InspectionRequest& request) {
     response["callable"] = isWritable && isCallable;
     for (const Route& route : Routes)
         response["uris"].append(route.uri);
+    response["streams"] = Json::Value(Json::arrayValue);
+    for (const Stream& stream : streams ? streams() : zel::Vector<Stream>()) {
+        Json::Value& json = response["streams"].append(Json::Value(Json::objectValue));
+        json["name"] = stream.name.c_str();
+        json["port"] = stream.port;
+        json["numFrames"] = static_cast<Json::UInt64>(stream.numFrames);
+        json["numLeftOut"] = static_cast<Json::UInt64>(stream.numLeftOut);
+        json["numClients"] = static_cast<Json::UInt64>(stream.numClients);
+        json["numQueuedBytes"] = static_cast<Json::UInt64>(stream.numQueuedBytes);
+    }
     Json::Value& limits = response["limits"];
     limits["watches"] = static_cast<Json::UInt64>(MaxWatches);
     limits["paths"] = static_cast<Json::UInt64>(MaxPaths);
@@ -313,6 +327,10 @@ void InspectionService::setCallable(bool isCallable) noexcept {
 
 bool InspectionService::isCallable() const noexcept {
     return m_implementation->isCallable;
+}
+
+void InspectionService::setStreams(std::function<zel::Vector<Stream>()> streams) {
+    m_implementation->streams = std::move(streams);
 }
 
 bool InspectionService::service() {

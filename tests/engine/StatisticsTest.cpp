@@ -500,6 +500,24 @@ TEST_F(StatisticsTest, AChildThatIsNotEmptyEndsTheSearch) {
     EXPECT_EQ(report(false), "Root\n- Children:\n  full\n  - Data:\n    x: 1\n  empty\n");
 }
 
+TEST_F(StatisticsTest, ShowsAVisitorAllProvidersAParentFirst) {
+    std::string seen;
+    const auto look = [&seen](const Provider& provider, zel::uint32 depth) {
+        seen += std::string(depth, ' ') + (provider.getName() == nullptr ? "-" : provider.getName()) + ":";
+        for (const bool timing : {true, false})
+            for (const auto* data : provider.getAllData(timing))
+                seen += std::string(" ") + data->getName();
+        seen += "\n";
+    };
+    statistics().visit(look);
+    EXPECT_EQ(seen, "");
+    add(&b, "below", &a)->getOrCreateData<unsigned long>("count");
+    auto* task = statistics().registerTaskTimerProvider(&c, "task", &b);
+    task->getOrCreateData<double>("phase", true);
+    statistics().visit(look);
+    EXPECT_EQ(seen, "-:\n below: count\n  task: WallTime Overhead ComputeCost phase\n");
+}
+
 TEST_F(StatisticsTest, ThreadsRegisterWriteAndReport) {
     std::vector<std::thread> threads;
     std::vector<int> providers(400);

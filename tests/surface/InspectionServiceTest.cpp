@@ -1,11 +1,13 @@
 #include "InspectionFixture.h"
 
 #include <zel/Log.h>
+#include <zel/Statistics.h>
 #include <zel/Thread.h>
 
 #include <support/LogCapture.h>
 
 #include <limits>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -41,11 +43,63 @@ TEST_F(InspectionServiceTest, TellsWhatItIs) {
     EXPECT_EQ(info["threads"].asUInt64(), zel::getNumThreads());
     EXPECT_GE(info["uptime"].asDouble(), 0);
     EXPECT_EQ(info["limits"]["watches"], 64);
-    EXPECT_EQ(info["uris"].size(), 13U);
+    EXPECT_EQ(info["uris"].size(), 14U);
     service->setWritable(true);
     service->setCallable(true);
     EXPECT_EQ(ask(client, "System.Info").header["callable"], true);
     EXPECT_GT(ask(client, "System.Heartbeat").header["time"].asDouble(), 1e9);
+}
+
+TEST_F(InspectionServiceTest, TellsWhereFramesGo) {
+    auto client = connect();
+    EXPECT_EQ(text(ask(client, "System.Info").header["streams"]), "[]\n");
+    service->setStreams([] {
+        return zel::Vector<zelNet::InspectionService::Stream>{{"tcp", 4000, 12, 3, 2, 1000}};
+    });
+    EXPECT_EQ(text(ask(client, "System.Info").header["streams"]),
+              "[{\"name\":\"tcp\",\"numClients\":2,\"numFrames\":12,\"numLeftOut\":3,\"numQueuedBytes\":1000,"
+              "\"port\":4000}]\n");
+    service->setStreams({});
+    EXPECT_EQ(text(ask(client, "System.Info").header["streams"]), "[]\n");
+}
+
+TEST_F(InspectionServiceTest, ListsWhatWasMeasured) {
+    auto& statistics = *zel::Statistics::instance();
+    int first = 0;
+    int below = 0;
+    const ref_ptr<zel::Statistics::ProviderHandle> engine(
+        statistics.registerDataProvider(&first, "engine", nullptr));
+    engine->getOrCreateData<double>("load", true)->add(1.5);
+    engine->getOrCreateData<double>("load", true)->add(2.5);
+    const ref_ptr<zel::Statistics::ProviderHandle> part(
+        statistics.registerDataProvider(&below, "part\xff", &first));
+    part->getOrCreateData<float>("least")->add(std::numeric_limits<float>::infinity());
+    part->getOrCreateData<unsigned long>("count")->set(7);
+    auto client = connect();
+    auto answer = ask(client, "Statistics.List").header;
+    EXPECT_EQ(answer["enabled"], false);
+    std::map<std::string, Json::Value> byPath;
+    for (const Json::Value& provider : answer["providers"])
+        byPath[provider["path"].asString()] = provider;
+    EXPECT_EQ(byPath["engine"]["depth"], 0);
+    EXPECT_EQ(text(byPath["engine"]["data"]),
+              "[{\"accumulated\":4,\"count\":2,\"name\":\"load\",\"timing\":true,\"value\":4}]\n");
+    statistics.unregisterDataProvider(&below);
+    const std::string name = "part\xEF\xBF\xBD"; // JSON is UTF-8
+    ASSERT_TRUE(byPath.contains("engine/" + name));
+    const Json::Value& told = byPath["engine/" + name];
+    EXPECT_EQ(told["name"], name);
+    EXPECT_EQ(told["depth"], 1);
+    ASSERT_EQ(told["data"].size(), 2U);
+    EXPECT_EQ(
+        text(told["data"][0]),
+        "{\"accumulated\":\"inf\",\"count\":1,\"name\":\"least\",\"timing\":false,\"value\":\"inf\"}\n");
+    EXPECT_EQ(told["data"][1]["name"], "count");
+    EXPECT_EQ(told["data"][1]["value"].asUInt(), 7U);
+    zel::Statistics::setEnable(true);
+    EXPECT_EQ(ask(client, "Statistics.List").header["enabled"], true);
+    zel::Statistics::setEnable(false);
+    statistics.unregisterDataProvider(&first);
 }
 
 TEST_F(InspectionServiceTest, AnswersNoAnswers) {
