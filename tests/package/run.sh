@@ -63,7 +63,7 @@ run_hello() {
 | |-greeting' ] || fail "hello did not print the tree"
 }
 
-for example in hello entities plugin solar journal archive; do
+for example in hello entities plugin solar journal stream archive; do
     build_example $example
 done
 run_hello "$work/build/hello/hello"
