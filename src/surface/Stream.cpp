@@ -22,7 +22,7 @@ namespace {
 
 ref_ptr<Task> loadTask(const String& implementation) {
     zelVerifyThrowN(
-        isPlainPath(implementation), "'%s' is no name of a task", printable(implementation).c_str());
+        isPlainPath(implementation), "'%s' is no name of a task", shortened(implementation).c_str());
     const SearchPathsOnly scope;
     ref_ptr<Task> task(Task::load(Path(implementation), nullptr));
     zelVerifyThrowAs(task, "m_task");
@@ -51,7 +51,7 @@ Object* parseContext(const Json::Value& eFunction) {
     const Json::Value& eContext = eFunction["context"];
     zelVerifyThrow(eContext.isString());
     Object* const context = top->getResource(verifiedPath(eContext.asString()), Component::ClassModel());
-    zelVerifyThrowN(context, "No component '%s'", printable(eContext.asString()).c_str());
+    zelVerifyThrowN(context, "No component '%s'", shortened(eContext.asString()).c_str());
     return context;
 }
 
@@ -84,7 +84,7 @@ Stream::FunctionEvent::FunctionEvent(const zelNet::StructuredMessage* message) {
         const Name name = parseName(eParameter);
         zelVerifyThrowN(!m_parameters.contains(name),
                         "There are two parameters of the name '%s'",
-                        printable(name.str()).c_str());
+                        shortened(name.str()).c_str());
         m_parameters.insert(name, object);
         auto* const taskParameter = dynamic_cast<Parameter*>(task->findObject(name, Parameter::ClassModel()));
         zelVerifyThrow(taskParameter);

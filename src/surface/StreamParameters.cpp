@@ -75,12 +75,12 @@ void setExpression(zelData::Value& value, Object* context, const String& express
     value.setExpression(expression);
     zelVerifyThrowN(value.getBindPath().empty() || value.getBinding() != nullptr,
                     "There is no value '%s'",
-                    printable(value.getBindPath().str()).c_str());
+                    shortened(value.getBindPath().str()).c_str());
     // One that waits for its implementation would look for it later, and elsewhere.
     const auto* const function = dynamic_cast<const zelData::FunctionValue*>(value.getBinding());
     zelVerifyThrowN(function == nullptr || function->getTask() != nullptr,
                     "The function '%s' can not be called",
-                    printable(expression).c_str());
+                    shortened(expression).c_str());
 }
 
 /// Whether the format is that of references to entities of the model, by handle or by place.
@@ -102,15 +102,15 @@ void setEntity(zelData::Value& value, Object* context, const String& reference) 
         Object::getResource(context, verifiedPath(path), zelData::EntityStorage::ClassModel()));
     zelVerifyThrowN(storage,
                     "There is no storage '%s' for the entity '%s'",
-                    printable(path).c_str(),
-                    printable(number).c_str());
+                    shortened(path).c_str(),
+                    shortened(number).c_str());
     uint32 index = 0;
     const char* const end = number.c_str() + number.size();
     const auto [behind, error] = std::from_chars(number.c_str(), end, index);
     zelVerifyThrowN(!number.empty() && error == std::errc() && behind == end && index < storage->size(),
                     "The storage '%s' has no entity '%s'",
-                    printable(path).c_str(),
-                    printable(number).c_str());
+                    shortened(path).c_str(),
+                    shortened(number).c_str());
     const zelData::EntityPtr handle = storage->getInstance(index);
     const zelData::EntityInstance place(storage->getData(), index);
     if (isReference(value.getFormat(), zelData::getFormat("EntityPtr"), storage->getEntityModel()))
@@ -121,8 +121,8 @@ void setEntity(zelData::Value& value, Object* context, const String& reference) 
         zelVerifyThrowN(false,
                         "A value of format '%s' can not refer to the entity '%s' of the storage '%s'",
                         value.getFormat()->fullName().c_str(),
-                        printable(number).c_str(),
-                        printable(path).c_str());
+                        shortened(number).c_str(),
+                        shortened(path).c_str());
 }
 
 } // namespace
@@ -137,7 +137,7 @@ const zelData::Format* Stream::parseFormat(const Json::Value& eValue) {
     const bool isType = typeName.find(':', bracket == std::string::npos ? 0 : bracket) == std::string::npos;
     const zelData::Format* const usual = isType ? zelData::findFormat(typeName) : nullptr;
     zelVerifyThrowN(
-        usual != nullptr && usual->getType() != nullptr, "Unknown type '%s'", printable(typeName).c_str());
+        usual != nullptr && usual->getType() != nullptr, "Unknown type '%s'", shortened(typeName).c_str());
     const zelData::Format* format = usual;
     if (eValue.isMember("format")) {
         const Json::Value& eFormat = eValue["format"];
@@ -145,10 +145,10 @@ const zelData::Format* Stream::parseFormat(const Json::Value& eValue) {
         format = usual->getType()->getFormat(Name(eFormat.asString()));
         zelVerifyThrowN(format,
                         "Unknown format '%s' of type '%s'",
-                        printable(eFormat.asString()).c_str(),
-                        printable(typeName).c_str());
+                        shortened(eFormat.asString()).c_str(),
+                        shortened(typeName).c_str());
     }
-    zelVerifyThrowN(isUsable(format), "The type '%s' has no elements", printable(typeName).c_str());
+    zelVerifyThrowN(isUsable(format), "The type '%s' has no elements", shortened(typeName).c_str());
     return format;
 }
 
@@ -166,7 +166,7 @@ uint64 Stream::parseInt(const String& str) {
     uint64 number = 0;
     const auto [behind, error] = std::from_chars(begin, last, number);
     zelVerifyThrowAs(behind != begin, "end != str.c_str()");
-    zelVerifyThrowN(error == std::errc(), "The number '%s' is too large", printable(str).c_str());
+    zelVerifyThrowN(error == std::errc(), "The number '%s' is too large", shortened(str).c_str());
     return number;
 }
 
@@ -247,7 +247,7 @@ Stream::parseParameter(Object* context, const Json::Value& eParameter, const zel
     const Model* const valueModel = zelData::Value::ClassModel();
     const SearchPathsOnly scope;
     const Model* const model = isPlainPath(modelName) ? Model::getModel(modelName) : nullptr;
-    zelVerifyThrowN(model, "Unknown model '%s'", printable(modelName).c_str());
+    zelVerifyThrowN(model, "Unknown model '%s'", shortened(modelName).c_str());
     if (eParameter.isMember("bind")) {
         const Json::Value& eBind = eParameter["bind"];
         zelVerifyThrow(eBind.isString());
@@ -262,7 +262,7 @@ Stream::parseParameter(Object* context, const Json::Value& eParameter, const zel
         return ref_ptr<Object>(parseBuffer(context, eParameter, payload).get());
     if (model->is(valueModel))
         return ref_ptr<Object>(parseValue(context, eParameter, payload).get());
-    zelVerifyThrowN(false, "Unknown model '%s'", printable(modelName).c_str());
+    zelVerifyThrowN(false, "Unknown model '%s'", shortened(modelName).c_str());
     return nullptr;
 }
 

@@ -41,12 +41,12 @@ void verifyBool(std::string_view text) {
     const std::string_view literal = innermostLiteral(text);
     zelVerifyThrowN(literal.empty() || literal == "true" || literal == "false",
                     "'%s' is no Bool: it is 'true' or 'false'",
-                    printable(literal).c_str());
+                    shortened(literal).c_str());
 }
 
 } // namespace
 
-String printable(std::string_view text) {
+String shortened(std::string_view text) {
     return zelNet::printable(text, 200);
 }
 
@@ -61,7 +61,7 @@ bool isPlainPath(std::string_view text) {
 Path verifiedPath(const String& path) {
     constexpr std::size_t MaxSize = 4096;
     if (path.size() > MaxSize)
-        throw std::runtime_error("The path '" + printable(path) + "' is too long");
+        throw std::runtime_error("The path '" + shortened(path) + "' is too long");
     return path;
 }
 
@@ -79,7 +79,7 @@ void verifyExpression(std::string_view text, const zelData::Format* format) {
         if (isBool(named))
             verifyBool(text.substr(begin));
         zelVerifyThrowN(
-            named != nullptr || isPlainPath(name), "'%s' is no name of a function", printable(name).c_str());
+            named != nullptr || isPlainPath(name), "'%s' is no name of a function", shortened(name).c_str());
     }
 }
 

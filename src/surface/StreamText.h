@@ -21,7 +21,7 @@ namespace zel {
 }
 
 /// The text as it stands in messages: cut after 200 characters, and "." for what is no character.
-[[nodiscard]] String printable(std::string_view text);
+[[nodiscard]] String shortened(std::string_view text);
 
 /// Whether the text is names with dots between them, and leads to no other place.
 [[nodiscard]] bool isPlainPath(std::string_view text);
