@@ -1,6 +1,7 @@
 #include "SerializedFixture.h"
 
 #include <support/Golden.h>
+#include <support/LogCapture.h>
 
 // Bytes that stay as they are, for files are read for years. The listings in tests/golden tell each byte.
 
@@ -103,6 +104,22 @@ TEST_F(FrameGoldenTest, FramesAreReadAsTold) {
     EXPECT_EQ(batch.getType(), BatchEvent::Type::Destroy);
     ASSERT_EQ(batch.getIdVector().size(), 2U);
     EXPECT_EQ(batch.getIdVector()[1], 0x100000000U);
+}
+
+TEST_F(FrameGoldenTest, EventsOfOldJournalsAreReadAsTold) {
+    const zelTest::LogCapture log;
+    const ref_ptr<Frame> frame(
+        SerializedFrame::extractFrame(dataOf(readListing("frame-old-header.hex")).get(), dataOf("").get()));
+    EXPECT_EQ(frame->getIndex(), 3U);
+    ASSERT_EQ(frame->getEvents().size(), 2U);
+    const auto& creation = dynamic_cast<const EntityStorage::CreateInstancesEvent&>(*frame->getEvents()[0]);
+    EXPECT_EQ(creation.getStorage(), storageOf(0x21));
+    EXPECT_EQ(creation.getRange().end() - creation.getRange().begin(), 6U);
+    const auto& destruction =
+        dynamic_cast<const EntityStorage::DestroyInstancesEvent&>(*frame->getEvents()[1]);
+    EXPECT_EQ(destruction.getStorage(), storageOf(0x22));
+    EXPECT_EQ(destruction.getRange().begin(), 3U);
+    EXPECT_EQ(destruction.getRange().end(), 8U);
 }
 
 } // namespace
