@@ -30,6 +30,8 @@ public:
     using Type = SerializedFrame::Node::Type;
     /// The names of a stream, by their ids.
     using Names = std::vector<zel::Name>;
+    /// Is asked for the path of each node.
+    using Wants = std::function<bool(const zel::String&)>;
 
     struct Node {
         Type type = Type::ComponentType;
@@ -91,14 +93,18 @@ public:
     /// The frame as a key frame in bytes, with all the names, under the ids that they have there.
     void write(const Names& names, zel::ref_ptr<BinaryData>& header, zel::ref_ptr<BinaryData>& segment) const;
 
-    /// The frame with those of the nodes that are wanted, and the components that they lie in. Elements whose
-    /// format is not known become bytes, and an entity that is not known is none.
-    /// @param wants  is asked for the path of each node
+    /// The frame with those of the nodes that are wanted, and the components that they lie in, as plain
+    /// elements and without events.
+    [[nodiscard]] PlainFrame getPart(const Wants& wants) const;
+    /// The same as a frame. Elements whose format is not known become bytes, and an entity that is not known
+    /// is none.
     /// @throws std::runtime_error for parts of buffers that do not belong together
     /// @return a new frame without owner
-    [[nodiscard]] Frame* createFrame(const std::function<bool(const zel::String&)>& wants) const;
+    [[nodiscard]] Frame* createFrame(const Wants& wants) const;
 
 private:
+    friend class PlainJournal; // reads elements for nodes without them
+
     class Parser;
     class Merger;
     class Writer;

@@ -29,9 +29,11 @@ class ZEL_CORE_API PlainJournal {
 public:
     /// How the frames are looked for.
     enum class Search : zel::uint8 {
-        Walk, ///< from one record to the next; where that leads nowhere, as Scan
-        Scan, ///< each frame is read and held against its checksum, if there is one; behind each damaged
-              ///< place the next frame is sought
+        Walk,    ///< from one record to the next; where that leads nowhere, as Scan
+        Records, ///< from one record to the next, as far as that leads: for one who can not wait for a scan,
+                 ///< or looks while the file is being written. Of a closed journal, what lacks is a fault
+        Scan,    ///< each frame is read and held against its checksum, if there is one; behind each damaged
+                 ///< place the next frame is sought
     };
 
     struct FrameEntry {
@@ -103,6 +105,13 @@ public:
     /// The frame at the place as it stands in the file, without the others.
     /// @throws std::runtime_error as readComplete
     [[nodiscard]] PlainFrame readAlone(zel::size_t place) const;
+    /// The same of some nodes: of all others not a byte is read but those of the header.
+    /// @param names  that the frames ahead of it have told since the key frame; it adds its own
+    [[nodiscard]] PlainFrame
+    readPart(zel::size_t place, const PlainFrame::Wants& wants, PlainFrame::Names& names) const;
+    /// The place of the key frame that the frame builds on.
+    /// @throws std::runtime_error for a place that is none
+    [[nodiscard]] zel::size_t keyFrameOf(zel::size_t place) const;
     /// Names that the frames up to the one which was read last have told since the key frame.
     [[nodiscard]] const PlainFrame::Names& getNames() const noexcept { return m_names; }
     /// What the buffers of a frame may grow to while frames are merged: far more than the file holds.
@@ -113,13 +122,12 @@ public:
 private:
     [[nodiscard]] PlainFrame read(const FrameEntry& entry, bool withData, PlainFrame::Names& names) const;
     [[noreturn]] static void fail(const FrameEntry& entry, const std::runtime_error& error);
-    /// The place of the key frame that the frame builds on.
-    [[nodiscard]] zel::size_t keyFrameOf(zel::size_t place) const;
+    void readElements(const FrameEntry& entry, PlainFrame::Node& node) const;
     [[nodiscard]] zel::ref_ptr<BinaryData>
     readBlock(const char* what, zel::uint64 offset, zel::uint64 size) const;
     void readHeaders(Search search);
     void checkSession();
-    [[nodiscard]] bool walk();
+    [[nodiscard]] bool walk(Search search);
     void scan();
     // Each answers why the frame cannot stand, and is empty if it can.
 

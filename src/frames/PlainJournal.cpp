@@ -36,7 +36,7 @@ PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path
     readHeaders(search);
     m_endOfFrames = m_begin;
     m_searchBudget = (uint64{16} << 20) + 16 * m_fileSize;
-    if (search == Search::Scan || !walk())
+    if (search == Search::Scan || (!walk(search) && search == Search::Walk))
         scan();
     m_place = m_frames.size();
     std::stable_sort(
@@ -123,8 +123,8 @@ std::optional<zel::size_t> PlainJournal::findFrame(uint64 index) const {
 }
 
 /// The fast way: from record to record, which must lead to the end that the headers tell.
-bool PlainJournal::walk() {
-    if (!m_faults.empty())
+bool PlainJournal::walk(Search search) {
+    if (!m_faults.empty() && search == Search::Walk)
         return false;
     const uint64 limit = m_isClosed ? m_session->getNumFrames() : zel::InvalidIndex;
     uint64 offset = m_begin;
@@ -148,10 +148,12 @@ bool PlainJournal::walk() {
         m_isClosed ? m_frames.size() == limit &&
                          (m_frames.empty() || m_frames.back().record.index == m_session->getLastFrameIndex())
                    : offset == m_limit;
-    if (isWhole)
+    if (isWhole || search == Search::Records)
         m_endOfFrames = offset;
     else
         m_frames.clear();
+    if (!isWhole && m_isClosed && search == Search::Records)
+        addFault(offset, "the frames that the session header tells of end here");
     return isWhole;
 }
 
@@ -219,6 +221,32 @@ const PlainFrame& PlainJournal::readComplete(zel::size_t place) {
     }
     m_place = place;
     return m_state;
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the frame that was read
+void PlainJournal::readElements(const FrameEntry& entry, PlainFrame::Node& node) const {
+    if (node.numBytes != 0) {
+        node.data = readBlock("data", entry.dataOffset + node.offset, node.numBytes).get();
+        node.offset = 0;
+    }
+    for (PlainFrame::Node& child : node.children)
+        readElements(entry, child);
+}
+
+PlainFrame
+PlainJournal::readPart(zel::size_t place, const PlainFrame::Wants& wants, PlainFrame::Names& names) const {
+    if (place >= m_frames.size())
+        throw std::runtime_error("the journal has no such frame");
+    const FrameEntry& entry = m_frames[place];
+    PlainFrame part = read(entry, false, names).getPart(wants);
+    try {
+        if (part.m_numBytes > entry.record.dataSize)
+            throw std::runtime_error("the elements of two nodes overlap");
+        readElements(entry, part.m_root);
+    } catch (const std::runtime_error& error) {
+        fail(entry, error);
+    }
+    return part;
 }
 
 } // namespace zelData

@@ -236,8 +236,6 @@ void PlainFrame::write(const Names& names,
 
 namespace {
 
-using Wants = std::function<bool(const zel::String&)>;
-
 const Format* formatOf(const PlainNode& node, bool& isKnown) {
     const Format* format = findFormat(node.format.c_str());
     isKnown = format != nullptr && (node.hasChildren() || format->getSize() == node.elementSize());
@@ -292,7 +290,7 @@ zel::ref_ptr<SerializedFrame::Node> convert(const PlainNode& node) {
 /// any that can be written down.
 /// @param path  of the source, which this is after the call again
 // NOLINTNEXTLINE(misc-no-recursion)
-void select(const PlainNode& source, zel::String& path, const Wants& wants, PlainNode& target) {
+void select(const PlainNode& source, zel::String& path, const PlainFrame::Wants& wants, PlainNode& target) {
     constexpr zel::size_t longestPath = zel::size_t{1} << 20;
     const zel::size_t length = path.size();
     for (const PlainNode& child : source.children) {
@@ -315,7 +313,25 @@ void select(const PlainNode& source, zel::String& path, const Wants& wants, Plai
     path.resize(length);
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): MaxDepth bounds it
+void count(const PlainNode& node, uint64& numNodes, uint64& numBytes) {
+    ++numNodes;
+    numBytes += node.numBytes;
+    for (const PlainNode& child : node.children)
+        count(child, numNodes, numBytes);
+}
+
 } // namespace
+
+PlainFrame PlainFrame::getPart(const Wants& wants) const {
+    PlainFrame part;
+    part.m_record = m_record;
+    part.m_endOfElements = m_endOfElements;
+    zel::String path;
+    select(m_root, path, wants, part.m_root);
+    count(part.m_root, part.m_numNodes, part.m_numBytes);
+    return part;
+}
 
 Frame* PlainFrame::createFrame(const Wants& wants) const {
     PlainNode selected;

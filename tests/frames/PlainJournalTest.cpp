@@ -217,3 +217,94 @@ TEST_F(PlainJournalTest, NodesAreFoundAmongManyOthers) {
 }
 
 } // namespace
+
+// Parts of frames
+
+namespace {
+
+/// The paths of all nodes with elements of their own, and their bytes.
+void listElements(const zelData::PlainFrame::Node& node,
+                  const std::string& path,
+                  std::vector<std::pair<std::string, std::string>>& list) {
+    for (const auto& child : node.children) {
+        const std::string name = path.empty() ? child.name.c_str() : path + "." + child.name.c_str();
+        if (child.hasChildren())
+            listElements(child, name, list);
+        else
+            list.emplace_back(name,
+                              child.numBytes == 0 ? ""
+                                                  : std::string(reinterpret_cast<const char*>(child.bytes()),
+                                                                child.numBytes));
+    }
+}
+
+class PlainPartTest : public zelTest::DamageFixture {
+protected:
+    static std::vector<std::pair<std::string, std::string>> elementsOf(const zelData::PlainFrame& frame) {
+        std::vector<std::pair<std::string, std::string>> list;
+        listElements(frame.getRoot(), "", list);
+        return list;
+    }
+};
+
+} // namespace
+
+TEST_F(PlainPartTest, MergeToTheSameAsWholeFrames) {
+    recordModel(24);
+    PlainJournal complete(path());
+    const PlainJournal parts(path());
+    const auto isWanted = [](const zel::String& path) { return path.find("index") == zel::String::npos; };
+    zelData::PlainFrame state;
+    zelData::PlainFrame::Names names;
+    for (zel::size_t place = 0; place < 24; ++place) {
+        state.merge(parts.readPart(place, isWanted, names), parts.getMaxBytes());
+        const zelData::PlainFrame& expected = complete.readComplete(place);
+        EXPECT_EQ(elementsOf(state), elementsOf(expected.getPart(isWanted))) << place;
+        EXPECT_FALSE(elementsOf(state).empty());
+        EXPECT_EQ(state.getRecord().index, expected.getRecord().index);
+    }
+}
+
+TEST_F(PlainPartTest, ReadNoMoreThanIsWanted) {
+    record(2);
+    const PlainJournal plain(path());
+    zelData::PlainFrame::Names names;
+    EXPECT_TRUE(elementsOf(plain.readPart(
+                               0, [](const zel::String&) { return false; }, names))
+                    .empty());
+    EXPECT_FALSE(elementsOf(plain.readPart(
+                                0, [](const zel::String&) { return true; }, names))
+                     .empty());
+    std::filesystem::resize_file(path(),
+                                 plain.getFrames()[1].dataOffset); // the elements of the last are gone
+    EXPECT_TRUE(elementsOf(plain.readPart(
+                               1, [](const zel::String&) { return false; }, names))
+                    .empty());
+    EXPECT_THAT(whatOf([&] {
+                    (void)plain.readPart(
+                        1, [](const zel::String&) { return true; }, names);
+                }),
+                testing::HasSubstr("the data of a frame can not be read"));
+    EXPECT_EQ(whatOf([&] {
+                  (void)plain.readPart(
+                      2, [](const zel::String&) { return true; }, names);
+              }),
+              "the journal has no such frame");
+}
+
+TEST_F(PlainPartTest, AreFoundByTheirRecordsWithoutAScan) {
+    recordModel(8);
+    const zel::uint64 cut = table[5].dataOffset;
+    putBytes(whole.substr(0, cut));
+    const PlainJournal closed(path(), PlainJournal::Search::Records);
+    EXPECT_EQ(closed.getFrames().size(), 5U);
+    ASSERT_EQ(closed.getFaults().size(), 1U);
+    EXPECT_EQ(closed.getFaults()[0].offset, table[5].headerOffset);
+    EXPECT_EQ(closed.getFaults()[0].text, "the frames that the session header tells of end here");
+
+    recordModel(8, false);
+    putBytes(whole.substr(0, cut)); // as while the sixth is being written
+    const PlainJournal open(path(), PlainJournal::Search::Records);
+    EXPECT_EQ(open.getFrames().size(), 5U);
+    EXPECT_TRUE(open.getFaults().empty());
+}
