@@ -2,6 +2,7 @@
 
 #include <zel/Export.h>
 #include <zel/Integers.h>
+#include <zel/Name.h>
 #include <zel/Referenced.h>
 #include <zel/String.h>
 #include <zel/Vector.h>
@@ -11,6 +12,7 @@
 #include <memory>
 
 namespace zel {
+class Clock;
 class Component;
 } // namespace zel
 
@@ -59,6 +61,20 @@ public:
     /// Whether clients may call tasks, of a service that is writable as well.
     void setCallable(bool isCallable) noexcept;
     [[nodiscard]] bool isCallable() const noexcept;
+
+    // Tracks: what has frames over time. They are counted from 0 and stay as long as the service.
+
+    /// A recording that clients may look into, also while it is being written, and that they move through:
+    /// a component of the name, at the end of the root, shows the frame at the position that all share. It
+    /// stays empty until a client asks, or openJournal.
+    /// @return the id of the track
+    zel::uint64 addJournal(const zel::String& file, const zel::Name& name);
+    /// @throws std::runtime_error  for a file that is no journal, and an id that is not one of a journal
+    void openJournal(zel::uint64 id);
+    /// Frames of the running tree: what lies below the component whenever the clock has ticked. Neither is
+    /// kept alive.
+    /// @return the id of the track
+    zel::uint64 addLiveTrack(const zel::Name& name, zel::Clock* clock, zel::Component* component);
 
     /// Serves the channel, makes the ticks that clients have asked for, for some 20 ms, and sends what is
     /// due. Waits for nobody.

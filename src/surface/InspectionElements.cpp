@@ -54,6 +54,13 @@ std::string textOfNumber(const void* element) {
 }
 
 template <typename T>
+double realOfNumber(const void* element) {
+    std::conditional_t<std::is_same_v<T, bool>, uint8, T> number{};
+    std::memcpy(&number, element, sizeof(number));
+    return std::is_same_v<T, bool> ? (number != 0 ? 1.0 : 0.0) : static_cast<double>(number);
+}
+
+template <typename T>
 const char* componentName() {
     if constexpr (std::is_floating_point_v<T>)
         return sizeof(T) == 4 ? "f32" : "f64";
@@ -80,9 +87,15 @@ ElementLayout::ElementLayout(const Format* format) {
         zelData::CallbackList::forAll([this]<typename T>(unsigned int stride, unsigned int padding) {
             component = componentName<T>();
             components = stride - padding;
+            componentSize = sizeof(T);
             numberToText = &textOfNumber<T>;
+            numberToReal = &realOfNumber<T>;
         });
     Format::callFormatPrimitive(format, list);
+}
+
+Json::Value wholeToJson(uint64 number) {
+    return parsed(textOfNumber<uint64>(&number));
 }
 
 Json::Value realToJson(double number) {

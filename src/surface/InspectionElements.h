@@ -26,13 +26,17 @@ struct ElementLayout {
 
     const char* component = ""; ///< such as "f64"; empty for what is not made of one kind of number
     zel::uint32 components = 0; ///< in an element, without padding
-    std::string (*numberToText)(const void* element) = nullptr; ///< of one component, in JSON
+    // Of one component
+    zel::uint32 componentSize = 0;                              ///< in bytes
+    std::string (*numberToText)(const void* element) = nullptr; ///< in JSON
+    double (*numberToReal)(const void* element) = nullptr;
 };
 
 /// A number, true or false, or a text; null for a value without a format.
 /// @param layout  of its format
 [[nodiscard]] Json::Value valueToJson(const zelData::Value& value, const ElementLayout& layout);
 
+[[nodiscard]] Json::Value wholeToJson(zel::uint64 number);
 /// A number that may be none.
 [[nodiscard]] Json::Value realToJson(double number);
 

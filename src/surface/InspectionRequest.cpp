@@ -54,6 +54,22 @@ zel::uint64 InspectionRequest::wholeNumber(const char* name, zel::uint64 max) co
     return value.asUInt64();
 }
 
+zel::int64 InspectionRequest::signedNumber(const char* name, zel::int64 otherwise) const {
+    const Json::Value& value = member(name);
+    if (value.isNull())
+        return otherwise;
+    if (!value.isNumeric() || !value.isInt64())
+        refuseMember(name, "a whole number");
+    return value.asInt64();
+}
+
+bool InspectionRequest::flag(const char* name) const {
+    const Json::Value& value = member(name);
+    if (!value.isBool())
+        refuseMember(name, "true or false");
+    return value.asBool();
+}
+
 double InspectionRequest::number(const char* name) const {
     const Json::Value& value = member(name);
     if (!value.isNumeric() || !std::isfinite(value.asDouble()))

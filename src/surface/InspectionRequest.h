@@ -26,6 +26,10 @@ public:
     [[nodiscard]] double number(const char* name) const;
     /// Required.
     [[nodiscard]] zel::uint64 wholeNumber(const char* name, zel::uint64 max) const;
+    /// The same of one that may be below 0.
+    [[nodiscard]] zel::int64 signedNumber(const char* name, zel::int64 otherwise) const;
+    /// Required.
+    [[nodiscard]] bool flag(const char* name) const;
     /// Required, of texts.
     [[nodiscard]] zel::Vector<zel::String> texts(const char* name, zel::size_t maxCount) const;
     [[nodiscard]] const Json::Value& member(const char* name) const;

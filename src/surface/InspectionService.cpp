@@ -1,9 +1,12 @@
 #include "Completion.h"
 #include "InspectionClocks.h"
 #include "InspectionElements.h"
+#include "InspectionFrames.h"
 #include "InspectionLog.h"
 #include "InspectionRequest.h"
+#include "InspectionSeries.h"
 #include "InspectionStatistics.h"
+#include "InspectionTracks.h"
 #include "InspectionTree.h"
 #include "InspectionWatches.h"
 #include "StreamText.h"
@@ -39,6 +42,7 @@ using zel::uint64;
 namespace {
 
 constexpr std::chrono::milliseconds TickSlice(20);
+constexpr std::chrono::milliseconds SeriesSlice(20);
 constexpr uint64 MaxEntries = 1000;
 
 double secondsSince(steady_clock::time_point start) {
@@ -80,6 +84,7 @@ public:
 
     const zel::ref_ptr<WebSocket::ControlChannel> channel;
     const zel::ref_ptr<zel::Component> root;
+    InspectionTracks tracks;
     bool isWritable = false;
     bool isCallable = false;
     std::function<zel::Vector<Stream>()> streams;
@@ -92,7 +97,7 @@ private:
         bool changes = false;
         bool answers = true;
     };
-    static const std::array<Route, 14> Routes;
+    static const std::array<Route, 21> Routes;
 
     void handle(const Route& route, WebSocket* socket, const StructuredMessage& message);
 
@@ -110,6 +115,13 @@ private:
     void controlClock(InspectionRequest& request) { m_clocks.control(request); }
     void subscribeToLog(InspectionRequest& request) { m_log->subscribe(request); }
     void callFunction(InspectionRequest& request);
+    void listTracks(InspectionRequest& request) { tracks.list(request); }
+    void controlTrack(InspectionRequest& request) { tracks.control(request); }
+    void startSeries(InspectionRequest& request) { m_series.start(request); }
+    void stopSeries(InspectionRequest& request) { m_series.stop(request); }
+    void subscribe(InspectionRequest& request) { m_frames.subscribe(request); }
+    void unsubscribe(InspectionRequest& request) { m_frames.unsubscribe(request); }
+    void acknowledgeFrame(InspectionRequest& request) { m_frames.acknowledge(request); }
 
     steady_clock::time_point m_start = steady_clock::now();
     uint64 m_disconnect;
@@ -117,9 +129,11 @@ private:
     InspectionWatches m_watches;
     InspectionClocks m_clocks;
     zel::ref_ptr<InspectionLog> m_log;
+    InspectionSeries m_series;
+    InspectionFrames m_frames;
 };
 
-const std::array<InspectionService::Implementation::Route, 14> InspectionService::Implementation::Routes = {
+const std::array<InspectionService::Implementation::Route, 21> InspectionService::Implementation::Routes = {
     {{"System.Info", &Implementation::info, false},
      {"System.Heartbeat", &Implementation::heartbeat, false},
      {"Statistics.List", &Implementation::listStatistics, false},
@@ -133,15 +147,25 @@ const std::array<InspectionService::Implementation::Route, 14> InspectionService
      {"Clock.List", &Implementation::listClocks, false},
      {"Clock.Control", &Implementation::controlClock, true},
      {"Log.Subscribe", &Implementation::subscribeToLog, false},
-     {"Function.Call", &Implementation::callFunction, true}}};
+     {"Function.Call", &Implementation::callFunction, true},
+     {"Track.List", &Implementation::listTracks, false},
+     {"Track.Control", &Implementation::controlTrack, false},
+     {"Track.Series", &Implementation::startSeries, false},
+     {"Track.StopSeries", &Implementation::stopSeries, false},
+     {"Track.Subscribe", &Implementation::subscribe, false},
+     {"Track.Unsubscribe", &Implementation::unsubscribe, false},
+     {"Track.Ack", &Implementation::acknowledgeFrame, false, false}}};
 
 InspectionService::Implementation::Implementation(WebSocket::ControlChannel* c, zel::Component* r)
     : channel(c)
     , root(r)
+    , tracks(r)
     , m_revision(r)
     , m_watches(r, m_revision)
     , m_clocks(r, m_revision)
-    , m_log(new InspectionLog) {
+    , m_log(new InspectionLog)
+    , m_series(r, tracks)
+    , m_frames(tracks) {
     for (const Route& route : Routes)
         channel->registerMessageHandler(route.uri,
                                         [this, &route](auto*, WebSocket* socket, StructuredMessage* message) {
@@ -150,6 +174,9 @@ InspectionService::Implementation::Implementation(WebSocket::ControlChannel* c, 
     m_disconnect = channel->SocketDisconnect.connect([this](auto*, WebSocket* socket) {
         m_watches.forget(socket);
         m_log->forget(socket);
+        tracks.forget(socket);
+        m_series.forget(socket);
+        m_frames.forget(socket);
     });
     zel::Notify::instance()->addCallback(m_log.get(), zel::Notify::Error);
 }
@@ -194,8 +221,13 @@ bool InspectionService::Implementation::service() {
     bool hasWorked = channel->service(0);
     hasWorked = m_clocks.step(steady_clock::now() + TickSlice) || hasWorked;
     const auto now = steady_clock::now();
-    if (m_watches.isDue(now))
-        hasWorked = m_watches.update(now, m_clocks.first()) || hasWorked;
+    hasWorked = tracks.update(now) || hasWorked;
+    if (m_watches.isDue(now)) {
+        const std::string clock = m_clocks.first();
+        hasWorked = m_watches.update(now, clock == "null" ? tracks.firstPosition() : clock) || hasWorked;
+    }
+    hasWorked = m_frames.update() || hasWorked;
+    hasWorked = m_series.update(steady_clock::now() + SeriesSlice) || hasWorked;
     hasWorked = m_log->send() || hasWorked;
     return hasWorked;
 }
@@ -256,6 +288,8 @@ void InspectionService::Implementation::setValue(InspectionRequest& request) {
     auto* value = dynamic_cast<zelData::Value*>(&requireInspected(root.get(), path));
     if (value == nullptr)
         throw std::runtime_error("'" + path + "' is no value");
+    if (InspectionTracks::treeOf(value) != nullptr)
+        throw std::runtime_error("'" + path + "' is part of a recording");
     const zel::String expression = expressionOf(request.member("value"));
     const zelData::Type* type = value->getType();
     if (type == nullptr || type->getName().str() != "String")
@@ -331,6 +365,18 @@ bool InspectionService::isCallable() const noexcept {
 
 void InspectionService::setStreams(std::function<zel::Vector<Stream>()> streams) {
     m_implementation->streams = std::move(streams);
+}
+
+uint64 InspectionService::addJournal(const zel::String& file, const zel::Name& name) {
+    return m_implementation->tracks.addJournal(file, name);
+}
+
+void InspectionService::openJournal(uint64 id) {
+    m_implementation->tracks.open(id);
+}
+
+uint64 InspectionService::addLiveTrack(const zel::Name& name, zel::Clock* clock, zel::Component* component) {
+    return m_implementation->tracks.addLive(name, clock, component);
 }
 
 bool InspectionService::service() {

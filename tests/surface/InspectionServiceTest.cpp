@@ -43,7 +43,7 @@ TEST_F(InspectionServiceTest, TellsWhatItIs) {
     EXPECT_EQ(info["threads"].asUInt64(), zel::getNumThreads());
     EXPECT_GE(info["uptime"].asDouble(), 0);
     EXPECT_EQ(info["limits"]["watches"], 64);
-    EXPECT_EQ(info["uris"].size(), 14U);
+    EXPECT_EQ(info["uris"].size(), 21U);
     service->setWritable(true);
     service->setCallable(true);
     EXPECT_EQ(ask(client, "System.Info").header["callable"], true);
