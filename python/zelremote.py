@@ -14,6 +14,15 @@
                 print(update.clock, update.values)
         remote.control("Simulation.clock", "step", count=10)
 
+Recordings that the program offers, as `zel serve run.journal` does, are tracks:
+
+        track = remote.tracks()[0]
+        remote.track(track["id"], "seekTime", time=12.5)   # all below track["path"] is then as it was
+        [height] = remote.series(track["id"], [track["path"] + ".height"])
+        print(list(zip(height.times, height.rows)))        # over the whole run
+        with remote.frames(track["id"]) as frames:         # each frame that the track comes to
+            print(next(frames).nodes["height"].rows)
+
 The address is the one that the simulation prints; connect(port=..., token=...) does as well. What a simulation
 refuses is a RemoteError with its words; a connection that ends is a ConnectionError. All calls wait for their
 answer, for `timeout` seconds at most. Not for several threads at once.
@@ -24,6 +33,8 @@ answer, for `timeout` seconds at most. Not for several threads at once.
     python -m zelremote ADDRESS set PATH VALUE
     python -m zelremote ADDRESS watch PATH...      as lines of JSON, until Ctrl-C
     python -m zelremote ADDRESS log [LEVEL]
+    python -m zelremote ADDRESS tracks             the recordings, and the live run
+    python -m zelremote ADDRESS series TRACK PATH...  what stood there over the whole run, as CSV
 """
 
 from __future__ import annotations
@@ -35,6 +46,7 @@ import collections
 import hashlib
 import json
 import os
+import re
 import socket
 import struct
 import sys
@@ -120,6 +132,101 @@ class Update(NamedTuple):
     sequence: int
     clock: Optional[Json]
     values: Dict[str, Union[Value, Elements]]
+
+
+class Series:
+    """A quantity over the time of a track.
+
+    `times` in seconds, and for each of them a number in `rows`, or a tuple of `components` numbers. Where the run has more frames
+    than points were asked for, two rows stand for several frames: the least and the greatest of them. `error` tells why the end lacks, or is empty.
+    """
+
+    def __init__(self, path: str) -> None:
+        self.path = path
+        self.components = 0
+        self.error = ""
+        self.times: "array.array[float]" = array.array("d")
+        self._numbers: "array.array[float]" = array.array("d")
+
+    def __len__(self) -> int:
+        return len(self.times)
+
+    @property
+    def columns(self) -> "List[array.array[float]]":
+        return [self._numbers[i :: self.components] for i in range(self.components)]
+
+    @property
+    def rows(self) -> Sequence[Any]:
+        if self.components == 1:
+            return self._numbers
+        return list(zip(*self.columns))
+
+    def _append(self, times: "array.array[float]", components: int, numbers: "array.array[float]") -> None:
+        if self.components not in (0, components) or len(numbers) != components * len(times):
+            raise ConnectionError("The points do not fit together")
+        self.components = components
+        self.times.extend(times)
+        self._numbers.extend(numbers)
+
+
+def _doubles(place: Json, payload: bytes) -> "array.array[float]":
+    begin, size = place["byteOffset"], place["numBytes"]
+    if begin < 0 or size < 0 or begin + size > len(payload) or size % 8:
+        raise ConnectionError("The message is shorter than it tells")
+    numbers = array.array("d", payload[begin : begin + size])
+    if sys.byteorder == "big":
+        numbers.byteswap()
+    return numbers
+
+
+_FORMAT = re.compile(r"(Real|Int|UInt|Bool|Vec2|Vec3|Vec4|Quat|Matrix44):(8|16|32|64)bit$")
+_NUMBERS = {"Vec2": 2, "Vec3": 3, "Vec4": 4, "Quat": 4, "Matrix44": 16}
+_FORMAT_CODES = {("Int", 8): "b", ("Int", 16): "h", ("Int", 32): "i", ("Int", 64): "q", ("UInt", 8): "B", ("UInt", 16): "H",
+                 ("UInt", 32): "I", ("UInt", 64): "Q", ("Bool", 8): "?"}
+
+
+class Node:
+    """A value or a buffer of a frame: the name of its format, and its bytes."""
+
+    def __init__(self, type: str, size: int, data: bytes) -> None:
+        self.type = type
+        self.size = size
+        self.bytes = data
+
+    def __len__(self) -> int:
+        return self.size
+
+    @property
+    def rows(self) -> Sequence[Any]:
+        """A number or a tuple of numbers for each element; its bytes for formats that are not made of numbers."""
+        each = len(self.bytes) // self.size if self.size else 0
+        match = _FORMAT.match(self.type)
+        name, bits = (match.group(1), int(match.group(2))) if match else ("", 0)
+        count = _NUMBERS.get(name, 1)
+        code = _FORMAT_CODES.get((name, bits)) or {32: "f", 64: "d"}.get(bits, "")
+        if not code or each < count * bits // 8:
+            return [self.bytes[i * each : (i + 1) * each] for i in range(self.size)]
+        rows = struct.iter_unpack(f"<{count}{code}{each - count * bits // 8}x", self.bytes)
+        return [row[0] for row in rows] if count == 1 else list(rows)
+
+
+class Frame:
+    """All of a track at one time: `index`, `time`, and `nodes`, the values and buffers by their paths."""
+
+    def __init__(self, header: Json, payload: bytes) -> None:
+        self.index: int = header["index"]
+        self.time: float = header["timeStamp"]
+        self.nodes: Dict[str, Node] = {}
+        waiting = [("", child) for child in header["children"]]
+        while waiting:
+            above, child = waiting.pop()
+            path = above + child["name"]
+            if "numBytes" in child:
+                begin, size = child["byteOffset"], child["numBytes"]
+                if begin + size > len(payload):
+                    raise ConnectionError("The frame is shorter than it tells")
+                self.nodes[path] = Node(child["type"], child.get("numElements", 1), payload[begin : begin + size])
+            waiting += [(path + ".", each) for each in child.get("children", [])]
 
 
 class _WebSocket:
@@ -238,16 +345,14 @@ def _encode(uri: str, number: int, header: Json, payload: bytes) -> bytes:
     return head + bytes(offset - len(head)) + payload if payload else head
 
 
-def _decode(data: bytes) -> Optional[Message]:
-    """None for a frame packet."""
+def _decode(data: bytes) -> Message:
+    """A frame packet is a message without URI."""
     if len(data) < 24:
         raise ConnectionError("The message is shorter than it tells")
     number, response, uri_size, header_size, offset, size = _PRE_HEADER.unpack_from(data)
     end = 24 + uri_size + header_size
     if end > len(data) or offset + size > len(data):
         raise ConnectionError("The message is shorter than it tells")
-    if uri_size == 0 and number == NONE and response == NONE:
-        return None
     uri = data[24 : 24 + uri_size].decode(errors="replace")
     header = json.loads(data[24 + uri_size : end].decode(errors="replace") or "null")
     return Message(uri, number, response, header if isinstance(header, dict) else {}, data[offset : offset + size])
@@ -291,6 +396,39 @@ class Watch:
         self._remote._drop_watch(self._number)
 
 
+class Frames:
+    """What `Remote.frames` gives: the frames, one after another. Ends with `close`, or at the end of `with`."""
+
+    def __init__(self, remote: "Remote", track: int) -> None:
+        self._remote = remote
+        self._track = track
+
+    def __enter__(self) -> "Frames":
+        return self
+
+    def __exit__(self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]) -> None:
+        if not isinstance(error, ConnectionError):
+            self.close()
+
+    def __iter__(self) -> "Frames":
+        return self
+
+    def __next__(self) -> Frame:
+        return self.next()
+
+    def next(self, timeout: Optional[float] = None) -> Frame:
+        """The next frame. Nothing comes while the track stands; raises TimeoutError after that many seconds."""
+        message = self._remote._await_push("", None, timeout)
+        frame = Frame(message.header, message.payload)
+        self._remote._send("Track.Ack", {"id": self._track, "frame": frame.index})
+        return frame
+
+    def close(self) -> None:
+        self._remote.request("Track.Unsubscribe", {"id": self._track})
+        self._remote._pushes.pop(("", None), None)
+        self._remote._subscribed = None
+
+
 class Remote:
     """A connection to a simulation; see the text of the module. Made by `connect`."""
 
@@ -299,6 +437,8 @@ class Remote:
         self._socket = _WebSocket(host, port, timeout)
         self._number = 0
         self._watches = 0
+        self._series = 0
+        self._subscribed: Optional[int] = None
         self._pushes: Dict[Tuple[str, Optional[int]], Deque[Message]] = collections.defaultdict(collections.deque)
         if token and not self._request("authenticate", {"token": token}, b"", may_fail=True).header.get("success"):
             self.close()
@@ -381,6 +521,69 @@ class Remote:
             header["count"] = count
         return Watch(self, self._watches, self.request("Watch.Add", header)["items"])
 
+    def statistics(self) -> Json:
+        """What was measured: enabled, providers."""
+        return self.request("Statistics.List")
+
+    # Tracks
+
+    def tracks(self) -> List[Json]:
+        tracks: List[Json] = self.request("Track.List")["tracks"]
+        return tracks
+
+    def track(self, id: int, action: str, **members: Any) -> Json:
+        """open, close, play (rate), pause, seek (frame), seekTime (time), step (count), stride (stride), loop (loop),
+        range (start, end). The track's entry.
+        """
+        track: Json = self.request("Track.Control", {"id": id, "action": action, **members})["track"]
+        return track
+
+    def series(
+        self,
+        id: int,
+        items: Sequence[Union[str, Tuple[str, int]]],
+        start: Optional[float] = None,
+        end: Optional[float] = None,
+        points: int = 4000,
+        timeout: Optional[float] = None,
+    ) -> List[Series]:
+        """What stood at some paths over the track's time: values, or elements of buffers as (path, index).
+
+        An element of a storage is followed by the id of its instance; NaN where that is not alive. Waits for each
+        piece for `timeout` seconds, or for ever.
+        """
+        self._series += 1
+        pairs = [(item, None) if isinstance(item, str) else item for item in items]
+        header: Json = {"id": id, "series": self._series, "points": points}
+        header["items"] = [{"path": path} if index is None else {"path": path, "index": index} for path, index in pairs]
+        header.update({name: time for name, time in (("start", start), ("end", end)) if time is not None})
+        self.request("Track.Series", header)
+        series = [Series(path) for path, _ in pairs]
+        done = False
+        while not done:
+            message = self._await_push("Track.Points", self._series, timeout)
+            done = message.header["done"]
+            times = _doubles(message.header["times"], message.payload)
+            for item in message.header["items"]:
+                if "error" in item:
+                    series[item["item"]].error = item["error"]
+                else:
+                    series[item["item"]]._append(times, item["components"], _doubles(item, message.payload))
+        self._pushes.pop(("Track.Points", self._series), None)
+        return series
+
+    def frames(self, id: int, paths: Sequence[str] = ()) -> Frames:
+        """The frames that the track comes to from now on, whole; of one track at a time. Paths are below that of the track."""
+        if self._subscribed is not None:
+            raise ValueError("The frames of another track are coming; close them first")
+        header: Json = {"id": id}
+        if paths:
+            header["paths"] = list(paths)
+        self._pushes.pop(("", None), None)
+        self.request("Track.Subscribe", header)
+        self._subscribed = id
+        return Frames(self, id)
+
     def log(self, level: str = "info", timeout: Optional[float] = None) -> Iterator[Json]:
         """The log lines from now on: level, time, text. Ends after that many seconds without one."""
         self.request("Log.Subscribe", {"level": level})
@@ -426,9 +629,12 @@ class Remote:
         if kind == 1:
             raise RemoteError(data.decode(errors="replace"))
         message = _decode(data)
-        if message is None or message.response != NONE:
+        if message.response != NONE:
             return message
-        number = message.header.get("watch") if message.uri == "Watch.Update" else None
+        name = {"Watch.Update": "watch", "Track.Points": "series"}.get(message.uri)
+        number = message.header.get(name) if name else None
+        if message.uri == "Track.State":
+            return None  # tracks() tells the same
         self._pushes[message.uri, number].append(message)
         return None
 
@@ -471,14 +677,26 @@ def _tree(remote: Remote, path: str, indentation: int) -> None:
             _tree(remote, entry["path"], indentation + 1)
 
 
+def _print_series(remote: Remote, track: int, paths: Sequence[str]) -> None:
+    all_series = remote.series(track, paths)
+    columns = [column for series in all_series for column in series.columns]
+    names = [series.path + (f".{i}" if series.components > 1 else "") for series in all_series for i in range(series.components)]
+    print(",".join(["time"] + names))
+    for i, row_time in enumerate(max(all_series, key=len).times):
+        print(",".join([repr(row_time)] + [repr(column[i]) if i < len(column) else "" for column in columns]))
+    for series in all_series:
+        if series.error:
+            raise RemoteError(f"{series.path}: {series.error}")
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(prog="zelremote", description="Looks into a running simulation.")
     parser.add_argument("address", help="as the simulation prints it")
-    parser.add_argument("command", nargs="?", default="info", choices=["info", "tree", "get", "set", "watch", "log"])
+    parser.add_argument("command", nargs="?", default="info", choices=["info", "tree", "get", "set", "watch", "log", "tracks", "series"])
     parser.add_argument("arguments", nargs="*")
     options = parser.parse_args()
     words: List[str] = options.arguments
-    needed = {"get": 1, "set": 2, "watch": 1}.get(options.command, 0)
+    needed = {"get": 1, "set": 2, "watch": 1, "series": 2}.get(options.command, 0)
     if len(words) < needed:
         parser.error(f"{options.command} wants {needed} argument{'s' if needed > 1 else ''}")
     try:
@@ -497,6 +715,10 @@ def main() -> int:
                     for update in watch:
                         values = {path: _show(value) for path, value in update.values.items()}
                         print(json.dumps({"clock": update.clock, "values": values}), flush=True)
+            elif options.command == "tracks":
+                print(json.dumps(remote.tracks(), indent=2))
+            elif options.command == "series":
+                _print_series(remote, int(words[0]), words[1:])
             else:
                 for line in remote.log(words[0] if words else "info"):
                     print(line["text"].rstrip("\n"), flush=True)

@@ -87,6 +87,7 @@ int showArchive(const Arguments& arguments);
 int convertArchive(const Arguments& arguments);
 int printTree(const Arguments& arguments);
 int runModel(const Arguments& arguments);
+int serveJournals(const Arguments& arguments);
 
 /// What --help prints of a command.
 [[nodiscard]] std::string helpOf(const Command& command);

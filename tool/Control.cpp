@@ -4,7 +4,9 @@
 #include <zelNet/ControlChannel.h>
 #include <zelNet/NetError.h>
 
+#include <algorithm>
 #include <array>
+#include <filesystem>
 #include <iomanip>
 #include <iostream>
 #include <random>
@@ -60,8 +62,8 @@ zel::ref_ptr<zelNet::WebSocket::ControlChannel> makeChannel(const Arguments& arg
 
 } // namespace
 
-void Control::verifyOptions(const Arguments& arguments) {
-    if (!arguments.has("--control")) {
+void Control::verifyOptions(const Arguments& arguments, bool serves) {
+    if (!arguments.has("--control") && !serves) {
         for (const char* option : {"--token", "--open", "--writable"})
             if (arguments.has(option))
                 throw UsageError(std::string(option) + " goes with --control");
@@ -97,6 +99,23 @@ Control::~Control() {
 
 void Control::show(const FrameStreams& streams) {
     m_service->setStreams([&streams] { return streams.states(); });
+}
+
+void Control::addRun(zel::Clock& clock, zel::Component* model) {
+    m_service->addLiveTrack(model->getName(), &clock, model);
+}
+
+void Control::addJournal(const std::string& file, bool opens) {
+    // A name is a part of a path, and there may be several files of one name.
+    std::string stem = std::filesystem::path(file).stem().string();
+    std::replace(stem.begin(), stem.end(), '.', '-');
+    std::string name = stem;
+    for (int i = 2; zel::root()->findObject(zel::Name(name)) != nullptr || m_names.contains(name); ++i)
+        name = stem + "-" + std::to_string(i);
+    m_names.insert(name);
+    const zel::uint64 id = m_service->addJournal(file, zel::Name(name));
+    if (opens)
+        m_service->openJournal(id);
 }
 
 void Control::serviceIfDue() {

@@ -8,6 +8,7 @@
 #include <zelNet/WebDebuggerServer.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 
 namespace tool {
@@ -23,11 +24,18 @@ public:
     ~Control();
 
     /// Wrong ones of these options.
+    /// @param serves  whether there is a control without --control as well
     /// @throws UsageError
-    static void verifyOptions(const Arguments& arguments);
+    static void verifyOptions(const Arguments& arguments, bool serves = false);
 
     /// What clients are told of the streams of frames, which outlive this.
     void show(const FrameStreams& streams);
+    /// Offers the frames of the run, whose model outlives this.
+    void addRun(zel::Clock& clock, zel::Component* model);
+    /// Offers a recording, under the name of the file without folder and extension.
+    /// @param opens  whether it is there from the beginning, and not once a client asks for it
+    /// @throws std::runtime_error  if it is to be opened, and cannot be
+    void addJournal(const std::string& file, bool opens);
     /// Serves the clients, at most each two milliseconds: a tick may be shorter than that.
     void serviceIfDue();
     /// Serves them while the clock is halted, and sleeps a little where there is nothing to do.
@@ -36,6 +44,7 @@ public:
 private:
     zel::ref_ptr<zelNet::InspectionService> m_service;
     zelNet::zelWebServer::WebDebuggerServer m_page;
+    std::set<std::string> m_names; // of journals
     std::chrono::steady_clock::time_point m_due;
 };
 

@@ -16,11 +16,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <limits>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 // zel run.
 
@@ -94,6 +96,33 @@ private:
     std::chrono::steady_clock::time_point m_next;
 };
 
+/// Keeps a clock from going faster than its frequency, in seconds of the wall.
+class Pace {
+public:
+    /// Waits until the next tick is due, and lets clients be served meanwhile. Time that was lost, in a long
+    /// tick or while the clock was halted, is not made up for.
+    void wait(const zel::Clock& clock, std::optional<Control>& control) {
+        // Who is served may change the frequency.
+        const auto due = [&] {
+            const std::chrono::duration<double> step(std::min(1 / clock.getFrequency(), LongestStep));
+            return m_last + std::chrono::duration_cast<Time::duration>(step);
+        };
+        for (auto now = Time::clock::now(); now < due() && endSignal() == 0; now = Time::clock::now()) {
+            std::this_thread::sleep_for(std::min<Time::duration>(LongestSleep, due() - now));
+            if (control)
+                control->serviceIfDue();
+        }
+        m_last = std::max(due(), Time::clock::now() - LongestSleep);
+    }
+
+private:
+    using Time = std::chrono::steady_clock::time_point;
+    static constexpr std::chrono::milliseconds LongestSleep{1};
+    static constexpr double LongestStep = 3600; // seconds
+
+    Time m_last = Time::clock::now();
+};
+
 /// Each new journal makes the library tell of an old one that it removes, which there is none of: the
 /// recorder refuses a file that is there.
 zel::ref_ptr<zelData::Recorder> record(zel::Clock& clock, const std::string& file, zel::Component* model) {
@@ -132,11 +161,15 @@ void tickThrough(zel::Clock& clock,
         return arguments.has("--time") ? (clock.getTime() - startTime) / (endTime - startTime) : -1.0;
     };
     Progress progress;
+    Pace pace;
+    const bool isPaced = arguments.has("--real-time");
     unsigned long done = 0;
     // Without an end, the time may go beyond all numbers.
     while (done < numFrames && (!arguments.has("--time") || clock.getTime() < endTime) && endSignal() == 0) {
         done += advance(clock, control, streams);
         progress.update(clock, share(done));
+        if (isPaced)
+            pace.wait(clock, control);
     }
     progress.finish(clock, share(done));
 }
@@ -172,6 +205,9 @@ int runModel(const Arguments& arguments) {
     if (arguments.has("--control")) {
         control.emplace(arguments);
         control->show(streams);
+        control->addRun(clock, model.get());
+        if (arguments.has("--record"))
+            control->addJournal(arguments.get("--record"), false);
     }
 
     const auto start = std::chrono::steady_clock::now();

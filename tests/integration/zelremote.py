@@ -21,25 +21,34 @@ import zelremote  # noqa: E402
 MODEL = f"{SOURCES}/examples/solar/Components/solar/Solar.zelComponent"
 
 
-class Simulation:
-    """A run of the solar system with a control channel, until the end of the block."""
+class Served:
+    """A command of the tool with a control channel, until the end of the block."""
 
-    def __init__(self, *options):
-        self.options = options
+    def __init__(self, *command, code=128 + signal.SIGINT):
+        self.command, self.code = command, code
 
     def __enter__(self):
-        self.process = subprocess.Popen([TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", *self.options],
-                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.process = subprocess.Popen([TOOL, *self.command], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         for line in self.process.stdout:
             if match := re.match(r"Control: (\S+)$", line):
                 self.address = match.group(1)
                 threading.Thread(target=self.process.stdout.read, daemon=True).start()
                 return self
-        raise AssertionError("the simulation has told no address")
+        raise AssertionError("the command has told no address")
 
     def __exit__(self, *_):
         self.process.send_signal(signal.SIGINT)
-        assert self.process.wait(60) == 128 + signal.SIGINT
+        assert self.process.wait(60) == self.code
+
+
+def Simulation(*options):
+    return Served("run", MODEL, "--path", SOLAR, "--control", "0", *options)
+
+
+def record(folder, name, *options):
+    path = f"{folder}/{name}.journal"
+    subprocess.run([TOOL, "run", MODEL, "--path", SOLAR, "--record", path, *options], check=True, stdout=subprocess.DEVNULL)
+    return path
 
 
 def refusal(call, *arguments, **named):
@@ -125,6 +134,86 @@ def lines_on_the_terminal_tell_the_same():
         assert "wants 2 arguments" in client("set", "nobody", code=2)
 
 
+def recordings_are_played_and_plotted():
+    with tempfile.TemporaryDirectory() as folder:
+        files = [record(folder, "one", "--frames", "50"), record(folder, "one.two", "--frames", "20")]
+        with Served("serve", *files, "--path", SOLAR, code=0) as serving, zelremote.connect(serving.address) as remote:
+            tracks = remote.tracks()
+            assert [track["name"] for track in tracks] == ["one", "one-two"]
+            first, second = tracks
+            assert (first["id"], first["live"], first["open"], first["closed"], first["numFrames"]) == (0, False, True, True, 51)
+            assert (first["file"], first["position"]["frame"], second["numFrames"]) == ("one.journal", 0, 21)
+            position = first["path"] + ".bodies.position"
+            start = remote.read(position).rows
+            assert remote.track(0, "seek", frame=30)["position"]["frame"] == 30
+            then = remote.read(position).rows
+            assert then != start and len(then) == 18
+            assert remote.track(0, "step", count=-30)["position"]["frame"] == 0
+            assert remote.read(position).rows == start
+            with remote.watch([position], interval=0.016) as watch:
+                assert watch.next(30).values[position].rows == start
+                remote.track(0, "seek", frame=30)
+                assert watch.next(30).values[position].rows == then
+            [earth, nothing] = remote.series(0, [(position, 3), "one.nothing"])
+            assert (len(earth), earth.components, earth.error) == (51, 3, "") and nothing.error != ""
+            assert earth.rows[30] == then[3] and earth.rows[0] == start[3] and list(earth.times) == sorted(earth.times)
+            some = remote.series(0, [(position, 3)], start=earth.times[10], end=earth.times[20])[0]
+            assert some.rows == earth.rows[10:21] and some.times == earth.times[10:21]
+            assert remote.track(1, "seekTime", time=earth.times[10])["position"]["frame"] == 10
+            # The runs are of one model, so they are the same.
+            assert remote.read(second["path"] + ".bodies.position").rows[3] == earth.rows[10]
+            with remote.frames(0, ["bodies"]) as frames:
+                frame = frames.next(30)
+                assert frame.index == 30 and frame.nodes["bodies.position"].rows == then
+                assert all(path.startswith("bodies.") for path in frame.nodes), frame.nodes
+                remote.track(0, "seek", frame=7)
+                assert frames.next(30).index == 7
+            remote.track(0, "loop", loop=True)
+            remote.track(0, "play", rate=1e6)
+            with remote.watch([position], interval=0.016) as watch:
+                for _ in range(3):
+                    watch.next(30)
+            assert remote.track(0, "pause")["playing"] is False
+            assert refusal(remote.track, 0, "seek", frame=-1).startswith("RemoteError: ")
+            assert refusal(remote.track, 7, "play").startswith("RemoteError: ")
+            table = subprocess.run([sys.executable, f"{SOURCES}/python/zelremote.py", serving.address, "series", "1",
+                                    second["path"] + ".numParticles"], check=True, capture_output=True, text=True).stdout
+            assert table.splitlines()[0] == "time,one-two.numParticles" and len(table.splitlines()) == 22
+
+
+def a_run_offers_its_recording():
+    with tempfile.TemporaryDirectory() as folder:
+        path = f"{folder}/past.journal"
+        with Simulation("--record", path, "--writable", "--statistics") as simulation:
+            with zelremote.connect(simulation.address) as remote:
+                remote.control("Solar.clock", "pause")
+                remote.control("Solar.clock", "step", count=5)
+                while remote.clocks()[0]["pending"]:
+                    pass
+                last = remote.clocks()[0]["frame"]
+                [journal] = [track for track in remote.tracks() if not track["live"]]
+                assert journal["open"] is False
+                # What is recorded is written by a thread of its own.
+                while (entry := remote.track(journal["id"], "open"))["lastFrame"] != last:
+                    pass
+                assert entry["open"] is True and entry["closed"] is False and entry["name"] == "past"
+                remote.track(journal["id"], "seek", frame=last)
+                assert remote.read("past.bodies.position").rows == remote.read("Solar.bodies.position").rows
+                remote.control("Solar.clock", "step", count=1)
+                while remote.clocks()[0]["pending"]:
+                    pass
+                assert remote.read("past.bodies.position").rows != remote.read("Solar.bodies.position").rows
+                statistics = remote.statistics()
+                assert statistics["enabled"] is True
+                [forces] = [each for each in statistics["providers"] if each["name"] == "bodiesForces"]
+                times = {data["name"]: data for data in forces["data"]}
+                assert times["WallTime"]["count"] >= 6 and times["WallTime"]["accumulated"] > 0
+                [live] = [track for track in remote.tracks() if track["live"]]
+                with remote.frames(live["id"], ["bodies"]) as frames:
+                    frame = frames.next(30)
+                    assert frame.index == last + 1 and len(frame.nodes["bodies.position"]) == 18
+
+
 class Liar:
     """A peer that shakes hands and answers the first request with what it is given."""
 
@@ -183,6 +272,13 @@ def peers_that_lie_are_refused():
         assert remote.info()["version"] == "1"
     with zelremote.connect(port=Liar(framed(message(1, 1, b"Buffer.Read", elements))).port) as remote:
         assert refusal(remote.read, "x") == "ConnectionError: The message is shorter than it tells"
+    points = (b'{"series":1,"first":0,"count":1,"done":true,"times":{"byteOffset":0,"numBytes":8},'
+              b'"items":[{"item":0,"components":2,"byteOffset":0,"numBytes":8}]}')
+    series = framed(message(1, 1, b"Track.Series", b'{"success":true}'))
+    for size in (8, 0):
+        push = framed(message(9, 0xFFFFFFFF, b"Track.Points", points, 24 + 12 + len(points), size, bytes(size)))
+        with zelremote.connect(port=Liar(series + push).port) as remote:
+            assert refusal(remote.series, 0, ["x"]).startswith("ConnectionError: ")
 
 
 globals()[sys.argv[4]]()

@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""Clients that come, watch, set, seek, stall and vanish, on a run of 60 steps a second that records itself.
+
+remoteSoak.py TOOL SOURCES SOLAR_DIRECTORY SECONDS [CLIENTS]
+
+Checks that each request is answered, that no last value is lost, that the memory of the run stays as it is, and
+tells what a step takes with the clients and without them. Ends with 1 where something does not hold.
+"""
+import itertools
+import multiprocessing
+import os
+import pathlib
+import random
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+TOOL, SOURCES, SOLAR = sys.argv[1:4]
+SECONDS = float(sys.argv[4])
+NUM_CLIENTS = int(sys.argv[5]) if len(sys.argv) > 5 else 8
+sys.path.insert(0, str(pathlib.Path(SOURCES) / "python"))
+import zelremote  # noqa: E402
+
+MODEL = f"{SOURCES}/examples/solar/Components/solar/Solar.zelComponent"
+PATHS = ["Solar", "Solar.bodies", "Solar.bodies.position", "Solar.bodies.name", "Solar.particles.velocity", "Solar.clock", "Solar.clock.time",
+         "Solar.duration", "past.bodies.position", "past.clock.time", "nobody", "", "Solar.#2"]
+TIMEOUT = 120  # of an answer
+
+
+def step_time(remote):
+    """Milliseconds of all steps so far, and how many they were."""
+    [step] = [each for each in remote.statistics()["providers"] if each["name"] == "step" and each["depth"] == 0]
+    [wall] = [data for data in step["data"] if data["name"] == "WallTime"]
+    return wall["accumulated"], wall["count"]
+
+
+def resident(pid):
+    return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text()).group(1))
+
+
+def visit(address, rng):
+    """One visit of a client. What is refused is no fault; what is not answered is."""
+    with zelremote.connect(address, timeout=TIMEOUT) as remote:
+        actions = [
+            lambda: remote.describe(rng.choice(PATHS), depth=rng.randrange(4)),
+            lambda: remote.read(rng.choice(PATHS), begin=rng.randrange(20), stride=rng.randrange(1, 4)),
+            lambda: remote.request("Object.Complete", {"text": "Solar." + rng.choice(["", "b", "clock.t"])}),
+            lambda: remote.set("Solar.duration", rng.randrange(1, 1000)),
+            lambda: remote.clocks(),
+            lambda: remote.tracks(),
+            lambda: remote.statistics(),
+            lambda: remote.info(),
+            lambda: remote.track(1, rng.choice(["open", "play", "pause", "close"])),
+            lambda: remote.track(1, "seek", frame=rng.randrange(1000)),
+            lambda: remote.track(1, "step", count=rng.randrange(-5, 6)),
+            lambda: remote.series(1, [("past.bodies.position", rng.randrange(20)), "past.duration"], points=1000, timeout=TIMEOUT),
+            lambda: [update for update, _ in zip(remote.watch(rng.sample(PATHS, 4), interval=0.016), range(rng.randrange(1, 60)))],
+            lambda: take_frames(remote, rng),
+            lambda: remote.log(rng.choice(["info", "warning"])),
+            lambda: time.sleep(rng.random() * 2),  # looks at nothing that comes
+        ]
+        remote.watch(["Solar.clock.time", "Solar.particles.position"], interval=0.016)  # what it does not take waits
+        for _ in range(rng.randrange(1, 20)):
+            try:
+                rng.choice(actions)()
+            except (zelremote.RemoteError, ValueError):
+                pass
+        if rng.random() < 0.3:
+            os._exit(0)  # vanishes, with all that is under way
+
+
+def take_frames(remote, rng):
+    with remote.frames(0, ["bodies"]) as frames:
+        for _ in range(rng.randrange(1, 20)):
+            frames.next(TIMEOUT)
+
+
+def last_value(address, rng):
+    """A value that was set is what a watch comes to."""
+    name = "Solar.clock.timeModulation"
+    with zelremote.connect(address, timeout=TIMEOUT) as setter, zelremote.connect(address, timeout=TIMEOUT) as watcher:
+        with watcher.watch([name], interval=0.016) as watch:
+            for _ in range(20):
+                wanted = 36000 + rng.randrange(1000)
+                for value in (wanted + 1, wanted + 2, wanted):
+                    setter.set(name, value)
+                seen = None
+                while seen != wanted:
+                    try:
+                        seen = watch.next(TIMEOUT).values[name]
+                    except TimeoutError:
+                        raise AssertionError(f"{seen} was seen last, and {wanted} set") from None
+
+
+def client(address, seed, number, end):
+    """One visit after another, each in a process of its own, which may vanish."""
+    behave = last_value if number == 0 else visit
+    for round_seed in itertools.count(seed, 1000):
+        if time.time() >= end:
+            return
+        child = os.fork()
+        if child == 0:
+            try:
+                behave(address, random.Random(round_seed))
+            except BaseException as error:  # whatever it is, the process ends here
+                print(f"seed {round_seed}: {type(error).__name__}: {error}", flush=True)
+                os._exit(1)
+            os._exit(0)
+        if os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) != 0:
+            sys.exit(1)
+
+
+def measure(remote, seconds):
+    before = step_time(remote)
+    time.sleep(seconds)
+    after = step_time(remote)
+    return (after[0] - before[0]) / (after[1] - before[1]), (after[1] - before[1]) / seconds
+
+
+def main():
+    seed = int.from_bytes(os.urandom(3), "little")
+    print(f"seed {seed}, {SECONDS:.0f} s, {NUM_CLIENTS} clients", flush=True)
+    with tempfile.TemporaryDirectory() as folder:
+        with subprocess.Popen([TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", "--writable", "--statistics", "--real-time", "--record",
+                               f"{folder}/past.journal"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as process:
+            address = next(match.group(1) for line in process.stdout if (match := re.match(r"Control: (\S+)$", line)))
+            failed = False
+            with zelremote.connect(address, timeout=TIMEOUT) as remote:
+                alone = measure(remote, min(20.0, SECONDS))
+                end = time.time() + SECONDS
+                clients = [multiprocessing.Process(target=client, args=(address, seed + i, i, end)) for i in range(NUM_CLIENTS)]
+                for each in clients:
+                    each.start()
+                time.sleep(SECONDS / 6)  # until all has been used once
+                sizes = [resident(process.pid)]
+                with_clients = []
+                while time.time() < end and all(each.is_alive() for each in clients):
+                    with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
+                    sizes.append(resident(process.pid))
+                for each in clients:
+                    each.join(TIMEOUT * 4)
+                    failed = failed or each.exitcode != 0
+                tracks = remote.tracks()
+            process.send_signal(signal.SIGINT)
+            failed = process.wait(TIMEOUT) != 128 + signal.SIGINT or failed
+        mean = sum(step for step, _ in with_clients) / len(with_clients)
+        rate = sum(rate for _, rate in with_clients) / len(with_clients)
+        print(f"a step: {alone[0]:.4f} ms alone at {alone[1]:.1f}/s, {mean:.4f} ms with clients at {rate:.1f}/s, ratio {mean / alone[0]:.3f}")
+        # The frames of the recording are listed in memory, a few hundred bytes for each.
+        growth = max(sizes) / sizes[0] - 1
+        print(f"memory: {sizes[0]} KB at first, {max(sizes)} KB at most, {sizes[-1]} KB at last; {100 * growth:.1f} %; tracks: {len(tracks)}")
+        if SECONDS >= 600 and growth > 0.05:
+            print("the memory grows")
+            failed = True
+    print("failed" if failed else "held")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
