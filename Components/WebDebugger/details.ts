@@ -5,6 +5,8 @@ namespace detailsPanel {
 
     const RowHeight = 22;
     const ValueInterval = 100;
+    /// Between two looks at what changes with the frame of a recording, beside values and elements.
+    const FactsInterval = 250;
 
     export class Panel {
         private readonly title = el("h2", {}, "Details");
@@ -15,8 +17,12 @@ namespace detailsPanel {
         private table: Table | null = null;
         private readonly watch: model.Subscription;
         private readonly value = el("output", { id: "value" });
+        private facts = el("dl", { class: "facts" });
+        /// The frame that the facts are of.
+        private frame = "";
+        private later = 0;
 
-        constructor(root: HTMLElement, private readonly session: model.Session) {
+        constructor(root: HTMLElement, private readonly session: model.Session, private readonly all: tracks.Tracks) {
             root.append(el("header", {}, this.title), this.error, this.body);
             this.body.append(el("p", { class: "hint" }, "Choose an object in the tree."));
             this.watch = session.subscribe(({ items }) => {
@@ -28,6 +34,46 @@ namespace detailsPanel {
                 if (session.isConnected && this.entry !== null)
                     void this.show(this.entry.path);
             });
+            all.opened.add((track) => {
+                if (this.entry !== null && (this.entry.path + ".").startsWith(track.path + "."))
+                    void this.show(this.entry.path);
+            });
+            all.changed.add(() => this.follow());
+        }
+
+        /// Shows the facts of the frame at which a recording has come to stand.
+        private follow(): void {
+            if (this.entry === null || this.later !== 0 || this.frame === this.frameOf(this.entry.path))
+                return;
+            this.later = window.setTimeout(() => {
+                this.later = 0;
+                if (this.entry !== null)
+                    void this.refresh(this.entry.path);
+            }, FactsInterval);
+        }
+        private frameOf(path: string): string {
+            const owner = this.all.ownerOf(path);
+            return owner === null ? "" : owner.id + " " + (owner.position?.index ?? "");
+        }
+        private async refresh(path: string): Promise<void> {
+            const { question } = this;
+            const frame = this.frameOf(path);
+            try {
+                const entry = await this.session.describe(path, 0);
+                if (question !== this.question)
+                    return;
+                this.frame = frame;
+                this.fail("");
+                const facts = this.factsOf(entry);
+                this.facts.replaceWith(facts);
+                this.facts = facts;
+                this.follow();
+            } catch (error) {
+                if (question !== this.question)
+                    return;
+                this.frame = frame;
+                this.fail((error as Error).message);
+            }
         }
 
         private fail(text: string): void {
@@ -36,12 +82,14 @@ namespace detailsPanel {
 
         private async show(path: string): Promise<void> {
             const question = ++this.question;
+            const frame = this.frameOf(path);
             try {
                 const entry = await this.session.describe(path, 0);
                 if (question !== this.question)
                     return;
                 this.fail("");
                 this.entry = entry;
+                this.frame = frame;
                 this.render(entry);
             } catch (error) {
                 if (question === this.question)
@@ -53,6 +101,21 @@ namespace detailsPanel {
             this.table?.close();
             this.table = null;
             ui.setText(this.title, entry.name || entry.path || "(root)");
+            const facts = this.facts = this.factsOf(entry);
+            this.body.replaceChildren(facts);
+            const hasValue = entry.value !== null;
+            this.watch.set(hasValue ? { paths: [entry.path], interval: ValueInterval } : null);
+            if (hasValue)
+                this.body.append(...this.valueControls(entry));
+            if (entry.kind === "buffer") {
+                const table = this.table = new Table(this.session, entry, (text) => this.fail(text));
+                if (particlePanel.suits(entry))
+                    facts.after(el("div", { class: "actions" },
+                        ui.button("Show as particles", "Positions of the particle view", () => this.session.particlesAsked.fire(entry))));
+                this.body.append(table.root, ...this.comparison(entry.path));
+            }
+        }
+        private factsOf(entry: Entry): HTMLDListElement {
             const facts = el("dl", { class: "facts" });
             const fact = (name: string, value: string | null): void => {
                 if (value !== null && value !== "")
@@ -77,18 +140,16 @@ namespace detailsPanel {
                 link("bound to", entry.binding);
             if (entry.target !== null)
                 entry.target === "" ? fact("target", "none") : link("target", entry.target);
-            this.body.replaceChildren(facts);
-            const hasValue = entry.value !== null;
-            this.watch.set(hasValue ? { paths: [entry.path], interval: ValueInterval } : null);
-            if (hasValue)
-                this.body.append(...this.valueControls(entry));
-            if (entry.kind === "buffer") {
-                const table = this.table = new Table(this.session, entry, (text) => this.fail(text));
-                if (particlePanel.suits(entry))
-                    facts.after(el("div", { class: "actions" },
-                        ui.button("Show as particles", "Positions of the particle view", () => this.session.particlesAsked.fire(entry))));
-                this.body.append(table.root);
-            }
+            return facts;
+        }
+        /// Where there are more recordings, what is plotted of one is plotted of all.
+        private comparison(path: string): HTMLElement[] {
+            if (this.all.ownerOf(path) === null || this.all.open.length < 2)
+                return [];
+            const box = el("input", { id: "compares-all", type: "checkbox" });
+            box.checked = this.all.comparesAll;
+            box.addEventListener("change", () => this.all.comparesAll = box.checked);
+            return [el("label", { class: "check" }, box, "plot in all recordings")];
         }
 
         private valueControls(entry: Entry): HTMLElement[] {
@@ -112,6 +173,11 @@ namespace detailsPanel {
             const elements: HTMLElement[] = [el("div", { class: "current" }, this.value)];
             if (quantities.length > 0)
                 elements[0]!.append(ui.button("Plot", "Plot this value", () => this.session.plotAsked.fire(quantities)));
+            const recording = this.all.ownerOf(entry.path);
+            if (recording !== null) {
+                elements.push(...quantities.length > 0 ? this.comparison(entry.path) : [], el("p", { class: "hint" }, "Recorded: it stays as it is."));
+                return elements;
+            }
             elements.push(form);
             if (this.session.whyReadOnly !== "")
                 elements.push(el("p", { class: "hint" }, this.session.whyReadOnly));

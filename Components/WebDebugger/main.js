@@ -76,13 +76,24 @@ var main;
                 return () => clearTimeout(timer);
             },
         }, channel.token, () => performance.now());
-        const status = new statusPanel.Panel(panel("status"), session);
-        new treePanel.Panel(panel("objects"), session);
-        new detailsPanel.Panel(panel("details"), session);
-        const plots = new plotPanel.Panel(panel("plotting"), session);
-        const particles = new particlePanel.Panel(panel("particles"), session);
+        const all = new tracks.Tracks(session);
+        const watcher = new statistics.Watcher(session, () => performance.now());
+        const status = new statusPanel.Panel(panel("status"), session, all);
+        const bar = new trackBar.Bar(panel("tracks"), all, session);
+        new treePanel.Panel(panel("objects"), session, all);
+        new detailsPanel.Panel(panel("details"), session, all);
+        const plots = new plotPanel.Panel(panel("plotting"), session, all);
+        const particles = new particlePanel.Panel(panel("particles"), session, all);
         new logPanel.Panel(panel("log"), session);
-        panel("page").append(makeTabs(["objects", "details", "plotting", "particles", "log"].map(panel)));
+        const timing = panel("timing");
+        new timePanel.Panel(timing, watcher, session);
+        panel("page").append(makeTabs(["objects", "details", "plotting", "particles", "log", "timing"].map(panel)));
+        setInterval(() => all.poll(), tracks.Tracks.pollInterval);
+        // Statistics nobody looks at are not worth the simulation's time.
+        setInterval(() => {
+            if (!document.hidden && (watcher.isOffered === null || timing.offsetParent !== null))
+                watcher.poll();
+        }, statistics.Watcher.pollInterval);
         const theme = panel("theme");
         const redraw = () => {
             plots.redraw();
@@ -100,7 +111,10 @@ var main;
         document.addEventListener("keydown", (event) => {
             if (event.key !== " " || document.activeElement !== document.body)
                 return;
-            status.toggle();
+            if (session.clocks.length > 0)
+                status.toggle();
+            else
+                bar.toggle();
             event.preventDefault();
         });
         session.connection.connect();

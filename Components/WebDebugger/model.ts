@@ -71,7 +71,7 @@ namespace model {
     /// One number that can be plotted: of a value, or of an element of a buffer.
     export interface Quantity {
         readonly path: string;
-        /// Null for a value.
+        /// Of an element; null for a value.
         readonly index: number | null;
         readonly component: number;
         readonly label: string;

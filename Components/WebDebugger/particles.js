@@ -173,7 +173,7 @@ var particlePanel;
         }
     }
     class Panel {
-        constructor(root, session) {
+        constructor(root, session, all) {
             this.session = session;
             this.positions = el("select", { id: "positions", "aria-label": "Buffer of positions" });
             this.colors = el("select", { id: "colors", "aria-label": "Buffer of colours" });
@@ -246,7 +246,13 @@ var particlePanel;
             });
             session.stateChanged.add(() => {
                 if (session.isConnected && this.known.size === 0)
-                    void this.search();
+                    void this.search("");
+            });
+            all.opened.add((track) => {
+                if (track.isOpen)
+                    void this.search(track.path);
+                else
+                    this.forget(track.path);
             });
             new ResizeObserver(() => ui.drawSoon(this.draw)).observe(this.canvas);
             new IntersectionObserver(([entry]) => {
@@ -279,9 +285,9 @@ var particlePanel;
                 this.fit();
             });
         }
-        async search() {
+        async search(path) {
             try {
-                await this.session.describe("", 3, 0, 100); // the answer comes to `learn`
+                await this.session.describe(path, 3, 0, 100); // the answer comes to `learn`
             }
             catch (error) {
                 ui.setText(this.error, error.message);
@@ -295,14 +301,23 @@ var particlePanel;
                 each.children?.forEach(visit);
             };
             visit(entry);
-            if (this.known.size === before)
-                return;
+            if (this.known.size !== before)
+                this.offer();
+        }
+        /// The objects of a recording that was closed.
+        forget(path) {
+            for (const each of [...this.known.keys()])
+                if (each.startsWith(path + "."))
+                    this.known.delete(each);
+            this.offer();
+        }
+        offer() {
             const chosen = this.positions.value;
             // What is called a position comes first, and then the largest: likely what somebody wants to see.
             const rank = (each) => (/pos/i.test(each.name) ? 1e12 : 0) + (each.numElements ?? 0);
             const suitable = [...this.known.values()].filter(suits).sort((a, b) => rank(b) - rank(a)).map(({ path }) => path);
             this.positions.replaceChildren(...suitable.map((path) => el("option", { value: path }, path)));
-            this.positions.value = chosen !== "" ? chosen : suitable[0] ?? "";
+            this.positions.value = suitable.includes(chosen) ? chosen : suitable[0] ?? "";
             this.hint.hidden = suitable.length > 0;
             if (this.positions.value !== chosen)
                 this.choose();

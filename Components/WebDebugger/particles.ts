@@ -210,7 +210,7 @@ namespace particlePanel {
         private readonly pointers = new Map<number, { x: number; y: number }>();
         private readonly draw = (): void => this.render();
 
-        constructor(root: HTMLElement, private readonly session: model.Session) {
+        constructor(root: HTMLElement, private readonly session: model.Session, all: tracks.Tracks) {
             root.append(el("header", {}, el("h2", {}, "Particles"), this.positions, el("label", {}, "by ", this.colors), this.size,
                 ui.button("Fit", "All into the picture (F)", () => this.fit())), this.error, this.hint,
                 el("div", { class: "view" }, this.canvas, this.legend, this.scaleBar));
@@ -232,7 +232,13 @@ namespace particlePanel {
             });
             session.stateChanged.add(() => {
                 if (session.isConnected && this.known.size === 0)
-                    void this.search();
+                    void this.search("");
+            });
+            all.opened.add((track) => {
+                if (track.isOpen)
+                    void this.search(track.path);
+                else
+                    this.forget(track.path);
             });
             new ResizeObserver(() => ui.drawSoon(this.draw)).observe(this.canvas);
             new IntersectionObserver(([entry]) => {
@@ -267,9 +273,9 @@ namespace particlePanel {
                 this.fit();
             });
         }
-        private async search(): Promise<void> {
+        private async search(path: string): Promise<void> {
             try {
-                await this.session.describe("", 3, 0, 100); // the answer comes to `learn`
+                await this.session.describe(path, 3, 0, 100); // the answer comes to `learn`
             } catch (error) {
                 ui.setText(this.error, (error as Error).message);
             }
@@ -282,14 +288,23 @@ namespace particlePanel {
                 each.children?.forEach(visit);
             };
             visit(entry);
-            if (this.known.size === before)
-                return;
+            if (this.known.size !== before)
+                this.offer();
+        }
+        /// The objects of a recording that was closed.
+        private forget(path: string): void {
+            for (const each of [...this.known.keys()])
+                if (each.startsWith(path + "."))
+                    this.known.delete(each);
+            this.offer();
+        }
+        private offer(): void {
             const chosen = this.positions.value;
             // What is called a position comes first, and then the largest: likely what somebody wants to see.
             const rank = (each: Entry): number => (/pos/i.test(each.name) ? 1e12 : 0) + (each.numElements ?? 0);
             const suitable = [...this.known.values()].filter(suits).sort((a, b) => rank(b) - rank(a)).map(({ path }) => path);
             this.positions.replaceChildren(...suitable.map((path) => el("option", { value: path }, path)));
-            this.positions.value = chosen !== "" ? chosen : suitable[0] ?? "";
+            this.positions.value = suitable.includes(chosen) ? chosen : suitable[0] ?? "";
             this.hint.hidden = suitable.length > 0;
             if (this.positions.value !== chosen)
                 this.choose();

@@ -1,16 +1,35 @@
-/// Live curves over simulation time. One cursor goes through all plots: the time under the pointer is the same in each.
+/// Curves over simulation time: live as it comes, of recordings over the whole run. One cursor goes through all plots: the time under the
+/// pointer is the same in each.
 namespace plotPanel {
     import el = ui.el;
-    import Quantity = model.Quantity;
+    import Source = tracks.Source;
+    import Span = tracks.Span;
 
     const Interval = 16;
     const Colors = ["#3b82f6", "#e8590c", "#2f9e44", "#c2255c", "#7950f2", "#0c8599", "#b08900", "#868e96"];
+    /// In which a second click makes a double one, in ms.
+    const DoubleClick = 250;
 
     interface Curve {
-        readonly quantity: Quantity;
+        readonly source: Source;
         readonly color: string;
+        readonly chip: HTMLElement;
         readonly valueText: HTMLElement;
+        /// Live alone.
         last: number | null;
+    }
+
+    /// Where the last of the times stands that is not above the time; -1 ahead of the first.
+    function indexAt(times: readonly number[], time: number): number {
+        let [begin, end] = [0, times.length];
+        while (begin < end) {
+            const middle = (begin + end) >> 1;
+            if (times[middle]! <= time)
+                begin = middle + 1;
+            else
+                end = middle;
+        }
+        return begin - 1;
     }
 
     /// One plot with its curves.
@@ -18,62 +37,81 @@ namespace plotPanel {
         readonly root = el("section", { class: "plot", "aria-label": "Plot" });
         readonly curves: Curve[] = [];
         private readonly legend = el("div", { class: "legend" });
-        private readonly canvas = el("div", { class: "canvas", tabindex: "0", role: "img", "aria-label": "Curves; the arrow keys move the time cursor" });
+        private readonly canvas = el("div", { class: "canvas", tabindex: "0", role: "img" });
         private readonly error = el("p", { class: "error", role: "alert" });
+        private readonly state = el("span", { class: "hint progress" });
         private readonly freezeButton = ui.button("Freeze", "Stop the picture; values are taken on", () => this.freeze());
+        private readonly clearButton = ui.button("Clear", "Forget what came until now", () => {
+            this.data.clear();
+            ui.drawSoon(this.draw);
+        });
+        private readonly differenceButton = ui.button("Difference", "The first curve less the second one", () => this.subtract());
+        private readonly wholeButton = ui.button("Whole run", "Show the whole run again (double click)", () => this.zoomTo(null));
+        private readonly difference = el("span", { class: "number" });
+        private readonly differenceChip = el("span", { class: "chip" }, el("span", { class: "swatch difference" }), el("span", { class: "label" }, "difference"), this.difference);
+        private readonly now = el("div", { class: "now" });
         private readonly data = new model.Curves();
+        private readonly feeds = new Map<number, series.Feed>();
+        private zoom: Span | null = null;
+        private showsDifference = false;
         private plot: uPlot | null = null;
-        private frozen: uPlot.Data | null = null;
+        private frozen: series.Part | null = null;
         /// What is drawn.
         private picture: uPlot.Data = [];
         private readonly valueWatch: model.Subscription;
         private readonly elementWatches: model.Subscription[] = [];
+        private liveError = "";
         private nextColor = 0;
         private clock = "";
+        private click = 0;
         private readonly draw = (): void => this.render();
 
         constructor(private readonly panel: Panel, private readonly session: model.Session) {
             this.valueWatch = this.subscribe(null);
-            this.freezeButton.setAttribute("aria-pressed", "false");
-            this.root.append(el("div", { class: "bar" }, this.legend, this.freezeButton, ui.button("Clear", "Forget what came until now", () => {
-                this.data.clear();
-                ui.drawSoon(this.draw);
-            }), ui.button("Close", "Remove this plot", () => this.panel.remove(this))), this.error, this.canvas);
+            for (const button of [this.freezeButton, this.differenceButton])
+                button.setAttribute("aria-pressed", "false");
+            this.root.append(el("div", { class: "bar" }, this.legend, this.state, this.wholeButton, this.differenceButton, this.freezeButton, this.clearButton,
+                ui.button("Close", "Remove this plot", () => this.panel.remove(this))), this.error, this.canvas);
             this.root.addEventListener("focusin", () => this.panel.choose(this));
             this.root.addEventListener("pointerdown", () => this.panel.choose(this));
             this.canvas.addEventListener("keydown", (event) => this.keyDown(event));
-            new ResizeObserver(() => this.plot?.setSize({ width: this.canvas.clientWidth, height: this.canvas.clientHeight })).observe(this.canvas);
+            new ResizeObserver(() => {
+                this.plot?.setSize({ width: this.canvas.clientWidth, height: this.canvas.clientHeight });
+                this.showTime();
+            }).observe(this.canvas);
         }
 
-        add(quantities: readonly Quantity[]): void {
-            for (const quantity of quantities) {
-                if (this.curves.some((curve) => curve.quantity.label === quantity.label))
+        add(sources: readonly Source[]): void {
+            for (const source of sources) {
+                const { quantity, track, name } = source;
+                const title = (name === "" ? "" : name + ": ") + quantity.label;
+                if (this.curves.some((curve) => curve.source.quantity.label === quantity.label && curve.source.track === track))
                     continue;
                 const valueText = el("span", { class: "number" });
-                const curve: Curve = { quantity, color: Colors[this.nextColor++ % Colors.length]!, valueText, last: null };
                 const swatch = el("span", { class: "swatch" });
+                const chip = el("span", { class: "chip", title }, swatch, ...name === "" ? [] : [el("span", { class: "run" }, name)],
+                    el("span", { class: "label" }, quantity.label), valueText);
+                const curve: Curve = { source, color: Colors[this.nextColor++ % Colors.length]!, chip, valueText, last: null };
                 swatch.style.background = curve.color;
-                const chip = el("span", { class: "chip", title: quantity.label }, swatch, el("span", { class: "label" }, quantity.label), valueText);
-                chip.append(ui.button("×", "Remove " + quantity.label, () => {
-                    chip.remove();
-                    this.removeCurve(curve);
-                }));
+                chip.append(ui.button("×", "Remove " + title, () => this.removeCurve(curve)));
                 this.legend.append(chip);
                 this.curves.push(curve);
-                this.data.addColumn();
+                if (track === null)
+                    this.data.addColumn();
             }
-            this.frozen = null;
-            this.watch();
-            this.build();
+            this.changeCurves();
         }
 
         close(): void {
+            clearTimeout(this.click);
             this.valueWatch.close();
             this.elementWatches.forEach((watch) => watch.close());
+            this.feeds.forEach((feed) => feed.close());
             this.plot?.destroy();
+            this.plot = null;
             this.root.remove();
         }
-        build(): void {
+        private build(): void {
             this.plot?.destroy();
             const color = (variable: string) => () => ui.color(variable);
             const axis: uPlot.Axis = {
@@ -81,27 +119,35 @@ namespace plotPanel {
                 font: "11px system-ui, sans-serif",
             };
             const paths = uPlot.paths.stepped({ align: 1 });
+            const curve = { width: 1.5, points: { show: false }, paths, pxAlign: 0 };
+            const isRecorded = this.feeds.size > 0;
+            this.canvas.setAttribute("aria-label", "Curves; the arrow keys move the time cursor" + (isRecorded ? ", Enter goes to its time, plus and minus zoom" : ""));
+            this.picture = this.view();
             this.plot = new uPlot({
                 width: Math.max(100, this.canvas.clientWidth), height: this.canvas.clientHeight, padding: [6, 14, 0, 0], legend: { show: false }, scales: { x: { time: false } },
                 axes: [{ ...axis, size: 28 }, { ...axis, size: 64, values: (_, splits) => splits.map((value) => ui.number(value, 5)) }],
-                series: [{}, ...this.curves.map(({ color: stroke }) => ({ stroke, width: 1.5, points: { show: false }, paths, pxAlign: 0 }))],
-                cursor: { y: false, drag: { x: false, y: false }, points: { size: 6 } },
-                hooks: { setCursor: [() => this.point()] },
-            }, this.view(), this.canvas);
+                series: [{}, ...this.curves.map(({ color: stroke }) => ({ ...curve, stroke })), ...this.showsDifference ? [{ ...curve, stroke: color("--text"), dash: [4, 3] }] : []],
+                cursor: { y: false, drag: { x: isRecorded, y: false, setScale: false, dist: 5 }, points: { size: 6 }, bind: { dblclick: () => null } },
+                hooks: { setCursor: [() => this.point()], setSelect: [() => this.select()] },
+            }, this.picture, this.canvas);
+            if (isRecorded)
+                this.listen(this.plot.over);
             ui.drawSoon(this.draw);
         }
-        /// Values where the cursor stands, or the last ones.
+        /// Values where the cursor stands; without it those of the recording's time, or the last ones.
         showValues(): void {
             const index = this.plot?.cursor.idx;
             const isPointed = index !== null && index !== undefined && this.cursorLeft >= 0;
-            const at = (i: number): number | null | undefined => {
-                const column = this.picture[i + 1];
-                return column?.[isPointed ? index : column.length - 1];
+            const times = this.picture[0] as number[] | undefined ?? [];
+            const place = indexAt(times, this.panel.all.time);
+            const show = (text: HTMLElement, column: number, isLive: boolean, last: number | null): void => {
+                const numbers = this.picture[column + 1] ?? [];
+                const value = isPointed ? numbers[index] : !isLive ? numbers[place] : this.feeds.size > 0 ? last : numbers[numbers.length - 1];
+                ui.setText(text, value === null || value === undefined ? "–" : ui.number(value, 6));
             };
-            this.curves.forEach((curve, i) => {
-                const value = at(i);
-                ui.setText(curve.valueText, value === null || value === undefined ? "–" : ui.number(value, 6));
-            });
+            this.curves.forEach((curve, i) => show(curve.valueText, i, curve.source.track === null, curve.last));
+            if (this.showsDifference)
+                show(this.difference, this.curves.length, false, null);
         }
         /// The simulation has come to this time; what has not changed is as it was.
         reach(clock: model.Clock): void {
@@ -116,6 +162,15 @@ namespace plotPanel {
             this.plot?.setCursor({ left: isInSight ? left : -10, top: isInSight ? 0 : -10 }, false);
             this.showValues();
         }
+        /// The recordings stand at another time.
+        showTime(): void {
+            if (this.feeds.size === 0 || this.plot === null)
+                return;
+            const left = this.plot.valToPos(this.panel.all.time, "x");
+            this.now.hidden = !(left >= 0 && left <= this.plot.over.clientWidth);
+            this.now.style.transform = "translateX(" + left + "px)";
+            this.showValues();
+        }
         redraw(): void {
             this.plot?.redraw(false);
             ui.drawSoon(this.draw);
@@ -126,23 +181,36 @@ namespace plotPanel {
 
         private removeCurve(curve: Curve): void {
             const index = this.curves.indexOf(curve);
+            if (curve.source.track === null)
+                this.data.removeColumn(this.live.indexOf(curve));
+            curve.chip.remove();
             this.curves.splice(index, 1);
-            this.data.removeColumn(index);
-            this.frozen = null;
-            this.watch();
             if (this.isEmpty)
                 this.panel.remove(this);
             else
-                this.build();
+                this.changeCurves();
+        }
+        private changeCurves(): void {
+            this.frozen = null;
+            if (this.pair === null)
+                this.showsDifference = false;
+            this.watch();
+            this.feed();
+            this.build();
         }
 
+        // Live curves.
+
+        private get live(): Curve[] {
+            return this.curves.filter(({ source }) => source.track === null);
+        }
         /// All values by one watch; each element of a buffer by one of its own, since a watch has one range.
         private watch(): void {
-            const values = new Set(this.curves.filter(({ quantity }) => quantity.index === null).map(({ quantity }) => quantity.path));
+            const quantities = this.live.map(({ source }) => source.quantity);
+            const values = new Set(quantities.filter(({ index }) => index === null).map(({ path }) => path));
             this.valueWatch.set(values.size === 0 ? null : { paths: [...values], interval: Interval });
             this.elementWatches.splice(0).forEach((watch) => watch.close());
-            const elements = new Map(this.curves.filter(({ quantity }) => quantity.index !== null)
-                .map(({ quantity }) => [quantity.path + "#" + quantity.index, quantity]));
+            const elements = new Map(quantities.filter(({ index }) => index !== null).map((quantity) => [quantity.path + "#" + quantity.index, quantity]));
             for (const { path, index } of elements.values()) {
                 const watch = this.subscribe(index);
                 this.elementWatches.push(watch);
@@ -150,46 +218,205 @@ namespace plotPanel {
             }
         }
         private subscribe(index: number | null): model.Subscription {
-            return this.session.subscribe((update) => this.take(update, index), (text) => ui.setText(this.error, text));
+            return this.session.subscribe((update) => this.take(update, index), (text) => {
+                this.liveError = text;
+                ui.drawSoon(this.draw);
+            });
         }
         private take(update: model.Update, index: number | null): void {
             for (const item of update.items) {
                 const numbers = model.numbersOf(item.value);
-                for (const curve of this.curves)
-                    if (curve.quantity.path === item.path && curve.quantity.index === index)
-                        curve.last = item.removed ? null : item.elements === null ? numbers[curve.quantity.component] ?? null :
-                            item.elements.count > 0 && item.elements.components > curve.quantity.component ?
-                                item.elements.numberAt(0, curve.quantity.component) : null;
+                for (const curve of this.live) {
+                    const { quantity } = curve.source;
+                    if (quantity.path === item.path && quantity.index === index)
+                        curve.last = item.removed ? null : item.elements === null ? numbers[quantity.component] ?? null :
+                            item.elements.count > 0 && item.elements.components > quantity.component ? item.elements.numberAt(0, quantity.component) : null;
+                }
             }
             this.clock = update.clock;
             this.push(update.time !== null && Number.isFinite(update.time) ? update.time : performance.now() / 1000);
         }
         private push(time: number): void {
-            this.data.push(time, this.curves.map(({ last }) => last));
+            this.data.push(time, this.live.map(({ last }) => last));
             if (this.frozen === null)
                 ui.drawSoon(this.draw);
         }
-
         private freeze(): void {
-            this.frozen = this.frozen === null ? [[...this.data.times], ...this.data.columns.map((column) => [...column])] : null;
+            this.frozen = this.frozen === null ? { times: [...this.data.times], columns: this.data.columns.map((column) => [...column]) } : null;
             ui.drawSoon(this.draw);
         }
-        private view(): uPlot.Data {
+        private get livePart(): series.Part {
             if (this.frozen !== null)
                 return this.frozen;
             const begin = Math.max(0, this.data.times.length - this.panel.shownPoints);
-            return [this.data.times.slice(begin), ...this.data.columns.map((column) => column.slice(begin))];
+            return { times: this.data.times.slice(begin), columns: this.data.columns.map((column) => column.slice(begin)) };
+        }
+
+        // Curves of recordings.
+
+        private of(track: number): Curve[] {
+            return this.curves.filter(({ source }) => source.track === track);
+        }
+        private feed(): void {
+            for (const [track, feed] of this.feeds)
+                if (this.of(track).length === 0) {
+                    feed.close();
+                    this.feeds.delete(track);
+                }
+            for (const { source: { track } } of this.curves)
+                if (track !== null && !this.feeds.has(track))
+                    this.feeds.set(track, new series.Feed(this.panel.desk, track, () => ui.drawSoon(this.draw)));
+            if (this.feeds.size === 0)
+                this.zoom = null;
+            for (const [track, feed] of this.feeds) {
+                const data = new Map(this.of(track).map(({ source: { quantity: { path, index } } }) => [path + "#" + index, { path, index }]));
+                feed.set([...data.values()], this.zoom);
+            }
+        }
+        /// Two curves of the same in two recordings; null where there are not just these.
+        private get pair(): [Curve, Curve] | null {
+            const [first, second, third] = this.curves;
+            const same = (curve: Curve): string => curve.source.quantity.label + " " + curve.source.quantity.component;
+            return second !== undefined && third === undefined && first!.source.track !== null && second.source.track !== null &&
+                first!.source.track !== second.source.track && same(first!) === same(second) ? [first!, second] : null;
+        }
+        private subtract(): void {
+            this.showsDifference = !this.showsDifference;
+            this.build();
+        }
+        /// Of all that is drawn.
+        private get run(): Span | null {
+            const { times } = this.data;
+            const spans = [...this.feeds.keys()].map((id) => this.panel.all.get(id)?.run).filter((run): run is Span => run !== undefined && run.end > run.start);
+            if (spans.length === 0)
+                return null;
+            if (times.length > 0)
+                spans.push({ start: times[Math.max(0, times.length - this.panel.shownPoints)]!, end: times[times.length - 1]! });
+            return { start: Math.min(...spans.map(({ start }) => start)), end: Math.max(...spans.map(({ end }) => end)) };
+        }
+        /// @param span  null for the whole run
+        private zoomTo(span: Span | null): void {
+            const { run } = this;
+            if (span !== null && run !== null)
+                span = { start: Math.max(run.start, span.start), end: Math.min(run.end, span.end) };
+            if (span !== null && !(span.end > span.start))
+                return;
+            this.zoom = span !== null && run !== null && span.start <= run.start && span.end >= run.end ? null : span;
+            this.feed();
+            ui.drawSoon(this.draw);
+        }
+        private select(): void {
+            const { plot } = this;
+            if (plot === null || plot.select.width < 5)
+                return;
+            const { left, width } = plot.select;
+            this.zoomTo({ start: plot.posToVal(left, "x"), end: plot.posToVal(left + width, "x") });
+            plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
+        }
+        private listen(over: HTMLElement): void {
+            over.append(this.now);
+            let down = NaN;
+            over.addEventListener("mousedown", (event) => down = event.clientX);
+            over.addEventListener("click", (event) => {
+                clearTimeout(this.click);
+                if (!(Math.abs(event.clientX - down) < 5) || event.detail > 1 || this.plot === null)
+                    return;
+                const time = this.plot.posToVal(event.clientX - over.getBoundingClientRect().left, "x");
+                // A second click means something else, where there is something to go back to.
+                this.click = window.setTimeout(() => this.seek(time), this.zoom === null ? 0 : DoubleClick);
+            });
+            over.addEventListener("dblclick", () => {
+                clearTimeout(this.click);
+                this.zoomTo(null);
+            });
+        }
+        private seek(time: number): void {
+            if (this.feeds.size > 0 && Number.isFinite(time))
+                void this.panel.all.seekTime(time);
+        }
+
+        // The picture.
+
+        private view(): uPlot.Data {
+            const parts: series.Part[] = [];
+            const order: Curve[] = [];
+            if (this.live.length > 0) {
+                parts.push(this.livePart);
+                order.push(...this.live);
+            }
+            if (this.feeds.size === 0)
+                return [parts[0]?.times as number[] ?? [], ...parts[0]?.columns as number[][] ?? []];
+            for (const [track, feed] of this.feeds) {
+                const curves = this.of(track);
+                order.push(...curves);
+                parts.push({
+                    times: feed.rows?.times ?? [],
+                    columns: curves.map(({ source: { quantity } }) => {
+                        const index = feed.indexOf(quantity.path, quantity.index);
+                        return feed.rows === null || index < 0 ? [] : feed.rows.column(index, quantity.component);
+                    }),
+                });
+            }
+            const { times, columns } = series.join(parts);
+            const picture = [times, ...this.curves.map((curve) => columns[order.indexOf(curve)]!)];
+            if (this.showsDifference) {
+                const isExact = this.isExact;
+                const [a, b] = [picture[1]!, picture[2]!];
+                picture.push(times.map((_, i) => isExact && typeof a[i] === "number" && typeof b[i] === "number" ? a[i]! - b[i]! : null));
+            }
+            return picture;
+        }
+        /// Whether each frame is a point.
+        private get isExact(): boolean {
+            return [...this.feeds.values()].every(({ rows }) => rows?.framesPerPoint === 1);
         }
         private render(): void {
+            const isLive = this.live.length > 0;
+            this.freezeButton.hidden = this.clearButton.hidden = !isLive;
             this.freezeButton.setAttribute("aria-pressed", String(this.frozen !== null));
             ui.setText(this.freezeButton, this.frozen === null ? "Freeze" : "Go on");
+            if (this.plot === null)
+                return;
             this.picture = this.view();
-            this.plot?.setData(this.picture);
+            this.plot.setData(this.picture);
+            const span = this.zoom ?? this.run;
+            if (span !== null)
+                this.plot.setScale("x", { min: span.start, max: span.end });
+            this.renderFeeds();
             // The curves have moved on below the pointer.
             if (this.panel.source === this)
                 this.point();
             else
                 this.follow(this.panel.time);
+            this.showTime();
+        }
+        private renderFeeds(): void {
+            const feeds = [...this.feeds.values()];
+            const hasPair = this.pair !== null;
+            this.wholeButton.hidden = this.zoom === null;
+            this.differenceButton.hidden = !hasPair;
+            this.differenceButton.setAttribute("aria-pressed", String(this.showsDifference));
+            ui.enable(this.differenceButton, this.showsDifference || this.isExact ? "" : "Select a range in which each frame is a point.");
+            if (this.showsDifference)
+                this.legend.append(this.differenceChip);
+            else
+                this.differenceChip.remove();
+            const framesPerPoint = Math.max(1, ...feeds.map(({ rows }) => rows?.framesPerPoint ?? 1));
+            const progress = Math.min(1, ...feeds.map((feed) => feed.progress));
+            const isComing = feeds.some((feed) => feed.isComing && (feed.rows === null || !feed.rows.isDone));
+            ui.setText(this.state, isComing ? "reading, " + Math.floor(100 * progress) + " %" : framesPerPoint > 1 ? ui.number(framesPerPoint, 3) + " frames a point" : "");
+            this.state.title = framesPerPoint > 1 ? "The least and the greatest value of each group of frames are drawn. Select a range to see it in detail." : "";
+            const errors = new Set<string>(this.liveError === "" ? [] : [this.liveError]);
+            for (const feed of feeds)
+                if (feed.error !== "")
+                    errors.add((this.panel.all.get(feed.track)?.name ?? "") + ": " + feed.error);
+            for (const { source: { quantity, track, name } } of this.curves) {
+                const feed = track === null ? undefined : this.feeds.get(track);
+                const error = feed?.rows?.items[feed.indexOf(quantity.path, quantity.index)]?.error ?? "";
+                if (error !== "")
+                    errors.add((name === "" ? "" : name + ": ") + error);
+            }
+            ui.setText(this.error, [...errors].join("; "));
         }
 
         private get cursorLeft(): number {
@@ -203,15 +430,28 @@ namespace plotPanel {
                 this.panel.pointAt(null, NaN);
         }
         private keyDown(event: KeyboardEvent): void {
-            const steps: { [key: string]: number } = { ArrowLeft: -1, ArrowRight: 1, PageDown: -20, PageUp: 20 };
-            const step = steps[event.key];
-            if (this.plot === null || (step === undefined && event.key !== "Escape"))
+            const { plot } = this;
+            if (plot === null || event.ctrlKey || event.altKey || event.metaKey)
                 return;
             const before = this.cursorLeft;
-            const width = this.plot.over.clientWidth;
-            const left = step === undefined ? -10 : Math.max(0, Math.min(width, (before < 0 ? width : before) + 2 * step));
-            this.plot.setCursor({ left, top: left < 0 ? -10 : 0 });
+            const width = plot.over.clientWidth;
+            const move = (step: number) => () => plot.setCursor({ left: Math.max(0, Math.min(width, (before < 0 ? width : before) + 2 * step)), top: 0 });
+            const keys: { [key: string]: () => void } = {
+                ArrowLeft: move(-1), ArrowRight: move(1), PageDown: move(-20), PageUp: move(20), Escape: () => plot.setCursor({ left: -10, top: -10 }),
+            };
+            if (this.feeds.size > 0) {
+                const time = before < 0 ? this.panel.all.time : plot.posToVal(before, "x");
+                const scale = (factor: number) => () => {
+                    const [start, end] = [plot.posToVal(0, "x"), plot.posToVal(width, "x")];
+                    this.zoomTo({ start: time + (start - time) * factor, end: time + (end - time) * factor });
+                };
+                Object.assign(keys, { Enter: () => this.seek(time), "+": scale(0.5), "-": scale(2), "0": () => this.zoomTo(null) });
+            }
+            if (keys[event.key] === undefined)
+                return;
+            keys[event.key]!();
             event.preventDefault();
+            event.stopPropagation();
         }
     }
 
@@ -219,39 +459,44 @@ namespace plotPanel {
         /// Where the common cursor is moved from, and its time.
         source: Plot | null = null;
         time = NaN;
+        readonly desk: series.Desk;
         private readonly plots: Plot[] = [];
         private chosen: Plot | null = null;
         private readonly place = el("div", { class: "plots", id: "plots" });
         private readonly cursor = el("output", { id: "cursor-time" });
-        private readonly shown = el("select", { id: "shown-points", "aria-label": "How much of the curves is shown", title: "How much of the curves is shown" });
+        private readonly shown = el("select", { id: "shown-points", "aria-label": "How much of live curves is shown", title: "How much of live curves is shown" });
         private readonly target = el("select", { id: "plot-target", "aria-label": "Where the next curve goes" },
             el("option", { value: "chosen" }, "same plot"), el("option", { value: "new" }, "new plot"));
         private readonly hint = el("p", { class: "hint" }, "Nothing is plotted. Choose a value in the tree and press Plot, or double click a number of a buffer.");
+        private readonly showTime = (): void => this.plots.forEach((plot) => plot.showTime());
 
-        constructor(root: HTMLElement, private readonly session: model.Session) {
+        constructor(root: HTMLElement, private readonly session: model.Session, readonly all: tracks.Tracks) {
+            this.desk = new series.Desk(session, all);
             for (const [points, name] of [["500", "500 updates"], ["5000", "5,000"], ["50000", "all"]] as const)
                 this.shown.append(el("option", { value: points }, name));
             this.shown.addEventListener("change", () => this.redraw());
             root.append(el("header", {}, el("h2", {}, "Plots"), this.cursor, this.target, this.shown), this.hint, this.place);
-            session.plotAsked.add((quantities) => this.add(quantities));
+            session.plotAsked.add((quantities) => this.add(quantities.flatMap((quantity) => all.sourcesOf(quantity))));
             session.clocksChanged.add(() => {
                 for (const clock of session.clocks)
                     this.plots.forEach((plot) => plot.reach(clock));
+                this.shown.hidden = session.clocks.length === 0 && all.open.length > 0;
             });
+            all.changed.add(() => ui.drawSoon(this.showTime));
         }
 
         get shownPoints(): number {
             return Number(this.shown.value);
         }
-        add(quantities: readonly Quantity[]): void {
-            if (quantities.length === 0)
+        add(sources: readonly Source[]): void {
+            if (sources.length === 0)
                 return;
             if (this.chosen === null || this.target.value === "new") {
                 this.chosen = new Plot(this, this.session);
                 this.plots.push(this.chosen);
                 this.place.append(this.chosen.root);
             }
-            this.chosen.add(quantities);
+            this.chosen.add(sources);
             this.choose(this.chosen);
             this.hint.hidden = true;
         }

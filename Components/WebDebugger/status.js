@@ -7,9 +7,10 @@ var statusPanel;
         running: "Running", paused: "Paused", stepping: "Stepping", standing: "Standing still",
     };
     class Panel {
-        constructor(root, session) {
+        constructor(root, session, all) {
             this.root = root;
             this.session = session;
+            this.all = all;
             this.state = el("strong", { id: "state", role: "status" });
             this.detail = el("span", { id: "detail" });
             this.gauges = el("dl", { class: "gauges" });
@@ -28,7 +29,7 @@ var statusPanel;
             this.gauge("drift", "Drift", "Simulated time ahead (+) or behind (−) wall time since the clock was last changed");
             this.gauge("answer", "Answers in", "How long the simulation takes to answer: between two steps it serves the page");
             this.clocks.addEventListener("change", () => this.session.chooseClock(this.clocks.value));
-            const controls = el("div", { class: "controls", role: "group", "aria-label": "Clock controls" }, this.clocks, this.pause);
+            const controls = this.controlBar = el("div", { class: "controls", role: "group", "aria-label": "Clock controls" }, this.clocks, this.pause);
             this.controls.push(this.pause);
             this.form(controls, "step", "Step", "1", "How many ticks", (count) => this.control("step", { count: Math.trunc(count) }));
             this.form(controls, "stepTo", "Step to", "", "Simulation time in seconds", (time) => this.control("stepTo", { time }));
@@ -37,6 +38,7 @@ var statusPanel;
             root.append(el("div", { class: "state" }, el("span", { class: "dot", "aria-hidden": "true" }), this.state, this.detail), this.gauges, controls, this.error);
             session.stateChanged.add(() => ui.drawSoon(this.draw));
             session.clocksChanged.add(() => ui.drawSoon(this.draw));
+            all.changed.add(() => ui.drawSoon(this.draw));
             setInterval(() => {
                 session.poll();
                 ui.drawSoon(this.draw);
@@ -51,6 +53,10 @@ var statusPanel;
             const value = el("dd", { id });
             this.values.set(id, value);
             this.gauges.append(el("div", { title }, el("dt", {}, name), value));
+        }
+        /// Recordings and nothing that runs.
+        get isRecording() {
+            return this.session.isConnected && this.session.clocks.length === 0 && this.all.journals.length > 0;
         }
         show(id, text, grade = "") {
             const value = this.values.get(id);
@@ -91,6 +97,11 @@ var statusPanel;
             if (this.clocks.length !== paths.length || paths.some((path, i) => this.clocks.options[i].text !== path))
                 this.clocks.replaceChildren(...session.clocks.map((each) => el("option", { value: each.path }, each.path || "(root)")));
             this.clocks.hidden = session.clocks.length < 2;
+            this.controlBar.hidden = this.isRecording;
+            for (const id of ["fps", "speed", "drift"])
+                this.values.get(id).parentElement.hidden = this.isRecording;
+            if (this.isRecording)
+                this.renderRecording();
             if (clock === null)
                 return;
             if (this.clocks.value !== clock.path)
@@ -98,9 +109,19 @@ var statusPanel;
             ui.setText(this.pause, clock.enabled || clock.pending !== 0 ? "Pause" : "Run");
             this.follow("frequency", clock.frequency);
             this.follow("modulation", clock.modulation);
-            this.show("time", (Math.abs(clock.time) < 1e7 ? clock.time.toFixed(3) : ui.number(clock.time, 9)) + " s");
+            this.show("time", trackBar.timeText(clock.time) + " s");
             this.show("frame", String(clock.frame));
             this.renderPace(clock, pace);
+        }
+        renderRecording() {
+            const { time, teller } = this.all;
+            this.show("time", Number.isNaN(time) ? "–" : trackBar.timeText(time) + " s");
+            this.show("frame", teller === null ? "–" : String(teller.position.frame));
+            this.showAnswer();
+        }
+        showAnswer() {
+            const answer = Math.max(this.session.answerTime, this.session.waitingFor);
+            this.show("answer", ui.seconds(answer / 1000), answer > 250 ? "slow" : "");
         }
         renderState() {
             const { session } = this;
@@ -114,6 +135,12 @@ var statusPanel;
                 grade = motion === "standing" ? "bad" : motion === "running" || motion === "stepping" ? "good" : "idle";
                 detail = session.info === null ? session.detail : session.clockError !== "" ? session.clockError :
                     "process " + session.info.pid + (session.info.writable ? "" : ", read only");
+                if (this.isRecording) {
+                    const { open, isPlaying, rate } = this.all;
+                    state = "Recording";
+                    grade = isPlaying ? "good" : "idle";
+                    detail = session.clockError !== "" ? session.clockError : open.length === 0 ? "not open" : (isPlaying ? "plays at " + ui.number(rate) + " s/s" : "paused") + ", process " + session.info.pid;
+                }
                 if (session.waitingFor > 2000) {
                     state = "No answer";
                     grade = "bad";
@@ -136,8 +163,7 @@ var statusPanel;
             // What is wall time and what is not: in units of wall time.
             const late = drift / clock.modulation;
             this.show("drift", Number.isNaN(drift) ? "–" : (drift < 0 ? "−" : "+") + ui.seconds(Math.abs(drift)) + " / " + Math.round(pace.driftSince) + " s", late < -0.25 && late < -0.01 * pace.driftSince ? "slow" : "");
-            const answer = Math.max(this.session.answerTime, this.session.waitingFor);
-            this.show("answer", ui.seconds(answer / 1000), answer > 250 ? "slow" : "");
+            this.showAnswer();
         }
         /// The field shows what holds, but not while somebody writes into it.
         follow(name, value) {

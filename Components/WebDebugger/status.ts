@@ -14,11 +14,12 @@ namespace statusPanel {
         private readonly clocks = el("select", { id: "clock", "aria-label": "Clock" });
         private readonly pause = ui.button("Pause", "Pause or run the clock (space, where nothing else is focused)", () => this.toggle());
         private readonly error = el("p", { id: "control-error", class: "error", role: "alert" });
+        private readonly controlBar: HTMLElement;
         private readonly controls: (HTMLButtonElement | HTMLInputElement)[] = [];
         private readonly draw = (): void => this.render();
         private entered = { frequency: "", modulation: "" };
 
-        constructor(private readonly root: HTMLElement, private readonly session: model.Session) {
+        constructor(private readonly root: HTMLElement, private readonly session: model.Session, private readonly all: tracks.Tracks) {
             this.pause.id = "pause";
             this.gauge("time", "Time", "Simulation time of the clock");
             this.gauge("frame", "Frame", "Ticks of the clock");
@@ -27,7 +28,7 @@ namespace statusPanel {
             this.gauge("drift", "Drift", "Simulated time ahead (+) or behind (−) wall time since the clock was last changed");
             this.gauge("answer", "Answers in", "How long the simulation takes to answer: between two steps it serves the page");
             this.clocks.addEventListener("change", () => this.session.chooseClock(this.clocks.value));
-            const controls = el("div", { class: "controls", role: "group", "aria-label": "Clock controls" }, this.clocks, this.pause);
+            const controls = this.controlBar = el("div", { class: "controls", role: "group", "aria-label": "Clock controls" }, this.clocks, this.pause);
             this.controls.push(this.pause);
             this.form(controls, "step", "Step", "1", "How many ticks", (count) => this.control("step", { count: Math.trunc(count) }));
             this.form(controls, "stepTo", "Step to", "", "Simulation time in seconds", (time) => this.control("stepTo", { time }));
@@ -38,6 +39,7 @@ namespace statusPanel {
                 this.gauges, controls, this.error);
             session.stateChanged.add(() => ui.drawSoon(this.draw));
             session.clocksChanged.add(() => ui.drawSoon(this.draw));
+            all.changed.add(() => ui.drawSoon(this.draw));
             setInterval(() => {
                 session.poll();
                 ui.drawSoon(this.draw);
@@ -54,6 +56,10 @@ namespace statusPanel {
             const value = el("dd", { id });
             this.values.set(id, value);
             this.gauges.append(el("div", { title }, el("dt", {}, name), value));
+        }
+        /// Recordings and nothing that runs.
+        private get isRecording(): boolean {
+            return this.session.isConnected && this.session.clocks.length === 0 && this.all.journals.length > 0;
         }
         private show(id: string, text: string, grade = ""): void {
             const value = this.values.get(id)!;
@@ -97,6 +103,11 @@ namespace statusPanel {
             if (this.clocks.length !== paths.length || paths.some((path, i) => this.clocks.options[i]!.text !== path))
                 this.clocks.replaceChildren(...session.clocks.map((each) => el("option", { value: each.path }, each.path || "(root)")));
             this.clocks.hidden = session.clocks.length < 2;
+            this.controlBar.hidden = this.isRecording;
+            for (const id of ["fps", "speed", "drift"])
+                this.values.get(id)!.parentElement!.hidden = this.isRecording;
+            if (this.isRecording)
+                this.renderRecording();
             if (clock === null)
                 return;
             if (this.clocks.value !== clock.path)
@@ -104,9 +115,20 @@ namespace statusPanel {
             ui.setText(this.pause, clock.enabled || clock.pending !== 0 ? "Pause" : "Run");
             this.follow("frequency", clock.frequency);
             this.follow("modulation", clock.modulation);
-            this.show("time", (Math.abs(clock.time) < 1e7 ? clock.time.toFixed(3) : ui.number(clock.time, 9)) + " s");
+            this.show("time", trackBar.timeText(clock.time) + " s");
             this.show("frame", String(clock.frame));
             this.renderPace(clock, pace);
+        }
+
+        private renderRecording(): void {
+            const { time, teller } = this.all;
+            this.show("time", Number.isNaN(time) ? "–" : trackBar.timeText(time) + " s");
+            this.show("frame", teller === null ? "–" : String(teller.position!.frame));
+            this.showAnswer();
+        }
+        private showAnswer(): void {
+            const answer = Math.max(this.session.answerTime, this.session.waitingFor);
+            this.show("answer", ui.seconds(answer / 1000), answer > 250 ? "slow" : "");
         }
 
         private renderState(): void {
@@ -121,6 +143,12 @@ namespace statusPanel {
                 grade = motion === "standing" ? "bad" : motion === "running" || motion === "stepping" ? "good" : "idle";
                 detail = session.info === null ? session.detail : session.clockError !== "" ? session.clockError :
                     "process " + session.info.pid + (session.info.writable ? "" : ", read only");
+                if (this.isRecording) {
+                    const { open, isPlaying, rate } = this.all;
+                    state = "Recording";
+                    grade = isPlaying ? "good" : "idle";
+                    detail = session.clockError !== "" ? session.clockError : open.length === 0 ? "not open" : (isPlaying ? "plays at " + ui.number(rate) + " s/s" : "paused") + ", process " + session.info!.pid;
+                }
                 if (session.waitingFor > 2000) {
                     state = "No answer";
                     grade = "bad";
@@ -147,8 +175,7 @@ namespace statusPanel {
             const late = drift / clock.modulation;
             this.show("drift", Number.isNaN(drift) ? "–" : (drift < 0 ? "−" : "+") + ui.seconds(Math.abs(drift)) + " / " + Math.round(pace.driftSince) + " s",
                 late < -0.25 && late < -0.01 * pace.driftSince ? "slow" : "");
-            const answer = Math.max(this.session.answerTime, this.session.waitingFor);
-            this.show("answer", ui.seconds(answer / 1000), answer > 250 ? "slow" : "");
+            this.showAnswer();
         }
 
         /// The field shows what holds, but not while somebody writes into it.

@@ -11,7 +11,7 @@ var treePanel;
         value: "v", buffer: "b", storage: "s", clock: "c", task: "t", parameter: "p", pointer: "→", component: "", object: "o",
     };
     class Panel {
-        constructor(panel, session) {
+        constructor(panel, session, all) {
             this.session = session;
             this.input = el("input", {
                 id: "search", type: "text", role: "combobox", "aria-expanded": "false", "aria-controls": "completions", "aria-autocomplete": "list",
@@ -39,6 +39,7 @@ var treePanel;
             this.input.addEventListener("input", () => this.complete());
             this.input.addEventListener("keydown", (event) => this.searchKey(event));
             this.input.addEventListener("blur", () => this.closeCompletions());
+            all.opened.add(() => void this.reload());
             let wasConnected = false;
             session.stateChanged.add(() => {
                 if (session.isConnected && !wasConnected)

@@ -49,7 +49,7 @@ namespace treePanel {
         private readonly values = new Map<string, string>();
         private readonly watch: model.Subscription;
 
-        constructor(panel: HTMLElement, private readonly session: model.Session) {
+        constructor(panel: HTMLElement, private readonly session: model.Session, all: tracks.Tracks) {
             panel.append(el("header", {}, el("h2", {}, "Objects"),
                 ui.button("Refresh", "Ask for the objects again", () => this.reload())),
                 el("div", { class: "search" }, el("label", { for: "search" }, "Path"), this.input, this.completions), this.error, this.viewport);
@@ -64,6 +64,7 @@ namespace treePanel {
             this.input.addEventListener("input", () => this.complete());
             this.input.addEventListener("keydown", (event) => this.searchKey(event));
             this.input.addEventListener("blur", () => this.closeCompletions());
+            all.opened.add(() => void this.reload());
             let wasConnected = false;
             session.stateChanged.add(() => {
                 if (session.isConnected && !wasConnected)

@@ -5,12 +5,14 @@ declare class uPlot {
     setScale(scale: string, limits: { min: number; max: number }): void;
     setSize(size: { width: number; height: number }): void;
     setCursor(place: { left: number; top: number }, fire?: boolean): void;
+    setSelect(place: { left: number; top: number; width: number; height: number }, fire?: boolean): void;
     redraw(rebuildPaths?: boolean): void;
     destroy(): void;
     static readonly paths: { stepped(options: { align: 1 | -1 }): uPlot.Paths };
     valToPos(value: number, scale: string): number;
     posToVal(position: number, scale: string): number;
     readonly over: HTMLElement;
+    readonly select: { left: number; width: number };
     readonly cursor: { left?: number; top?: number; idx?: number | null };
 }
 
@@ -27,7 +29,8 @@ declare namespace uPlot {
     }
     interface Series {
         label?: string;
-        stroke?: string;
+        stroke?: string | (() => string);
+        dash?: number[];
         width?: number;
         points?: { show: boolean };
         paths?: Paths;
@@ -43,9 +46,10 @@ declare namespace uPlot {
         series: Series[];
         cursor: {
             y: boolean;
-            drag: { x: boolean; y: boolean };
+            drag: { x: boolean; y: boolean; setScale: boolean; dist: number };
+            bind: { dblclick: () => null };
             points: { size: number };
         };
-        hooks: { setCursor: ((plot: uPlot) => void)[] };
+        hooks: { setCursor: ((plot: uPlot) => void)[]; setSelect: ((plot: uPlot) => void)[] };
     }
 }

@@ -1,0 +1,142 @@
+/// What takes the time, from two looks at the statistics of the program. And where its frames go.
+namespace statistics {
+    import Members = protocol.Members;
+    import textOf = protocol.textOf;
+    import numberOf = protocol.numberOf;
+
+    export interface Row {
+        readonly name: string;
+        readonly path: string;
+        /// Milliseconds of one run.
+        readonly each: number;
+        /// How often a second.
+        readonly runs: number;
+        /// Milliseconds in a second.
+        readonly perSecond: number;
+    }
+
+    interface Sum {
+        readonly name: string;
+        readonly path: string;
+        readonly accumulated: number;
+        readonly count: number;
+    }
+
+    /// The time of a task is that of its runs; other times are named.
+    const OfATask = "WallTime";
+
+    function sumsOf(header: Members): Map<string, Sum> {
+        const sums = new Map<string, Sum>();
+        for (const provider of protocol.listOf(header.providers)) {
+            const path = textOf(provider.path) || textOf(provider.name);
+            const name = textOf(provider.name) || path || "(without a name)";
+            for (const datum of protocol.listOf(provider.data)) {
+                const [accumulated, count] = [numberOf(datum.accumulated), numberOf(datum.count)];
+                if (datum.timing !== true || !Number.isFinite(accumulated) || !Number.isFinite(count))
+                    continue;
+                const what = textOf(datum.name);
+                // Several may have the same path: they come in the same order each time.
+                let key = path + "\n" + what;
+                while (sums.has(key))
+                    key += "\n";
+                sums.set(key, { name: what === OfATask || what === "" ? name : name + ": " + what, path, accumulated, count });
+            }
+        }
+        return sums;
+    }
+
+    export class Times {
+        isEnabled = false;
+        /// Those that took time between the last two looks, the longest first.
+        rows: Row[] = [];
+        private sums = new Map<string, Sum>();
+        private wall = NaN;
+
+        /// @param wall  seconds, by any clock that only goes forward
+        take(header: Members, wall: number): void {
+            const sums = sumsOf(header);
+            const seconds = wall - this.wall;
+            this.isEnabled = header.enabled === true;
+            this.rows = [];
+            for (const [key, now] of sums) {
+                const before = this.sums.get(key);
+                const count = now.count - (before?.count ?? NaN);
+                const milliseconds = now.accumulated - (before?.accumulated ?? NaN);
+                // Where they went back, somebody has cleared them.
+                if (seconds > 0 && count > 0 && milliseconds >= 0)
+                    this.rows.push({ name: now.name, path: now.path, each: milliseconds / count, runs: count / seconds, perSecond: milliseconds / seconds });
+            }
+            this.rows.sort((a, b) => b.perSecond - a.perSecond);
+            this.sums = sums;
+            this.wall = wall;
+        }
+        /// What comes next has nothing to be compared with.
+        forget(): void {
+            this.rows = [];
+            this.sums.clear();
+            this.wall = NaN;
+        }
+    }
+
+    export interface Stream {
+        readonly name: string;
+        readonly port: number;
+        readonly numFrames: number;
+        readonly numLeftOut: number;
+        readonly numClients: number;
+        readonly numQueuedBytes: number;
+    }
+    export function streamsOf(value: unknown): Stream[] {
+        return protocol.listOf(value).map((members) => ({
+            name: textOf(members.name), port: protocol.countOf(members.port), numFrames: protocol.countOf(members.numFrames),
+            numLeftOut: protocol.countOf(members.numLeftOut), numClients: protocol.countOf(members.numClients),
+            numQueuedBytes: protocol.countOf(members.numQueuedBytes),
+        }));
+    }
+
+    /// Asks for both.
+    export class Watcher {
+        readonly times = new Times();
+        streams: Stream[] = [];
+        readonly changed = new model.Signal();
+        /// Whether the program answers; null before it is known.
+        isOffered: boolean | null = null;
+        private isAsking = false;
+        private isConnected = false;
+
+        constructor(private readonly session: model.Session, private readonly now: () => number) {
+            session.stateChanged.add(() => {
+                if (session.isConnected && !this.isConnected) {
+                    this.isOffered = null;
+                    this.isAsking = false;
+                    this.times.forget();
+                    this.poll();
+                }
+                this.isConnected = session.isConnected;
+            });
+        }
+
+        /// To be called again and again.
+        poll(): void {
+            if (!this.session.isConnected || this.isAsking || this.isOffered === false)
+                return;
+            this.isAsking = true;
+            this.ask().catch((error: Error) => {
+                if (error instanceof protocol.Refusal)
+                    this.isOffered = false;
+            }).finally(() => {
+                this.isAsking = false;
+                this.changed.fire();
+            });
+        }
+        static get pollInterval(): number {
+            return 1000;
+        }
+        private async ask(): Promise<void> {
+            const [list, info] = await Promise.all([this.session.request("Statistics.List", {}), this.session.request("System.Info", {})]);
+            this.isOffered = true;
+            this.times.take(list.header, this.now() / 1000);
+            this.streams = streamsOf(info.header.streams);
+        }
+    }
+}
