@@ -325,6 +325,7 @@ var particlePanel;
                 this.offerColors();
         }
         choose() {
+            this.positions.title = this.positions.value;
             this.radius = 0;
             this.place = this.color = null;
             this.offerColors();

@@ -312,6 +312,7 @@ namespace particlePanel {
                 this.offerColors();
         }
         private choose(): void {
+            this.positions.title = this.positions.value;
             this.radius = 0;
             this.place = this.color = null;
             this.offerColors();

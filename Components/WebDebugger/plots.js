@@ -123,7 +123,8 @@ var plotPanel;
             const index = this.plot?.cursor.idx;
             const isPointed = index !== null && index !== undefined && this.cursorLeft >= 0;
             const times = this.picture[0] ?? [];
-            const place = indexAt(times, this.panel.all.time);
+            const { time } = this.panel.all;
+            const place = this.zoom !== null && !(time >= this.zoom.start && time <= this.zoom.end) ? -1 : indexAt(times, time);
             const show = (text, column, isLive, last) => {
                 const numbers = this.picture[column + 1] ?? [];
                 const value = isPointed ? numbers[index] : !isLive ? numbers[place] : this.feeds.size > 0 ? last : numbers[numbers.length - 1];

@@ -8,6 +8,7 @@ const { WebSocketServer } = require("ws");
 const { load, pageFolder } = require("./load.js");
 load("protocol.js");
 const { encode, decode, None } = globalThis.protocol;
+const { Recording, handlers: trackHandlers } = require("./mockTracks.js");
 
 const types = { ".html": "text/html", ".js": "text/javascript", ".css": "text/css", ".svg": "image/svg+xml" };
 
@@ -26,7 +27,8 @@ function servePage() {
 
 class Mock {
     constructor(options = {}) {
-        this.options = { token: "secret", writable: true, bodies: 300, many: 2000, ...options };
+        this.options = { token: "secret", writable: true, bodies: 300, many: 2000, live: true, ...options };
+        this.tracks = (this.options.recordings ?? []).map((recording, id) => new Recording(id, recording));
         this.clock = { path: "Simulation.clock", time: 0, frame: 0, frequency: 60, timeStep: 1 / 60, modulation: 1, enabled: true, master: "", pending: 0 };
         this.values = new Map([["Simulation.gravity", 9.81], ["Simulation.energy", -1], ["Simulation.wind", "1 2 3"], ["Simulation.label", "rover"]]);
         for (let i = 0; i < this.options.many; ++i)
@@ -123,6 +125,9 @@ class Mock {
         }
     }
     tick() {
+        for (const track of this.tracks)
+            if (track.advance(1 / 60))
+                this.tellTrack(track);
         if (this.clock.pending > 0) {
             this.clock.pending -= 1;
             this.step();
@@ -133,20 +138,33 @@ class Mock {
             for (const watch of client.watches.values())
                 this.update(client, watch);
     }
+    tellTrack(track) {
+        for (const client of this.clients)
+            if (client.hasTracks)
+                this.push(client, "Track.State", { track: track.entry });
+    }
+    /// The recording that a path leads into.
+    recordingOf(path) {
+        return this.tracks.find((track) => track.open && (path === track.path || path.startsWith(track.path + ".")));
+    }
+    valueOf(path) {
+        return this.recordingOf(path)?.value(path) ?? this.values.get(path);
+    }
     update(client, watch) {
         if (watch.sequence - watch.acknowledged >= 2 || Date.now() - watch.sent < watch.interval)
             return;
         const [items, parts] = [[], []];
         let offset = 0;
         watch.paths.forEach((path, item) => {
-            const known = this.values.has(path) || this.buffer(path) !== null;
-            const content = this.values.has(path) ? this.values.get(path) : known ? this.clock.frame : undefined;
+            const isValue = this.valueOf(path) !== undefined;
+            const known = isValue || this.buffer(path) !== null;
+            const content = isValue ? this.valueOf(path) : known ? this.recordingOf(path)?.index ?? this.clock.frame : undefined;
             if (watch.known[item] === content)
                 return;
             watch.known[item] = content;
             if (!known)
                 items.push({ item, removed: true });
-            else if (this.values.has(path))
+            else if (isValue)
                 items.push({ item, value: content });
             else {
                 const [elements, bytes] = this.read(path, watch);
@@ -159,11 +177,15 @@ class Mock {
             return;
         watch.sequence += 1;
         watch.sent = Date.now();
-        const { path, time, frame } = this.clock;
+        const open = this.tracks.find((track) => track.open);
+        const { path, time, frame } = this.options.live ? this.clock : { path: "", time: open?.entry.position.time, frame: open?.index };
         this.push(client, "Watch.Update", { watch: watch.watch, sequence: watch.sequence, clock: { path, time, frame }, items }, Buffer.concat(parts));
     }
 
     buffer(path) {
+        const recording = this.recordingOf(path);
+        if (recording !== undefined)
+            return recording.buffer(path);
         const name = /^Simulation\.bodies\.(position|velocity|mass)$/.exec(path);
         return name === null ? null : this.columns[name[1]];
     }
@@ -186,9 +208,12 @@ class Mock {
             name: each.slice(each.lastIndexOf(".") + 1), path: each, model: "zelData.Value", implementation: "", kind: "value", numChildren: 0,
             type: typeof this.values.get(each) === "number" ? "Real" : each.endsWith("wind") ? "Vec3" : "String", value: this.values.get(each),
         });
+        const recording = this.recordingOf(path);
+        if (recording !== undefined)
+            return recording.children(path);
         switch (path) {
         case "":
-            return [component("Simulation", "", 7)];
+            return [...this.options.live ? [component("Simulation", "", 7)] : [], ...this.tracks.filter(({ open }) => open).map((track) => component(track.path, "", 1))];
         case "Simulation":
             return [
                 { name: "clock", path: "Simulation.clock", model: "zelEngine.Clock", implementation: "zelEngine::Clock", kind: "clock", numChildren: 0, enabled: this.clock.enabled },
@@ -208,7 +233,7 @@ class Mock {
         }
     }
     entry(path, depth, begin, count) {
-        const own = path === "" ? { name: "", path: "", model: "", implementation: "", kind: "component", numChildren: 1 }
+        const own = path === "" ? { name: "", path: "", model: "", implementation: "", kind: "component", numChildren: this.children("").length }
             : this.children(path.includes(".") ? path.slice(0, path.lastIndexOf(".")) : "").find((each) => each.path === path);
         if (own === undefined)
             throw new Error("There is no '" + path + "'");
@@ -223,8 +248,9 @@ class Mock {
 }
 
 Mock.prototype.handlers = {
+    ...trackHandlers,
     "System.Info"() {
-        return { protocol: 1, version: "0", pid: 4711, threads: 2, uptime: 1, writable: this.options.writable, callable: false, uris: [], streams: [], limits: {} };
+        return { protocol: 1, version: "0", pid: 4711, threads: 2, uptime: 1, writable: this.options.writable, callable: false, uris: [], streams: this.options.streams ?? [], tracks: this.tracks.length, limits: {} };
     },
     "Object.Describe"({ path, depth = 1, begin = 0, count = 1000 }) {
         return this.entry(path, depth, begin, count);
@@ -248,7 +274,7 @@ Mock.prototype.handlers = {
     },
     "Watch.Add"({ watch, paths, begin, count, stride, interval }, client) {
         client.watches.set(watch, { watch, paths, begin, count, stride, interval, sequence: 0, acknowledged: 0, sent: 0, known: [] });
-        return { items: paths.map((path) => ({ path, kind: this.values.has(path) ? "value" : this.buffer(path) !== null ? "buffer" : "none", type: "" })) };
+        return { items: paths.map((path) => ({ path, kind: this.valueOf(path) !== undefined ? "value" : this.buffer(path) !== null ? "buffer" : "none", type: "" })) };
     },
     "Watch.Remove"({ watch }, client) {
         client.watches.delete(watch);
@@ -261,7 +287,7 @@ Mock.prototype.handlers = {
         return null;
     },
     "Clock.List"() {
-        return { clocks: [{ ...this.clock }] };
+        return { clocks: this.options.live ? [{ ...this.clock }] : [] };
     },
     "Clock.Control"({ action, count, time, value }) {
         this.changeOnly();

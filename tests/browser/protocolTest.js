@@ -4,27 +4,19 @@ const assert = require("node:assert");
 const fs = require("fs");
 const path = require("path");
 const { test } = require("node:test");
-const { load } = require("./load.js");
+const { Bench, SessionBench, bufferOf, settle } = require("./bench.js");
 
-load("protocol.js", "model.js");
 const { protocol, model } = globalThis;
-const { None, Connection, Elements, Refusal, Disconnected, encode, decode } = protocol;
+const { None, Elements, Refusal, Disconnected, encode, decode } = protocol;
 
 function golden(name) {
     const text = fs.readFileSync(path.join(__dirname, "../golden", name), "utf8").replace(/#.*/g, "");
     return Uint8Array.from(text.trim().split(/\s+/), (digits) => parseInt(digits, 16));
 }
-function bufferOf(bytes) {
-    return bytes.buffer.slice(bytes.byteOffset, bytes.byteOffset + bytes.byteLength);
-}
 function withField(bytes, at, value) {
     const changed = bytes.slice();
     new DataView(changed.buffer).setUint32(at, value, true);
     return bufferOf(changed);
-}
-/// Until all promises that can go on have done so.
-function settle() {
-    return new Promise((resolve) => setImmediate(resolve));
 }
 
 // Envelopes.
@@ -120,47 +112,6 @@ test("elements that lie about their size are refused", () => {
 });
 
 // Connections.
-
-/// A connection whose other side is the test, and whose time stands still until the test lets it go on.
-class Bench {
-    constructor() {
-        this.sockets = [];
-        this.states = [];
-        this.faults = [];
-        this.timers = [];
-        this.connection = new Connection({
-            open: () => {
-                const socket = { sent: [], isClosed: false, send: (bytes) => socket.sent.push(decode(bufferOf(bytes))), close: () => socket.isClosed = true };
-                this.sockets.push(socket);
-                return socket;
-            },
-            later: (action, milliseconds) => {
-                const timer = { action, milliseconds };
-                this.timers.push(timer);
-                return () => this.timers = this.timers.filter((each) => each !== timer);
-            },
-        }, "secret", { state: (state) => this.states.push(state), fault: (text) => this.faults.push(text) });
-        this.connection.connect();
-    }
-    get socket() {
-        return this.sockets[this.sockets.length - 1];
-    }
-    say(messageId, responseId, uri, header, payload) {
-        this.socket.onmessage({ data: bufferOf(encode(messageId, responseId, uri, header, payload)) });
-    }
-    async authenticate() {
-        this.socket.onopen();
-        this.say(1, this.socket.sent[0].messageId, "authenticate", { success: true });
-        await settle();
-    }
-    /// Runs the only timer; how long it waited.
-    runTimer() {
-        const [timer, ...others] = this.timers.splice(0);
-        assert.deepStrictEqual(others, []);
-        timer.action();
-        return timer.milliseconds;
-    }
-}
 
 test("nothing is asked ahead of the token", async () => {
     const bench = new Bench();
@@ -265,30 +216,6 @@ test("what an earlier socket still says is not heard", async () => {
 });
 
 // Watches over it.
-
-class SessionBench extends Bench {
-    constructor() {
-        super();
-        this.now = 0;
-        this.session = new model.Session({ open: () => this.open(), later: (action) => { this.later = action; return () => undefined; } }, "secret", () => this.now);
-        this.lines = this.session.lines;
-    }
-    open() {
-        const socket = { sent: [], send: (bytes) => socket.sent.push(decode(bufferOf(bytes))), close: () => undefined };
-        this.sockets.push(socket);
-        return socket;
-    }
-    async greet() {
-        this.socket.onopen();
-        this.say(1, 1, "authenticate", { success: true });
-        await settle();
-        this.say(2, 2, "System.Info", { success: true, writable: true });
-        await settle();
-    }
-    sent(uri) {
-        return this.socket.sent.filter((message) => message.uri === uri).map(({ header }) => header);
-    }
-}
 
 test("watches are added again after the connection was lost", async () => {
     const bench = new SessionBench();
