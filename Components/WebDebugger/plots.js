@@ -419,8 +419,9 @@ var plotPanel;
             if (this.feeds.size > 0) {
                 const time = before < 0 ? this.panel.all.time : plot.posToVal(before, "x");
                 const scale = (factor) => () => {
-                    const [start, end] = [plot.posToVal(0, "x"), plot.posToVal(width, "x")];
-                    this.zoomTo({ start: time + (start - time) * factor, end: time + (end - time) * factor });
+                    const shown = this.zoom ?? this.run;
+                    if (shown !== null)
+                        this.zoomTo({ start: time + (shown.start - time) * factor, end: time + (shown.end - time) * factor });
                 };
                 Object.assign(keys, { Enter: () => this.seek(time), "+": scale(0.5), "-": scale(2), "0": () => this.zoomTo(null) });
             }

@@ -26,9 +26,15 @@ namespace trackBar {
         constructor(private readonly root: HTMLElement, private readonly all: tracks.Tracks, session: model.Session) {
             this.play.id = "play";
             this.loop.id = "loop";
+            this.whole.id = "range-whole";
             this.rate.addEventListener("change", () => this.takeRate());
             this.slider.addEventListener("input", () => void all.seekTime(Number(this.slider.value)));
             this.slider.addEventListener("keydown", (event) => this.keyDown(event));
+            const limit = (end: "start" | "end", text: string, title: string): HTMLButtonElement => {
+                const button = ui.button(text, title, () => this.limit(end));
+                button.id = "range-" + end;
+                return button;
+            };
             const step = (count: number, sign: string, title: string, id: string): HTMLButtonElement => {
                 const button = ui.button(sign, title, () => void all.step(count));
                 button.id = id;
@@ -39,8 +45,7 @@ namespace trackBar {
                 el("div", { class: "buttons" }, step(-1, "◂", "One frame back", "step-back"), this.play, step(1, "▸", "One frame on", "step-on")),
                 el("div", { class: "way" }, this.ends[0], el("div", { class: "rail" }, this.marked, this.slider), this.ends[1]), this.place,
                 el("div", { class: "buttons more" }, el("label", {}, "Rate ", this.rate), this.loop,
-                    ui.button("Start here", "Playing begins at this time", () => this.limit("start")),
-                    ui.button("End here", "Playing ends at this time", () => this.limit("end")), this.whole));
+                    limit("start", "Start here", "Playing begins at this time"), limit("end", "End here", "Playing ends at this time"), this.whole));
             root.append(this.list, this.transport, this.error);
             all.changed.add(() => ui.drawSoon(this.draw));
             session.stateChanged.add(() => ui.drawSoon(this.draw));
@@ -91,7 +96,9 @@ namespace trackBar {
                 return;
             const { run, range, time, teller, isPlaying } = all;
             const position = teller?.position ?? null;
-            ui.setText(this.play, isPlaying ? "Pause" : "Play");
+            const play = isPlaying ? "Pause" : "Play";
+            ui.setText(this.play, play);
+            this.play.setAttribute("aria-label", play + " the recordings");
             this.loop.setAttribute("aria-pressed", String(all.loops));
             this.whole.hidden = !all.hasRange;
             const text = Number.isNaN(time) ? "no frame" : timeText(time) + " s" + (position === null ? "" : ", frame " + position.frame);
