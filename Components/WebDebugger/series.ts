@@ -28,7 +28,9 @@ namespace series {
 
     /// The rows of one series.
     export class Rows {
-        readonly times: number[] = [];
+        private readonly allTimes: number[] = [];
+        /// Of the rows that are drawn; null where it is to be found out.
+        private kept: number[] | null = null;
         readonly items: Column[];
         isDone = false;
         numFrames = 0;
@@ -47,7 +49,26 @@ namespace series {
         }
         /// The part of the rows that has come.
         get progress(): number {
-            return this.isDone ? 1 : this.numFrames === 0 ? 0 : Math.min(1, this.times.length * this.framesPerPoint / this.numFrames);
+            return this.isDone ? 1 : this.numFrames === 0 ? 0 : Math.min(1, this.allTimes.length * this.framesPerPoint / this.numFrames);
+        }
+        get isEmpty(): boolean {
+            return this.allTimes.length === 0;
+        }
+        /// They rise: a time that is not above those before takes them back.
+        get times(): number[] {
+            return this.rows.map((row) => this.allTimes[row]!);
+        }
+        private get rows(): number[] {
+            if (this.kept !== null)
+                return this.kept;
+            const kept: number[] = [];
+            let next = Infinity;
+            for (let row = this.allTimes.length - 1; row >= 0; --row)
+                if (this.allTimes[row]! < next && this.allTimes[row]! > -Infinity) {
+                    next = this.allTimes[row]!;
+                    kept.push(row);
+                }
+            return this.kept = kept.reverse();
         }
 
         /// The next piece.
@@ -55,17 +76,11 @@ namespace series {
         take(header: Members, payload: Uint8Array): void {
             const count = countOf(header.count);
             const first = countOf(header.first);
-            if (first !== this.times.length || this.isDone)
+            if (first !== this.allTimes.length || this.isDone)
                 throw new Error("rows of a series that do not follow one another");
             if (first + count > MaxRows)
                 throw new Error("a series of too many rows");
             const times = Rows.numbers(protocol.isMembers(header.times) ? header.times : {}, count, payload);
-            let last = this.times[first - 1] ?? -Infinity;
-            for (const time of times) {
-                if (!(time >= last) || !Number.isFinite(time))
-                    throw new Error("times of a series that do not rise");
-                last = time;
-            }
             const parts = protocol.listOf(header.items).map((members) => {
                 const item = this.items[numberOf(members.item)];
                 const error = protocol.textOf(members.error);
@@ -77,7 +92,8 @@ namespace series {
                 return { item, error, id: members.id, components, numbers: error === "" ? Rows.numbers(members, count * components, payload) : [] };
             });
             for (const time of times)
-                this.times.push(time);
+                this.allTimes.push(time);
+            this.kept = null;
             for (const { item, error, id, components, numbers } of parts) {
                 if (error !== "") {
                     item.error = error;
@@ -104,7 +120,7 @@ namespace series {
         /// One number of each row; null where there is none.
         column(index: number, component: number): (number | null)[] {
             const { components, numbers } = this.items[index]!;
-            return this.times.map((_, row) => {
+            return this.rows.map((row) => {
                 const number = component < components ? numbers[row * components + component] : undefined;
                 return number !== undefined && Number.isFinite(number) ? number : null;
             });
@@ -265,7 +281,7 @@ namespace series {
         private settle(): void {
             const { rows } = this.coming!;
             const isBetter = !this.isOfOtherRange && this.rows !== null && this.rows !== rows;
-            if (rows.isDone || rows.times.length > 0 && !isBetter) {
+            if (rows.isDone || !rows.isEmpty && !isBetter) {
                 this.rows = rows;
                 this.isOfOtherRange = false;
             }

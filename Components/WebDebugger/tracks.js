@@ -5,6 +5,8 @@ var tracks;
     var textOf = protocol.textOf;
     var numberOf = protocol.numberOf;
     var countOf = protocol.countOf;
+    /// Between two looks at a recording that does not grow, in polls.
+    const LongestPause = 16;
     function finite(value, otherwise) {
         const number = numberOf(value);
         return Number.isFinite(number) ? number : otherwise;
@@ -24,13 +26,14 @@ var tracks;
         if (!Number.isSafeInteger(id) || id < 0)
             return null;
         const run = spanOf(members.startTime, members.endTime, { start: 0, end: 0 });
-        const range = protocol.isMembers(members.range) ? members.range : {};
+        const limits = protocol.isMembers(members.range) ? members.range : {};
+        const range = spanOf(limits.start, limits.end, run);
         return {
             id, name: textOf(members.name) || "track " + id, isLive: members.live === true, isOpen: members.open === true, path: textOf(members.path),
             session: textOf(members.session), file: textOf(members.file), isClosed: members.closed === true, numFrames: countOf(members.numFrames), run,
             timeStep: finite(members.timeStep, 0), position: positionOf(members.position), isPlaying: members.playing === true,
             rate: finite(members.rate, 1) || 1, stride: countOf(members.stride) || 1, loops: members.loop === true,
-            range: spanOf(range.start, range.end, run), error: textOf(members.error),
+            range: { start: Math.max(range.start, run.start), end: Math.min(range.end, run.end) }, error: textOf(members.error),
         };
     }
     tracks.trackOf = trackOf;
@@ -45,7 +48,8 @@ var tracks;
         const step = track.stride > 1 ? track.stride * Math.abs(track.timeStep) : 0;
         return position === null || (rate > 0 ? position.time + step >= range.end : position.time - step <= range.start);
     }
-    function around(spans) {
+    function around(all) {
+        const spans = all.filter(({ start, end }) => start <= end);
         return spans.length === 0 ? { start: 0, end: 0 } :
             { start: Math.min(...spans.map(({ start }) => start)), end: Math.max(...spans.map(({ end }) => end)) };
     }
@@ -66,6 +70,8 @@ var tracks;
             this.wanted = null;
             this.target = null;
             this.numInFlight = 0;
+            this.numPolls = 0;
+            this.growth = new Map();
             this.isTogether = false;
             this.loopsTogether = false;
             this.chosenRate = null;
@@ -128,7 +134,8 @@ var tracks;
             return around(this.open.map(({ run }) => run));
         }
         get range() {
-            return around(this.open.map(({ range }) => range));
+            const range = around(this.open.map(({ range }) => range));
+            return this.open.some(({ range: { start, end } }) => start <= end) ? range : this.run;
         }
         get hasRange() {
             return this.open.some(({ run, range }) => range.start > run.start || range.end < run.end);
@@ -211,9 +218,11 @@ var tracks;
         }
         /// @param range  null for the whole run
         async setRange(range) {
-            await Promise.all(this.open.map((track) => this.control(track, "range", range === null ? {} : {
-                start: Math.max(range.start, track.run.start), end: Math.min(range.end, track.run.end),
-            })));
+            const { run } = this;
+            // What is not limited may grow.
+            await this.all("range", {
+                ...range !== null && range.start > run.start ? { start: range.start } : {}, ...range !== null && range.end < run.end ? { end: range.end } : {},
+            });
         }
         /// To be called again and again: asks for tracks that are new, and recordings for what was written to them meanwhile.
         poll() {
@@ -223,9 +232,7 @@ var tracks;
             this.session.request("Track.List", {}).then(({ header }) => {
                 this.isAsking = false;
                 this.takeAll(protocol.listOf(header.tracks));
-                for (const track of this.open)
-                    if (!track.isClosed && track.error === "")
-                        void this.control(track, "open", {});
+                this.readOn();
             }, (error) => {
                 this.isAsking = false;
                 // A program that knows of no tracks is not asked again.
@@ -235,23 +242,37 @@ var tracks;
         static get pollInterval() {
             return 2000;
         }
+        /// What was written to recordings meanwhile. One that has not grown is asked less and less often: its writer may be gone.
+        readOn() {
+            ++this.numPolls;
+            for (const track of this.open) {
+                const state = this.growth.get(track.id) ?? { numFrames: -1, pause: 1, next: 0 };
+                if (track.isClosed || this.numPolls < state.next)
+                    continue;
+                const pause = state.numFrames === track.numFrames ? Math.min(2 * state.pause, LongestPause) : 1;
+                this.growth.set(track.id, { numFrames: track.numFrames, pause, next: this.numPolls + pause });
+                void this.control(track, "open", {}, true);
+            }
+        }
         async all(action, members) {
             await Promise.all(this.open.map((track) => this.control(track, action, members)));
         }
+        /// @param isQuiet  nobody has asked for it
         /// @return whether it was done
-        async control(track, action, members) {
+        async control(track, action, members, isQuiet = false) {
             ++this.numInFlight;
             let isDone = false;
             try {
                 const { header } = await this.session.request("Track.Control", { id: track.id, action, ...members });
                 isDone = true;
-                this.error = "";
+                if (!isQuiet)
+                    this.error = "";
                 if (protocol.isMembers(header.track))
                     this.take(header.track, false);
             }
             catch (error) {
-                this.isTogether = false;
-                if (error instanceof protocol.Refusal)
+                this.isTogether = this.isTogether && isQuiet;
+                if (error instanceof protocol.Refusal && !isQuiet)
                     this.error = track.name + ": " + error.message;
                 this.changed.fire();
             }
@@ -290,6 +311,9 @@ var tracks;
                 return;
             const before = this.get(track.id);
             this.list = before === null ? [...this.list, track] : this.list.map((each) => each.id === track.id ? track : each);
+            // The page looks at the run's clock.
+            if (track.isLive && before !== null)
+                return;
             // Somebody else has stopped it.
             if (isPush && before?.isPlaying === true && !track.isPlaying && !isAtEnd(track, track.rate) && this.numInFlight === 0)
                 this.isTogether = false;

@@ -39,10 +39,13 @@ namespace tracks {
         readonly rate: number;
         readonly stride: number;
         readonly loops: boolean;
-        /// Where playing stays.
+        /// Where playing stays, as far as there are frames; the start is above the end where there are none.
         readonly range: Span;
         readonly error: string;
     }
+
+    /// Between two looks at a recording that does not grow, in polls.
+    const LongestPause = 16;
 
     function finite(value: unknown, otherwise: number): number {
         const number = numberOf(value);
@@ -64,13 +67,14 @@ namespace tracks {
         if (!Number.isSafeInteger(id) || id < 0)
             return null;
         const run = spanOf(members.startTime, members.endTime, { start: 0, end: 0 });
-        const range = protocol.isMembers(members.range) ? members.range : {};
+        const limits = protocol.isMembers(members.range) ? members.range : {};
+        const range = spanOf(limits.start, limits.end, run);
         return {
             id, name: textOf(members.name) || "track " + id, isLive: members.live === true, isOpen: members.open === true, path: textOf(members.path),
             session: textOf(members.session), file: textOf(members.file), isClosed: members.closed === true, numFrames: countOf(members.numFrames), run,
             timeStep: finite(members.timeStep, 0), position: positionOf(members.position), isPlaying: members.playing === true,
             rate: finite(members.rate, 1) || 1, stride: countOf(members.stride) || 1, loops: members.loop === true,
-            range: spanOf(range.start, range.end, run), error: textOf(members.error),
+            range: { start: Math.max(range.start, run.start), end: Math.min(range.end, run.end) }, error: textOf(members.error),
         };
     }
 
@@ -85,7 +89,8 @@ namespace tracks {
         const step = track.stride > 1 ? track.stride * Math.abs(track.timeStep) : 0;
         return position === null || (rate > 0 ? position.time + step >= range.end : position.time - step <= range.start);
     }
-    function around(spans: readonly Span[]): Span {
+    function around(all: readonly Span[]): Span {
+        const spans = all.filter(({ start, end }) => start <= end);
         return spans.length === 0 ? { start: 0, end: 0 } :
             { start: Math.min(...spans.map(({ start }) => start)), end: Math.max(...spans.map(({ end }) => end)) };
     }
@@ -114,6 +119,8 @@ namespace tracks {
         private wanted: number | null = null;
         private target: number | null = null;
         private numInFlight = 0;
+        private numPolls = 0;
+        private readonly growth = new Map<number, { readonly numFrames: number; readonly pause: number; readonly next: number }>();
         private isTogether = false;
         private loopsTogether = false;
         private chosenRate: number | null = null;
@@ -180,7 +187,8 @@ namespace tracks {
             return around(this.open.map(({ run }) => run));
         }
         get range(): Span {
-            return around(this.open.map(({ range }) => range));
+            const range = around(this.open.map(({ range }) => range));
+            return this.open.some(({ range: { start, end } }) => start <= end) ? range : this.run;
         }
         get hasRange(): boolean {
             return this.open.some(({ run, range }) => range.start > run.start || range.end < run.end);
@@ -268,9 +276,11 @@ namespace tracks {
         }
         /// @param range  null for the whole run
         async setRange(range: Span | null): Promise<void> {
-            await Promise.all(this.open.map((track) => this.control(track, "range", range === null ? {} : {
-                start: Math.max(range.start, track.run.start), end: Math.min(range.end, track.run.end),
-            })));
+            const { run } = this;
+            // What is not limited may grow.
+            await this.all("range", {
+                ...range !== null && range.start > run.start ? { start: range.start } : {}, ...range !== null && range.end < run.end ? { end: range.end } : {},
+            });
         }
 
         /// To be called again and again: asks for tracks that are new, and recordings for what was written to them meanwhile.
@@ -281,9 +291,7 @@ namespace tracks {
             this.session.request("Track.List", {}).then(({ header }) => {
                 this.isAsking = false;
                 this.takeAll(protocol.listOf(header.tracks));
-                for (const track of this.open)
-                    if (!track.isClosed && track.error === "")
-                        void this.control(track, "open", {});
+                this.readOn();
             }, (error: Error) => {
                 this.isAsking = false;
                 // A program that knows of no tracks is not asked again.
@@ -294,22 +302,36 @@ namespace tracks {
             return 2000;
         }
 
+        /// What was written to recordings meanwhile. One that has not grown is asked less and less often: its writer may be gone.
+        private readOn(): void {
+            ++this.numPolls;
+            for (const track of this.open) {
+                const state = this.growth.get(track.id) ?? { numFrames: -1, pause: 1, next: 0 };
+                if (track.isClosed || this.numPolls < state.next)
+                    continue;
+                const pause = state.numFrames === track.numFrames ? Math.min(2 * state.pause, LongestPause) : 1;
+                this.growth.set(track.id, { numFrames: track.numFrames, pause, next: this.numPolls + pause });
+                void this.control(track, "open", {}, true);
+            }
+        }
         private async all(action: string, members: Members): Promise<void> {
             await Promise.all(this.open.map((track) => this.control(track, action, members)));
         }
+        /// @param isQuiet  nobody has asked for it
         /// @return whether it was done
-        private async control(track: Track, action: string, members: Members): Promise<boolean> {
+        private async control(track: Track, action: string, members: Members, isQuiet = false): Promise<boolean> {
             ++this.numInFlight;
             let isDone = false;
             try {
                 const { header } = await this.session.request("Track.Control", { id: track.id, action, ...members });
                 isDone = true;
-                this.error = "";
+                if (!isQuiet)
+                    this.error = "";
                 if (protocol.isMembers(header.track))
                     this.take(header.track, false);
             } catch (error) {
-                this.isTogether = false;
-                if (error instanceof protocol.Refusal)
+                this.isTogether = this.isTogether && isQuiet;
+                if (error instanceof protocol.Refusal && !isQuiet)
                     this.error = track.name + ": " + error.message;
                 this.changed.fire();
             }
@@ -348,6 +370,9 @@ namespace tracks {
                 return;
             const before = this.get(track.id);
             this.list = before === null ? [...this.list, track] : this.list.map((each) => each.id === track.id ? track : each);
+            // The page looks at the run's clock.
+            if (track.isLive && before !== null)
+                return;
             // Somebody else has stopped it.
             if (isPush && before?.isPlaying === true && !track.isPlaying && !isAtEnd(track, track.rate) && this.numInFlight === 0)
                 this.isTogether = false;

@@ -177,11 +177,22 @@ test("a step of the one that tells the time takes the others along", async () =>
     await bench.answerControls(entry(2, { time: 6.9 }));
     assert.deepStrictEqual(bench.asked, [[1, "seekTime", 6.9]]);
 });
-test("a range is cut to each recording, and without one all is played", async () => {
+test("a range is that of all, without an end that is that of the run, and without one all is played", async () => {
     const bench = await TracksBench.start(entry(1, { end: 5 }), entry(2, { start: 3 }));
     bench.all.setRange({ start: 1, end: 8 });
+    bench.all.setRange({ start: 1, end: 10 });
     bench.all.setRange(null);
-    assert.deepStrictEqual(bench.asked, [[1, "range", 1, 5], [2, "range", 3, 8], [1, "range"], [2, "range"]]);
+    assert.deepStrictEqual(bench.asked, [[1, "range", 1, 8], [2, "range", 1, 8], [1, "range", 1], [2, "range", 1], [1, "range"], [2, "range"]]);
+});
+test("a recording without frames in the range is not played, and limits nothing", async () => {
+    const bench = await TracksBench.start(entry(1, { end: 5, time: 5, range: { start: 6, end: 8 } }), entry(2, { time: 7, range: { start: 6, end: 8 } }));
+    assert.deepStrictEqual([bench.all.range, bench.all.hasRange], [{ start: 6, end: 8 }, true]);
+    bench.all.play();
+    await bench.answerControls(entry(1, { end: 5, time: 5, range: { start: 6, end: 8 } }), entry(2, { time: 7, range: { start: 6, end: 8 } }));
+    assert.deepStrictEqual(bench.asked, [[1, "seekTime", 7], [2, "seekTime", 7], [2, "play", 1]]);
+});
+test("a range without ends is that of the run", () => {
+    assert.deepStrictEqual(tracks.trackOf(entry(1, { range: { start: null, end: 4 } })).range, { start: 0, end: 4 });
 });
 test("a refusal is told by the name of the recording, and ends playing together", async () => {
     const bench = await TracksBench.start(entry(1, { time: 2 }), entry(2, { time: 2 }));
@@ -193,8 +204,23 @@ test("a refusal is told by the name of the recording, and ends playing together"
     assert.strictEqual(bench.asked.length, 4);
 });
 test("recordings that are being written are asked for what is new", async () => {
-    const bench = await TracksBench.start(entry(1, { closed: false }), entry(2), entry(3, { closed: false, error: "cut short" }), entry(4, { closed: false, open: false }));
+    const bench = await TracksBench.start(entry(1, { closed: false }), entry(2), entry(4, { closed: false, open: false }));
     assert.deepStrictEqual(bench.asked, [[1, "open"]]);
+});
+test("a recording that does not grow is asked less and less often, and nobody is told of it", async () => {
+    let numFrames = 101;
+    const bench = await TracksBench.start(entry(1, { closed: false }));
+    const polls = async (count) => {
+        for (let i = 0; i < count; ++i) {
+            bench.all.poll();
+            await bench.answer("Track.List", { tracks: [entry(1, { closed: false, numFrames })] });
+        }
+        return bench.asked.length;
+    };
+    await bench.refuse("Track.Control", "the disk is gone");
+    assert.deepStrictEqual([bench.asked.length, bench.all.error, await polls(7), await polls(100)], [1, "", 3, 6]);
+    numFrames = 102;
+    assert.strictEqual(await polls(16), 4); // one of the long pauses, and anew from short ones on
 });
 
 // Series.
@@ -243,10 +269,6 @@ test("pieces that lie are refused, and leave what came before them", () => {
     const lies = {
         "a gap": [3, ...good.slice(1)],
         "again": [1, ...good.slice(1)],
-        "times that fall": [2, [3, 2], good[2]],
-        "a time ahead of those before": [2, [0.5, 2], good[2]],
-        "a time that is none": [2, [2, NaN], good[2]],
-        "an infinite time": [2, [2, Infinity], good[2]],
         "an unknown item": [...good.slice(0, 2), [{ rows: [[3], [4]], item: 5 }]],
         "no item": [...good.slice(0, 2), [{ rows: [[3], [4]], item: "a" }]],
         "another size": [...good.slice(0, 2), [{ rows: [[3, 3], [4, 4]] }]],
@@ -263,6 +285,11 @@ test("pieces that lie are refused, and leave what came before them", () => {
         taken(rows, ...good);
         assert.deepStrictEqual(rows.column(0, 0), [1, 2, 3, 4], name);
     }
+});
+test("a time that goes back takes back what came before it, and what is no time is left out", () => {
+    const rows = taken(new series.Rows(1), 0, [0, 1, NaN, 2], [{ rows: [[1], [2], [3], [4]] }]);
+    taken(rows, 4, [2, 1.5, Infinity, 3, -Infinity], [{ rows: [[5], [6], [7], [8], [9]] }]);
+    assert.deepStrictEqual([rows.times, rows.column(0, 0)], [[0, 1, 1.5, 3], [1, 2, 6, 8]]);
 });
 test("what comes after the end is refused", () => {
     const rows = taken(new series.Rows(1), 0, [0], [{ rows: [[1]] }], { done: true });
