@@ -10,6 +10,7 @@
 #include <zelNet/PortRange.h>
 #include <zelNet/WebSocket.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -85,8 +86,8 @@ public:
     /// The same of a message: each connection gets a packet of its own, with its own number.
     void send(const StructuredMessage* message);
 
-    /// Connects to another server, and waits for it, for 20 seconds at most. Callbacks of this server's
-    /// connections are called meanwhile.
+    /// Connects to another server, and waits for it, for 20 seconds at most unless setConnectLimit was
+    /// called. Callbacks of this server's connections are called meanwhile.
     /// @param path  empty for "/"
     /// @param isAnonymous  see WebSocket::setAnonymous
     /// @return the connection, which the server holds
@@ -108,6 +109,8 @@ public:
     /// A connection for which more bytes wait is ended: its peer is too slow. One packet may always wait.
     void setMaxQueuedBytes(zel::size_t size) noexcept { m_maxQueuedBytes = size; }
     [[nodiscard]] zel::size_t getMaxQueuedBytes() const noexcept { return m_maxQueuedBytes; }
+    /// How long createConnection waits.
+    void setConnectLimit(std::chrono::milliseconds limit) noexcept { m_connectLimit = limit; }
     /// So many incoming connections may be open that are not authenticated; more are refused.
     void setMaxUnauthenticated(zel::size_t count) noexcept { m_maxUnauthenticated = count; }
 
@@ -152,6 +155,7 @@ private:
     zel::size_t m_maxMessageSize = DefaultMaxMessageSize;
     zel::size_t m_maxQueuedBytes = DefaultMaxQueuedBytes;
     zel::size_t m_maxUnauthenticated = MaxConnections;
+    std::chrono::milliseconds m_connectLimit = std::chrono::seconds(20);
     lws_context* m_secureContext = nullptr; // of encrypted outgoing connections, from the first one on
     mutable std::recursive_mutex m_mutex; // no rank: the program's callbacks run under it, and take any lock
 };

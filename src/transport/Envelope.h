@@ -24,6 +24,11 @@ namespace zelNet {
     return (numBytes + 31) / 32 * 32;
 }
 
+/// The number of a sender's next message: 0 is none.
+[[nodiscard]] constexpr zel::uint32 messageIdAfter(zel::uint32 id) {
+    return id + 1 == 0 ? 1 : id + 1;
+}
+
 /// Text of a peer, for a terminal or a log: without control characters.
 /// @param limit  what is longer is cut, and ends in "..."
 [[nodiscard]] std::string printable(std::string_view text, zel::size_t limit = std::string_view::npos);

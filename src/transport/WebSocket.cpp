@@ -124,10 +124,8 @@ void WebSocket::send(const StructuredMessage* message) {
     if (m_server == nullptr)
         return;
     const std::lock_guard lock(m_server->m_mutex);
-    const uint32 id = m_nextMessageId++;
-    if (m_nextMessageId == 0)
-        m_nextMessageId = 1;
-    message->setMessageId(id);
+    message->setMessageId(m_nextMessageId);
+    m_nextMessageId = messageIdAfter(m_nextMessageId);
     send(zel::ref_ptr<Packet>(packetOf(*message)).get());
 }
 

@@ -468,7 +468,7 @@ WebSocket* WebSocketServer::createConnection(const zel::String& host,
     }
     m_pendingConnection = handle;
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::seconds(20);
+    const auto end = Clock::now() + m_connectLimit;
     WebSocket* socket = nullptr;
     while ((socket = getWebSocket(handle)) == nullptr) {
         const bool isQuiet = !service(0);

@@ -236,6 +236,9 @@ TEST_F(RemoteCommandServerMaliciousTest, GuessesOfTheTokenAllFail) {
         EXPECT_THAT(get("/", "Token: " + guess + "\r\n"), StartsWith("HTTP/1.1 403")) << guess;
         EXPECT_THAT(get("/", "Token: " + token.substr(0, i) + "\r\n"), StartsWith("HTTP/1.1 403"));
     }
+    for (std::size_t i = 0; i < 1000; ++i) // of all lengths, and with each first character that a token has
+        ASSERT_THAT(get("/", "Token: " + (token + token).substr(i % 16, i % 31) + "g\r\n"),
+                    StartsWith("HTTP/1.1 403"));
     EXPECT_EQ(bodyOf(get("/", "Token: " + token + "\r\n")), "the page");
     server->setAuthenticationToken("");
 }

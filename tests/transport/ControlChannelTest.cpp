@@ -236,6 +236,28 @@ TEST_F(ControlChannelTest, AMessageThatComesTwiceIsAnsweredOnce) {
                 MatchesRegex("0x[0-9a-f]+: ControlChannel detected duplicate message! Echo\n"));
 }
 
+TEST_F(ControlChannelTest, NumbersThatBeginAgainAreNewMessages) {
+    const auto peer = connect();
+    const zelTest::StreamCapture output(std::cout);
+    int value = 0;
+    const auto ask = [&](zel::uint32 id) {
+        send(*peer, "Echo", "{\"value\":" + std::to_string(++value) + "}", id);
+        return value;
+    };
+    const auto expectEcho = [&](zel::uint32 id, int asked) {
+        const Answer answer = takeAnswer(*peer);
+        EXPECT_EQ(answer.responseId, id);
+        EXPECT_EQ(answer.header, "{\"value\":" + std::to_string(asked) + "}\n");
+    };
+    for (const zel::uint32 id : {1U, 2U, 0xFFFFFFFEU, 0xFFFFFFFFU, 1U})
+        expectEcho(id, ask(id));
+    ask(1);
+    expectEcho(2, ask(2));
+    EXPECT_EQ(numEchoes, 6);
+    EXPECT_THAT(output.text(),
+                MatchesRegex("0x[0-9a-f]+: ControlChannel detected duplicate message! Echo\n"));
+}
+
 TEST_F(ControlChannelTest, TheSameNumberFromAnotherClientIsAnotherMessage) {
     const auto one = connect();
     const auto two = connect();
@@ -362,6 +384,38 @@ TEST_F(ControlChannelTest, AFailedTokenLeavesTheSocketOpen) {
     EXPECT_FALSE(authenticate(*peer, "wrong", ++id));
     EXPECT_FALSE(socket->isAuthenticated()) << "what was trusted is so no more";
     EXPECT_TRUE(socket->isOpen());
+}
+
+TEST_F(ControlChannelTest, ThousandsOfWrongTokensOpenNothing) {
+    const std::string token = "b6a1c3e2f0d94e7a8c5b6d7e8f901234";
+    start(token);
+    const auto peer = connect();
+    const zelTest::StreamCapture output(std::cout);
+    zel::uint32 id = 0;
+    const auto expectWrong = [&](const std::string& guess) {
+        ASSERT_FALSE(authenticate(*peer, guess, ++id)) << guess;
+    };
+    for (std::size_t i = 0; i < token.size(); ++i) {
+        expectWrong(token.substr(0, i));
+        expectWrong(token.substr(i + 1));
+        for (char c = '!'; c < '~'; ++c) {
+            std::string guess = token;
+            guess[i] = c;
+            if (guess != token && c != '"' && c != '\\')
+                expectWrong(guess);
+        }
+    }
+    for (const char* more : {" ", "0", "\\u0000", "\\n"})
+        expectWrong(token + more);
+    expectWrong(token + token);
+    expectWrong(std::string(100'000, '0'));
+    EXPECT_GT(id, 2800U);
+    EXPECT_EQ(channel->getClients().size(), 1U) << "nobody is sent away";
+    send(*peer, "Echo", "{}", ++id);
+    EXPECT_EQ(takeFrame(*peer).payload, "Error: not authenticated!");
+    EXPECT_TRUE(authenticate(*peer, token, ++id));
+    send(*peer, "Echo", "{}", ++id);
+    EXPECT_EQ(takeAnswer(*peer).uri, "Echo");
 }
 
 TEST_F(ControlChannelTest, ATokenOfAnotherKindIsTold) {

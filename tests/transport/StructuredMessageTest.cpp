@@ -1,4 +1,5 @@
 #include "StructuredMessageFixture.h"
+#include "transport/Envelope.h"
 
 #include <zelNet/NetError.h>
 
@@ -292,6 +293,12 @@ TEST(StructuredMessageMaliciousTest, EachCutGivesAMessageOrAnError) {
     const std::string bytes = Envelope("uri", "{\"a\":1}", "payload").bytes();
     for (std::size_t size = 0; size < bytes.size(); ++size)
         EXPECT_THROW((void)parseMessage(bytes.substr(0, size)), NetError) << size;
+}
+
+TEST(EnvelopeTest, NumbersOfMessagesBeginAgainAt1) {
+    EXPECT_EQ(zelNet::messageIdAfter(1), 2U);
+    EXPECT_EQ(zelNet::messageIdAfter(0xFFFFFFFE), 0xFFFFFFFF);
+    EXPECT_EQ(zelNet::messageIdAfter(0xFFFFFFFF), 1U);
 }
 
 } // namespace

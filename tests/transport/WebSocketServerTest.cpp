@@ -1,3 +1,4 @@
+#include "SocketFixture.h"
 #include "WebSocketFixture.h"
 
 #include <zelNet/NetError.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <set>
 
 using testing::ElementsAre;
@@ -499,6 +501,38 @@ TEST_F(WebSocketServerTest, NobodyToConnectToThrows) {
     EXPECT_EQ(whatOf([&] { (void)client->createConnection("127.0.0.1", port, false, "/", Protocol, false); }),
               "WebSocketServer::connect");
     EXPECT_EQ(output.text(), "WebSocket connection error!\n");
+}
+
+TEST_F(WebSocketServerTest, PeersThatNeverShakeHandsAreGivenUp) {
+    const auto client = makeClient();
+    serveAlso([&] { client->service(0); });
+    client->setConnectLimit(std::chrono::milliseconds(20));
+    for (const char* word : {"", "HTTP/1.1 101 Switching Protocols\r\nUpgrade: webso"}) {
+        std::atomic<bool> hasHungUp{false};
+        zelTest::OpenServer mute;
+        mute.open(zelNet::getAvailablePort(), true);
+        std::thread peer([&mute, &hasHungUp, word] {
+            const ref_ptr<zelNet::TCPSocket> accepted(mute.accept());
+            accepted->sendBlocking(zelTest::bytesOf(word), static_cast<zel::uint32>(std::strlen(word)));
+            zel::uint8 byte = 0;
+            try {
+                for (;;) // until the other side hangs up
+                    accepted->recvBlocking(&byte, 1);
+            } catch (const zelNet::NetError&) {
+                hasHungUp = true;
+            }
+        });
+        EXPECT_EQ(whatOf([&] {
+                      (void)client->createConnection(
+                          "127.0.0.1", mute.getPort(), false, "/", Protocol, false);
+                  }),
+                  "WebSocketServer::connect");
+        EXPECT_TRUE(serveUntil([&] { return hasHungUp.load(); }));
+        peer.join();
+    }
+    EXPECT_EQ(client->getClientSockets().size(), 0U);
+    client->setConnectLimit(std::chrono::minutes(1));
+    EXPECT_NE(connect(*client, *makeServer()), nullptr) << "others are still found";
 }
 
 TEST_F(WebSocketServerTest, OutgoingConnectionsEndAsOthersDo) {
