@@ -286,12 +286,14 @@ void InspectionTracks::control(InspectionRequest& request) {
         opened().isPlaying = false;
     } else if (action == "seek") {
         const uint64 frame = request.wholeNumber("frame", ~uint64{0});
-        show(withFrames(), placeOfFrame(*track.tree->getJournal(), frame), true);
+        const Track& seeking = withFrames();
+        show(track, placeOfFrame(*seeking.tree->getJournal(), frame), true);
     } else if (action == "seekTime") {
         const double time = request.number("time");
         TimeRange range;
         range.end = time;
-        show(withFrames(), placesOf(track, range).second, true);
+        const Track& seeking = withFrames();
+        show(track, placesOf(seeking, range).second, true);
     } else if (action == "step") {
         const int64 count = request.signedNumber("count", 1);
         step(withFrames(), count);

@@ -57,7 +57,7 @@ def visit(address, rng):
             lambda: remote.track(1, "seek", frame=rng.randrange(1000)),
             lambda: remote.track(1, "step", count=rng.randrange(-5, 6)),
             lambda: remote.series(1, [("past.bodies.position", rng.randrange(20)), "past.duration"], points=1000, timeout=TIMEOUT),
-            lambda: [update for update, _ in zip(remote.watch(rng.sample(PATHS, 4), interval=0.016), range(rng.randrange(1, 60)))],
+            lambda: watch_some(remote, rng),
             lambda: take_frames(remote, rng),
             lambda: remote.log(rng.choice(["info", "warning"])),
             lambda: time.sleep(rng.random() * 2),  # looks at nothing that comes
@@ -70,6 +70,12 @@ def visit(address, rng):
                 pass
         if rng.random() < 0.3:
             os._exit(0)  # vanishes, with all that is under way
+
+
+def watch_some(remote, rng):
+    with remote.watch([*rng.sample(PATHS, 4), "Solar.clock.time"], interval=0.016) as watch:
+        for _ in range(rng.randrange(1, 60)):
+            watch.next(TIMEOUT)
 
 
 def take_frames(remote, rng):
@@ -114,6 +120,7 @@ def client(address, seed, number, end):
 
 
 def measure(remote, seconds):
+    """Milliseconds of a step, and steps a second."""
     before = step_time(remote)
     time.sleep(seconds)
     after = step_time(remote)
@@ -121,11 +128,14 @@ def measure(remote, seconds):
 
 
 def main():
+    """The exit code."""
     seed = int.from_bytes(os.urandom(3), "little")
     print(f"seed {seed}, {SECONDS:.0f} s, {NUM_CLIENTS} clients", flush=True)
     with tempfile.TemporaryDirectory() as folder:
-        with subprocess.Popen([TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", "--writable", "--statistics", "--real-time", "--record",
-                               f"{folder}/past.journal"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as process:
+        errors = pathlib.Path(folder) / "errors"
+        command = [TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", "--writable", "--statistics", "--real-time",
+                   "--record", f"{folder}/past.journal"]
+        with errors.open("w") as sink, subprocess.Popen(command, stdout=subprocess.PIPE, stderr=sink, text=True) as process:
             address = next(match.group(1) for line in process.stdout if (match := re.match(r"Control: (\S+)$", line)))
             failed = False
             with zelremote.connect(address, timeout=TIMEOUT) as remote:
@@ -135,23 +145,24 @@ def main():
                 for each in clients:
                     each.start()
                 time.sleep(SECONDS / 6)  # until all has been used once
-                sizes = [resident(process.pid)]
-                with_clients = []
-                while time.time() < end and all(each.is_alive() for each in clients):
-                    with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
+                sizes, with_clients = [], []
+                while time.time() < end and process.poll() is None and all(each.is_alive() for each in clients):
                     sizes.append(resident(process.pid))
+                    with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
                 for each in clients:
                     each.join(TIMEOUT * 4)
                     failed = failed or each.exitcode != 0
-                tracks = remote.tracks()
             process.send_signal(signal.SIGINT)
-            failed = process.wait(TIMEOUT) != 128 + signal.SIGINT or failed
+            code = process.wait(TIMEOUT)
+            if code != 128 + signal.SIGINT:
+                print(f"the run has ended with {code}:\n{errors.read_text()[-16000:]}")
+                return 1
         mean = sum(step for step, _ in with_clients) / len(with_clients)
         rate = sum(rate for _, rate in with_clients) / len(with_clients)
         print(f"a step: {alone[0]:.4f} ms alone at {alone[1]:.1f}/s, {mean:.4f} ms with clients at {rate:.1f}/s, ratio {mean / alone[0]:.3f}")
         # The frames of the recording are listed in memory, a few hundred bytes for each.
         growth = max(sizes) / sizes[0] - 1
-        print(f"memory: {sizes[0]} KB at first, {max(sizes)} KB at most, {sizes[-1]} KB at last; {100 * growth:.1f} %; tracks: {len(tracks)}")
+        print(f"memory: {sizes[0]} KB at first, {max(sizes)} KB at most, {sizes[-1]} KB at last; {100 * growth:.1f} %")
         if SECONDS >= 600 and growth > 0.05:
             print("the memory grows")
             failed = True
