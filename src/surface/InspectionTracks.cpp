@@ -260,15 +260,14 @@ void InspectionTracks::control(InspectionRequest& request) {
                                  "' is live: its clock is driven by Clock.Control");
     const zel::String action = request.text("action");
     // What a request has wrong is told ahead of all changes.
-    const auto opened = [&track]() -> Track& {
+    const auto opened = [&track] {
         if (!track.tree->isOpen())
             open(track);
-        return track;
     };
-    const auto withFrames = [&opened]() -> Track& {
-        if (!opened().hasFrames())
-            throw std::runtime_error("The track '" + opened().name.str() + "' has no frames");
-        return opened();
+    const auto withFrames = [&track, &opened] {
+        opened();
+        if (!track.hasFrames())
+            throw std::runtime_error("The track '" + track.name.str() + "' has no frames");
     };
     track.isChanged = true;
     if (action == "open") {
@@ -281,33 +280,39 @@ void InspectionTracks::control(InspectionRequest& request) {
         const double rate = request.member("rate").isNull() ? track.rate : request.number("rate");
         if (rate == 0)
             throw std::runtime_error("'rate' must not be 0");
-        play(withFrames(), rate);
+        withFrames();
+        play(track, rate);
     } else if (action == "pause") {
-        opened().isPlaying = false;
+        opened();
+        track.isPlaying = false;
     } else if (action == "seek") {
         const uint64 frame = request.wholeNumber("frame", ~uint64{0});
-        const Track& seeking = withFrames();
-        show(track, placeOfFrame(*seeking.tree->getJournal(), frame), true);
+        withFrames();
+        show(track, placeOfFrame(*track.tree->getJournal(), frame), true);
     } else if (action == "seekTime") {
         const double time = request.number("time");
         TimeRange range;
         range.end = time;
-        const Track& seeking = withFrames();
-        show(track, placesOf(seeking, range).second, true);
+        withFrames();
+        show(track, placesOf(track, range).second, true);
     } else if (action == "step") {
         const int64 count = request.signedNumber("count", 1);
-        step(withFrames(), count);
+        withFrames();
+        step(track, count);
     } else if (action == "stride") {
         const uint64 stride = request.wholeNumber("stride", ~zel::uint32{0});
         if (stride == 0)
             throw std::runtime_error("'stride' must be at least 1");
-        opened().stride = stride;
+        opened();
+        track.stride = stride;
     } else if (action == "loop") {
         const bool isLooping = request.flag("loop");
-        opened().isLooping = isLooping;
+        opened();
+        track.isLooping = isLooping;
     } else if (action == "range") {
         const TimeRange range(request);
-        opened().range = range;
+        opened();
+        track.range = range;
     } else
         throw std::runtime_error(
             "'action' must be one of open, close, play, pause, seek, seekTime, step, stride, loop and range");
@@ -355,6 +360,10 @@ void InspectionTracks::playOn(Track& track, Time now) {
         if (isAtEnd && !track.isLooping) {
             track.isPlaying = false;
             track.isChanged = true;
+            break;
+        }
+        if (isAtEnd && place != track.tree->getPlace()) {
+            track.due = 0; // the last one is shown ahead of the other end
             break;
         }
         const size_t next = isAtEnd     ? (isForward ? first : last)
