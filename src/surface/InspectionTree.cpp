@@ -64,12 +64,16 @@ std::string_view follow(Object*& object, std::string_view path) {
     return path;
 }
 
+/// Whether a path can name the child by its name.
+bool isNamed(const Component& component, const Object& child) {
+    const std::string_view name(child.getName().c_str());
+    return !name.empty() && name.front() != '#' && name.find('.') == std::string_view::npos &&
+           component.findObject(child.getName()) == &child;
+}
+
 /// How a path names the child.
 String partOf(const Component& component, const Object& child, uint64 index) {
-    const String& name = child.getName().str();
-    const bool isPlain = !name.empty() && !name.starts_with('#') && name.find('.') == String::npos;
-    return isPlain && component.findObject(child.getName()) == &child ? name
-                                                                      : String("#" + std::to_string(index));
+    return isNamed(component, child) ? child.getName().str() : String("#" + std::to_string(index));
 }
 
 String joined(const String& path, const String& part) {
@@ -203,7 +207,7 @@ String inspectedPath(const Component* root, const Object* object) {
         if (component == nullptr)
             return {};
         uint64 index = 0;
-        if (component->findObject(object->getName()) != object)
+        if (!isNamed(*component, *object))
             while (index < component->getNumObjects() && component->getObject(index) != object)
                 ++index;
         if (index == component->getNumObjects())
