@@ -20,8 +20,6 @@
 
 namespace zelIO {
 
-using zelNet::printable;
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -56,9 +54,11 @@ void gatherJournalConfigurations(const String& file, Json::Value& json) {
 bool RemoteCommandServer::readComponent(mg_connection* connection, const QueryArgumentTable& arguments) {
     const String& path = arguments["path"];
     // The system would cut the name off at a NUL, and others would steer the terminal that shows the search.
-    const bool isName = printable(path) == path;
+    const bool isName = zelNet::printable(path) == path;
     const String found = isName ? Environment::instance()->findComponent(path) : String();
-    log("  Client requesting component %s, found %s", printable(path).c_str(), printable(found).c_str());
+    log("  Client requesting component %s, found %s",
+        zelNet::printable(path).c_str(),
+        zelNet::printable(found).c_str());
     std::error_code error;
     const fs::path real = fs::canonical(found.c_str(), error);
     const String extension = FileSystem::getFileExtension(real.string());
@@ -66,8 +66,8 @@ bool RemoteCommandServer::readComponent(mg_connection* connection, const QueryAr
         return false;
     if (!m_allowedExtensions.contains(extension)) {
         log("  File extension '.%s' is NOT allowed! File: %s",
-            printable(extension).c_str(),
-            printable(found).c_str());
+            zelNet::printable(extension).c_str(),
+            zelNet::printable(found).c_str());
         return false;
     }
     const auto& directories = Environment::instance()->getFilePath(Environment::PluginPath).getFilePathList();
@@ -80,7 +80,7 @@ bool RemoteCommandServer::readComponent(mg_connection* connection, const QueryAr
     try {
         fileContents = FileSystem::readFile(real.string());
     } catch (const std::exception&) {
-        log("  Unable to read file '%s'", printable(found).c_str());
+        log("  Unable to read file '%s'", zelNet::printable(found).c_str());
         return false;
     }
     const int numWritten = mg_write(connection, fileContents.data(), fileContents.size());

@@ -33,7 +33,6 @@ using zel::Component;
 using zel::Model;
 using zel::Object;
 using zel::Path;
-using zelNet::printable;
 
 namespace {
 
@@ -143,12 +142,13 @@ void describeObject(Object* root, const Path& path, Json::Value& json) {
 
 bool RemoteCommandServer::handleCommand(mg_connection* connection, const QueryArgumentTable& arguments) {
     const String& text = arguments["text"];
-    std::cout << "command: " << printable(text) << std::endl;
+    std::cout << "command: " << zelNet::printable(text) << std::endl;
     Json::Value response;
     const zel::ref_ptr<Object> root = getSystemRoot();
     describeObject(root.get(), Path(text), response);
     writeResponse(response, connection);
-    std::cout << "commandString: " << printable(text) << ", resultString: " << styled(response) << std::endl;
+    std::cout << "commandString: " << zelNet::printable(text) << ", resultString: " << styled(response)
+              << std::endl;
     return true;
 }
 
@@ -177,9 +177,9 @@ bool RemoteCommandServer::handleAutoComplete(mg_connection* connection, const Qu
         const std::lock_guard lock(zel::getTypeSystemMutex());
         completion = completePath(text, Model::root());
     }
-    std::cout << "query: " << printable(text) << std::endl;
-    std::cout << "match: " << printable(completion.matched.str())
-              << ", list: " << printable(pystring::join(", ", completion.list)) << std::endl;
+    std::cout << "query: " << zelNet::printable(text) << std::endl;
+    std::cout << "match: " << zelNet::printable(completion.matched.str())
+              << ", list: " << zelNet::printable(pystring::join(", ", completion.list)) << std::endl;
     const Json::Value response = completion.toJson(text);
     writeResponse(response, connection);
     std::cout << "autoComplete: " << styled(response) << std::endl;

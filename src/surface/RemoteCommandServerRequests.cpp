@@ -35,8 +35,6 @@
 
 namespace zelIO {
 
-using zelNet::printable;
-
 namespace {
 
 String decode(std::string_view text) {
@@ -127,7 +125,7 @@ int RemoteCommandServer::handleHttpEvent(mg_connection* connection) {
     zel::Thread::registerAsZelThread();
     const mg_request_info* const request = mg_get_request_info(connection);
     const String uri = zelNet::decodedUri(connection);
-    log("HTTP request '%s' from client %s", printable(uri).c_str(), request->remote_addr);
+    log("HTTP request '%s' from client %s", zelNet::printable(uri).c_str(), request->remote_addr);
 
     if ((std::string_view(request->remote_addr) != "127.0.0.1" && !m_allowRemote) ||
         zelNet::comesFromForeignPage(connection)) {
@@ -171,7 +169,7 @@ void RemoteCommandServer::answer(mg_connection* connection,
     try {
         const QueryArgumentTable arguments = parseArguments(mg_get_request_info(connection)->query_string);
         if (!handler(this, connection, arguments))
-            ZEL_LOG_WARNING("HTTP handler failed for uri  '" << printable(uri) << "'");
+            ZEL_LOG_WARNING("HTTP handler failed for uri  '" << zelNet::printable(uri) << "'");
         return;
     } catch (const std::exception& error) {
         failure = error.what();
@@ -179,8 +177,8 @@ void RemoteCommandServer::answer(mg_connection* connection,
         failure = "unknown exception";
     }
     log("Uncaught exception in HTTP request handler for '%s'. Description: %s",
-        printable(uri).c_str(),
-        printable(failure).c_str());
+        zelNet::printable(uri).c_str(),
+        zelNet::printable(failure).c_str());
     Json::Value response;
     response["exception"] = failure;
     response["uri"] = static_cast<const std::string&>(uri);
@@ -201,7 +199,7 @@ RemoteCommandServer::QueryArgumentTable RemoteCommandServer::parseArguments(cons
         if (equals != std::string_view::npos)
             arguments.insert(String(std::string(part.substr(0, equals))), decode(part.substr(equals + 1)));
         else if (!part.empty())
-            log("Invalid query string: %s", printable(part).c_str());
+            log("Invalid query string: %s", zelNet::printable(part).c_str());
     }
     return arguments;
 }
@@ -215,11 +213,11 @@ void RemoteCommandServer::compileScript(const String& uri) {
     if (source.empty() || !zelNet::liesBelow(file.c_str(), m_documentRoot.c_str()) ||
         FileSystem::compareDate(source, file) >= 0)
         return;
-    std::cout << "==> Recompiling modified TypeScript file: " << printable(source) << std::endl;
+    std::cout << "==> Recompiling modified TypeScript file: " << zelNet::printable(source) << std::endl;
     if (runCompiler(source))
         std::cout << "... done!" << std::endl;
     else
-        std::cout << "Failed calling: tsc " << printable(source) << std::endl;
+        std::cout << "Failed calling: tsc " << zelNet::printable(source) << std::endl;
 }
 
 namespace {
