@@ -1,4 +1,4 @@
-#include "TrackFixture.h"
+#include "InspectionTracksFixture.h"
 
 #include <cmath>
 #include <filesystem>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr double None = -1e99; // stands for NaN, which equals nothing
 
-class InspectionServiceSeriesTest : public zelTest::TrackFixture {
+class InspectionServiceSeriesTest : public zelTest::InspectionTracksFixture {
 protected:
     struct Item {
         std::vector<double> numbers;
@@ -74,7 +74,8 @@ protected:
     }
     Json::Value ask(const std::string& members) {
         const Json::Value answer =
-            TrackFixture::ask(client, "Track.Series", "{'id':0,'series':1," + members + "}").header;
+            InspectionTracksFixture::ask(client, "Track.Series", "{'id':0,'series':1," + members + "}")
+                .header;
         EXPECT_EQ(answer["success"], true) << text(answer);
         return answer;
     }
@@ -295,13 +296,14 @@ TEST_F(InspectionServiceSeriesTest, ComesInPiecesAndSideBySide) {
     addTrack(1000, "other");
     Client second = connect();
     const std::string points = ",'points':100000}";
-    TrackFixture::ask(second, "Track.Series", "{'id':1,'series':9,'items':[{'path':'other.level'}]" + points);
+    InspectionTracksFixture::ask(
+        second, "Track.Series", "{'id':1,'series':9,'items':[{'path':'other.level'}]" + points);
     for (const char* number : {"2", "3"})
-        TrackFixture::ask(client,
-                          "Track.Series",
-                          std::string("{'id':0,'series':") + number +
-                              ",'items':[{'path':'pond.level'},{'path':'pond.fish.mass','index':1}]" +
-                              points);
+        InspectionTracksFixture::ask(
+            client,
+            "Track.Series",
+            std::string("{'id':0,'series':") + number +
+                ",'items':[{'path':'pond.level'},{'path':'pond.fish.mass','index':1}]" + points);
     std::map<zel::uint64, Rows> all;
     for (int numDone = 0; numDone < 2 && !HasFailure();) {
         const Message message = takePush(client, "Track.Points");
@@ -336,7 +338,9 @@ TEST_F(InspectionServiceSeriesTest, IsStoppedOrReplaced) {
 
     EXPECT_EQ(refusal(client, "Track.StopSeries", "{'id':0,'series':1}"), "There is no series 1 under way");
     send(client, "Track.Series", "{'id':0,'series':5" + items);
-    EXPECT_EQ(TrackFixture::ask(client, "Track.StopSeries", "{'id':0,'series':5}").header["success"], true);
+    EXPECT_EQ(
+        InspectionTracksFixture::ask(client, "Track.StopSeries", "{'id':0,'series':5}").header["success"],
+        true);
     client.pushes.clear();
     expectQuiet(client);
     EXPECT_EQ(refusal(client, "Track.StopSeries", "{'series':'x'}"),

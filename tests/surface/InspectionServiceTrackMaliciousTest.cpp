@@ -1,4 +1,4 @@
-#include "TrackFixture.h"
+#include "InspectionTracksFixture.h"
 
 #include <zelData/PlainJournal.h>
 
@@ -11,12 +11,12 @@ using zel::uint64;
 namespace {
 
 /// Journals whose bytes were changed behind the library's back.
-class InspectionServiceTrackMaliciousTest : public zelTest::TrackFixture {
+class InspectionServiceTrackMaliciousTest : public zelTest::InspectionTracksFixture {
 protected:
     static constexpr zel::size_t FirstFrame = 34 + 10240;
 
     void SetUp() override {
-        TrackFixture::SetUp();
+        InspectionTracksFixture::SetUp();
         record("pond.journal", 9);
         whole = directory.read("pond.journal");
         service->addJournal(pathOf("bad.journal"), "pond");

@@ -1,4 +1,4 @@
-#include "TrackFixture.h"
+#include "InspectionTracksFixture.h"
 
 #include <zelNet/FramePacket.h>
 
@@ -15,10 +15,10 @@ using zelData::ValueT;
 
 namespace {
 
-using InspectionServiceTrackTest = zelTest::TrackFixture;
+using InspectionServiceTrackTest = zelTest::InspectionTracksFixture;
 
 /// Of frames packets.
-class InspectionServiceFramesTest : public zelTest::TrackFixture {
+class InspectionServiceFramesTest : public zelTest::InspectionTracksFixture {
 protected:
     zel::ref_ptr<zelData::Frame> takePacket(Client& from) {
         const Message message = takePush(from, "");

@@ -23,7 +23,7 @@
 namespace zelTest {
 
 /// Recordings of a small pond, in a tree of its own, for a service that inspects another one.
-class TrackFixture : public InspectionFixture {
+class InspectionTracksFixture : public InspectionFixture {
 protected:
     /// In frame i, of the time i / 10: "level" is i / 2, "wind" (i, 2 i, 3 i), "label" the text "frame i",
     /// of "depths" the elements 0, 10 + i, 20 and 30, and of "weather.heat" -i. There are three "fish" of
