@@ -1,188 +1,223 @@
-/// The elements of a buffer of positions as points in space, live.
+/// The elements of a buffer of positions as points in space, live. Those of two recordings stand side by side, seen from one place.
 namespace particlePanel {
     import el = ui.el;
     import Entry = model.Entry;
+    import Vector = particleScene.Vector;
 
     /// Above it, only each n-th element is asked for.
     const MaxPoints = 100000;
-    const Tangent = Math.tan(Math.PI / 8);
 
     export function suits(entry: Entry): boolean {
         return entry.kind === "buffer" && /Vec[23]/.test(entry.type);
     }
 
-    const Projection = `
-        uniform vec3 u_right, u_up, u_forward, u_target;
-        uniform vec2 u_extent;
-        uniform float u_distance;
-        vec4 project(vec3 place) {
-            vec3 q = place - u_target;
-            float depth = u_distance + dot(u_forward, q);
-            float near = 0.01 * u_distance, far = 1000.0 * u_distance;
-            return vec4(dot(u_right, q) / u_extent.x, dot(u_up, q) / u_extent.y,
-                depth * (far + near) / (far - near) - 2.0 * far * near / (far - near), depth);
-        }`;
-    const PointVertex = `#version 300 es
-        ${Projection}
-        in vec3 a_place;
-        in float a_value;
-        uniform float u_size;
-        out float v_value;
-        void main() {
-            gl_Position = project(a_place);
-            gl_PointSize = clamp(u_size * u_distance / max(gl_Position.w, 1e-6), 1.5, 64.0);
-            v_value = a_value;
-        }`;
-    // From dark blue over green to yellow; a value below 0 is of no buffer.
-    const PointFragment = `#version 300 es
-        precision mediump float;
-        in float v_value;
-        uniform vec3 u_color;
-        out vec4 o_color;
-        vec3 ramp(float t) {
-            vec3 a = vec3(0.22, 0.25, 0.75), b = vec3(0.1, 0.6, 0.65), c = vec3(0.35, 0.75, 0.35), d = vec3(0.98, 0.8, 0.15);
-            return t < 0.33 ? mix(a, b, t / 0.33) : t < 0.66 ? mix(b, c, (t - 0.33) / 0.33) : mix(c, d, (t - 0.66) / 0.34);
-        }
-        void main() {
-            vec2 q = 2.0 * gl_PointCoord - 1.0;
-            float r = dot(q, q);
-            if (r > 1.0)
-                discard;
-            vec3 color = v_value < 0.0 ? u_color : ramp(clamp(v_value, 0.0, 1.0));
-            o_color = vec4(color * (1.0 - 0.35 * r), 1.0);
-        }`;
-    const LineVertex = `#version 300 es
-        ${Projection}
-        in vec3 a_place;
-        in vec3 a_color;
-        out vec3 v_color;
-        void main() {
-            gl_Position = project(a_place);
-            v_color = a_color;
-        }`;
-    const LineFragment = `#version 300 es
-        precision mediump float;
-        in vec3 v_color;
-        out vec4 o_color;
-        void main() { o_color = vec4(v_color, 1.0); }`;
-
-    type Vector = [number, number, number];
-
-    /// Draws points that lie around the origin with a radius of about 1.
-    class Scene {
-        readonly target: Vector = [0, 0, 0];
-        distance = 3;
-        yaw = 0.6;
-        pitch = 0.5;
-        size = 6;
-        count = 0;
-        private readonly points: WebGLProgram;
-        private readonly lines: WebGLProgram;
-        private readonly pointArray: WebGLVertexArrayObject;
-        private readonly lineArray: WebGLVertexArrayObject;
-        private readonly places: WebGLBuffer;
-        private readonly values: WebGLBuffer;
-
-        /// @throws Error where the graphics do not do what is needed
-        constructor(private readonly gl: WebGL2RenderingContext) {
-            this.points = this.program(PointVertex, PointFragment);
-            this.lines = this.program(LineVertex, LineFragment);
-            this.pointArray = this.made(gl.createVertexArray());
-            this.lineArray = this.made(gl.createVertexArray());
-            this.places = this.made(gl.createBuffer());
-            this.values = this.made(gl.createBuffer());
-            gl.bindVertexArray(this.pointArray);
-            this.attribute(this.points, "a_place", this.places, 3);
-            this.attribute(this.points, "a_value", this.values, 1);
-            gl.bindVertexArray(this.lineArray);
-            const axes = new Float32Array([0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1].map((place) => 0.35 * place));
-            const colors = new Float32Array([0.9, 0.25, 0.25, 0.9, 0.25, 0.25, 0.2, 0.65, 0.3, 0.2, 0.65, 0.3, 0.3, 0.45, 0.95, 0.3, 0.45, 0.95]);
-            for (const [name, data] of [["a_place", axes], ["a_color", colors]] as const) {
-                const buffer = this.made(gl.createBuffer());
-                gl.bindBuffer(gl.ARRAY_BUFFER, buffer);
-                gl.bufferData(gl.ARRAY_BUFFER, data, gl.STATIC_DRAW);
-                this.attribute(this.lines, name, buffer, 3);
+    interface Extent {
+        readonly least: number;
+        readonly most: number;
+    }
+    function extentOf(values: Iterable<number>): Extent {
+        let [least, most] = [Infinity, -Infinity];
+        for (const value of values)
+            if (Number.isFinite(value)) {
+                least = Math.min(least, value);
+                most = Math.max(most, value);
             }
-            gl.bindVertexArray(null);
-            gl.enable(gl.DEPTH_TEST);
+        return { least, most };
+    }
+
+    /// One picture of one buffer.
+    class View {
+        readonly root: HTMLElement;
+        readonly canvas: HTMLCanvasElement;
+        path = "";
+        private readonly legend: HTMLElement;
+        private readonly caption = el("p", { class: "caption" });
+        private readonly scaleBar = el("div", { class: "scale" });
+        private readonly watch: model.Subscription;
+        private scene: particleScene.Scene | null = null;
+        private place: model.Item | null = null;
+        private color: model.Item | null = null;
+        /// Amounts of the colours, as they are.
+        private amounts: Float64Array | null = null;
+        private readonly pointers = new Map<number, { x: number; y: number }>();
+
+        constructor(private readonly panel: Panel, session: model.Session, name: string) {
+            this.canvas = el("canvas", {
+                id: name + "-canvas", tabindex: "0", role: "img",
+                "aria-label": "Particles. Arrow keys turn, with shift they move, plus and minus zoom, F fits all into the picture",
+            });
+            this.legend = el("p", { class: "legend", id: name + "-legend" });
+            this.root = el("div", { class: "view" }, this.canvas, this.caption, this.legend, this.scaleBar);
+            this.watch = session.subscribe((update) => this.take(update), (text) => panel.fail(text));
+            this.openScene();
+            this.listen();
+            new ResizeObserver(() => panel.redraw()).observe(this.canvas);
         }
 
-        set(places: Float32Array, values: Float32Array): void {
-            const { gl } = this;
-            this.count = values.length;
-            gl.bindBuffer(gl.ARRAY_BUFFER, this.places);
-            gl.bufferData(gl.ARRAY_BUFFER, places, gl.DYNAMIC_DRAW);
-            gl.bindBuffer(gl.ARRAY_BUFFER, this.values);
-            gl.bufferData(gl.ARRAY_BUFFER, values, gl.DYNAMIC_DRAW);
+        /// @param options  null for nothing
+        look(path: string, colors: string, options: { readonly stride: number; readonly interval: number } | null, caption: string): void {
+            if (path !== this.path)
+                this.place = null;
+            this.path = path;
+            this.color = null;
+            ui.setText(this.caption, caption);
+            this.watch.set(options === null || path === "" ? null : { paths: colors === "" ? [path] : [path, colors], ...options });
+        }
+        get columns(): [Float64Array, Float64Array, Float64Array] | null {
+            const elements = this.place?.elements ?? null;
+            return elements === null || elements.components < 2 ? null :
+                [elements.column(0), elements.column(1), elements.components > 2 ? elements.column(2) : new Float64Array(elements.count)];
+        }
+        get isFlat(): boolean {
+            return this.place?.elements?.components === 2;
         }
 
-        /// The directions to the right, upwards and away from the eye.
-        get axes(): { right: Vector; up: Vector; forward: Vector } {
-            const [cy, sy, cp, sp] = [Math.cos(this.yaw), Math.sin(this.yaw), Math.cos(this.pitch), Math.sin(this.pitch)];
-            return { right: [-sy, cy, 0], up: [-sp * cy, -sp * sy, cp], forward: [-cp * cy, -cp * sy, -sp] };
-        }
-        /// Moves what is seen by parts of the shorter side of the picture.
-        pan(x: number, y: number): void {
-            const { right, up } = this.axes;
-            const step = 2 * Tangent * this.distance;
-            for (let i = 0; i < 3; ++i)
-                this.target[i] -= step * (x * right[i]! - y * up[i]!);
-        }
-
-        draw(color: Vector): void {
-            const { gl } = this;
-            const { canvas } = gl;
-            gl.viewport(0, 0, canvas.width, canvas.height);
-            gl.clearColor(0, 0, 0, 0);
-            gl.clear(gl.COLOR_BUFFER_BIT | gl.DEPTH_BUFFER_BIT);
-            const { right, up, forward } = this.axes;
-            for (const program of [this.lines, this.points]) {
-                gl.useProgram(program);
-                const at = (name: string): WebGLUniformLocation | null => gl.getUniformLocation(program, name);
-                gl.uniform3fv(at("u_right"), right);
-                gl.uniform3fv(at("u_up"), up);
-                gl.uniform3fv(at("u_forward"), forward);
-                gl.uniform3fv(at("u_target"), this.target);
-                gl.uniform1f(at("u_distance"), this.distance);
-                const side = Math.min(canvas.width, canvas.height);
-                gl.uniform2f(at("u_extent"), Tangent * canvas.width / side, Tangent * canvas.height / side);
-                if (program === this.points) {
-                    gl.uniform1f(at("u_size"), this.size * devicePixelRatio);
-                    gl.uniform3fv(at("u_color"), color);
-                    gl.bindVertexArray(this.pointArray);
-                    gl.drawArrays(gl.POINTS, 0, this.count);
-                } else {
-                    gl.bindVertexArray(this.lineArray);
-                    gl.drawArrays(gl.LINES, 0, 6);
-                }
+        private openScene(): void {
+            const gl = this.canvas.getContext("webgl2");
+            try {
+                if (gl === null)
+                    throw new Error("This browser has no WebGL 2.");
+                this.scene = new particleScene.Scene(gl);
+            } catch (error) {
+                this.panel.fail((error as Error).message);
             }
+            this.canvas.addEventListener("webglcontextlost", (event) => {
+                event.preventDefault();
+                this.scene = null;
+                this.panel.fail("The graphics were lost.");
+            });
+            this.canvas.addEventListener("webglcontextrestored", () => {
+                this.panel.fail("");
+                this.scene = gl === null ? null : new particleScene.Scene(gl);
+                this.panel.fit();
+            });
+        }
+        private take({ items }: model.Update): void {
+            for (const item of items) {
+                const content = item.removed ? null : item;
+                if (item.path === this.path)
+                    this.place = content;
+                else
+                    this.color = content;
+            }
+            this.panel.uploadSoon();
         }
 
-        private made<T>(thing: T | null): T {
-            if (thing === null)
-                throw new Error("The graphics have no memory left.");
-            return thing;
-        }
-        private attribute(program: WebGLProgram, name: string, buffer: WebGLBuffer, components: number): void {
-            const { gl } = this;
-            const place = gl.getAttribLocation(program, name);
-            gl.bindBuffer(gl.ARRAY_BUFFER, buffer);
-            gl.enableVertexAttribArray(place);
-            gl.vertexAttribPointer(place, components, gl.FLOAT, false, 0, 0);
-        }
-        private program(vertex: string, fragment: string): WebGLProgram {
-            const { gl } = this;
-            const program = this.made(gl.createProgram());
-            for (const [type, source] of [[gl.VERTEX_SHADER, vertex], [gl.FRAGMENT_SHADER, fragment]] as const) {
-                const shader = this.made(gl.createShader(type));
-                gl.shaderSource(shader, source);
-                gl.compileShader(shader);
-                gl.attachShader(program, shader);
+        /// The amount of each element's colour.
+        get colorExtent(): Extent {
+            const elements = this.color?.elements ?? null;
+            this.amounts = null;
+            if (elements === null || elements.components === 0)
+                return { least: Infinity, most: -Infinity };
+            this.amounts = new Float64Array(elements.count);
+            for (let i = 0; i < elements.count; ++i) {
+                let square = 0;
+                for (let c = 0; c < elements.components; ++c)
+                    square += elements.numberAt(i, c) ** 2;
+                this.amounts[i] = elements.components === 1 ? elements.numberAt(i, 0) : Math.sqrt(square);
             }
-            gl.linkProgram(program);
-            if (gl.getProgramParameter(program, gl.LINK_STATUS) !== true)
-                throw new Error("The graphics refuse the program: " + (gl.getProgramInfoLog(program) ?? ""));
-            return program;
+            return extentOf(this.amounts);
+        }
+        /// @param extent  of the colours, that are between 0 and 1 then: as logarithms where they span more than three decades
+        upload(origin: Vector, radius: number, { least, most }: Extent, colorName: string): void {
+            const { scene, columns, amounts } = this;
+            if (scene === null)
+                return;
+            if (columns === null) {
+                scene.count = 0;
+                const components = this.place?.elements?.components;
+                ui.setText(this.legend, components === undefined ? "" : "This buffer has " + components + " numbers an element; two or three make a position.");
+                return;
+            }
+            const isLogarithmic = least > 0 && most / least > 1000;
+            const scaled = (value: number): number => isLogarithmic ? Math.log(value) : value;
+            // What differs by rounding alone is one colour.
+            const span = most - least > 1e-9 * Math.abs(most) ? scaled(most) - scaled(least) : Infinity;
+            const count = columns[0].length;
+            const places = new Float32Array(3 * count);
+            const values = new Float32Array(count);
+            let shown = 0;
+            for (let i = 0; i < count; ++i) {
+                if (!Number.isFinite(columns[0][i]! + columns[1][i]! + columns[2][i]!))
+                    continue;
+                for (let axis = 0; axis < 3; ++axis)
+                    places[3 * shown + axis] = (columns[axis]![i]! - origin[axis]!) / radius;
+                values[shown++] = amounts === null || i >= amounts.length ? -1 : (scaled(amounts[i]!) - scaled(least)) / span;
+            }
+            scene.set(places.subarray(0, 3 * shown), values.subarray(0, shown));
+            const { stride, numElements } = this.place!;
+            ui.setText(this.legend, shown + " of " + numElements + (stride > 1 ? ", one in " + stride : "") +
+                (amounts === null ? "" : "; " + colorName + " " + ui.number(least, 4) + " to " + ui.number(most, 4) + (isLogarithmic ? " (logarithm)" : "")));
+        }
+
+        render(camera: particleScene.Camera, size: number, radius: number): void {
+            const { canvas, scene } = this;
+            if (scene === null || canvas.clientWidth === 0)
+                return;
+            const width = Math.round(canvas.clientWidth * devicePixelRatio);
+            const height = Math.round(canvas.clientHeight * devicePixelRatio);
+            if (canvas.width !== width || canvas.height !== height)
+                [canvas.width, canvas.height] = [width, height];
+            const accent = parseInt(ui.color("--accent").slice(1), 16);
+            scene.draw(camera, size, [accent >> 16 & 255, accent >> 8 & 255, accent & 255].map((part) => part / 255) as Vector);
+            // A length of 1, 2 or 5 times a power of ten.
+            const unitsPerPixel = 2 * particleScene.Tangent * camera.distance * radius / this.side;
+            const most = 120 * unitsPerPixel;
+            const power = 10 ** Math.floor(Math.log10(most));
+            const length = Number.isFinite(power) && power > 0 ? power * (most >= 5 * power ? 5 : most >= 2 * power ? 2 : 1) : 0;
+            this.scaleBar.hidden = length === 0 || scene.count === 0;
+            this.scaleBar.style.width = length / unitsPerPixel + "px";
+            ui.setText(this.scaleBar, ui.number(length, 3));
+        }
+
+        private get side(): number {
+            return Math.max(1, Math.min(this.canvas.clientWidth, this.canvas.clientHeight));
+        }
+        private listen(): void {
+            const { canvas, pointers, panel } = this;
+            canvas.addEventListener("pointerdown", (event) => {
+                canvas.setPointerCapture(event.pointerId);
+                pointers.set(event.pointerId, { x: event.clientX, y: event.clientY });
+            });
+            const drop = (event: PointerEvent): boolean => pointers.delete(event.pointerId);
+            canvas.addEventListener("pointerup", drop);
+            canvas.addEventListener("pointercancel", drop);
+            canvas.addEventListener("pointermove", (event) => {
+                const before = pointers.get(event.pointerId);
+                if (before === undefined)
+                    return;
+                const [x, y] = [(event.clientX - before.x) / this.side, (event.clientY - before.y) / this.side];
+                const other = [...pointers].find(([id]) => id !== event.pointerId)?.[1];
+                if (other !== undefined)
+                    panel.zoom(Math.hypot(before.x - other.x, before.y - other.y) / Math.max(1, Math.hypot(event.clientX - other.x, event.clientY - other.y)));
+                else if (event.shiftKey || event.buttons === 2)
+                    panel.pan(x, y);
+                else
+                    panel.turn(x, y);
+                pointers.set(event.pointerId, { x: event.clientX, y: event.clientY });
+            });
+            canvas.addEventListener("contextmenu", (event) => event.preventDefault());
+            canvas.addEventListener("wheel", (event) => {
+                panel.zoom(Math.exp(Math.max(-1, Math.min(1, event.deltaY / 400))));
+                event.preventDefault();
+            }, { passive: false });
+            canvas.addEventListener("keydown", (event) => {
+                const step = 0.04;
+                const arrows: { [key: string]: [number, number] } = {
+                    ArrowLeft: [-step, 0], ArrowRight: [step, 0], ArrowUp: [0, -step], ArrowDown: [0, step],
+                };
+                const arrow = arrows[event.key];
+                if (arrow !== undefined)
+                    event.shiftKey ? panel.pan(...arrow) : panel.turn(...arrow);
+                else if (event.key === "+" || event.key === "-")
+                    panel.zoom(event.key === "+" ? 0.9 : 1 / 0.9);
+                else if (event.key === "f" || event.key === "F")
+                    panel.fit();
+                else
+                    return;
+                event.preventDefault();
+                event.stopPropagation();
+            });
         }
     }
 
@@ -190,40 +225,32 @@ namespace particlePanel {
         private readonly positions = el("select", { id: "positions", "aria-label": "Buffer of positions" });
         private readonly colors = el("select", { id: "colors", "aria-label": "Buffer of colours" });
         private readonly size = el("input", { id: "point-size", type: "range", min: "1", max: "24", value: "6", "aria-label": "Size of points", title: "Size of points" });
-        private readonly canvas = el("canvas", {
-            id: "particles-canvas", tabindex: "0", role: "img",
-            "aria-label": "Particles. Arrow keys turn, with shift they move, plus and minus zoom, F fits all into the picture",
-        });
-        private readonly legend = el("p", { class: "legend", id: "particles-legend" });
-        private readonly scaleBar = el("div", { class: "scale" });
         private readonly error = el("p", { class: "error", role: "alert" });
         private readonly hint = el("p", { class: "hint" }, "No buffer of positions yet: choose one with two or three numbers an element.");
-        private readonly watch: model.Subscription;
+        private readonly sideBySide = ui.button("Side by side", "The same of another recording beside it, seen from the same place", () => this.toggle());
+        private readonly views: [View, ...View[]];
+        private readonly place = el("div", { class: "views" });
+        private readonly camera = new particleScene.Camera();
         private readonly known = new Map<string, Entry>();
-        private scene: Scene | null = null;
-        private place: model.Item | null = null;
-        private color: model.Item | null = null;
+        /// The same buffer of another recording, and the name of that; null without one.
+        private other: { readonly path: string; readonly track: tracks.Track } | null = null;
+        private question = 0;
         private origin: Vector = [0, 0, 0];
         private radius = 0;
-        private isFlat = false;
         private isVisible = false;
-        private readonly pointers = new Map<number, { x: number; y: number }>();
         private readonly draw = (): void => this.render();
 
-        constructor(root: HTMLElement, private readonly session: model.Session, all: tracks.Tracks) {
-            root.append(el("header", {}, el("h2", {}, "Particles"), this.positions, el("label", {}, "by ", this.colors), this.size,
-                ui.button("Fit", "All into the picture (F)", () => this.fit())), this.error, this.hint,
-                el("div", { class: "view" }, this.canvas, this.legend, this.scaleBar));
-            this.watch = session.subscribe((update) => this.take(update), (text) => ui.setText(this.error, text));
+        constructor(root: HTMLElement, private readonly session: model.Session, private readonly all: tracks.Tracks) {
+            this.views = [new View(this, session, "particles")];
+            this.place.append(this.views[0].root);
+            this.sideBySide.id = "side-by-side";
+            this.sideBySide.setAttribute("aria-pressed", "false");
+            this.sideBySide.hidden = true;
+            root.append(el("header", {}, el("h2", {}, "Particles"), this.positions, el("label", {}, "by ", this.colors), this.size, this.sideBySide,
+                ui.button("Fit", "All into the picture (F)", () => this.fit())), this.error, this.hint, this.place);
             this.positions.addEventListener("change", () => this.choose());
             this.colors.addEventListener("change", () => this.look());
-            this.size.addEventListener("input", () => {
-                if (this.scene !== null)
-                    this.scene.size = Number(this.size.value);
-                ui.drawSoon(this.draw);
-            });
-            this.openScene();
-            this.listen();
+            this.size.addEventListener("input", () => this.redraw());
             session.described.add((entry) => this.learn(entry));
             session.particlesAsked.add((entry) => {
                 this.learn(entry);
@@ -239,45 +266,28 @@ namespace particlePanel {
                     void this.search(track.path);
                 else
                     this.forget(track.path);
+                void this.findOther();
             });
-            new ResizeObserver(() => ui.drawSoon(this.draw)).observe(this.canvas);
             new IntersectionObserver(([entry]) => {
                 this.isVisible = entry!.isIntersecting;
                 this.look();
-            }).observe(this.canvas);
+            }).observe(this.views[0].canvas);
         }
 
         redraw(): void {
             ui.drawSoon(this.draw);
         }
+        fail(text: string): void {
+            ui.setText(this.error, text);
+        }
 
         // Which buffers.
 
-        private openScene(): void {
-            const gl = this.canvas.getContext("webgl2");
-            try {
-                if (gl === null)
-                    throw new Error("This browser has no WebGL 2.");
-                this.scene = new Scene(gl);
-            } catch (error) {
-                ui.setText(this.error, (error as Error).message);
-            }
-            this.canvas.addEventListener("webglcontextlost", (event) => {
-                event.preventDefault();
-                this.scene = null;
-                ui.setText(this.error, "The graphics were lost.");
-            });
-            this.canvas.addEventListener("webglcontextrestored", () => {
-                ui.setText(this.error, "");
-                this.scene = gl === null ? null : new Scene(gl);
-                this.fit();
-            });
-        }
         private async search(path: string): Promise<void> {
             try {
                 await this.session.describe(path, 3, 0, 100); // the answer comes to `learn`
             } catch (error) {
-                ui.setText(this.error, (error as Error).message);
+                this.fail((error as Error).message);
             }
         }
         private learn(entry: Entry): void {
@@ -314,9 +324,10 @@ namespace particlePanel {
         private choose(): void {
             this.positions.title = this.positions.value;
             this.radius = 0;
-            this.place = this.color = null;
+            this.other = null;
             this.offerColors();
             this.look();
+            void this.findOther();
         }
         /// The buffers beside the positions.
         private offerColors(): void {
@@ -325,215 +336,126 @@ namespace particlePanel {
             const chosen = this.colors.value;
             this.colors.replaceChildren(el("option", { value: "" }, "one colour"),
                 ...paths.map((path) => el("option", { value: path }, path.slice(path.lastIndexOf(".") + 1))));
-            this.colors.value = paths.includes(chosen) ? chosen : "";
+            // Of another buffer, that of the same name.
+            const name = chosen.slice(chosen.lastIndexOf(".") + 1);
+            this.colors.value = paths.find((path) => path === chosen) ?? paths.find((path) => name !== "" && path.endsWith("." + name)) ?? "";
+        }
+        private async findOther(): Promise<void> {
+            const question = ++this.question;
+            const path = this.positions.value;
+            const owner = this.all.ownerOf(path);
+            let other: typeof this.other = null;
+            for (const track of owner === null ? [] : this.all.open) {
+                const moved = track.path + path.slice(owner!.path.length);
+                if (track === owner || other !== null)
+                    continue;
+                const entry = await this.session.describe(moved, 0).catch(() => null);
+                if (question !== this.question)
+                    return;
+                if (entry !== null && suits(entry))
+                    other = { path: moved, track };
+            }
+            this.other = other;
+            this.look();
+        }
+        private toggle(): void {
+            this.sideBySide.setAttribute("aria-pressed", String(!this.wantsTwo));
+            this.look();
+        }
+        private get wantsTwo(): boolean {
+            return this.sideBySide.getAttribute("aria-pressed") === "true";
         }
         private look(): void {
+            const { other } = this;
             const path = this.positions.value;
-            if (path === "" || !this.isVisible) {
-                this.watch.set(null);
-                return;
-            }
+            this.sideBySide.hidden = other === null;
+            const hasTwo = other !== null && this.wantsTwo;
+            if (hasTwo && this.views.length === 1)
+                this.views.push(new View(this, this.session, "other-particles"));
+            const [first, second] = this.views;
             const count = this.known.get(path)?.numElements ?? 0;
-            this.color = null;
-            this.watch.set({
-                paths: this.colors.value === "" ? [path] : [path, this.colors.value], stride: Math.max(1, Math.ceil(count / MaxPoints)),
-                interval: count > 20000 ? 66 : 16,
-            });
+            const options = this.isVisible ? { stride: Math.max(1, Math.ceil(count / MaxPoints)), interval: count > 20000 ? 66 : 16 } : null;
+            const owner = this.all.ownerOf(path);
+            first.look(path, this.colors.value, options, hasTwo && owner !== null ? owner.name : "");
+            if (second === undefined)
+                return;
+            if (hasTwo) {
+                const color = this.colors.value;
+                second.look(other.path, color === "" || owner === null ? "" : other.track.path + color.slice(owner.path.length), options, other.track.name);
+                this.place.append(second.root);
+            } else {
+                second.look("", "", null, "");
+                second.root.remove();
+            }
         }
 
-        // What comes.
+        // The picture.
 
-        private take({ items }: model.Update): void {
-            for (const item of items) {
-                const content = item.removed ? null : item;
-                if (item.path === this.positions.value)
-                    this.place = content;
-                else
-                    this.color = content;
-            }
+        private get shown(): View[] {
+            return this.views.filter(({ root }) => root.isConnected);
+        }
+        uploadSoon(): void {
             ui.drawSoon(this.upload);
         }
         private readonly upload = (): void => {
-            const elements = this.place?.elements ?? null;
-            if (this.scene === null)
-                return;
-            const components = elements?.components ?? 0;
-            if (elements === null || components < 2) {
-                this.scene.count = 0;
-                ui.setText(this.legend, elements === null ? "" : "This buffer has " + components + " numbers an element; two or three make a position.");
-                this.render();
-                return;
-            }
-            this.isFlat = components === 2;
-            const columns = [elements.column(0), elements.column(1), components > 2 ? elements.column(2) : new Float64Array(elements.count)] as
-                [Float64Array, Float64Array, Float64Array];
+            const { shown } = this;
             if (this.radius === 0)
-                this.measure(columns);
-            const colors = this.colorValues(elements.count);
-            const places = new Float32Array(3 * elements.count);
-            const values = new Float32Array(elements.count);
-            let shown = 0;
-            for (let i = 0; i < elements.count; ++i) {
-                if (!Number.isFinite(columns[0][i]! + columns[1][i]! + columns[2][i]!))
-                    continue;
-                for (let axis = 0; axis < 3; ++axis)
-                    places[3 * shown + axis] = (columns[axis]![i]! - this.origin[axis]!) / this.radius;
-                values[shown++] = colors.values === null ? -1 : colors.values[i]!;
-            }
-            this.scene.set(places.subarray(0, 3 * shown), values.subarray(0, shown));
-            const stride = this.place!.stride;
-            ui.setText(this.legend, shown + " of " + this.place!.numElements + (stride > 1 ? ", one in " + stride : "") + colors.text);
+                this.measure();
+            const extents = shown.map((view) => view.colorExtent);
+            const extent = { least: Math.min(...extents.map(({ least }) => least)), most: Math.max(...extents.map(({ most }) => most)) };
+            for (const view of shown)
+                view.upload(this.origin, this.radius || 1, extent, this.colors.selectedOptions[0]?.text ?? "");
             this.render();
         };
-
-        /// Between 0 and 1, by the amount of each element, as a logarithm where it spans more than three decades.
-        private colorValues(count: number): { values: Float64Array | null; text: string } {
-            const elements = this.color?.elements ?? null;
-            if (elements === null || elements.components === 0)
-                return { values: null, text: "" };
-            const values = new Float64Array(count).fill(-1);
-            let [least, most] = [Infinity, -Infinity];
-            for (let i = 0; i < Math.min(count, elements.count); ++i) {
-                let square = 0;
-                for (let c = 0; c < elements.components; ++c)
-                    square += elements.numberAt(i, c) ** 2;
-                const value = values[i] = elements.components === 1 ? elements.numberAt(i, 0) : Math.sqrt(square);
-                least = Math.min(least, value);
-                most = Math.max(most, value);
-            }
-            const isLogarithmic = least > 0 && most / least > 1000;
-            const scaled = (value: number): number => isLogarithmic ? Math.log(value) : value;
-            // What differs by rounding alone is one colour.
-            const span = most - least > 1e-9 * Math.abs(most) ? scaled(most) - scaled(least) : Infinity;
-            for (let i = 0; i < Math.min(count, elements.count); ++i)
-                values[i] = (scaled(values[i]!) - scaled(least)) / span;
-            return { values, text: "; " + this.colors.selectedOptions[0]!.text + " " + ui.number(least, 4) + " to " + ui.number(most, 4) + (isLogarithmic ? " (logarithm)" : "") };
-        }
-
-        private measure(columns: readonly Float64Array[]): void {
+        /// The middle and the size of what is there, so that all of it is seen.
+        private measure(): void {
+            const { columns, isFlat } = this.views[0];
+            if (columns === null)
+                return;
             columns.forEach((column, axis) => {
-                let [least, most] = [Infinity, -Infinity];
-                for (const value of column)
-                    if (Number.isFinite(value)) {
-                        least = Math.min(least, value);
-                        most = Math.max(most, value);
-                    }
+                const { least, most } = extentOf(column);
                 this.origin[axis] = least <= most ? least / 2 + most / 2 : 0;
             });
-            const [x, y, z] = columns as [Float64Array, Float64Array, Float64Array];
-            this.radius = 0;
+            const [x, y, z] = columns;
             for (let i = 0; i < x.length; ++i) {
                 const distance = Math.hypot(x[i]! - this.origin[0], y[i]! - this.origin[1], z[i]! - this.origin[2]);
                 if (Number.isFinite(distance))
                     this.radius = Math.max(this.radius, distance);
             }
             this.radius = this.radius || 1;
-            const { scene } = this;
-            if (scene === null)
-                return;
-            scene.target.fill(0);
-            scene.distance = 2.65;
-            if (this.isFlat) {
-                scene.yaw = -Math.PI / 2;
-                scene.pitch = Math.PI / 2;
+            const { camera } = this;
+            camera.target.fill(0);
+            camera.distance = 2.65;
+            if (isFlat) {
+                camera.yaw = -Math.PI / 2;
+                camera.pitch = Math.PI / 2;
             }
         }
-        private fit(): void {
-            this.radius = 0;
-            ui.drawSoon(this.upload);
-        }
-
-        // The picture.
-
         private render(): void {
-            const { canvas, scene } = this;
-            if (scene === null || canvas.clientWidth === 0)
-                return;
-            const width = Math.round(canvas.clientWidth * devicePixelRatio);
-            const height = Math.round(canvas.clientHeight * devicePixelRatio);
-            if (canvas.width !== width || canvas.height !== height)
-                [canvas.width, canvas.height] = [width, height];
-            const accent = parseInt(ui.color("--accent").slice(1), 16);
-            scene.draw([accent >> 16 & 255, accent >> 8 & 255, accent & 255].map((part) => part / 255) as Vector);
-            // A length of 1, 2 or 5 times a power of ten.
-            const unitsPerPixel = 2 * Tangent * scene.distance * this.radius / this.side;
-            const most = 120 * unitsPerPixel;
-            const power = 10 ** Math.floor(Math.log10(most));
-            const length = Number.isFinite(power) && power > 0 ? power * (most >= 5 * power ? 5 : most >= 2 * power ? 2 : 1) : 0;
-            this.scaleBar.hidden = length === 0 || scene.count === 0;
-            this.scaleBar.style.width = length / unitsPerPixel + "px";
-            ui.setText(this.scaleBar, ui.number(length, 3));
+            for (const view of this.shown)
+                view.render(this.camera, Number(this.size.value), this.radius || 1);
         }
 
-        private get side(): number {
-            return Math.max(1, Math.min(this.canvas.clientWidth, this.canvas.clientHeight));
-        }
-        private turn(x: number, y: number): void {
-            if (this.scene === null)
-                return;
-            if (this.isFlat) {
-                this.scene.pan(x, y);
-            } else {
-                this.scene.yaw -= 4 * x;
-                this.scene.pitch = Math.max(-1.57, Math.min(1.57, this.scene.pitch + 4 * y));
-            }
-            ui.drawSoon(this.draw);
-        }
-        private zoom(factor: number): void {
-            if (this.scene !== null)
-                this.scene.distance = Math.max(1e-4, Math.min(1e3, this.scene.distance * factor));
-            ui.drawSoon(this.draw);
-        }
-        private pan(x: number, y: number): void {
-            this.scene?.pan(x, y);
-            ui.drawSoon(this.draw);
-        }
+        // What moves the view.
 
-        private listen(): void {
-            const { canvas, pointers } = this;
-            canvas.addEventListener("pointerdown", (event) => {
-                canvas.setPointerCapture(event.pointerId);
-                pointers.set(event.pointerId, { x: event.clientX, y: event.clientY });
-            });
-            const drop = (event: PointerEvent): boolean => pointers.delete(event.pointerId);
-            canvas.addEventListener("pointerup", drop);
-            canvas.addEventListener("pointercancel", drop);
-            canvas.addEventListener("pointermove", (event) => {
-                const before = pointers.get(event.pointerId);
-                if (before === undefined)
-                    return;
-                const [x, y] = [(event.clientX - before.x) / this.side, (event.clientY - before.y) / this.side];
-                const other = [...pointers].find(([id]) => id !== event.pointerId)?.[1];
-                if (other !== undefined)
-                    this.zoom(Math.hypot(before.x - other.x, before.y - other.y) / Math.max(1, Math.hypot(event.clientX - other.x, event.clientY - other.y)));
-                else if (event.shiftKey || event.buttons === 2)
-                    this.pan(x, y);
-                else
-                    this.turn(x, y);
-                pointers.set(event.pointerId, { x: event.clientX, y: event.clientY });
-            });
-            canvas.addEventListener("contextmenu", (event) => event.preventDefault());
-            canvas.addEventListener("wheel", (event) => {
-                this.zoom(Math.exp(Math.max(-1, Math.min(1, event.deltaY / 400))));
-                event.preventDefault();
-            }, { passive: false });
-            canvas.addEventListener("keydown", (event) => {
-                const step = 0.04;
-                const arrows: { [key: string]: [number, number] } = {
-                    ArrowLeft: [-step, 0], ArrowRight: [step, 0], ArrowUp: [0, -step], ArrowDown: [0, step],
-                };
-                const arrow = arrows[event.key];
-                if (arrow !== undefined)
-                    event.shiftKey ? this.pan(...arrow) : this.turn(...arrow);
-                else if (event.key === "+" || event.key === "-")
-                    this.zoom(event.key === "+" ? 0.9 : 1 / 0.9);
-                else if (event.key === "f" || event.key === "F")
-                    this.fit();
-                else
-                    return;
-                event.preventDefault();
-                event.stopPropagation();
-            });
+        fit(): void {
+            this.radius = 0;
+            this.uploadSoon();
+        }
+        turn(x: number, y: number): void {
+            if (this.views[0].isFlat)
+                this.camera.pan(x, y);
+            else
+                this.camera.turn(x, y);
+            this.redraw();
+        }
+        zoom(factor: number): void {
+            this.camera.zoom(factor);
+            this.redraw();
+        }
+        pan(x: number, y: number): void {
+            this.camera.pan(x, y);
+            this.redraw();
         }
     }
 }

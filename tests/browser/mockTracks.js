@@ -96,7 +96,9 @@ class Recording {
         return path === this.path + ".Simulation.energy" ? this.energyAt(this.index) : undefined;
     }
     buffer(path) {
-        return this.open && path === this.path + ".Simulation.bodies.position" ? Array.from({ length: this.bodies }, (_, i) => this.placeAt(this.index, i)) : null;
+        const all = (of) => Array.from({ length: this.bodies }, (_, i) => of(i));
+        return path === this.path + ".Simulation.bodies.position" ? all((i) => this.placeAt(this.index, i))
+            : path === this.path + ".Simulation.bodies.speed" ? all((i) => [this.amplitude * (1 + i)]) : null;
     }
     children(path) {
         const component = (name, parent, numChildren, more = {}) => ({ name, path: parent + "." + name, model: "", implementation: "", kind: "component", numChildren, ...more });
@@ -105,11 +107,11 @@ class Recording {
             return [component("Simulation", path, 2)];
         case ".Simulation":
             return [
-                component("bodies", path, 1, { kind: "storage", numElements: this.bodies, capacity: 512, entity: "Body" }),
+                component("bodies", path, 2, { kind: "storage", numElements: this.bodies, capacity: 512, entity: "Body" }),
                 component("energy", path, 0, { kind: "value", type: "Real", value: this.energyAt(this.index) }),
             ];
         case ".Simulation.bodies":
-            return [component("position", path, 0, { kind: "buffer", type: "Vec3:64bit", numElements: this.bodies })];
+            return [["position", "Vec3:64bit"], ["speed", "Real:64bit"]].map(([name, type]) => component(name, path, 0, { kind: "buffer", type, numElements: this.bodies }));
         default:
             return [];
         }

@@ -580,6 +580,38 @@ const mockCases = {
             await untilText(page, ".plot:nth-child(3)", /stiffSimulation\.bodies\.position\[1\]\.x.*softSimulation\.bodies\.position\[1\]\.x/);
         });
     },
+    async particles_of_two_recordings_stand_side_by_side(browser) {
+        await withMock(browser, { recordings: Two.map((recording, i) => ({ ...recording, open: true, bodies: 300 - 100 * i })) }, async (page) => {
+            await running(page);
+            // Of the run alone there is no other.
+            await untilText(page, "#particles-legend", /^300 of 300$/);
+            assert.strictEqual(await page.isVisible("#side-by-side"), false);
+            await page.waitForSelector("#positions option[value='Recording0.Simulation.bodies.position']", { state: "attached" });
+            await page.selectOption("#positions", "Recording0.Simulation.bodies.position");
+            await page.click("#side-by-side");
+            await untilText(page, "#other-particles-legend", /^200 of 200$/);
+            assert.deepStrictEqual(await page.locator(".caption").allTextContents(), ["stiff", "soft"]);
+            // One scale of colours for both.
+            await page.selectOption("#colors", { label: "speed" });
+            for (const [legend, count] of [["#particles-legend", 300], ["#other-particles-legend", 200]])
+                await untilText(page, legend, new RegExp("^" + count + " of " + count + "; speed 0\\.1 to 40$"));
+            const shot = async (canvas) => (await page.locator(canvas).screenshot()).toString("base64");
+            const before = [await shot("#particles-canvas"), await shot("#other-particles-canvas")];
+            assert.ok(await coloursOf(page, "#other-particles-canvas") > 20);
+            await picture(page, "recordings-side-by-side");
+            await page.focus("#other-particles-canvas");
+            await page.keyboard.press("ArrowLeft");
+            assert.notStrictEqual(await shot("#particles-canvas"), before[0]);
+            assert.notStrictEqual(await shot("#other-particles-canvas"), before[1]);
+            await page.click("#side-by-side");
+            assert.strictEqual(await page.locator("#other-particles-canvas").count(), 0);
+            await page.click("#side-by-side");
+            await untilText(page, "#other-particles-legend", /^200 of 200; speed/);
+            await page.click("#recordings li:nth-child(2) button");
+            await until(page, () => document.querySelector("#other-particles-canvas") === null);
+            assert.strictEqual(await page.isVisible("#side-by-side"), false);
+        });
+    },
     async a_recording_that_grows_is_followed(browser) {
         await withMock(browser, { live: false, recordings: [{ name: "growing", frames: 300, open: true, closed: false, growth: 60 }] }, async (page, mock) => {
             await untilText(page, "#recordings", /frames, being written/);
