@@ -294,6 +294,11 @@ var model;
         get isWritable() {
             return this.isConnected && this.info?.writable === true;
         }
+        /// Whether the program may know of it; asking it all the same would be told in its log.
+        offers(uri) {
+            const uris = this.info?.uris ?? [];
+            return uris.length === 0 || uris.includes(uri);
+        }
         /// Why nothing can be changed; "" if it can.
         get whyReadOnly() {
             return this.isWritable ? "" : this.isConnected ? "The program offers this simulation for reading only." : "There is no connection.";
@@ -404,7 +409,7 @@ var model;
         }
         greet() {
             this.request("System.Info", {}).then(({ header }) => {
-                this.info = { version: textOf(header.version), pid: countOf(header.pid), writable: header.writable === true };
+                this.info = { version: textOf(header.version), pid: countOf(header.pid), writable: header.writable === true, uris: Array.isArray(header.uris) ? header.uris : [] };
                 this.setLogLevel(this.level);
                 for (const subscription of this.subscriptions)
                     subscription.add();

@@ -341,6 +341,8 @@ namespace model {
         readonly version: string;
         readonly pid: number;
         readonly writable: boolean;
+        /// What it answers; none where it does not tell.
+        readonly uris: readonly unknown[];
     }
 
     const ClockInterval = 200;
@@ -398,6 +400,11 @@ namespace model {
         }
         get isWritable(): boolean {
             return this.isConnected && this.info?.writable === true;
+        }
+        /// Whether the program may know of it; asking it all the same would be told in its log.
+        offers(uri: string): boolean {
+            const uris = this.info?.uris ?? [];
+            return uris.length === 0 || uris.includes(uri);
         }
         /// Why nothing can be changed; "" if it can.
         get whyReadOnly(): string {
@@ -520,7 +527,7 @@ namespace model {
 
         private greet(): void {
             this.request("System.Info", {}).then(({ header }) => {
-                this.info = { version: textOf(header.version), pid: countOf(header.pid), writable: header.writable === true };
+                this.info = { version: textOf(header.version), pid: countOf(header.pid), writable: header.writable === true, uris: Array.isArray(header.uris) ? header.uris : [] };
                 this.setLogLevel(this.level);
                 for (const subscription of this.subscriptions)
                     subscription.add();

@@ -93,6 +93,11 @@ var statistics;
         poll() {
             if (!this.session.isConnected || this.isAsking || this.isOffered === false)
                 return;
+            if (!this.session.offers("Statistics.List")) {
+                this.isOffered = false;
+                this.changed.fire();
+                return;
+            }
             this.isAsking = true;
             this.ask().catch((error) => {
                 if (error instanceof protocol.Refusal)

@@ -120,6 +120,11 @@ namespace statistics {
         poll(): void {
             if (!this.session.isConnected || this.isAsking || this.isOffered === false)
                 return;
+            if (!this.session.offers("Statistics.List")) {
+                this.isOffered = false;
+                this.changed.fire();
+                return;
+            }
             this.isAsking = true;
             this.ask().catch((error: Error) => {
                 if (error instanceof protocol.Refusal)

@@ -226,7 +226,7 @@ var tracks;
         }
         /// To be called again and again: asks for tracks that are new, and recordings for what was written to them meanwhile.
         poll() {
-            if (!this.session.isConnected || this.isRefused || this.isAsking)
+            if (!this.session.isConnected || !this.session.offers("Track.List") || this.isRefused || this.isAsking)
                 return;
             this.isAsking = true;
             this.session.request("Track.List", {}).then(({ header }) => {

@@ -285,7 +285,7 @@ namespace tracks {
 
         /// To be called again and again: asks for tracks that are new, and recordings for what was written to them meanwhile.
         poll(): void {
-            if (!this.session.isConnected || this.isRefused || this.isAsking)
+            if (!this.session.isConnected || !this.session.offers("Track.List") || this.isRefused || this.isAsking)
                 return;
             this.isAsking = true;
             this.session.request("Track.List", {}).then(({ header }) => {

@@ -69,11 +69,11 @@ class SessionBench extends Bench {
         this.sockets.push(socket);
         return socket;
     }
-    async greet() {
+    async greet(info = {}) {
         this.socket.onopen();
         this.say(1, 1, "authenticate", { success: true });
         await settle();
-        this.say(2, 2, "System.Info", { success: true, writable: true });
+        this.say(2, 2, "System.Info", { success: true, writable: true, ...info });
         await settle();
     }
     sent(uri) {

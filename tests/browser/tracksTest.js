@@ -75,6 +75,14 @@ test("a program without tracks is not asked again before it was connected anew",
     await bench.greet();
     assert.strictEqual(bench.sent("Track.List").length, 1); // of the new socket
 });
+test("a program that tells what it answers is asked for nothing else", async () => {
+    const bench = new SessionBench();
+    new tracks.Tracks(bench.session);
+    const watcher = new statistics.Watcher(bench.session, () => 0);
+    bench.session.connection.connect();
+    await bench.greet({ uris: ["System.Info", 7] });
+    assert.deepStrictEqual([bench.sent("Track.List"), bench.sent("Statistics.List"), watcher.isOffered], [[], [], false]);
+});
 test("paths lead into the open recording that they lie below", async () => {
     const bench = await TracksBench.start(entry(1), entry(2, { open: false }), entry(3, { live: true, path: "" }), entry(4, { path: "" }));
     const owner = (path) => bench.all.ownerOf(path)?.id ?? null;
