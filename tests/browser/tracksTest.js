@@ -133,6 +133,8 @@ test("of many times that are wanted, those that came while it was on its way are
 test("a recording that waits at its own end does not tell the time", async () => {
     const bench = await TracksBench.start(entry(1, { end: 5, time: 5 }), entry(2, { time: 7 }), entry(3, { start: 8, time: 8 }));
     assert.deepStrictEqual([bench.all.time, bench.all.teller.id, bench.all.run], [7, 2, { start: 0, end: 10 }]);
+    const other = await TracksBench.start(entry(1, { end: 2, time: 1 }), entry(2, { start: 8, end: 90, time: 8 }));
+    assert.strictEqual(other.all.time, 1);
 });
 test("recordings play together from one time, and those that begin later join", async () => {
     const bench = await TracksBench.start(entry(1, { end: 5, time: 2 }), entry(2, { start: 4, end: 9, time: 4 }));
@@ -286,6 +288,7 @@ test("pieces that lie are refused, and leave what came before them", () => {
         "rows without end": [...good, { count: 1e9 }],
         "no times": [...good, { times: null }],
     };
+    assert.throws(() => taken(new series.Rows(1), 0, [0], [{ rows: [[3]], byteOffset: 24 }]), /^Error: rows of a series that do not fit their bytes$/);
     for (const [name, lie] of Object.entries(lies)) {
         const rows = taken(new series.Rows(1), 0, [0, 1], [{ rows: [[1], [2]] }]);
         assert.throws(() => rows.take(...piece(...lie)), Error, name);
@@ -353,6 +356,9 @@ test("a range is asked for in detail, the instance by its id, and what is under 
     // What still comes of it is not taken for the other.
     bench.push("Track.Points", ...withSeries(requests[1], piece(0, [9], [{ rows: [[9]] }])));
     assert.deepStrictEqual([feed.rows.times, bench.lines], [[0, 1, 2], []]);
+    // What comes of that takes the place of the whole run at once.
+    bench.push("Track.Points", ...withSeries(requests[2], piece(0, [1.5], [{ rows: [[9]] }])));
+    assert.deepStrictEqual([feed.rows.times, feed.isComing], [[1.5], true]);
 });
 test("a recording that has grown is asked for again, and its curve stays until all is there", async () => {
     const bench = await TracksBench.start(entry(1, { numFrames: 3 }));
@@ -454,8 +460,8 @@ test("providers of one path are told apart by their order", () => {
 });
 test("what was cleared, is new or makes no sense has no time until it is seen again", () => {
     const times = new statistics.Times();
-    times.take({ enabled: true, providers: [provider("cleared", 50, 9), provider("odd", 1, 1)] }, 1);
-    times.take({ enabled: true, providers: [provider("cleared", 1, 1), provider("new", 5, 5), provider("odd", "nan", 2), null, { data: 3 }, provider("x", {}, [])] }, 2);
+    times.take({ enabled: true, providers: [provider("cleared", 50, 9), provider("odd", 1, 1), provider("quick", 50, 1)] }, 1);
+    times.take({ enabled: true, providers: [provider("cleared", 1, 1), provider("new", 5, 5), provider("odd", "nan", 2), provider("quick", 7, 9), null, { data: 3 }, provider("x", {}, [])] }, 2);
     assert.deepStrictEqual(times.rows, []);
     times.take({ enabled: 1, providers: "none" }, 3);
     assert.deepStrictEqual([times.isEnabled, times.rows], [false, []]);
