@@ -56,9 +56,11 @@ var detailsPanel;
         async refresh(path) {
             const { question } = this;
             const frame = this.frameOf(path);
+            // Also one that was chosen already and is yet to be shown.
+            const isOther = () => question !== this.question || this.entry?.path !== path;
             try {
                 const entry = await this.session.describe(path, 0);
-                if (question !== this.question)
+                if (isOther())
                     return;
                 this.frame = frame;
                 this.fail("");
@@ -68,7 +70,7 @@ var detailsPanel;
                 this.follow();
             }
             catch (error) {
-                if (question !== this.question)
+                if (isOther())
                     return;
                 this.frame = frame;
                 this.fail(error.message);

@@ -58,9 +58,11 @@ namespace detailsPanel {
         private async refresh(path: string): Promise<void> {
             const { question } = this;
             const frame = this.frameOf(path);
+            // Also one that was chosen already and is yet to be shown.
+            const isOther = (): boolean => question !== this.question || this.entry?.path !== path;
             try {
                 const entry = await this.session.describe(path, 0);
-                if (question !== this.question)
+                if (isOther())
                     return;
                 this.frame = frame;
                 this.fail("");
@@ -69,7 +71,7 @@ namespace detailsPanel {
                 this.facts = facts;
                 this.follow();
             } catch (error) {
-                if (question !== this.question)
+                if (isOther())
                     return;
                 this.frame = frame;
                 this.fail((error as Error).message);

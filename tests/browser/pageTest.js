@@ -97,6 +97,8 @@ async function goTo(page, where) {
     await page.fill("#search", where);
     await page.press("#search", "Enter");
     await untilText(page, "#details .facts", new RegExp(where.replace(/\./g, "\\.")));
+    // The tree follows, and takes the focus.
+    await until(page, () => document.activeElement.matches(".row[aria-selected=true]"));
 }
 async function plot(page, where) {
     await goTo(page, where);
