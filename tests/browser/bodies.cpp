@@ -1,6 +1,10 @@
-// The simulation that the tests of the page look into: bodies [CONTROL_PORT PAGE_PORT]. It prints the address
-// of its page, and ends when its input does. The token is "secret"; with --read-only ahead of the ports
-// nothing may be changed.
+// The simulation that the tests of the page look into: bodies [OPTIONS] [CONTROL_PORT PAGE_PORT]. It prints
+// the address of its page, and ends when its input does. The token is "secret". Options:
+//
+//     --read-only          nothing may be changed
+//     --recordings FOLDER  makes recordings there, "heavy" of ten seconds and "light" of eight, and offers
+//     them
+//     --alone              the recordings, open, and nothing that runs
 #include <zel/Clock.h>
 #include <zel/Component.h>
 #include <zel/Log.h>
@@ -8,6 +12,7 @@
 #include <zel/ref_ptr.h>
 #include <zelCore/zelCore.h>
 #include <zelData/Buffer.h>
+#include <zelData/Recorder.h>
 #include <zelData/Type.h>
 #include <zelData/ValueT.h>
 #include <zelNet/ControlChannel.h>
@@ -19,8 +24,10 @@
 #include <cmath>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -68,11 +75,12 @@ public:
     Bodies(const Bodies&) = delete;
     Bodies& operator=(const Bodies&) = delete;
 
-    /// Puts all to where the clock's time has them, if that is new.
-    void move() {
-        if (m_movedTo == m_clock->getTime())
+    /// Puts all to where the clock's time has them.
+    void move() { moveTo(m_clock->getTime()); }
+    void moveTo(double time) {
+        if (m_movedTo == time)
             return;
-        m_movedTo = m_clock->getTime();
+        m_movedTo = time;
         // Whoever may set values may change the sizes.
         m_position->resize(NumBodies);
         m_velocity->resize(NumBodies);
@@ -87,9 +95,10 @@ public:
         }
         m_position->commit();
         m_velocity->commit();
-        m_energy->set(-1 + 0.1 * std::sin(3 * m_movedTo));
+        m_energy->set(-1 + 0.01 * m_gravity->get() * std::sin(3 * m_movedTo));
     }
     [[nodiscard]] zel::Clock* getClock() const { return m_clock.get(); }
+    void setGravity(double gravity) { m_gravity->set(gravity); }
 
 private:
     ref_ptr<zel::Component> m_simulation;
@@ -104,14 +113,56 @@ private:
     double m_movedTo = -1;
 };
 
-void run(zel::uint16 controlPort, int pagePort, bool isWritable) {
+struct Options {
+    bool isWritable = true;
+    bool isAlone = false;
+    std::string recordings;
+    zel::uint16 controlPort = zelNet::AnyPort;
+    int pagePort = 0;
+};
+
+struct Run {
+    const char* name;
+    double gravity;
+    int numTicks;
+};
+constexpr Run Runs[] = {{"heavy", 10, 600}, {"light", 5, 480}};
+
+zel::String journalOf(const Options& options, const Run& run) {
+    return options.recordings + "/" + run.name + ".journal";
+}
+
+/// The state of each frame is that of its time.
+void record(const zel::String& file, const Run& run) {
     Bodies bodies;
+    bodies.setGravity(run.gravity);
+    bodies.moveTo(0);
+    zel::Clock* const clock = bodies.getClock();
+    const ref_ptr<zelData::Recorder> recorder = zelData::Recorder::record(clock, file);
+    for (int tick = 1; tick <= run.numTicks; ++tick) {
+        bodies.moveTo(tick / Frequency);
+        clock->tick();
+    }
+    recorder->stop();
+}
+
+void run(const Options& options) {
+    if (!options.recordings.empty())
+        for (const Run& each : Runs)
+            record(journalOf(options, each), each);
+    const std::unique_ptr<Bodies> bodies(options.isAlone ? nullptr : new Bodies);
     const ref_ptr<zelNet::WebSocket::ControlChannel> channel(
-        new zelNet::WebSocket::ControlChannel(controlPort, "secret"));
+        new zelNet::WebSocket::ControlChannel(options.controlPort, "secret"));
     const ref_ptr<zelNet::InspectionService> inspection(
         new zelNet::InspectionService(channel.get(), zel::root()));
-    inspection->setWritable(isWritable);
-    zelNet::zelWebServer::WebDebuggerServer page(pagePort, "");
+    inspection->setWritable(options.isWritable);
+    if (!options.recordings.empty())
+        for (const Run& each : Runs) {
+            const zel::uint64 id = inspection->addJournal(journalOf(options, each), zel::Name(each.name));
+            if (options.isAlone)
+                inspection->openJournal(id);
+        }
+    zelNet::zelWebServer::WebDebuggerServer page(options.pagePort, "");
     if (!page.start())
         throw std::runtime_error("The page can not be served");
     std::cout << "http://127.0.0.1:" << page.getPort() << "/#control=" << channel->getPort()
@@ -126,16 +177,38 @@ void run(zel::uint16 controlPort, int pagePort, bool isWritable) {
     });
     auto next = std::chrono::steady_clock::now();
     while (!isDone.load(std::memory_order_relaxed)) {
-        bodies.getClock()->tick();
+        if (bodies)
+            bodies->getClock()->tick();
         do {
             inspection->service();
-            bodies.move();
+            if (bodies)
+                bodies->move();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } while (std::chrono::steady_clock::now() < next);
         next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(1 / bodies.getClock()->getFrequency()));
+            std::chrono::duration<double>(1 / (bodies ? bodies->getClock()->getFrequency() : Frequency)));
     }
     input.join();
+}
+
+Options optionsOf(const std::vector<std::string>& arguments) {
+    Options options;
+    std::vector<std::string> ports;
+    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
+        if (*argument == "--read-only")
+            options.isWritable = false;
+        else if (*argument == "--alone")
+            options.isAlone = true;
+        else if (*argument == "--recordings" && argument + 1 != arguments.end())
+            options.recordings = *++argument;
+        else
+            ports.push_back(*argument);
+    }
+    if (ports.size() == 2) {
+        options.controlPort = static_cast<zel::uint16>(std::stoi(ports[0]));
+        options.pagePort = std::stoi(ports[1]);
+    }
+    return options;
 }
 
 } // namespace
@@ -144,12 +217,7 @@ int main(int argc, char** argv) {
     zelCore::init();
     int result = 0;
     try {
-        const bool isReadOnly = argc > 1 && std::string(argv[1]) == "--read-only";
-        const int first = isReadOnly ? 2 : 1;
-        const bool hasPorts = argc > first + 1;
-        run(hasPorts ? static_cast<zel::uint16>(std::stoi(argv[first])) : zelNet::AnyPort,
-            hasPorts ? std::stoi(argv[first + 1]) : 0,
-            !isReadOnly);
+        run(optionsOf({argv + 1, argv + argc}));
     } catch (const std::exception& error) {
         std::cerr << error.what() << std::endl;
         result = 1;

@@ -2,6 +2,8 @@
 // With a fourth argument, pictures of the page are written into that folder.
 "use strict";
 const assert = require("node:assert");
+const fs = require("fs");
+const os = require("os");
 const { spawn } = require("child_process");
 const path = require("path");
 const readline = require("readline");
@@ -294,6 +296,84 @@ const cases = {
         await until(page, () => !document.querySelector("#log-lines").textContent.includes("wheel"));
         await page.selectOption("#log-level", "warning");
         await untilText(page, "#log-lines", /The left wheel is hot/);
+    },
+    async recordings_of_a_run_are_opened_moved_and_closed(page, { browser, withRecordings }) {
+        const { address } = await withRecordings();
+        const other = await browser.open(address);
+        await running(other);
+        await untilText(other, "#recordings", /heavy.*light/);
+        await other.click("#recordings li:nth-child(1) button");
+        await untilText(other, "#recordings li:nth-child(1) .note", /^601 frames$/);
+        await untilText(other, "#track-position", /^0\.000 s, frame 0$/);
+        await goTo(other, "heavy.Simulation.energy");
+        await untilText(other, "#value", /^-1$/);
+        await other.focus("#track-time");
+        await other.keyboard.press("End");
+        await untilText(other, "#track-position", /^10\.000 s, frame 600$/);
+        await untilText(other, "#value", new RegExp("^" + String(-1 + 0.1 * Math.sin(30)).slice(0, 8).replace(".", "\\.")));
+        await other.keyboard.press("ArrowLeft");
+        await untilText(other, "#track-position", /frame 599$/);
+        const box = await other.locator("#track-time").boundingBox();
+        await other.mouse.click(box.x + box.width / 2, box.y + box.height / 2);
+        await untilTime(other, 4.5, 5.5);
+        const time = await placeOf(other);
+        await other.click("#play");
+        await untilTime(other, time + 0.5, 10);
+        await other.click("#play");
+        await untilText(other, "#play", /^Play$/);
+        await goTo(other, "heavy.Simulation.bodies.position");
+        await untilText(other, "#elements .cells[data-index='0'] [role=gridcell]:nth-child(2)", /^-?[0-9.]+$/);
+        await other.selectOption("#positions", "heavy.Simulation.bodies.position");
+        await untilText(other, "#particles-legend", /^400 of 400/);
+        await other.click("#recordings li:nth-child(1) button");
+        await until(other, () => document.querySelector("#play").offsetParent === null);
+        await running(other);
+    },
+    async recordings_alone_are_played_plotted_and_compared(page, { browser, withRecordings }) {
+        const { address } = await withRecordings("--alone");
+        const other = await browser.open(address);
+        await untilText(other, "#state", /^Recording$/);
+        await untilText(other, "#time", /^0\.000 s$/);
+        await other.waitForSelector("[role=treeitem]:has-text('heavy')");
+        await plot(other, "heavy.Simulation.energy");
+        await untilRead(other);
+        assert.deepStrictEqual(await other.locator(".chip").evaluateAll((chips) => chips.map(({ title }) => title)), ["heavy: Simulation.energy", "light: Simulation.energy"]);
+        const over = await overOf(other);
+        await other.mouse.click(over.x + 0.5 * over.width, over.y + 20);
+        await untilTime(other, 4.8, 5.2);
+        await other.mouse.move(0, 0);
+        // The curves tell of each what the value does that the recording shows.
+        const time = await placeOf(other);
+        const near = (curve, gravity) => until(other, ([place, wanted]) => Math.abs(parseFloat(document.querySelectorAll(".chip .number")[place].textContent) - wanted) < 1e-4,
+            [curve, -1 + 0.01 * gravity * Math.sin(3 * time)]);
+        await near(0, 10);
+        await near(1, 5);
+        for (const [path, gravity] of [["heavy", 10], ["light", 5]]) {
+            await goTo(other, path + ".Simulation.energy");
+            await until(other, (wanted) => Math.abs(parseFloat(document.querySelector("#value").textContent) - wanted) < 1e-4, -1 + 0.01 * gravity * Math.sin(3 * time));
+        }
+        await other.click("text=Difference");
+        await until(other, (wanted) => Math.abs(parseFloat(document.querySelectorAll(".chip .number")[2]?.textContent) - wanted) < 1e-4, 0.05 * Math.sin(3 * time));
+        // An element of a buffer, in both.
+        await other.selectOption("#plot-target", "new");
+        await goTo(other, "light.Simulation.bodies.position");
+        await other.waitForSelector("#elements .cells[data-index='1']");
+        await other.focus("#elements");
+        await other.keyboard.press("Enter");
+        await until(other, () => document.querySelectorAll(".plot:nth-child(2) .chip").length === 2 || document.querySelectorAll(".plot").length === 2);
+        await untilRead(other);
+        assert.deepStrictEqual(await other.locator(".plot .error:not(:empty)").count(), 0);
+        await other.selectOption("#positions", "heavy.Simulation.bodies.position");
+        await other.click("#side-by-side");
+        await untilText(other, "#other-particles-legend", /^400 of 400/);
+        await picture(other, "debugger-recordings");
+        // Both to the end: the shorter one waits.
+        await other.fill("#track-rate", "20");
+        await other.press("#track-rate", "Enter");
+        await other.click("#play");
+        await untilText(other, "#track-position", /^10\.000 s/);
+        await untilText(other, "#play", /^Play$/);
+        await untilText(other, "#state", /^Recording$/);
     },
     async comes_back_after_a_restart(page, { simulation, browser, restart }) {
         browser.expected = /WebSocket connection to/;
@@ -750,6 +830,8 @@ async function main() {
     assert.ok(Object.hasOwn(cases, name), "there is no case " + name);
     const context = { browser, simulation: await Simulation.start() };
     const first = context.simulation;
+    const folder = fs.mkdtempSync(path.join(os.tmpdir(), "recordings-"));
+    context.withRecordings = (...options) => context.restart("--recordings", folder, ...options);
     context.restart = async (...options) => context.simulation = await Simulation.start(...options);
     const page = await browser.open(first.address);
     await running(page);
@@ -758,6 +840,7 @@ async function main() {
     await context.simulation.stop();
     if (first !== context.simulation && first.process.exitCode === null)
         await first.stop();
+    fs.rmSync(folder, { recursive: true });
 }
 
 main().then(() => process.exit(0), (error) => {
