@@ -4,6 +4,7 @@
 //     --read-only          nothing may be changed
 //     --recordings FOLDER  makes recordings there, "heavy" of ten seconds and "light" of eight, and offers
 //     them
+//     --record             also one of this run, in the same folder, "now", that grows
 //     --alone              the recordings, open, and nothing that runs
 #include <zel/Clock.h>
 #include <zel/Component.h>
@@ -98,6 +99,7 @@ public:
         m_energy->set(-1 + 0.01 * m_gravity->get() * std::sin(3 * m_movedTo));
     }
     [[nodiscard]] zel::Clock* getClock() const { return m_clock.get(); }
+    [[nodiscard]] zel::Component* getSimulation() const { return m_simulation.get(); }
     void setGravity(double gravity) { m_gravity->set(gravity); }
 
 private:
@@ -116,6 +118,7 @@ private:
 struct Options {
     bool isWritable = true;
     bool isAlone = false;
+    bool isRecorded = false;
     std::string recordings;
     zel::uint16 controlPort = zelNet::AnyPort;
     int pagePort = 0;
@@ -162,6 +165,12 @@ void run(const Options& options) {
             if (options.isAlone)
                 inspection->openJournal(id);
         }
+    ref_ptr<zelData::Recorder> recorder;
+    if (options.isRecorded && bodies) {
+        const zel::String file = options.recordings + "/now.journal";
+        recorder = zelData::Recorder::record(bodies->getClock(), file, bodies->getSimulation());
+        inspection->addJournal(file, zel::Name("now"));
+    }
     zelNet::zelWebServer::WebDebuggerServer page(options.pagePort, "");
     if (!page.start())
         throw std::runtime_error("The page can not be served");
@@ -197,6 +206,8 @@ Options optionsOf(const std::vector<std::string>& arguments) {
     for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
         if (*argument == "--read-only")
             options.isWritable = false;
+        else if (*argument == "--record")
+            options.isRecorded = true;
         else if (*argument == "--alone")
             options.isAlone = true;
         else if (*argument == "--recordings" && argument + 1 != arguments.end())

@@ -329,6 +329,23 @@ const cases = {
         await until(other, () => document.querySelector("#play").offsetParent === null);
         await running(other);
     },
+    async a_recording_of_the_run_itself_grows(page, { browser, withRecordings }) {
+        const { address } = await withRecordings("--record");
+        const other = await browser.open(address);
+        await running(other);
+        await other.click("#recordings li:nth-child(3) button");
+        await untilText(other, "#recordings li:nth-child(3) .note", /^[0-9]+ frames, being written$/);
+        await plot(other, "now.energy");
+        await untilRead(other);
+        const end = await other.locator("#track-time").getAttribute("max").then(Number);
+        await until(other, (least) => Number(document.querySelector("#track-time").max) > least + 1, end);
+        await until(other, () => document.querySelector(".progress").textContent === "");
+        await other.focus("#track-time");
+        await other.keyboard.press("End");
+        await untilTime(other, end + 1, 1e9);
+        await until(other, () => document.querySelector(".chip .number").textContent !== "–");
+        await running(other);
+    },
     async recordings_alone_are_played_plotted_and_compared(page, { browser, withRecordings }) {
         const { address } = await withRecordings("--alone");
         const other = await browser.open(address);
