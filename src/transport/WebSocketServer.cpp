@@ -237,6 +237,10 @@ private:
             if (WebSocket* const socket = socketOf(session, server, handle))
                 socket->writeNext();
             break;
+        case LWS_CALLBACK_HTTP_BODY_COMPLETION:
+            // Other requests that are no handshakes end after 5 seconds; this one would stay for ever.
+            lws_set_timeout(handle, PENDING_TIMEOUT_USER_REASON_BASE, LWS_TO_KILL_ASYNC);
+            break;
         case LWS_CALLBACK_WSI_DESTROY:
             server->connectionDestroyed(handle);
             break;

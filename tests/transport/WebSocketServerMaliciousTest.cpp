@@ -186,6 +186,17 @@ TEST_F(WebSocketServerMaliciousTest, BytesThatAreNoHandshakeGetNoConnection) {
     expectAlive();
 }
 
+TEST_F(WebSocketServerMaliciousTest, RequestsWithContentAreNotKeptForEver) {
+    for (const char* method : {"POST", "PUT", "PATCH"}) {
+        RawWebSocket peer(server->getPort());
+        EXPECT_TRUE(peer.send(
+            method + std::string(" / HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 4\r\n\r\nbody")));
+        EXPECT_TRUE(serveUntil([&] { return !peer.receive(); })) << method;
+        EXPECT_EQ(peer.received(), "") << method;
+    }
+    expectAlive();
+}
+
 TEST_F(WebSocketServerMaliciousTest, ResetsAtEachByteAreSurvived) {
     const std::string bytes = RawWebSocket::handshake(Protocol) +
                               RawWebSocket::frame(RawWebSocket::Text, "hello", false) +
