@@ -66,7 +66,7 @@ public:
 
     /// A recording that clients may look into, also while it is being written, and that they move through:
     /// a component of the name, at the end of the root, shows the frame at the position that all share. It
-    /// stays empty until a client asks, or openJournal.
+    /// stays empty until a client asks, or openJournal. Whoever records the root records it, too.
     /// @return the id of the track
     zel::uint64 addJournal(const zel::String& file, const zel::Name& name);
     /// @throws std::runtime_error  for a file that is no journal, and an id that is not one of a journal

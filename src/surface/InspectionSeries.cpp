@@ -3,8 +3,6 @@
 #include "InspectionElements.h"
 #include "InspectionTree.h"
 
-#include <zel/Log.h>
-
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>

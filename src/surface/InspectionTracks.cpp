@@ -392,13 +392,14 @@ void InspectionTracks::playOn(Track& track, Time now) {
 
 bool InspectionTracks::update(Time now) {
     bool hasWorked = false;
-    for (const auto& track : m_tracks) {
-        if (track->isPlaying) {
-            const size_t place = track->tree->getPlace();
-            playOn(*track, now);
-            hasWorked = hasWorked || track->tree->getPlace() != place;
+    for (size_t i = 0; i < m_tracks.size(); ++i) { // those who listen to what is shown may add some
+        Track& track = *m_tracks[i];
+        if (track.isPlaying) {
+            const size_t place = track.tree->getPlace();
+            playOn(track, now);
+            hasWorked = hasWorked || track.tree->getPlace() != place;
         }
-        hasWorked = tell(*track, now) || hasWorked;
+        hasWorked = tell(track, now) || hasWorked;
     }
     return hasWorked;
 }

@@ -28,7 +28,6 @@ using zel::uint32;
 using zel::uint64;
 using zelData::Buffer;
 using zelData::ElementForm;
-using zelData::Format;
 using zelData::Frame;
 using zelData::PlainJournal;
 using zelData::Value;
@@ -56,22 +55,22 @@ class TreeUpdate {
 public:
     // NOLINTNEXTLINE(misc-no-recursion): frames are no deeper than SerializedFrame::MaxDepth
     void updateChildren(Component& target, const Component& source) const {
-        // Those of one name in their order, the first one last.
-        std::unordered_map<std::string_view, std::vector<Object*>> present;
+        // Those of one name in their order, the first one last. What listens to a value may change the tree.
+        std::unordered_map<std::string_view, std::vector<zel::ref_ptr<Object>>> present;
         for (size_t i = target.getNumObjects(); i-- > 0;)
-            present[target.getObject(i)->getName().c_str()].push_back(target.getObject(i));
+            present[target.getObject(i)->getName().c_str()].emplace_back(target.getObject(i));
         std::vector<zel::ref_ptr<Object>> added;
         for (size_t i = 0; i < source.getNumObjects(); ++i) {
             const Object& node = *source.getObject(i);
-            std::vector<Object*>& ofName = present[node.getName().c_str()];
+            std::vector<zel::ref_ptr<Object>>& ofName = present[node.getName().c_str()];
             if (!ofName.empty() && update(*ofName.back(), node))
                 ofName.pop_back();
             else if (zel::ref_ptr<Object> object = make(node))
                 added.push_back(std::move(object));
         }
         for (const auto& [name, objects] : present)
-            for (Object* object : objects)
-                target.removeObject(object);
+            for (const auto& object : objects)
+                target.removeObject(object.get());
         for (const auto& object : added)
             target.addObject(object.get());
     }

@@ -4,11 +4,9 @@
 #include <filesystem>
 #include <limits>
 #include <map>
-#include <set>
 #include <utility>
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -73,7 +71,7 @@ protected:
         return rows;
     }
     Json::Value ask(const std::string& members) {
-        const Json::Value answer =
+        Json::Value answer =
             InspectionTracksFixture::ask(client, "Track.Series", "{'id':0,'series':1," + members + "}")
                 .header;
         EXPECT_EQ(answer["success"], true) << text(answer);
@@ -257,7 +255,6 @@ TEST_F(InspectionServiceSeriesTest, OpensTheJournal) {
 TEST_F(InspectionServiceSeriesTest, GoesOnWhenTheJournalIsClosed) {
     addTrack(2000);
     ask("'items':[{'path':'pond.level'}]");
-    service->addLiveTrack("run", clock.get(), top.get());
     send(client, "Track.Control", controls(0, "close"));
     Rows rows;
     for (bool isDone = false; !isDone && !HasFailure();) {
@@ -323,7 +320,6 @@ TEST_F(InspectionServiceSeriesTest, IsStoppedOrReplaced) {
     // Both requests lie in the channel ahead of the first slice.
     send(client, "Track.Series", "{'id':0,'series':1" + items);
     send(client, "Track.Series", "{'id':0,'series':1,'end':0.35,'items':[{'path':'pond.wind'}]}");
-    std::set<zel::uint32> counts;
     Rows rows;
     for (bool isDone = false; !isDone && !HasFailure();) {
         const Message message = take(client);

@@ -149,6 +149,8 @@ TEST_F(InspectionServiceTrackMaliciousTest, OutlivesMembersOfAnyKind) {
         for (const std::string& header : good)
             for (const std::string& member : members)
                 for (const std::string& value : values)
-                    succeeds(uri, header + ",'" + member + "':" + value + "}");
+                    succeeds(uri,
+                             std::string(header).append(",'").append(member).append("':").append(value) +
+                                 "}");
     EXPECT_EQ(control(0, "seek", "'frame':3")["position"]["frame"], 3);
 }

@@ -157,6 +157,7 @@ TEST_F(InspectionServiceTrackTest, ChangesTheObjectsInPlace) {
     const std::vector<const char*> paths = {
         "pond.level", "pond.label", "pond.depths", "pond.fish", "pond.fish.mass", "pond.weather.heat"};
     std::vector<zel::Object*> objects;
+    objects.reserve(paths.size());
     for (const char* path : paths)
         objects.push_back(find(path));
     const auto* leaders = dynamic_cast<const zelData::Buffer*>(find("pond.fish.spots"));
@@ -717,4 +718,33 @@ TEST_F(InspectionServiceFramesTest, AreRefusedWhereTheyMeanNothing) {
                   true);
     EXPECT_EQ(refusal(client, "Track.Subscribe", "{'id':0}"), "There may be 16 subscriptions");
     EXPECT_EQ(ask(client, "Track.Subscribe", "{'id':16,'paths':['none']}").header["success"], true);
+}
+
+// What listens
+
+TEST_F(InspectionServiceTrackTest, LetsListenersChangeWhatIsShown) {
+    addTrack(8);
+    auto* tree = dynamic_cast<zel::Component*>(zel::root()->findObject("pond"));
+    auto* level = dynamic_cast<zelData::Value*>(tree->findObject("level"));
+    level->updateEvent.connect([&](zelData::Value*) {
+        tree->removeAllObjects(); // with the value itself
+        service->addJournal(pathOf("pond.journal"), "more");
+    });
+    control(0, "seek", "'frame':5");
+    EXPECT_EQ(trackOf(1)["name"], "more");
+    control(0, "seek", "'frame':6");
+    EXPECT_EQ(childrenOf("pond").size(), 6U);
+    EXPECT_EQ(valueOf("pond.level").asDouble(), 3);
+}
+
+TEST_F(InspectionServiceTrackTest, TellsOfListenersThatThrow) {
+    addTrack(8);
+    auto* level = dynamic_cast<zelData::Value*>(zel::root()->getResource("pond.level"));
+    const zel::uint64 connection =
+        level->updateEvent.connect([](zelData::Value*) { throw std::runtime_error("no, thanks"); });
+    EXPECT_EQ(controlRefusal(0, "seek", "'frame':5"), "no, thanks");
+    EXPECT_EQ(trackOf(0)["error"], "no, thanks");
+    level->updateEvent.disconnect(connection);
+    EXPECT_EQ(control(0, "seek", "'frame':6")["error"], "");
+    EXPECT_EQ(valueOf("pond.level").asDouble(), 3);
 }
