@@ -6,6 +6,7 @@
 #include <zelData/Frame.h>
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -86,6 +87,8 @@ bool InspectionFrames::send(WebSocket* socket, Subscription& subscription, bool&
             frame = subscription.capture->capture(clock);
         } else {
             const auto& record = track.tree->getRecord(track.tree->getPlace());
+            if (!std::isfinite(record.timeStamp) || !std::isfinite(record.timeStep))
+                return true; // a packet can not tell it
             frame = subscription.capture->capture(record.index, record.timeStamp, record.timeStep);
         }
         const zel::ref_ptr<WebSocket::Packet> packet(new WebSocket::Packet(frame.get(), "FrameArchive"));

@@ -629,6 +629,21 @@ TEST_F(InspectionServiceFramesTest, AreSentWhenTheTrackShowsAnother) {
     EXPECT_TRUE(isQuiet(client));
 }
 
+TEST_F(InspectionServiceFramesTest, HaveTimesThatPacketsCanTell) {
+    Pond pond(pathOf("pond.journal"), fishes, "run");
+    for (const double time : {1.0, std::numeric_limits<double>::quiet_NaN(), 3.0})
+        pond.write(time);
+    pond.close();
+    service->addJournal(pathOf("pond.journal"), "pond");
+    service->openJournal(0);
+    ask(client, "Track.Subscribe", "{'id':0,'paths':['level']}");
+    EXPECT_EQ(takePacket(client)->getTimeStamp(), 1);
+    EXPECT_EQ(control(0, "step")["position"]["time"], "nan");
+    EXPECT_TRUE(isQuiet(client));
+    control(0, "step");
+    EXPECT_EQ(takePacket(client)->getTimeStamp(), 3);
+}
+
 TEST_F(InspectionServiceFramesTest, HoldWhatIsAskedFor) {
     addTrack(3);
     ask(client, "Track.Subscribe", "{'id':0,'paths':['weather','level','nothing.there']}");
