@@ -4,16 +4,18 @@ var statistics;
 (function (statistics) {
     var textOf = protocol.textOf;
     var numberOf = protocol.numberOf;
-    /// The time of a task is that of its runs; other times are named.
+    /// The time of a task is that of its runs, which its other times are parts of. Times of others are named.
     const OfATask = "WallTime";
     function sumsOf(header) {
         const sums = new Map();
         for (const provider of protocol.listOf(header.providers)) {
             const path = textOf(provider.path) || textOf(provider.name);
             const name = textOf(provider.name) || path || "(without a name)";
-            for (const datum of protocol.listOf(provider.data)) {
+            const all = protocol.listOf(provider.data);
+            const isTask = all.some((datum) => datum.name === OfATask);
+            for (const datum of all) {
                 const [accumulated, count] = [numberOf(datum.accumulated), numberOf(datum.count)];
-                if (datum.timing !== true || !Number.isFinite(accumulated) || !Number.isFinite(count))
+                if (datum.timing !== true || isTask && datum.name !== OfATask || !Number.isFinite(accumulated) || !Number.isFinite(count))
                     continue;
                 const what = textOf(datum.name);
                 // Several may have the same path: they come in the same order each time.

@@ -5,6 +5,10 @@ var tracks;
     var textOf = protocol.textOf;
     var numberOf = protocol.numberOf;
     var countOf = protocol.countOf;
+    /// In seconds.
+    const LongestWatched = 600;
+    const ShortestWatched = 1;
+    const FramesPerSecond = 60;
     /// Between two looks at a recording that does not grow, in polls.
     const LongestPause = 16;
     function finite(value, otherwise) {
@@ -125,7 +129,14 @@ var tracks;
         }
         get rate() {
             const playing = this.open.find(({ isPlaying }) => isPlaying);
-            return playing?.rate ?? this.chosenRate ?? this.open[0]?.rate ?? 1;
+            return playing?.rate ?? this.chosenRate ?? this.open.find(({ rate }) => rate !== 1)?.rate ?? this.naturalRate;
+        }
+        /// Wall time for what can be watched in it, else as many frames as a screen shows.
+        get naturalRate() {
+            const longest = this.open.reduce((best, track) => best === null || track.numFrames > best.numFrames ? track : best, null);
+            const seconds = longest === null ? NaN : longest.run.end - longest.run.start;
+            return longest !== null && longest.numFrames > 1 && seconds > 0 && (seconds > LongestWatched || seconds < ShortestWatched) ?
+                Number((FramesPerSecond * seconds / (longest.numFrames - 1)).toPrecision(2)) : 1;
         }
         get loops() {
             return this.loopsTogether || this.open.some(({ loops }) => loops);

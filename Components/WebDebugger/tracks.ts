@@ -44,6 +44,10 @@ namespace tracks {
         readonly error: string;
     }
 
+    /// In seconds.
+    const LongestWatched = 600;
+    const ShortestWatched = 1;
+    const FramesPerSecond = 60;
     /// Between two looks at a recording that does not grow, in polls.
     const LongestPause = 16;
 
@@ -178,7 +182,14 @@ namespace tracks {
         }
         get rate(): number {
             const playing = this.open.find(({ isPlaying }) => isPlaying);
-            return playing?.rate ?? this.chosenRate ?? this.open[0]?.rate ?? 1;
+            return playing?.rate ?? this.chosenRate ?? this.open.find(({ rate }) => rate !== 1)?.rate ?? this.naturalRate;
+        }
+        /// Wall time for what can be watched in it, else as many frames as a screen shows.
+        private get naturalRate(): number {
+            const longest = this.open.reduce<Track | null>((best, track) => best === null || track.numFrames > best.numFrames ? track : best, null);
+            const seconds = longest === null ? NaN : longest.run.end - longest.run.start;
+            return longest !== null && longest.numFrames > 1 && seconds > 0 && (seconds > LongestWatched || seconds < ShortestWatched) ?
+                Number((FramesPerSecond * seconds / (longest.numFrames - 1)).toPrecision(2)) : 1;
         }
         get loops(): boolean {
             return this.loopsTogether || this.open.some(({ loops }) => loops);

@@ -39,7 +39,7 @@ var ui;
         if (!Number.isFinite(value))
             return Number.isNaN(value) ? "nan" : value > 0 ? "inf" : "-inf";
         const size = Math.abs(value);
-        return size >= 1e-4 && size < 1e9 ? String(Number(value.toPrecision(digits))) : value.toExponential(digits - 2);
+        return size >= 1e-4 && size < 1e9 ? String(Number(value.toPrecision(digits))) : value.toExponential(digits - 2).replace(/\.?0*e/, "e");
     }
     ui.number = number;
     function seconds(value) {

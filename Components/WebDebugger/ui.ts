@@ -41,7 +41,7 @@ namespace ui {
         if (!Number.isFinite(value))
             return Number.isNaN(value) ? "nan" : value > 0 ? "inf" : "-inf";
         const size = Math.abs(value);
-        return size >= 1e-4 && size < 1e9 ? String(Number(value.toPrecision(digits))) : value.toExponential(digits - 2);
+        return size >= 1e-4 && size < 1e9 ? String(Number(value.toPrecision(digits))) : value.toExponential(digits - 2).replace(/\.?0*e/, "e");
     }
     export function seconds(value: number): string {
         const size = Math.abs(value);

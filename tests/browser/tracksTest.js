@@ -180,6 +180,15 @@ test("one recording alone is played, looped and begun again by the program", asy
     bench.all.setLoop(true);
     assert.deepStrictEqual(bench.asked, [[1, "play", 1], [1, "loop", true]]);
 });
+test("runs that wall time would play for ever, or in no time, play by frames until somebody has chosen a rate", async () => {
+    const rateOf = async (end, numFrames, more = {}) => (await TracksBench.start(entry(1, { end, numFrames, ...more }))).all.rate;
+    assert.deepStrictEqual([await rateOf(600, 6001), await rateOf(1, 1001), await rateOf(540000, 901), await rateOf(0.001, 1001), await rateOf(1e9, 1), await rateOf(0, 0),
+        await rateOf(540000, 901, { rate: -2 })], [1, 1, 36000, 0.00006, 1, 1, -2]);
+    const bench = await TracksBench.start(entry(1, { end: 540000, numFrames: 901 }));
+    bench.all.setRate(5);
+    bench.all.play();
+    assert.deepStrictEqual(bench.asked, [[1, "play", 5]]);
+});
 test("a step of the one that tells the time takes the others along", async () => {
     const bench = await TracksBench.start(entry(1, { end: 5, time: 5 }), entry(2, { time: 7 }));
     bench.all.step(-1);
@@ -444,6 +453,17 @@ test("times are those between two looks, the longest first", () => {
     assert.deepStrictEqual(times.rows, [
         { name: "slow", path: "a/slow", each: 30, runs: 5, perSecond: 150 }, { name: "quick", path: "a/quick", each: 1, runs: 10, perSecond: 10 },
     ]);
+});
+test("a task is listed by the time of its runs alone", () => {
+    const times = new statistics.Times();
+    const look = (n) => {
+        const task = provider("step", n, n);
+        task.data.push(...["ComputeCost", "Overhead"].map((name) => ({ name, timing: true, accumulated: n, count: n })));
+        return { enabled: true, providers: [task] };
+    };
+    times.take(look(1), 1);
+    times.take(look(2), 2);
+    assert.deepStrictEqual(times.rows.map(({ name }) => name), ["step"]);
 });
 test("other times than those of runs are named, and what is no time is left out", () => {
     const times = new statistics.Times();
