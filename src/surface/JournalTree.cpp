@@ -150,7 +150,7 @@ private:
         const auto* component = dynamic_cast<const Component*>(&node);
         if (component == nullptr || dynamic_cast<const Frame::PartialBuffer*>(&node) != nullptr)
             return {};
-        const zel::ref_ptr<Component> made(new Component(node.getName()));
+        const zel::ref_ptr<Component> made(new Component(node.getName(), Component::ClassModel()));
         updateChildren(*made, *component);
         return made;
     }
@@ -174,7 +174,7 @@ size_t placeOfFrame(const PlainJournal& journal, uint64 index) {
     return behind == frames.begin() ? 0 : static_cast<size_t>(behind - frames.begin()) - 1;
 }
 
-JournalTree::JournalTree(const zel::Name& name) : Component(name) {}
+JournalTree::JournalTree(const zel::Name& name) : Component(name, Component::ClassModel()) {}
 
 JournalTree::~JournalTree() = default;
 

@@ -305,6 +305,8 @@ const cases = {
         await other.click("#recordings li:nth-child(1) button");
         await untilText(other, "#recordings li:nth-child(1) .note", /^601 frames$/);
         await untilText(other, "#track-position", /^0\.000 s, frame 0$/);
+        await other.fill("#search", "heavy.simulation.en");
+        await untilText(other, "#completions", /^heavy\.Simulation\.energy$/);
         await goTo(other, "heavy.Simulation.energy");
         await untilText(other, "#value", /^-1$/);
         await other.focus("#track-time");

@@ -132,6 +132,15 @@ TEST_F(InspectionServiceTrackTest, ShowsTheFirstFrameOfAJournalThatIsOpened) {
     EXPECT_THAT(bufferAt<zel::uint32>("pond.fish.leader"), ElementsAre(0, 0, 0));
 }
 
+TEST_F(InspectionServiceTrackTest, CompletesPathsThatLeadIntoARecording) {
+    addTrack(3);
+    control(0, "open");
+    const Json::Value answer = ask(client, "Object.Complete", "{'text':'pond.FISH.ma'}").header;
+    EXPECT_EQ(answer["matchedPath"], "pond.fish.mass");
+    ASSERT_EQ(answer["list"].size(), 1U);
+    EXPECT_EQ(answer["list"][0], "mass");
+}
+
 TEST_F(InspectionServiceTrackTest, ShowsAnyFrame) {
     addTrack(12);
     for (const int frame : {11, 3, 4, 0, 6, 5, 11}) {
