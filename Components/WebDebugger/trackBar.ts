@@ -131,7 +131,8 @@ namespace trackBar {
                 chip.title = [track.file, track.session].filter((text) => text !== "").join(", session ");
                 ui.setText(name, track.name);
                 note.classList.toggle("error", track.error !== "");
-                ui.setText(note, track.error !== "" ? track.error : (track.isOpen ? track.numFrames + " frames" : track.file) + (track.isClosed ? "" : ", being written"));
+                ui.setText(note, track.error !== "" ? track.error : !track.isOpen ? track.file :
+                    track.numFrames + (track.isClosed ? " frames" : " frames, being written"));
                 ui.setText(button, track.isOpen ? "Close" : "Open recording");
                 button.setAttribute("aria-label", (track.isOpen ? "Close " : "Open ") + track.name);
                 button.title = track.isOpen ? "Its objects go, and its memory" : "Its objects appear beside those of the run";
