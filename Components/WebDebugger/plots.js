@@ -105,6 +105,7 @@ var plotPanel;
             const paths = uPlot.paths.stepped({ align: 1 });
             const curve = { width: 1.5, points: { show: false }, paths, pxAlign: 0 };
             const isRecorded = this.feeds.size > 0;
+            this.root.classList.toggle("recorded", isRecorded);
             this.canvas.setAttribute("aria-label", "Curves; the arrow keys move the time cursor" + (isRecorded ? ", Enter goes to its time, plus and minus zoom" : ""));
             this.picture = this.view();
             this.plot = new uPlot({

@@ -22,10 +22,11 @@ var timePanel;
             const { times, streams } = this.watcher;
             const page = this.root.parentElement;
             const isOffered = this.isOffered();
-            if (page.dataset.times !== String(isOffered))
-                page.dataset.times = String(isOffered);
-            this.root.dataset.empty = String(!isOffered);
             const shown = times.rows.slice(0, MaxRows);
+            // What has nothing to show but a line takes little room.
+            const state = !isOffered ? "false" : shown.length > 0 || streams.length > 0 ? "true" : "hint";
+            if (page.dataset.times !== state)
+                page.dataset.times = state;
             ui.setText(this.hint, this.watcher.isOffered === null ? "" : !times.isEnabled ? "What the tasks take is not measured: start the program with zel run --statistics."
                 : shown.length === 0 ? "No task has run in the last second." : "");
             this.hint.hidden = this.hint.textContent === "";
