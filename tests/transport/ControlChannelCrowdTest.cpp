@@ -18,20 +18,11 @@ using zelNet::AnyPort;
 using zelNet::StructuredMessage;
 using zelNet::WebSocket;
 using zelNet::WebSocketServer;
+using zelTest::envelopeOf;
 using zelTest::RawWebSocket;
 using ControlChannel = WebSocket::ControlChannel;
 
 namespace {
-
-std::string envelopeOf(const std::string& uri, const std::string& json, zel::uint32 id) {
-    StructuredMessage::PreHeader numbers;
-    numbers.messageId = id;
-    numbers.uriSize = static_cast<zel::uint32>(uri.size());
-    numbers.headerSize = static_cast<zel::uint32>(json.size());
-    std::string bytes(24, '\0');
-    numbers.write(reinterpret_cast<zel::uint8*>(bytes.data()));
-    return bytes + uri + json;
-}
 
 std::ptrdiff_t numOpenFiles() {
     namespace fs = std::filesystem;

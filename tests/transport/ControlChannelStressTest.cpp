@@ -15,6 +15,7 @@ using zel::ref_ptr;
 using zelNet::AnyPort;
 using zelNet::StructuredMessage;
 using zelNet::WebSocket;
+using zelTest::envelopeOf;
 using zelTest::RawWebSocket;
 
 namespace {
@@ -24,15 +25,6 @@ class ControlChannelSoakTest : public zelTest::WebSocketFixture {
 protected:
     using Random = std::mt19937;
 
-    static std::string envelopeOf(const std::string& uri, const std::string& json, zel::uint32 id) {
-        StructuredMessage::PreHeader numbers;
-        numbers.messageId = id;
-        numbers.uriSize = static_cast<zel::uint32>(uri.size());
-        numbers.headerSize = static_cast<zel::uint32>(json.size());
-        std::string bytes(24, '\0');
-        numbers.write(reinterpret_cast<zel::uint8*>(bytes.data()));
-        return bytes + uri + json;
-    }
     static void yield() { std::this_thread::yield(); }
 
     static bool request(RawWebSocket& peer, const std::string& uri, const std::string& json, zel::uint32 id) {

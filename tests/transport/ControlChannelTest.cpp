@@ -19,24 +19,13 @@ using zelNet::AnyPort;
 using zelNet::StructuredMessage;
 using zelNet::WebSocket;
 using zelNet::WebSocketServer;
+using zelTest::envelopeOf;
 using zelTest::RawWebSocket;
 using ControlChannel = WebSocket::ControlChannel;
 
 namespace {
 
 constexpr zel::uint32 NoId = StructuredMessage::NoId;
-
-std::string
-envelopeOf(const std::string& uri, const std::string& json, zel::uint32 id, zel::uint32 responseId = NoId) {
-    StructuredMessage::PreHeader numbers;
-    numbers.messageId = id;
-    numbers.responseId = responseId;
-    numbers.uriSize = static_cast<zel::uint32>(uri.size());
-    numbers.headerSize = static_cast<zel::uint32>(json.size());
-    std::string bytes(24, '\0');
-    numbers.write(reinterpret_cast<zel::uint8*>(bytes.data()));
-    return bytes + uri + json;
-}
 
 class ControlChannelTest : public zelTest::WebSocketFixture {
 protected:

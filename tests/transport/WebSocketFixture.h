@@ -3,6 +3,7 @@
 #include "RawWebSocket.h"
 
 #include <zelCore/zelCore.h>
+#include <zelNet/StructuredMessage.h>
 #include <zelNet/WebSocketServer.h>
 
 #include <atomic>
@@ -14,6 +15,21 @@
 #include <vector>
 
 namespace zelTest {
+
+/// A message without payload, as a client sends it.
+inline std::string envelopeOf(const std::string& uri,
+                              const std::string& json,
+                              zel::uint32 id,
+                              zel::uint32 responseId = zelNet::StructuredMessage::NoId) {
+    zelNet::StructuredMessage::PreHeader numbers;
+    numbers.messageId = id;
+    numbers.responseId = responseId;
+    numbers.uriSize = static_cast<zel::uint32>(uri.size());
+    numbers.headerSize = static_cast<zel::uint32>(json.size());
+    std::string bytes(sizeof(numbers), '\0');
+    numbers.write(reinterpret_cast<zel::uint8*>(bytes.data()));
+    return bytes + uri + json;
+}
 
 /// A test with WebSocket peers of one process, all on the test's thread.
 template <typename Test>
