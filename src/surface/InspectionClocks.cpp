@@ -121,6 +121,11 @@ void InspectionClocks::control(InspectionRequest& request) {
     request.response["clock"] = describe(clock);
 }
 
+bool InspectionClocks::isAnyRunning() {
+    const zel::Vector<Clock*> all = clocks();
+    return std::any_of(all.begin(), all.end(), [](const Clock* clock) { return clock->isEnabled(); });
+}
+
 bool InspectionClocks::tickOnce(Pending& pending) {
     Clock* clock = pending.clock.get();
     if (clock == nullptr)

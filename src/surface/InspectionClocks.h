@@ -27,6 +27,7 @@ public:
     /// Makes ticks that are pending, until the time.
     /// @return whether there were any
     bool step(std::chrono::steady_clock::time_point end);
+    [[nodiscard]] bool isAnyRunning();
     /// The first clock as updates have it, in JSON; "null" for none.
     [[nodiscard]] std::string first();
 

@@ -42,7 +42,10 @@ using zel::uint64;
 namespace {
 
 constexpr std::chrono::milliseconds TickSlice(20);
+// What is recorded may be long to read: where a clock runs, a fifth of the time is enough for that.
 constexpr std::chrono::milliseconds SeriesSlice(20);
+constexpr std::chrono::milliseconds SeriesSliceOfRun(4);
+constexpr int SeriesRest = 4; // times what was spent
 constexpr uint64 MaxEntries = 1000;
 
 double secondsSince(steady_clock::time_point start) {
@@ -101,6 +104,9 @@ private:
 
     void handle(const Route& route, WebSocket* socket, const StructuredMessage& message);
 
+    /// Reads on for who has asked for series, and sends what was read.
+    bool readSeries();
+
     void info(InspectionRequest& request);
     void heartbeat(InspectionRequest& request);
     void listStatistics(InspectionRequest& request) { request.response = describeStatistics(); }
@@ -130,6 +136,7 @@ private:
     InspectionClocks m_clocks;
     zel::ref_ptr<InspectionLog> m_log;
     InspectionSeries m_series;
+    steady_clock::time_point m_seriesDue;
     InspectionFrames m_frames;
 };
 
@@ -227,8 +234,19 @@ bool InspectionService::Implementation::service() {
         hasWorked = m_watches.update(now, clock == "null" ? tracks.firstPosition() : clock) || hasWorked;
     }
     hasWorked = m_frames.update() || hasWorked;
-    hasWorked = m_series.update(steady_clock::now() + SeriesSlice) || hasWorked;
+    hasWorked = readSeries() || hasWorked;
     hasWorked = m_log->send() || hasWorked;
+    return hasWorked;
+}
+
+bool InspectionService::Implementation::readSeries() {
+    const auto start = steady_clock::now();
+    if (start < m_seriesDue)
+        return false;
+    const bool isRunning = m_clocks.isAnyRunning();
+    const bool hasWorked = m_series.update(start + (isRunning ? SeriesSliceOfRun : SeriesSlice));
+    const auto end = steady_clock::now();
+    m_seriesDue = isRunning ? end + SeriesRest * (end - start) : end;
     return hasWorked;
 }
 

@@ -64,6 +64,7 @@ def visit(address, rng):
         ]
         remote.watch(["Solar.clock.time", "Solar.particles.position"], interval=0.016)  # what it does not take waits
         for _ in range(rng.randrange(1, 20)):
+            time.sleep(rng.random() * 0.2)
             try:
                 rng.choice(actions)()
             except (zelremote.RemoteError, ValueError):
