@@ -9,6 +9,8 @@
 #include <zelData/PlainFrame.h>
 #include <zelData/SerializedFrame.h>
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -74,6 +76,12 @@ public:
     explicit PlainJournal(const zel::String& path, Search search = Search::Walk);
     ~PlainJournal();
 
+    /// Takes in the frames that were written since, of a file that was opened for its Records: those that are
+    /// known keep their places, and what was read stays. The cost is that of the new frames.
+    /// @return false if the file is another one by now, or no longer holds what is known, which stays as it
+    ///     was then: to be opened anew
+    [[nodiscard]] bool refresh();
+
     [[nodiscard]] const zel::String& getPath() const noexcept { return m_path; }
     [[nodiscard]] zel::uint64 getFileSize() const noexcept { return m_fileSize; }
     [[nodiscard]] bool beginsAsJournal() const noexcept { return m_beginsAsJournal; }
@@ -120,6 +128,8 @@ public:
     }
 
 private:
+    static constexpr zel::size_t NoPlace = ~zel::size_t{0};
+
     [[nodiscard]] PlainFrame read(const FrameEntry& entry, bool withData, PlainFrame::Names& names) const;
     [[noreturn]] static void fail(const FrameEntry& entry, const std::runtime_error& error);
     void readElements(const FrameEntry& entry, PlainFrame::Node& node) const;
@@ -127,6 +137,7 @@ private:
     readBlock(const char* what, zel::uint64 offset, zel::uint64 size) const;
     void readHeaders(Search search);
     void checkSession();
+    void sortFaults();
     [[nodiscard]] bool walk(Search search);
     void scan();
     // Each answers why the frame cannot stand, and is empty if it can.
@@ -165,7 +176,8 @@ private:
 
     PlainFrame m_state; // the complete frame at m_place
     PlainFrame::Names m_names;
-    zel::size_t m_place = 0; // in m_frames; their number for none
+    zel::size_t m_place = NoPlace; // in m_frames; NoPlace for none
+    struct ::stat m_data {};       // of the file when it was opened
 };
 
 } // namespace zelData

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 // A journal that is opened to be looked at: its headers, and the frames where nothing is wrong.
@@ -25,20 +26,54 @@ constexpr uint64 EndOfHeaders = JournalMeta::JournalHeaderSize + JournalMeta::Ma
 } // namespace
 
 PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path) {
-    struct ::stat data {}; // others may have nothing to read, for ever
-    if (!FileSystem::stat(path, data) || !S_ISREG(data.st_mode))
+    // Others than regular files may have nothing to read, for ever.
+    if (!FileSystem::stat(path, m_data) || !S_ISREG(m_data.st_mode))
         throw std::runtime_error("There is no file '" + path + "'.");
     m_file = std::make_unique<DiskFile>(path, DiskFile::Mode::Read);
     if (!m_file->isOpen() || !m_file->size(m_fileSize))
         throw std::runtime_error("Could not open journal '" + path + "': " + m_file->getReason());
-    m_begin = EndOfHeaders;
-    m_limit = m_fileSize;
     readHeaders(search);
     m_endOfFrames = m_begin;
     m_searchBudget = (uint64{16} << 20) + 16 * m_fileSize;
     if (search == Search::Scan || (!walk(search) && search == Search::Walk))
         scan();
-    m_place = m_frames.size();
+    sortFaults();
+}
+
+bool PlainJournal::refresh() {
+    struct ::stat data {};
+    uint64 size = 0;
+    if (!FileSystem::stat(m_path, data) || data.st_ino != m_data.st_ino || data.st_dev != m_data.st_dev ||
+        !m_file->size(size) || size < m_endOfFrames)
+        return false;
+    // Whoever goes on from an earlier frame writes others in the place of those behind it.
+    if (!m_frames.empty()) {
+        SerializedFrame::BinaryHeader::Frame last{};
+        const FrameEntry& known = m_frames.back();
+        if (!m_file->readAt(known.offset, &last, sizeof(last)) ||
+            std::memcmp(&last, &known.record, sizeof(last)) != 0)
+            return false;
+    }
+    const uint64 begin = m_begin;
+    m_fileSize = size;
+    m_faults.clear();
+    m_isClosed = false;
+    m_session = nullptr;
+    try {
+        readHeaders(Search::Records);
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+    if (m_frames.empty())
+        m_endOfFrames = m_begin;
+    else if (m_begin != begin)
+        return false;
+    (void)walk(Search::Records);
+    sortFaults();
+    return true;
+}
+
+void PlainJournal::sortFaults() {
     std::stable_sort(
         m_faults.begin(), m_faults.end(), [](const Fault& a, const Fault& b) { return a.offset < b.offset; });
 }
@@ -46,6 +81,8 @@ PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path
 PlainJournal::~PlainJournal() = default;
 
 void PlainJournal::readHeaders(Search search) {
+    m_begin = EndOfHeaders;
+    m_limit = m_fileSize;
     JournalMeta meta;
     try {
         meta.read(m_path, false);
@@ -127,7 +164,7 @@ bool PlainJournal::walk(Search search) {
     if (!m_faults.empty() && search == Search::Walk)
         return false;
     const uint64 limit = m_isClosed ? m_session->getNumFrames() : zel::InvalidIndex;
-    uint64 offset = m_begin;
+    uint64 offset = m_endOfFrames;
     while (offset < m_limit && m_frames.size() < limit) {
         FrameEntry entry{};
         entry.offset = offset;
@@ -208,9 +245,9 @@ PlainFrame PlainJournal::readAlone(zel::size_t place) const {
 
 const PlainFrame& PlainJournal::readComplete(zel::size_t place) {
     zel::size_t first = keyFrameOf(place);
-    if (m_place <= place) // which is the number of frames for none
+    if (m_place <= place) // not where there is none
         first = std::max(first, m_place + 1);
-    m_place = m_frames.size(); // until all went well
+    m_place = NoPlace; // until all went well
     for (zel::size_t i = first; i <= place; ++i) {
         const PlainFrame frame = read(m_frames[i], true, m_names);
         try {

@@ -179,6 +179,12 @@ JournalTree::JournalTree(const zel::Name& name) : Component(name, Component::Cla
 JournalTree::~JournalTree() = default;
 
 void JournalTree::open(const zel::String& path) {
+    const bool isEmpty = getNumFrames() == 0;
+    if (m_journal && m_journal->refresh()) {
+        if (isEmpty && getNumFrames() != 0)
+            show(0);
+        return;
+    }
     const auto journal = std::make_shared<PlainJournal>(path, PlainJournal::Search::Records);
     size_t place = 0;
     if (!journal->getFrames().empty()) {

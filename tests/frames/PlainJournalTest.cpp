@@ -308,3 +308,66 @@ TEST_F(PlainPartTest, AreFoundByTheirRecordsWithoutAScan) {
     EXPECT_EQ(open.getFrames().size(), 5U);
     EXPECT_TRUE(open.getFaults().empty());
 }
+
+TEST_F(PlainPartTest, FramesThatAreWrittenLaterAreTakenIn) {
+    recordModel(12, false);
+    putBytes(whole.substr(0, endOf(4) + 20)); // as while the sixth is being written
+    PlainJournal plain(path(), PlainJournal::Search::Records);
+    ASSERT_EQ(plain.getFrames().size(), 5U);
+    const auto fifth = elementsOf(plain.readComplete(4));
+    for (const zel::size_t numFrames : {5UL, 6UL, 11UL, 12UL}) {
+        putBytes(whole.substr(0, endOf(numFrames - 1)));
+        ASSERT_TRUE(plain.refresh());
+        EXPECT_EQ(plain.getFrames().size(), numFrames);
+        EXPECT_EQ(plain.getEndOfFrames(), endOf(numFrames - 1));
+        EXPECT_TRUE(plain.getFaults().empty());
+    }
+    EXPECT_EQ(elementsOf(plain.readComplete(4)), fifth);
+    PlainJournal fresh(path());
+    for (const zel::size_t place : {11UL, 6UL, 7UL})
+        EXPECT_EQ(elementsOf(plain.readComplete(place)), elementsOf(fresh.readComplete(place))) << place;
+    EXPECT_FALSE(plain.isClosed());
+    recordModel(12);
+    EXPECT_FALSE(plain.refresh()) << "the file was made anew";
+}
+
+TEST_F(PlainPartTest, ARefreshSeesThatTheJournalWasClosed) {
+    recordModel(6, false);
+    PlainJournal plain(path(), PlainJournal::Search::Records);
+    EXPECT_FALSE(plain.isClosed());
+    writer->endOfStream();
+    ASSERT_TRUE(plain.refresh());
+    EXPECT_TRUE(plain.isClosed());
+    EXPECT_EQ(plain.getFrames().size(), 6U);
+    putBytes(whole.substr(0, endOf(2)));
+    EXPECT_FALSE(plain.refresh()) << "the last frame has gone";
+    EXPECT_EQ(plain.getFrames().size(), 6U);
+    EXPECT_THROW((void)plain.readComplete(5), std::runtime_error);
+}
+
+TEST_F(PlainPartTest, ARefreshSeesOtherFramesInTheirPlace) {
+    recordModel(6, false);
+    PlainJournal plain(path(), PlainJournal::Search::Records);
+    std::string other = whole;
+    put<double>(other, table[5].headerOffset + 8, 77.5); // its time
+    putBytes(other);
+    EXPECT_FALSE(plain.refresh());
+    putBytes(whole);
+    EXPECT_TRUE(plain.refresh());
+    putBytes("something else, which is no journal" + std::string(whole.size(), 'x'));
+    EXPECT_FALSE(plain.refresh());
+    std::filesystem::remove(path());
+    EXPECT_FALSE(plain.refresh());
+}
+
+TEST_F(PlainPartTest, AJournalWithoutFramesGetsItsFirstOnes) {
+    recordModel(4, false);
+    putBytes(whole.substr(0, table[0].headerOffset));
+    PlainJournal plain(path(), PlainJournal::Search::Records);
+    EXPECT_TRUE(plain.getFrames().empty());
+    EXPECT_TRUE(plain.refresh());
+    EXPECT_TRUE(plain.getFrames().empty());
+    putBytes(whole);
+    EXPECT_TRUE(plain.refresh());
+    EXPECT_EQ(plain.getFrames().size(), 4U);
+}
