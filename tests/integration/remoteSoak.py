@@ -133,11 +133,13 @@ def main():
     seed = int.from_bytes(os.urandom(3), "little")
     print(f"seed {seed}, {SECONDS:.0f} s, {NUM_CLIENTS} clients", flush=True)
     with tempfile.TemporaryDirectory() as folder:
-        errors = pathlib.Path(folder) / "errors"
+        output, errors = pathlib.Path(folder) / "output", pathlib.Path(folder) / "errors"
         command = [TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", "--writable", "--statistics", "--real-time",
                    "--record", f"{folder}/past.journal"]
-        with errors.open("w") as sink, subprocess.Popen(command, stdout=subprocess.PIPE, stderr=sink, text=True) as process:
-            address = next(match.group(1) for line in process.stdout if (match := re.match(r"Control: (\S+)$", line)))
+        with output.open("w") as out, errors.open("w") as err, subprocess.Popen(command, stdout=out, stderr=err) as process:
+            while not (match := re.search(r"^Control: (\S+)$", output.read_text(), re.M)):
+                time.sleep(0.1)
+            address = match.group(1)
             failed = False
             with zelremote.connect(address, timeout=TIMEOUT) as remote:
                 alone = measure(remote, min(20.0, SECONDS))
