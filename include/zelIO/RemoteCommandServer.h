@@ -60,7 +60,8 @@ public:
 ///
 /// Only GET and HEAD are answered, and only to 127.0.0.1 unless remote clients are allowed; nothing that a
 /// page of another site asks for, see zelNet/AllowedHosts.h. With a token, each request must carry it in the
-/// header "Token". Slow clients are dropped after 3 seconds.
+/// header "Token". A client that sends no request, or takes nothing of its answer, is dropped after 3
+/// seconds; one that takes it slowly keeps the others waiting.
 ///
 /// Where a script "x.js" of the page is older than "x.ts" beside it, the compiler "tsc" is run first, if it
 /// is installed.

@@ -24,7 +24,8 @@ namespace zelNet::zelWebServer {
 /// It listens on all addresses of this machine, without encryption and without a token: whoever reaches the
 /// port reads the files. What is not a file of the directory is not served, links out of it included; only
 /// GET and HEAD are answered, and nothing that a page of another site asks for, see AllowedHosts.h. Clients
-/// are served one after the other; a slow one is dropped after 3 seconds.
+/// are served one after the other: one that sends no request, or takes nothing of its answer, is dropped
+/// after 3 seconds; one that takes it slowly keeps the others waiting.
 /// @threads `start`, `join` and destruction: one thread at a time; all else: any thread
 class ZEL_CORE_API WebDebuggerServer {
 public:
