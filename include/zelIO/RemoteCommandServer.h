@@ -65,7 +65,8 @@ public:
 ///
 /// Where a script "x.js" of the page is older than "x.ts" beside it, the compiler "tsc" is run first, if it
 /// is installed.
-/// @threads start and stop: one thread at a time; all else any thread
+/// @threads start and stop: one thread at a time; all else any thread. The search paths of the process do not
+///     change while it listens
 class ZEL_CORE_API RemoteCommandServer : public zel::Component {
 public:
     /// The decoded arguments of a request.
@@ -116,7 +117,8 @@ public:
     /// Empty: none is asked for.
     void setAuthenticationToken(const String& token);
     [[nodiscard]] String getAuthenticationToken() const;
-    /// Under which object paths are looked up; zel::root() unless set.
+    /// Under which object paths are looked up; zel::root() unless set. Keep one that was set until the server
+    /// has been stopped: its thread may else be the last to let go of it.
     void setSystemRoot(zel::Object* root);
     /// Inserts or replaces the handler of a path; a null one unregisters. A call under way ends as it began.
     /// What a handler throws becomes the JSON answer, with "exception" and "uri".
