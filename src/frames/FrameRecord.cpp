@@ -37,6 +37,15 @@ const char* faultOf(const FrameRecord& record) {
     return record.headerSize < SmallestHeader ? "tells a header that is too short" : nullptr;
 }
 
+bool standsAt(zelIO::DiskFile& file, uint64 offset, const FrameRecord& record) {
+    FrameRecord present{};
+    if (!file.readAt(offset, &present, sizeof(present)))
+        return false;
+    // Both come from the file: bytes that are equal.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+    return std::memcmp(&present, &record, sizeof(present)) == 0;
+}
+
 bool extentOf(const FrameRecord& record, uint64 offset, FrameExtent& extent) {
     if (offset > LargestOffset || record.headerSize > LargestOffset - offset - (DataAlignment - 1))
         return false;

@@ -24,6 +24,9 @@ struct FrameExtent {
 /// @return whether there are such places in any file
 [[nodiscard]] bool extentOf(const FrameRecord& record, zel::uint64 offset, FrameExtent& extent);
 
+/// Whether the record that was read from the file still stands at the offset, byte for byte.
+[[nodiscard]] bool standsAt(zelIO::DiskFile& file, zel::uint64 offset, const FrameRecord& record);
+
 /// The first place at the offset or behind it where a record stands that can be believed, and whose frame
 /// ends ahead of the given end; InvalidIndex if there is none.
 [[nodiscard]] zel::uint64 findFrameRecord(zelIO::DiskFile& file, zel::uint64 offset, zel::uint64 end);

@@ -216,12 +216,8 @@ uint64 Session::refresh() {
         // The last frame is still there, and complete.
         const FrameInfo& last = m_frameTable.back();
         DiskFile file(m_path, DiskFile::Mode::Read);
-        Record record{};
-        // Both come from the file: bytes that are equal.
-        // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
-        const auto isLast = [&] { return std::memcmp(&record, &last.meta, sizeof(record)) == 0; };
-        goesOn = file.isOpen() && file.readAt(last.headerOffset, &record, sizeof(record)) && isLast() &&
-                 m_frameHead > last.headerOffset;
+        goesOn =
+            file.isOpen() && standsAt(file, last.headerOffset, last.meta) && m_frameHead > last.headerOffset;
     }
     const zel::Name name = getName();
     load(meta.document.RootElement());

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 
 // A journal that is opened to be looked at: its headers, and the frames where nothing is wrong.
@@ -47,13 +46,8 @@ bool PlainJournal::refresh() {
         !m_file->size(size) || size < m_endOfFrames)
         return false;
     // Whoever goes on from an earlier frame writes others in the place of those behind it.
-    if (!m_frames.empty()) {
-        SerializedFrame::BinaryHeader::Frame last{};
-        const FrameEntry& known = m_frames.back();
-        if (!m_file->readAt(known.offset, &last, sizeof(last)) ||
-            std::memcmp(&last, &known.record, sizeof(last)) != 0)
-            return false;
-    }
+    if (!m_frames.empty() && !standsAt(*m_file, m_frames.back().offset, m_frames.back().record))
+        return false;
     const uint64 begin = m_begin;
     m_fileSize = size;
     m_faults.clear();
