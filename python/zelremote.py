@@ -50,14 +50,17 @@ import re
 import socket
 import struct
 import sys
+import threading
 import time
 import urllib.parse
+import weakref
 from types import TracebackType
 from typing import Any, Deque, Dict, Iterator, List, NamedTuple, Optional, Sequence, Tuple, Type, Union
 
 NONE = 0xFFFFFFFF
 PROTOCOL = "zel_stream"
 MAX_MESSAGE = 256 << 20
+SIGN_OF_LIFE = 10.0  # seconds from one to the next
 
 _PRE_HEADER = struct.Struct("<IIIIII")
 _CODES = {"f32": "f", "f64": "d", "i8": "b", "u8": "B", "i16": "h", "u16": "H", "i32": "i", "u32": "I", "i64": "q", "u64": "Q"}
@@ -230,17 +233,25 @@ class Frame:
 
 
 class _WebSocket:
-    """A connection that sends and takes whole messages."""
+    """A connection that sends and takes whole messages.
+
+    It stays while nobody calls it: the simulation, which gives up who is silent for 45 s, gets signs of life.
+    """
 
     def __init__(self, host: str, port: int, timeout: float) -> None:
         self._socket = socket.create_connection((host, port), timeout)
         self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._input = bytearray()
+        self._kind, self._whole = 0, bytearray()  # of a message in pieces
+        self._sending = threading.Lock()
+        self._closed = threading.Event()
         try:
             self._shake_hands(host, port)
         except BaseException:
             self._socket.close()
             raise
+        threading.Thread(target=_show_life, args=(weakref.ref(self), self._closed), daemon=True).start()
+        weakref.finalize(self, self._closed.set)
 
     def _shake_hands(self, host: str, port: int) -> None:
         key = base64.b64encode(os.urandom(16)).decode()
@@ -274,8 +285,21 @@ class _WebSocket:
         del self._input[:size]
         return data
 
-    def settimeout(self, timeout: float) -> None:
-        self._socket.settimeout(max(timeout, 1e-6))
+    def wait_until(self, end: Optional[float]) -> None:
+        """Lets what is sent and received now raise TimeoutError at that time.monotonic()."""
+        left = None if end is None else end - time.monotonic()
+        if left is not None and left <= 0:
+            raise TimeoutError("The simulation does not answer")
+        self._socket.settimeout(left)
+
+    def show_life(self) -> None:
+        if self._sending.acquire(blocking=False):
+            try:
+                self._socket.send(b"\x8a\x80\0\0\0\0", socket.MSG_DONTWAIT)  # an empty answer to a ping
+            except BlockingIOError:
+                pass  # what waits is a sign, too
+            finally:
+                self._sending.release()
 
     def send(self, data: bytes, opcode: int = 2) -> None:
         size = len(data)
@@ -288,16 +312,17 @@ class _WebSocket:
             head += struct.pack(">BQ", 0x80 | 127, size)
         mask = os.urandom(4)
         masked = int.from_bytes(data, "little") ^ int.from_bytes((mask * (size // 4 + 1))[:size], "little")
-        self._socket.sendall(bytes(head) + mask + masked.to_bytes(size, "little"))
+        with self._sending:
+            self._socket.sendall(bytes(head) + mask + masked.to_bytes(size, "little"))
 
-    def receive(self) -> Tuple[int, bytes]:
+    def receive(self, end: Optional[float]) -> Tuple[int, bytes]:
         """A message that is text (1) or bytes (2). What a timeout interrupts goes on with the next call."""
-        whole = bytearray()
-        kind = 0
         while True:
+            self.wait_until(end)
             frame = self._peek_frame()
             while frame is None:
                 self._more()
+                self.wait_until(end)
                 frame = self._peek_frame()
             opcode, final, begin, size = frame
             data = self._take(begin + size)[begin:]
@@ -307,14 +332,13 @@ class _WebSocket:
                 self.send(data, 10)
             if opcode > 2:
                 continue
-            kind = opcode or kind
-            whole += data
-            if len(whole) > MAX_MESSAGE:
+            self._kind = opcode or self._kind
+            self._whole += data
+            if len(self._whole) > MAX_MESSAGE:
                 raise ConnectionError("The message is too long")
             if final:
-                return kind, bytes(whole)
-            # A message in pieces is taken to its end, however long that takes.
-            self._socket.settimeout(None)
+                whole, self._whole = self._whole, bytearray()
+                return self._kind, bytes(whole)
 
     def _peek_frame(self) -> Optional[Tuple[int, bool, int, int]]:
         data = self._input
@@ -335,7 +359,19 @@ class _WebSocket:
             self.send(struct.pack(">H", 1000), 8)
         except OSError:
             pass
+        self._closed.set()
         self._socket.close()
+
+
+def _show_life(connection: "weakref.ref[_WebSocket]", closed: threading.Event) -> None:
+    while not closed.wait(SIGN_OF_LIFE):
+        open_one = connection()
+        try:
+            if open_one is not None:
+                open_one.show_life()
+        except OSError:
+            return  # who sends or receives is told
+        del open_one
 
 
 def _encode(uri: str, number: int, header: Json, payload: bytes) -> bytes:
@@ -601,7 +637,7 @@ class Remote:
 
     def _send(self, uri: str, header: Json, payload: bytes = b"") -> int:
         self._number = self._number % (NONE - 1) + 1
-        self._socket.settimeout(self.timeout)
+        self._socket.wait_until(time.monotonic() + self.timeout)
         self._socket.send(_encode(uri, self._number, header, payload))
         return self._number
 
@@ -618,14 +654,7 @@ class Remote:
 
     def _receive(self, end: Optional[float]) -> Optional[Message]:
         """A response; None for what else has come, which is kept."""
-        if end is None:
-            self._socket._socket.settimeout(None)
-        else:
-            left = end - time.monotonic()
-            if left <= 0:
-                raise TimeoutError("The simulation does not answer")
-            self._socket.settimeout(left)
-        kind, data = self._socket.receive()
+        kind, data = self._socket.receive(end)
         if kind == 1:
             raise RemoteError(data.decode(errors="replace"))
         message = _decode(data)

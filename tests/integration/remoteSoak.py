@@ -3,8 +3,9 @@
 
 remoteSoak.py TOOL SOURCES SOLAR_DIRECTORY SECONDS [CLIENTS]
 
-Checks that each request is answered, that no last value is lost, that the memory of the run stays as it is, and
-tells what a step takes with the clients and without them. Ends with 1 where something does not hold.
+Checks that each request is answered, that no last value is lost, that the memory of the run stays as it is but for what
+grows in a run beside it that has no such clients, since both list the frames of their recordings, and tells what a step
+takes with the clients and without them. Ends with 1 where something does not hold.
 """
 import itertools
 import multiprocessing
@@ -90,11 +91,11 @@ def last_value(address, rng):
     name = "Solar.clock.timeModulation"
     with zelremote.connect(address, timeout=TIMEOUT) as setter, zelremote.connect(address, timeout=TIMEOUT) as watcher:
         with watcher.watch([name], interval=0.016) as watch:
+            seen = None
             for _ in range(20):
                 wanted = 36000 + rng.randrange(1000)
                 for value in (wanted + 1, wanted + 2, wanted):
                     setter.set(name, value)
-                seen = None
                 while seen != wanted:
                     try:
                         seen = watch.next(TIMEOUT).values[name]
@@ -128,47 +129,63 @@ def measure(remote, seconds):
     return (after[0] - before[0]) / (after[1] - before[1]), (after[1] - before[1]) / seconds
 
 
+class Run:
+    """A run of the demonstration that records itself, until the end of the block."""
+
+    def __init__(self, folder, name):
+        self.output, self.errors = pathlib.Path(folder) / f"{name}.output", pathlib.Path(folder) / f"{name}.errors"
+        self.command = [TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", "--writable", "--statistics", "--real-time",
+                        "--record", f"{folder}/{name}.journal"]
+
+    def __enter__(self):
+        with self.output.open("w") as out, self.errors.open("w") as err:
+            self.process = subprocess.Popen(self.command, stdout=out, stderr=err)
+        while not (match := re.search(r"^Control: (\S+)$", self.output.read_text(), re.M)):
+            time.sleep(0.1)
+        self.address = match.group(1)
+        return self
+
+    def __exit__(self, *_):
+        self.process.send_signal(signal.SIGINT)
+        code = self.process.wait(TIMEOUT)
+        assert code == 128 + signal.SIGINT, f"the run has ended with {code}:\n{self.errors.read_text()[-16000:]}"
+
+    def memory(self):
+        """In KB, of which some shows the recording."""
+        with zelremote.connect(self.address, timeout=TIMEOUT) as remote:
+            remote.track(1, "open")
+        return resident(self.process.pid)
+
+
 def main():
     """The exit code."""
     seed = int.from_bytes(os.urandom(3), "little")
     print(f"seed {seed}, {SECONDS:.0f} s, {NUM_CLIENTS} clients", flush=True)
-    with tempfile.TemporaryDirectory() as folder:
-        output, errors = pathlib.Path(folder) / "output", pathlib.Path(folder) / "errors"
-        command = [TOOL, "run", MODEL, "--path", SOLAR, "--control", "0", "--writable", "--statistics", "--real-time",
-                   "--record", f"{folder}/past.journal"]
-        with output.open("w") as out, errors.open("w") as err, subprocess.Popen(command, stdout=out, stderr=err) as process:
-            while not (match := re.search(r"^Control: (\S+)$", output.read_text(), re.M)):
-                time.sleep(0.1)
-            address = match.group(1)
-            failed = False
-            with zelremote.connect(address, timeout=TIMEOUT) as remote:
-                alone = measure(remote, min(20.0, SECONDS))
-                end = time.time() + SECONDS
-                clients = [multiprocessing.Process(target=client, args=(address, seed + i, i, end)) for i in range(NUM_CLIENTS)]
-                for each in clients:
-                    each.start()
-                time.sleep(SECONDS / 6)  # until all has been used once
-                sizes, with_clients = [], []
-                while time.time() < end and process.poll() is None and all(each.is_alive() for each in clients):
-                    sizes.append(resident(process.pid))
-                    with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
-                for each in clients:
-                    each.join(TIMEOUT * 4)
-                    failed = failed or each.exitcode != 0
-            process.send_signal(signal.SIGINT)
-            code = process.wait(TIMEOUT)
-            if code != 128 + signal.SIGINT:
-                print(f"the run has ended with {code}:\n{errors.read_text()[-16000:]}")
-                return 1
-        mean = sum(step for step, _ in with_clients) / len(with_clients)
-        rate = sum(rate for _, rate in with_clients) / len(with_clients)
-        print(f"a step: {alone[0]:.4f} ms alone at {alone[1]:.1f}/s, {mean:.4f} ms with clients at {rate:.1f}/s, ratio {mean / alone[0]:.3f}")
-        # The frames of the recording are listed in memory, a few hundred bytes for each.
-        growth = max(sizes) / sizes[0] - 1
-        print(f"memory: {sizes[0]} KB at first, {max(sizes)} KB at most, {sizes[-1]} KB at last; {100 * growth:.1f} %")
-        if SECONDS >= 600 and growth > 0.05:
-            print("the memory grows")
-            failed = True
+    failed = False
+    with tempfile.TemporaryDirectory() as folder, Run(folder, "past") as run, Run(folder, "beside") as beside:
+        with zelremote.connect(run.address, timeout=TIMEOUT) as remote:
+            alone = measure(remote, min(20.0, SECONDS))
+            end = time.time() + SECONDS
+            clients = [multiprocessing.Process(target=client, args=(run.address, seed + i, i, end)) for i in range(NUM_CLIENTS)]
+            for each in clients:
+                each.start()
+            time.sleep(SECONDS / 6)  # until all has been used once
+            begin, sizes, with_clients = beside.memory(), [], []
+            while time.time() < end and run.process.poll() is None and all(each.is_alive() for each in clients):
+                sizes.append(run.memory())
+                with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
+            for each in clients:
+                each.join(TIMEOUT * 4)
+                failed = failed or each.exitcode != 0
+        listed = beside.memory() - begin
+    mean = sum(step for step, _ in with_clients) / len(with_clients)
+    rate = sum(rate for _, rate in with_clients) / len(with_clients)
+    print(f"a step: {alone[0]:.4f} ms alone at {alone[1]:.1f}/s, {mean:.4f} ms with clients at {rate:.1f}/s, ratio {mean / alone[0]:.3f}")
+    growth = (max(sizes) - listed) / sizes[0] - 1
+    print(f"memory: {sizes[0]} KB at first, {max(sizes)} KB at most, {sizes[-1]} KB at last; {listed} KB more without clients; {100 * growth:.1f} %")
+    if SECONDS >= 600 and growth > 0.05:
+        print("the memory grows")
+        failed = True
     print("failed" if failed else "held")
     return 1 if failed else 0
 

@@ -3,8 +3,10 @@
 
 zelremote.py TOOL SOURCES SOLAR_DIRECTORY CASE
 """
+import gc
 import json
 import pathlib
+import queue
 import re
 import signal
 import socket
@@ -236,11 +238,28 @@ class Liar:
             accept = zelremote.base64.b64encode(
                 zelremote.hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest())
             peer.sendall(b"HTTP/1.1 101 Yes\r\nSec-WebSocket-Accept: " + accept + b"\r\n\r\n")
-            peer.recv(65536)
-            peer.sendall(self.answer)
-            peer.shutdown(socket.SHUT_WR)
-            while peer.recv(65536):
-                pass
+            self.reply(peer)
+
+    def reply(self, peer):
+        peer.recv(65536)
+        peer.sendall(self.answer)
+        peer.shutdown(socket.SHUT_WR)
+        while peer.recv(65536):
+            pass
+
+
+class Talker(Liar):
+    """Answers as the function does that gets its connection, once hands are shaken."""
+
+    def __init__(self, talk):
+        self.talk = talk
+        super().__init__(b"")
+
+    def reply(self, peer):
+        try:
+            self.talk(peer)
+        except OSError:
+            pass  # the client has gone
 
 
 def framed(data, opcode=2):
@@ -279,6 +298,58 @@ def peers_that_lie_are_refused():
         push = framed(message(9, 0xFFFFFFFF, b"Track.Points", points, 24 + 12 + len(points), size, bytes(size)))
         with zelremote.connect(port=Liar(series + push).port) as remote:
             assert refusal(remote.series, 0, ["x"]).startswith("ConnectionError: ")
+
+
+def peers_that_only_ping_are_not_waited_for():
+    def ping(peer):
+        while True:
+            peer.sendall(framed(b"are you there", 9))
+            peer.recv(65536)
+
+    with zelremote.connect(port=Talker(ping).port) as remote:
+        remote.timeout = 0.3
+        assert refusal(remote.info) == "TimeoutError: The simulation does not answer"
+
+
+def what_a_timeout_interrupts_goes_on():
+    answer = message(1, 1, b"System.Info", b'{"success":true,"version":"1"}')
+    other = message(2, 2, b"System.Info", b'{"success":true,"version":"2"}')
+
+    def talk(peer):
+        peer.recv(65536)
+        peer.sendall(struct.pack(">BB", 0x02, 30) + answer[:30] + framed(answer[30:], 0)[:12])
+        while b"\x82" not in peer.recv(65536):
+            pass
+        peer.sendall(framed(answer[30:], 0)[12:] + framed(other))
+        while peer.recv(65536):
+            pass
+
+    with zelremote.connect(port=Talker(talk).port) as remote:
+        remote.timeout = 0.3
+        assert refusal(remote.info).startswith("TimeoutError")
+        remote.timeout = 30
+        assert remote.info()["version"] == "2"
+
+
+def who_is_not_called_shows_that_it_lives():
+    signs = queue.Queue()
+
+    def talk(peer):
+        received = b""
+        while len(received) < 12:
+            received += peer.recv(65536)
+        signs.put(received)
+        while peer.recv(65536):
+            pass
+
+    zelremote.SIGN_OF_LIFE = 0.01
+    with zelremote.connect(port=Talker(talk).port):
+        assert signs.get(timeout=60)[:12] == b"\x8a\x80\0\0\0\0" * 2
+    remote = zelremote.connect(port=Talker(talk).port)
+    closed = remote._socket._closed
+    del remote
+    gc.collect()
+    assert closed.wait(60), "who is forgotten ends"
 
 
 globals()[sys.argv[4]]()
