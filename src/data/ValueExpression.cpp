@@ -77,6 +77,12 @@ void follow(Value& value, FunctionValue* function) {
     if (value.getFormat() != nullptr && value.getFormat() != Format::Auto())
         value.setDefaultValue();
     value.unbind(true);
+    if (function->getContext() != value.getContext()) {
+        // What heard of the default has put the value elsewhere.
+        function->setContext(value.getContext());
+        if (value.getEnableRebind())
+            function->prepare(&value);
+    }
     value.bind(function);
 }
 

@@ -109,6 +109,10 @@ void FunctionValue::injectFunctionInstance(zel::UnresolvedTask* proxy) {
 
 void FunctionValue::compute() {
     const zel::ref_ptr<zel::Task> keep(m_task); // what the result sets off may let go of it
+    // An argument may have come to follow a value that has no content yet, which is announced once it has.
+    for (const zel::ref_ptr<zel::Parameter>& parameter : m_task->getParameters())
+        if (parameter->isRequired() && !parameter->isValid())
+            return;
     auto* const serial = dynamic_cast<zel::SerialTask*>(m_task.get());
     if (serial == nullptr) {
         m_task->execute();

@@ -277,12 +277,16 @@ void Graph::survivesCallbacksThatChangeAnything() {
                 if (isCircle(i) || function->getProxy()->hasFailed() || !values[i]->getBindPath().empty())
                     continue; // a circle that has been refused, or to be another one when that is there
                 double sum = 0;
+                bool isWaiting = false; // for the content of an argument
                 for (const auto& argument : function->getProxy()->getProxyParameters()) {
                     auto* const value = dynamic_cast<Value*>(argument->getBinding());
                     ASSERT_NE(value, nullptr) << nameOf(i) << " = " << function->getName().str();
                     EXPECT_EQ(value->getContext(), top.get());
+                    isWaiting = isWaiting || value->getData() == nullptr;
                     sum += contentOf(*value);
                 }
+                if (isWaiting)
+                    continue;
                 EXPECT_EQ(contentOf(*values[i]), sum) << nameOf(i) << " = " << function->getName().str();
             } else {
                 EXPECT_EQ(values[i]->getData(), binding->getData());

@@ -167,6 +167,23 @@ TEST_F(FunctionValueTest, ArgumentsThatComeLaterAreFoundThen) {
     EXPECT_EQ(content<double>(value), 5);
 }
 
+TEST_F(FunctionValueTest, WaitsWhileAnArgumentHasNoContent) {
+    auto* const a = add("a", 1.0);
+    auto* const b = add("b", 2.0);
+    Value* const sum = add("sum", "Real:64bit", "Math.Add(@a, @b)");
+    EXPECT_EQ(content<double>(sum), 3);
+    const ref_ptr<Value> untyped(
+        new Value(zel::Name("untyped"), static_cast<const zelData::Format*>(nullptr)));
+    b->bind(untyped.get());
+    EXPECT_EQ(b->getData(), nullptr);
+    a->set(10.0);
+    EXPECT_EQ(content<double>(sum), 3) << "the former result stays";
+    untyped->set(ref_ptr<Value>(new ValueT<double>("content", 5.0)).get());
+    EXPECT_EQ(content<double>(sum), 15);
+    a->set(20.0);
+    EXPECT_EQ(content<double>(sum), 25);
+}
+
 TEST_F(FunctionValueTest, NamesOfTheTaskDoNotHideThoseOfTheTree) {
     add("arg0", 1.0);
     add("result", 2.0);
@@ -309,6 +326,19 @@ TEST_F(FunctionValueTest, AFollowerMayLetGoOfTheFunctionWhileItIsComputed) {
                 EXPECT_EQ(content<double>(value), 18);
             }
         }
+}
+
+TEST_F(FunctionValueTest, AFollowerMayBePutIntoTheTreeWhileItTakesTheFunction) {
+    add("a", 1.0);
+    add("b", 2.0);
+    const ref_ptr<Value> sum(new ValueT<double>("sum", 7.0));
+    sum->updateEvent.connect([&](Value*) {
+        if (sum->getContext() == nullptr)
+            top->addObject(sum.get());
+    });
+    sum->setExpression("Math.Add(@a, @b)"); // takes the default at first, and tells of it
+    EXPECT_EQ(sum->getContext(), top.get());
+    EXPECT_EQ(content<double>(sum.get()), 3);
 }
 
 TEST_F(FunctionValueTest, AnArgumentThatIsAMemberMayGoWithItsOwner) {
