@@ -109,14 +109,13 @@ void TcpSocketFrameWriter::writeFrame(const zelData::Frame* frame) {
     Pieces pieces;
     pieces.add(preHeader, sizeof(preHeader));
     pieces.add(packet->getHeaderText().data(), packet->getHeaderText().size());
-    if (!packet->getSegments().empty()) {
-        pieces.addPadding(packet->getPaddingSize());
-        uint64 end = 0;
-        for (const auto& segment : packet->getSegments()) {
-            pieces.addPadding(segment.offset - end);
-            pieces.add(segment.data->getData(), segment.data->getSize());
-            end = segment.offset + segment.data->getSize();
-        }
+    // Also without elements: the pre-header tells readers where the next packet begins.
+    pieces.addPadding(packet->getPaddingSize());
+    uint64 end = 0;
+    for (const auto& segment : packet->getSegments()) {
+        pieces.addPadding(segment.offset - end);
+        pieces.add(segment.data->getData(), segment.data->getSize());
+        end = segment.offset + segment.data->getSize();
     }
     sendToEach([&pieces](TCPSocket& client) { pieces.sendTo(client); });
 }
