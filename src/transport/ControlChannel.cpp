@@ -199,7 +199,7 @@ void ControlChannel::handle(WebSocket* socket, StructuredMessage* message) {
     try {
         handler(this, socket, message);
     } catch (const std::exception& e) {
-        ZEL_LOG_WARNING("Exception from message handler, error: " << e.what());
+        ZEL_LOG_WARNING("Exception from message handler, error: " << printable(e.what()));
         sendFailure(socket, *message, e.what());
     }
 }

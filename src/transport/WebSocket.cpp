@@ -247,7 +247,7 @@ void WebSocket::messageReceived(void* data, zel::size_t size) {
     try {
         callback(this, static_cast<uint8*>(data), size);
     } catch (const std::exception& e) {
-        ZEL_LOG_WARNING("WebSocket message handler exception: " << e.what());
+        ZEL_LOG_WARNING("WebSocket message handler exception: " << printable(e.what()));
         send(zel::String(e.what()));
     }
 }

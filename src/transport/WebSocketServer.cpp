@@ -1,3 +1,5 @@
+#include "Envelope.h"
+
 #include <zel/Exception.h>
 #include <zel/LockRank.h>
 #include <zel/Log.h>
@@ -191,7 +193,7 @@ private:
     static void report(const char* what) {
         std::cerr
             << "WebSocket: Got a C++ exception while executing a C callback from libwebsocket. Message is '"
-            << what << "\"." << std::endl;
+            << printable(what) << "\"." << std::endl;
     }
 
     static int handleEvent(

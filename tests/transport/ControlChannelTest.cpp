@@ -430,6 +430,17 @@ TEST_F(ControlChannelTest, ControlCharactersOfClientsAreNotPrinted) {
     EXPECT_THAT(output.text(), StartsWith("Ignoring message .[31m. from non authenticated client 0x"));
 }
 
+TEST_F(ControlChannelTest, ControlCharactersOfExceptionsAreNotLogged) {
+    channel->registerMessageHandler("Throw", [](auto*, auto*, StructuredMessage* message) {
+        throw std::runtime_error("no " + message->getHeader()["path"].asString());
+    });
+    const auto peer = connect();
+    const zelTest::LogCapture log(zel::Notify::Warning);
+    send(*peer, "Throw", "{\"path\":\"a\\n\\u001b[31m\"}", 7);
+    EXPECT_EQ(takeAnswer(*peer).header, "{\"error\":\"no a\\n\\u001b[31m\",\"success\":false}\n");
+    EXPECT_THAT(log.text(), HasSubstr("Exception from message handler, error: no a..[31m"));
+}
+
 TEST_F(ControlChannelTest, BroadcastsAreForThoseWithToken) {
     start("secret");
     const auto peer = connect();

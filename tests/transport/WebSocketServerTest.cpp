@@ -345,6 +345,24 @@ TEST_F(WebSocketServerTest, WhatACallbackThrowsForAMessageInPiecesIsPrinted) {
         "thing\".\n");
 }
 
+TEST_F(WebSocketServerTest, ControlCharactersOfExceptionsAreNotPrinted) {
+    const auto server = makeServer([](WebSocket* socket) {
+        socket->setReceiveCallback([](WebSocket*, zel::uint8* data, zel::size_t size) {
+            throw std::runtime_error("no " + std::string(reinterpret_cast<char*>(data), size));
+        });
+    });
+    const auto peer = connectTo(server->getPort());
+    const zelTest::LogCapture log(zel::Notify::Warning);
+    const zelTest::StreamCapture errors(std::cerr);
+    EXPECT_TRUE(peer->send(RawWebSocket::frame(RawWebSocket::Text, "\x1b[31m\n")));
+    EXPECT_EQ(takeFrame(*peer).payload, "no \x1b[31m\n") << "the peer gets it as it is";
+    EXPECT_THAT(log.text(), HasSubstr("WebSocket message handler exception: no .[31m."));
+    EXPECT_TRUE(peer->send(RawWebSocket::frame(RawWebSocket::Text, "\x1b", false) +
+                           RawWebSocket::frame(RawWebSocket::Continuation, "[31m")));
+    EXPECT_TRUE(serveUntil([&] { return errors.text().ends_with("\".\n"); }));
+    EXPECT_THAT(errors.text(), HasSubstr("Message is 'no .[31m\"."));
+}
+
 TEST_F(WebSocketServerTest, PacketsGoOutInOrder) {
     ref_ptr<WebSocket> socket;
     const auto server = makeServer([&](WebSocket* connected) { socket = connected; });
