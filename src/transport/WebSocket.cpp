@@ -32,6 +32,9 @@ namespace {
 /// libwebsockets copies, for each connection.
 constexpr zel::size_t FragmentSize = zel::size_t{256} << 10;
 
+/// So many packets may wait for a peer, however small they are: each takes memory besides its bytes.
+constexpr zel::size_t MaxQueuedPackets = zel::size_t{1} << 20;
+
 /// Bytes in a frame that tells of the connection.
 constexpr zel::size_t MaxControlFrame = 125;
 
@@ -104,9 +107,11 @@ void WebSocket::send(Packet* packet) {
         return;
     const zel::size_t size = packet->getSize();
     const zel::size_t limit = m_server->getMaxQueuedBytes();
-    if (!m_queue.empty() && (m_numQueuedBytes > limit || size > limit - m_numQueuedBytes)) {
+    if (!m_queue.empty() &&
+        (m_numQueuedBytes > limit || size > limit - m_numQueuedBytes || m_queue.size() >= MaxQueuedPackets)) {
         ZEL_LOG_WARNING("WebSocket: a client reads too slowly, "
-                        << m_numQueuedBytes << " bytes wait for it. It is disconnected.");
+                        << m_numQueuedBytes << " bytes in " << m_queue.size()
+                        << " packets wait for it. It is disconnected.");
         close(LWS_CLOSE_STATUS_POLICY_VIOLATION, "reads too slowly");
         return;
     }

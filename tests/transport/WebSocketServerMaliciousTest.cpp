@@ -247,6 +247,22 @@ TEST_F(WebSocketServerMaliciousTest, OnePacketMayBeLargerThanAllThatMayWait) {
     EXPECT_TRUE(socket->isOpen());
 }
 
+TEST_F(WebSocketServerMaliciousTest, AClientForWhichTooManyEmptyPacketsWaitIsDisconnected) {
+    const auto peer = connectTo(server->getPort());
+    const zelTest::LogCapture log(zel::Notify::Warning);
+    const ref_ptr<WebSocket::Packet> packet(new WebSocket::Packet(0, WebSocket::Packet::ContentType::Binary));
+    constexpr int MaxPackets = 1 << 20;
+    for (int i = 0; i < MaxPackets; ++i)
+        socket->send(packet.get());
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(packet->referenceCount(), MaxPackets + 1);
+    socket->send(packet.get());
+    EXPECT_THAT(log.text(),
+                HasSubstr("WebSocket: a client reads too slowly, 0 bytes in 1048576 packets wait"));
+    EXPECT_EQ(packet->referenceCount(), 1);
+    EXPECT_TRUE(serveUntil([&] { return numGone == 1; }));
+}
+
 TEST_F(WebSocketServerMaliciousTest, AnotherProtocolIsRefused) {
     EXPECT_EQ(answerTo(RawWebSocket::handshake("zel_stream")), "HTTP/1.1 101");
     EXPECT_EQ(answerTo(RawWebSocket::handshake("")), "HTTP/1.1 101") << "none is no other";
