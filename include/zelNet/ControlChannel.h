@@ -22,8 +22,9 @@ namespace zelNet {
 ///
 /// With a token, a client must send it before anything else: a message "authenticate" with {"token": token}.
 /// Until then its other messages are refused, broadcasts pass over it, its messages may be of 1 MiB at most,
-/// and there may be 64 such clients. A connection that the channel makes by itself is trusted only after
-/// WebSocket::setAuthenticated(true). docs/wire-format.md tells what crosses the wire.
+/// it is disconnected if it asks and does not read, and there may be 64 such clients. A connection that the
+/// channel makes by itself is trusted only after WebSocket::setAuthenticated(true). docs/wire-format.md tells
+/// what crosses the wire.
 ///
 /// Owned through ref_ptr, or by value where nobody counts.
 /// @threads as WebSocketServer: all from the thread that calls service, but `send`
@@ -37,6 +38,7 @@ public:
     static constexpr const char* ProtocolName = "zel_stream";
     /// What a client may be that is not authenticated, where there is a token.
     static constexpr zel::size_t MaxUntrustedMessageSize = zel::size_t{1} << 20;
+    static constexpr zel::size_t MaxUntrustedQueuedBytes = zel::size_t{1} << 20;
     static constexpr zel::size_t MaxUntrustedClients = 64;
 
     SocketEvent SocketConnect;
@@ -79,6 +81,7 @@ private:
     void messageReceived(WebSocket* socket, zel::uint8* data, zel::size_t size);
     void handle(WebSocket* socket, StructuredMessage* message);
     void authenticate(WebSocket* socket, const StructuredMessage* message);
+    [[nodiscard]] bool isTrusted(const WebSocket* socket) const noexcept;
     void setTrusted(WebSocket* socket, bool isTrusted) const;
 
     zel::ref_ptr<WebSocketServer> m_server;

@@ -22,6 +22,9 @@ using zel::uint32;
 
 namespace {
 
+/// Of the WebSocket protocol.
+constexpr zel::uint16 PolicyViolation = 1008;
+
 bool isAnswer(const StructuredMessage& message) {
     return message.getResponseId() != StructuredMessage::NoId && message.getResponseId() != 0;
 }
@@ -95,6 +98,10 @@ WebSocket* ControlChannel::createConnection(const zel::String& host,
     return m_server->createConnection(host, port, useSSL, path, protocol, isAnonymous);
 }
 
+bool ControlChannel::isTrusted(const WebSocket* socket) const noexcept {
+    return m_token.empty() || socket->isAuthenticated();
+}
+
 void ControlChannel::setTrusted(WebSocket* socket, bool isTrusted) const {
     socket->setAuthenticated(isTrusted);
     if (m_token.empty() || socket->isOutgoing())
@@ -151,14 +158,22 @@ void ControlChannel::messageReceived(WebSocket* socket, zel::uint8* data, zel::s
                       << ": ControlChannel::messageReceived: " << printable(uri)
                       << ", id: " << message->getMessageId() << ", data: " << static_cast<const void*>(data));
 
-    // The bytes are gone when this returns, while the message is kept for the next comparison.
-    struct PayloadEnd {
-        ~PayloadEnd() { message->setBinarySegment(nullptr); }
+    struct End {
+        ~End() {
+            // The bytes are gone when this returns, while the message is kept for the next comparison.
+            message->setBinarySegment(nullptr);
+            // Refusals that nobody reads are not to fill the memory.
+            if (!channel->isTrusted(socket) && !socket->isOutgoing() &&
+                socket->getNumQueuedBytes() > MaxUntrustedQueuedBytes)
+                socket->close(PolicyViolation, "reads too slowly");
+        }
+        const ControlChannel* channel;
+        WebSocket* socket;
         StructuredMessage* message;
-    } payloadEnd{message.get()};
+    } end{this, socket, message.get()};
     if (uri == "authenticate" && !isAnswer(*message))
         return authenticate(socket, message.get());
-    if (!m_token.empty() && !socket->isAuthenticated()) {
+    if (!isTrusted(socket)) {
         std::cout << "Ignoring message " << printable(uri) << " from non authenticated client "
                   << static_cast<const void*>(socket) << std::endl;
         if (!isAnswer(*message))

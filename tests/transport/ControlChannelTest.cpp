@@ -441,6 +441,31 @@ TEST_F(ControlChannelTest, ControlCharactersOfExceptionsAreNotLogged) {
     EXPECT_THAT(log.text(), HasSubstr("Exception from message handler, error: no a..[31m"));
 }
 
+TEST_F(ControlChannelTest, WithoutTokenThoseWhoDoNotReadTheirRefusalsAreDisconnected) {
+    start("secret");
+    const zelTest::StreamCapture output(std::cout), errors(std::cerr);
+    for (const char* header : {"{}", "{\"token\":\"wrong\"}"}) {
+        const auto peer = connect();
+        // More than the system keeps, so that what waits is here.
+        channel->getClients().front()->send(std::string(64'000'000, 'x'));
+        send(*peer, "authenticate", header, 1);
+        EXPECT_TRUE(serveUntil([&] { return channel->getClients().empty(); })) << header;
+    }
+}
+
+TEST_F(ControlChannelTest, WithATokenOneMayAskWhileMuchWaits) {
+    start("secret");
+    const zelTest::StreamCapture output(std::cout);
+    const auto peer = connect();
+    const ref_ptr<WebSocket> socket = channel->getClients().front();
+    socket->send(std::string(64'000'000, 'x'));
+    send(*peer, "authenticate", "{\"token\":\"secret\"}", 1);
+    send(*peer, "Echo", "{}", 2);
+    EXPECT_TRUE(serveUntil([&] { return numEchoes == 1; }));
+    EXPECT_GT(socket->getNumQueuedBytes(), ControlChannel::MaxUntrustedQueuedBytes);
+    EXPECT_TRUE(socket->isOpen());
+}
+
 TEST_F(ControlChannelTest, BroadcastsAreForThoseWithToken) {
     start("secret");
     const auto peer = connect();
