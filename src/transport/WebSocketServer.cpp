@@ -480,14 +480,13 @@ WebSocket* WebSocketServer::createConnection(const zel::String& host,
         const bool isQuiet = !service(0);
         if (m_pendingConnection == nullptr)
             ZEL_THROW(NetError, "WebSocketServer::connect");
-        if (!isQuiet)
-            continue;
-        if (Clock::now() > end) {
+        if (getWebSocket(handle) == nullptr && Clock::now() > end) {
             lws_set_timeout(handle, PENDING_TIMEOUT_USER_REASON_BASE, LWS_TO_KILL_ASYNC);
             m_pendingConnection = nullptr;
             ZEL_THROW(NetError, "WebSocketServer::connect");
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (isQuiet)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     socket->setAnonymous(isAnonymous);
     m_pendingConnection = nullptr;

@@ -555,6 +555,30 @@ TEST_F(WebSocketServerTest, PeersThatNeverShakeHandsAreGivenUp) {
     EXPECT_NE(connect(*client, *makeServer()), nullptr) << "others are still found";
 }
 
+TEST_F(WebSocketServerTest, OthersThatSendWithoutAPauseDoNotLengthenTheWaitForOne) {
+    // Two sockets of one server send a message to each other, so that each service has something to do.
+    constexpr int Many = 200'000;
+    int numReceived = 0;
+    const auto server = makeServer([&](WebSocket* socket) {
+        socket->setReceiveCallback([&](WebSocket* receiver, zel::uint8*, zel::size_t) {
+            if (++numReceived < Many)
+                receiver->send(zel::String("ball"));
+        });
+    });
+    WebSocket* const player =
+        server->createConnection("127.0.0.1", server->getPort(), false, "/", Protocol, false);
+    player->send(zel::String("ball"));
+    EXPECT_TRUE(serveUntil([&] { return numReceived > 0; }));
+    server->setConnectLimit(std::chrono::milliseconds(1));
+    zelTest::OpenServer mute;
+    mute.open(zelNet::AnyPort, true);
+    EXPECT_EQ(whatOf([&] {
+                  (void)server->createConnection("127.0.0.1", mute.getPort(), false, "/", Protocol, false);
+              }),
+              "WebSocketServer::connect");
+    EXPECT_LT(numReceived, Many) << "it has waited until the others were done";
+}
+
 TEST_F(WebSocketServerTest, OutgoingConnectionsEndAsOthersDo) {
     bool isConnected = false;
     const auto client =
