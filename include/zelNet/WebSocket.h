@@ -108,7 +108,8 @@ public:
     ///     throws is logged and sent to the peer as text.
     ///     No call of the one before is under way any more when this returns, unless this is called from it.
     void setReceiveCallback(ReceiveCallback callback);
-    /// Leaves what the peer sends in the system, where it waits, or takes it again.
+    /// Leaves what the peer sends in the system, where it waits, or takes it again. Meanwhile the peer gets
+    /// signs of life from `service`, since its questions for one wait too.
     /// @threads any thread
     void setPaused(bool isPaused);
     /// Hands a whole message to the callback, if there is one.
@@ -155,6 +156,10 @@ private:
     void writeNext();
     void dropQueue() noexcept;
     void closeSoon();
+    /// Sends a frame of at most 125 bytes that tells of the connection, at once.
+    void sendControlFrame(zel::uint8 opcode, const std::string& payload);
+    /// Keeps a connection that is paused from being taken for a dead one, here and at the peer.
+    void showLife();
     /// Forgets the connection, which is no more.
     void connectionEnded() noexcept;
 
@@ -171,6 +176,7 @@ private:
     std::atomic<zel::size_t> m_numQueuedBytes{0}; // others may ask
     zel::size_t m_maxMessageSize = NoLimit;
     bool m_isOutgoing;
+    bool m_isPaused = false;
     bool m_isClosing = false; // from now on nothing is received or sent
 };
 

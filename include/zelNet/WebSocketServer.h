@@ -155,6 +155,7 @@ private:
     zel::size_t m_maxMessageSize = DefaultMaxMessageSize;
     zel::size_t m_maxQueuedBytes = DefaultMaxQueuedBytes;
     zel::size_t m_maxUnauthenticated = MaxConnections;
+    std::chrono::steady_clock::time_point m_nextSignOfLife; // of sockets that are paused
     std::chrono::milliseconds m_connectLimit = std::chrono::seconds(20);
     lws_context* m_secureContext = nullptr; // of encrypted outgoing connections, from the first one on
     mutable std::recursive_mutex m_mutex; // no rank: the program's callbacks run under it, and take any lock

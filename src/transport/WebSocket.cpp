@@ -35,7 +35,8 @@ constexpr zel::size_t FragmentSize = zel::size_t{256} << 10;
 /// So many packets may wait for a peer, however small they are: each takes memory besides its bytes.
 constexpr zel::size_t MaxQueuedPackets = zel::size_t{1} << 20;
 
-/// Bytes in a frame that tells of the connection.
+/// Frames that tell of the connection, and how many bytes these have at most.
+constexpr uint8 CloseFrame = 8, PongFrame = 10;
 constexpr zel::size_t MaxControlFrame = 125;
 
 /// What libwebsockets writes ahead of a fragment belongs to the fragment before, which other connections may
@@ -176,20 +177,31 @@ void WebSocket::close(zel::uint16 status, const zel::String& reason) {
     const std::lock_guard lock(m_server->m_mutex);
     if (m_handle == nullptr || m_isClosing)
         return;
-    // The end that follows is a sudden one, so the peer is told now, if it still listens: a frame "close",
-    // under a mask of zeros if a client sends it.
-    const zel::size_t length = std::min<zel::size_t>(reason.size(), MaxControlFrame - 2);
+    // The end that follows is a sudden one, so the peer is told now, if it still listens.
+    std::string payload;
+    payload += static_cast<char>(status >> 8);
+    payload += static_cast<char>(status & 0xFF);
+    payload += reason.substr(0, MaxControlFrame - payload.size());
+    sendControlFrame(CloseFrame, payload);
+    closeSoon();
+}
+
+void WebSocket::sendControlFrame(zel::uint8 opcode, const std::string& payload) {
     std::string frame(LWS_PRE, '\0');
-    frame += '\x88';
-    frame += static_cast<char>((m_isOutgoing ? 0x80U : 0U) | (2 + length));
+    frame += static_cast<char>(0x80U | opcode);
+    frame += static_cast<char>((m_isOutgoing ? 0x80U : 0U) | payload.size());
     if (m_isOutgoing)
-        frame.append(4, '\0');
-    frame += static_cast<char>(status >> 8);
-    frame += static_cast<char>(status & 0xFF);
-    frame += reason.substr(0, length);
+        frame.append(4, '\0'); // the mask of a client
+    frame += payload;
     static_cast<void>(lws_write(
         m_handle, reinterpret_cast<uint8*>(frame.data()) + LWS_PRE, frame.size() - LWS_PRE, LWS_WRITE_RAW));
-    closeSoon();
+}
+
+void WebSocket::showLife() {
+    if (m_isClosing)
+        return;
+    lws_validity_confirmed(m_handle);
+    sendControlFrame(PongFrame, "");
 }
 
 void WebSocket::closeSoon() {
@@ -223,7 +235,10 @@ void WebSocket::setPaused(bool isPaused) {
     if (m_handle == nullptr)
         return;
     m_server->m_hasActivity = true;
+    m_isPaused = isPaused;
     lws_rx_flow_control(m_handle, isPaused ? 0 : 1);
+    if (isPaused)
+        showLife();
 }
 
 void WebSocket::receive(void* data, zel::size_t size, zel::size_t remaining, bool isFinal) {

@@ -58,8 +58,10 @@ constexpr int MaxRounds = 10000;
 /// A peer that sends without a pause is not to hold up who serves it.
 constexpr std::chrono::milliseconds MaxServiceTime{20};
 
-/// A peer that has gone without a word is noticed.
+/// A peer that has gone without a word is noticed: it is asked after 30 s, and given up after 45 s.
 const lws_retry_bo_t IdlePolicy = {nullptr, 0, 0, 30, 45, 0};
+/// Where nobody reads, such questions are not seen: how often life is shown without them.
+constexpr std::chrono::seconds SignOfLifeInterval{10};
 
 const char* environmentOf(const char* name) {
     return std::getenv(name); // NOLINT(concurrency-mt-unsafe)
@@ -419,7 +421,14 @@ bool WebSocketServer::service(double /*time*/) {
         return false;
     m_isInService = true;
     int numRounds = 0;
-    const auto end = std::chrono::steady_clock::now() + MaxServiceTime;
+    const auto begin = std::chrono::steady_clock::now();
+    const auto end = begin + MaxServiceTime;
+    if (begin >= m_nextSignOfLife) {
+        m_nextSignOfLife = begin + SignOfLifeInterval;
+        for (const auto& [handle, socket] : m_clientSockets)
+            if (socket->m_isPaused)
+                socket->showLife();
+    }
     do {
         m_hasActivity = false;
         lws_service(m_context, -1); // does not wait

@@ -363,6 +363,25 @@ TEST_F(WebSocketServerTest, ControlCharactersOfExceptionsAreNotPrinted) {
     EXPECT_THAT(errors.text(), HasSubstr("Message is 'no .[31m\"."));
 }
 
+TEST_F(WebSocketServerTest, APausedSocketTakesNothingAndShowsThatItLives) {
+    std::vector<std::string> messages;
+    ref_ptr<WebSocket> socket;
+    const auto server = makeServer([&](WebSocket* connected) {
+        socket = connected;
+        keepMessages(connected, messages);
+    });
+    const auto peer = connectTo(server->getPort());
+    socket->setPaused(true);
+    EXPECT_TRUE(peer->send(RawWebSocket::frame(RawWebSocket::Text, "hello")));
+    const auto sign = takeFrame(*peer);
+    EXPECT_EQ(sign.opcode, RawWebSocket::Pong);
+    EXPECT_EQ(sign.payload, "");
+    EXPECT_TRUE(messages.empty());
+    socket->setPaused(false);
+    EXPECT_TRUE(serveUntil([&] { return !messages.empty(); }));
+    EXPECT_THAT(messages, ElementsAre("hello"));
+}
+
 TEST_F(WebSocketServerTest, PacketsGoOutInOrder) {
     ref_ptr<WebSocket> socket;
     const auto server = makeServer([&](WebSocket* connected) { socket = connected; });
