@@ -163,14 +163,13 @@ void ControlChannel::messageReceived(WebSocket* socket, zel::uint8* data, zel::s
             // The bytes are gone when this returns, while the message is kept for the next comparison.
             message->setBinarySegment(nullptr);
             // Refusals that nobody reads are not to fill the memory.
-            if (!channel->isTrusted(socket) && !socket->isOutgoing() &&
-                socket->getNumQueuedBytes() > MaxUntrustedQueuedBytes)
-                socket->close(PolicyViolation, "reads too slowly");
+            if (stranger != nullptr && !stranger->isAuthenticated() && !stranger->isOutgoing() &&
+                stranger->getNumQueuedBytes() > MaxUntrustedQueuedBytes)
+                stranger->close(PolicyViolation, "reads too slowly");
         }
-        const ControlChannel* channel;
-        WebSocket* socket;
         StructuredMessage* message;
-    } end{this, socket, message.get()};
+        WebSocket* stranger;
+    } end{message.get(), isTrusted(socket) ? nullptr : socket};
     if (uri == "authenticate" && !isAnswer(*message))
         return authenticate(socket, message.get());
     if (!isTrusted(socket)) {

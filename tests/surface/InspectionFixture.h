@@ -95,7 +95,7 @@ protected:
     /// The next message, a push or not.
     Message take(Client& client) {
         auto frame = takeFrame(*client.peer);
-        while (!frame.isFinal) { // pieces of a large one
+        while (!frame.isFinal && !HasFailure()) { // pieces of a large one
             auto more = takeFrame(*client.peer);
             frame.payload += more.payload;
             frame.isFinal = more.isFinal;

@@ -90,9 +90,14 @@ protected:
         EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 101");
         return peer;
     }
+    /// Pings, which come to peers that have been silent for long, are answered.
     RawWebSocket::Frame takeFrame(RawWebSocket& peer) {
         RawWebSocket::Frame frame;
-        EXPECT_TRUE(serveUntil([&] { return (frame = peer.takeFrame()).isWhole; }));
+        do {
+            EXPECT_TRUE(serveUntil([&] { return (frame = peer.takeFrame()).isWhole; }));
+            if (frame.opcode == RawWebSocket::Ping)
+                peer.send(RawWebSocket::frame(RawWebSocket::Pong, frame.payload));
+        } while (frame.opcode == RawWebSocket::Ping);
         return frame;
     }
 
