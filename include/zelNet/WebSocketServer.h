@@ -17,6 +17,7 @@
 
 struct lws_context;
 struct lws_protocols;
+struct lws_retry_bo;
 
 namespace zelNet {
 
@@ -111,6 +112,13 @@ public:
     [[nodiscard]] zel::size_t getMaxQueuedBytes() const noexcept { return m_maxQueuedBytes; }
     /// How long createConnection waits.
     void setConnectLimit(std::chrono::milliseconds limit) noexcept { m_connectLimit = limit; }
+    /// How a peer that has gone without a word is noticed: one that is silent for so long is asked for a sign
+    /// of life, and its connection ends when there is still none later. 30 and 45 seconds unless they are
+    /// set; both hold for a connection from its next sign of life on.
+    /// @param ask  at least 1 second
+    /// @param giveUp  above `ask`, at most 65,535 seconds; both since the last sign of life
+    /// @throws std::runtime_error if they are not so
+    void setIdleLimits(std::chrono::seconds ask, std::chrono::seconds giveUp);
     /// So many incoming connections may be open that are not authenticated; more are refused.
     void setMaxUnauthenticated(zel::size_t count) noexcept { m_maxUnauthenticated = count; }
 
@@ -151,6 +159,7 @@ private:
     lws* m_pendingConnection = nullptr;
     zel::String m_protocolName;
     std::unique_ptr<lws_protocols, FreeMemory> m_protocols;
+    std::unique_ptr<lws_retry_bo, FreeMemory> m_idleLimits; // libwebsockets reads them as it goes
     bool m_useSSL = false;
     zel::size_t m_maxMessageSize = DefaultMaxMessageSize;
     zel::size_t m_maxQueuedBytes = DefaultMaxQueuedBytes;

@@ -20,8 +20,10 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -58,8 +60,9 @@ constexpr int MaxRounds = 10000;
 /// A peer that sends without a pause is not to hold up who serves it.
 constexpr std::chrono::milliseconds MaxServiceTime{20};
 
-/// A peer that has gone without a word is noticed: it is asked after 30 s, and given up after 45 s.
-const lws_retry_bo_t IdlePolicy = {nullptr, 0, 0, 30, 45, 0};
+/// When a silent peer is asked for a sign of life, and when it is given up.
+constexpr std::chrono::seconds AskAfter{30};
+constexpr std::chrono::seconds GiveUpAfter{45};
 /// Where nobody reads, such questions are not seen: how often life is shown without them.
 constexpr std::chrono::seconds SignOfLifeInterval{10};
 
@@ -269,7 +272,11 @@ WebSocketServer::WebSocketServer(SocketCallback onConnect,
                                  const zel::String& protocolName)
     : m_onConnect(std::move(onConnect))
     , m_onDisconnect(std::move(onDisconnect))
-    , m_protocolName(protocolName) {}
+    , m_protocolName(protocolName)
+    , m_idleLimits(static_cast<lws_retry_bo*>(std::calloc(1, sizeof(lws_retry_bo)))) {
+    zelVerify(m_idleLimits);
+    setIdleLimits(AskAfter, GiveUpAfter);
+}
 
 WebSocketServer::WebSocketServer(uint16 port,
                                  SocketCallback onConnect,
@@ -332,7 +339,7 @@ lws_context* WebSocketServer::makeContext(int port, const char* address, bool is
     info.pt_serv_buf_size = ReceiveBufferSize;
     info.gid = -1;
     info.uid = -1;
-    info.retry_and_idle_policy = &IdlePolicy;
+    info.retry_and_idle_policy = m_idleLimits.get();
     // Without IPv6, since an IPv4 address would else be taken for all of them.
     info.options = LWS_SERVER_OPTION_DISABLE_IPV6 | LWS_SERVER_OPTION_VALIDATE_UTF8 |
                    LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
@@ -404,6 +411,17 @@ void WebSocketServer::setListenAddress(const zel::String& address) {
     Servers& servers = Servers::instance();
     const std::lock_guard lock(servers.mutex);
     servers.listenAddress = address;
+}
+
+void WebSocketServer::setIdleLimits(std::chrono::seconds ask, std::chrono::seconds giveUp) {
+    const auto least = std::chrono::seconds(1);
+    const auto most = std::chrono::seconds(std::numeric_limits<uint16>::max());
+    if (ask < least || giveUp <= ask || giveUp > most)
+        throw std::runtime_error("WebSocketServer::setIdleLimits: the limits must be whole seconds from 1 to "
+                                 "65535, and the second one above the first");
+    const std::lock_guard lock(m_mutex);
+    m_idleLimits->secs_since_valid_ping = static_cast<uint16>(ask.count());
+    m_idleLimits->secs_since_valid_hangup = static_cast<uint16>(giveUp.count());
 }
 
 WebSocketServer* WebSocketServer::getServer(lws_context* context) {

@@ -315,6 +315,43 @@ TEST_F(WebSocketServerTest, AFragmentedMessageWithAPingInItsMiddleComesWhole) {
     EXPECT_EQ(pong.payload, "?");
 }
 
+TEST_F(WebSocketServerTest, APeerThatIsSilentIsAskedAndThenGivenUp) {
+    std::vector<WebSocket*> gone;
+    const auto server = makeServer({}, [&](WebSocket* socket) { gone.push_back(socket); });
+    server->setIdleLimits(std::chrono::seconds(1), std::chrono::seconds(4));
+    const auto mute = connectTo(server->getPort());
+    const auto alive = connectTo(server->getPort());
+    bool isMuteOpen = true;
+    int numAsked = 0;
+    EXPECT_TRUE(serveUntil([&] {
+        const auto question = alive->takeFrame();
+        if (question.isWhole) {
+            EXPECT_EQ(question.opcode, RawWebSocket::Ping);
+            EXPECT_TRUE(alive->send(RawWebSocket::frame(RawWebSocket::Pong, question.payload)));
+            ++numAsked;
+        }
+        isMuteOpen = isMuteOpen && mute->receive();
+        return !isMuteOpen && numAsked >= 3;
+    }));
+    EXPECT_EQ(mute->takeFrame().opcode, RawWebSocket::Ping);
+    EXPECT_EQ(gone.size(), 1U);
+    EXPECT_TRUE(alive->receive()) << "who answers stays connected";
+}
+
+TEST_F(WebSocketServerTest, IdleLimitsAreWholeSecondsInOrder) {
+    using std::chrono::seconds;
+    const auto server = makeServer();
+    const std::vector<std::pair<seconds, seconds>> wrong{{seconds(0), seconds(2)},
+                                                         {seconds(2), seconds(2)},
+                                                         {seconds(-1), seconds(1)},
+                                                         {seconds(1), seconds(65536)}};
+    for (const auto& limits : wrong)
+        EXPECT_EQ(whatOf([&] { server->setIdleLimits(limits.first, limits.second); }),
+                  "WebSocketServer::setIdleLimits: the limits must be whole seconds from 1 to 65535, "
+                  "and the second one above the first");
+    server->setIdleLimits(seconds(1), seconds(65535));
+}
+
 TEST_F(WebSocketServerTest, WhatACallbackThrowsGoesToThePeerAsText) {
     const auto server = makeServer([](WebSocket* socket) {
         socket->setReceiveCallback(
