@@ -25,6 +25,7 @@ var treePanel;
             this.active = 0;
             this.chosen = -1;
             this.question = 0;
+            this.completed = ""; // the text that the completions are for
             this.typed = "";
             this.typedAt = 0;
             this.values = new Map();
@@ -316,6 +317,8 @@ var treePanel;
                 const paths = await this.session.complete(text);
                 if (question !== this.question)
                     return;
+                this.completed = text;
+                const chosen = this.completions.children[this.chosen]?.textContent;
                 this.chosen = -1;
                 this.completions.replaceChildren(...paths.map((path, i) => {
                     const option = el("li", { role: "option", id: "completion-" + i, "aria-selected": "false" }, path);
@@ -326,6 +329,7 @@ var treePanel;
                     });
                     return option;
                 }));
+                this.choose(paths.findIndex((path) => path === chosen));
                 this.showCompletions(paths.length > 0);
                 ui.setText(this.error, paths.length === 0 && text !== "" ? "Nothing begins like this." : "");
             }
@@ -333,12 +337,23 @@ var treePanel;
                 ui.setText(this.error, error.message);
             }
         }
+        /** One step along the path, as in a shell. */
+        async stepAlong() {
+            if (this.completed !== this.input.value)
+                await this.complete(); // what is shown is for an earlier text
+            const options = [...this.completions.children];
+            if (this.completed !== this.input.value || options.length === 0)
+                return;
+            this.input.value = (options[Math.max(0, this.chosen)].textContent ?? "") + (options.length === 1 ? "." : "");
+            await this.complete();
+        }
         showCompletions(shows) {
             this.completions.hidden = !shows;
             this.input.setAttribute("aria-expanded", String(shows));
         }
         closeCompletions() {
             ++this.question;
+            this.choose(-1);
             this.showCompletions(false);
         }
         accept(path) {
@@ -346,26 +361,26 @@ var treePanel;
             this.closeCompletions();
             void this.goTo(path);
         }
+        /** @param index  -1 for none of them */
+        choose(index) {
+            const options = this.completions.children;
+            options[this.chosen]?.setAttribute("aria-selected", "false");
+            this.chosen = index;
+            const option = options[index];
+            option?.setAttribute("aria-selected", "true");
+            option?.scrollIntoView({ block: "nearest" });
+            this.input.setAttribute("aria-activedescendant", option?.id ?? "");
+        }
         searchKey(event) {
             const options = [...this.completions.children];
-            const choose = (index) => {
-                options[this.chosen]?.setAttribute("aria-selected", "false");
-                this.chosen = (index + options.length) % options.length;
-                const option = options[this.chosen];
-                option.setAttribute("aria-selected", "true");
-                option.scrollIntoView({ block: "nearest" });
-                this.input.setAttribute("aria-activedescendant", option.id);
-            };
             if (event.key === "ArrowDown" || event.key === "ArrowUp") {
                 if (this.completions.hidden)
                     void this.complete();
                 else
-                    choose(this.chosen + (event.key === "ArrowDown" ? 1 : this.chosen < 0 ? 0 : -1));
+                    this.choose((this.chosen + (event.key === "ArrowDown" ? 1 : this.chosen < 0 ? 0 : -1) + options.length) % options.length);
             }
             else if (event.key === "Tab" && !event.shiftKey && !this.completions.hidden && options.length > 0) {
-                // One step along the path, as in a shell.
-                this.input.value = (options[Math.max(0, this.chosen)].textContent ?? "") + (options.length === 1 ? "." : "");
-                void this.complete();
+                void this.stepAlong();
             }
             else if (event.key === "Enter") {
                 this.accept(this.chosen >= 0 && !this.completions.hidden ? options[this.chosen].textContent ?? "" : this.input.value);

@@ -44,6 +44,7 @@ namespace treePanel {
         private active = 0;
         private chosen = -1;
         private question = 0;
+        private completed = ""; // the text that the completions are for
         private typed = "";
         private typedAt = 0;
         private readonly values = new Map<string, string>();
@@ -357,6 +358,8 @@ namespace treePanel {
                 const paths = await this.session.complete(text);
                 if (question !== this.question)
                     return;
+                this.completed = text;
+                const chosen = this.completions.children[this.chosen]?.textContent;
                 this.chosen = -1;
                 this.completions.replaceChildren(...paths.map((path, i) => {
                     const option = el("li", { role: "option", id: "completion-" + i, "aria-selected": "false" }, path);
@@ -367,11 +370,22 @@ namespace treePanel {
                     });
                     return option;
                 }));
+                this.choose(paths.findIndex((path) => path === chosen));
                 this.showCompletions(paths.length > 0);
                 ui.setText(this.error, paths.length === 0 && text !== "" ? "Nothing begins like this." : "");
             } catch (error) {
                 ui.setText(this.error, (error as Error).message);
             }
+        }
+        /** One step along the path, as in a shell. */
+        private async stepAlong(): Promise<void> {
+            if (this.completed !== this.input.value)
+                await this.complete(); // what is shown is for an earlier text
+            const options = [...this.completions.children];
+            if (this.completed !== this.input.value || options.length === 0)
+                return;
+            this.input.value = (options[Math.max(0, this.chosen)]!.textContent ?? "") + (options.length === 1 ? "." : "");
+            await this.complete();
         }
         private showCompletions(shows: boolean): void {
             this.completions.hidden = !shows;
@@ -379,6 +393,7 @@ namespace treePanel {
         }
         private closeCompletions(): void {
             ++this.question;
+            this.choose(-1);
             this.showCompletions(false);
         }
         private accept(path: string): void {
@@ -386,25 +401,25 @@ namespace treePanel {
             this.closeCompletions();
             void this.goTo(path);
         }
+        /** @param index  -1 for none of them */
+        private choose(index: number): void {
+            const options = this.completions.children;
+            options[this.chosen]?.setAttribute("aria-selected", "false");
+            this.chosen = index;
+            const option = options[index];
+            option?.setAttribute("aria-selected", "true");
+            option?.scrollIntoView({ block: "nearest" });
+            this.input.setAttribute("aria-activedescendant", option?.id ?? "");
+        }
         private searchKey(event: KeyboardEvent): void {
             const options = [...this.completions.children];
-            const choose = (index: number): void => {
-                options[this.chosen]?.setAttribute("aria-selected", "false");
-                this.chosen = (index + options.length) % options.length;
-                const option = options[this.chosen]!;
-                option.setAttribute("aria-selected", "true");
-                option.scrollIntoView({ block: "nearest" });
-                this.input.setAttribute("aria-activedescendant", option.id);
-            };
             if (event.key === "ArrowDown" || event.key === "ArrowUp") {
                 if (this.completions.hidden)
                     void this.complete();
                 else
-                    choose(this.chosen + (event.key === "ArrowDown" ? 1 : this.chosen < 0 ? 0 : -1));
+                    this.choose((this.chosen + (event.key === "ArrowDown" ? 1 : this.chosen < 0 ? 0 : -1) + options.length) % options.length);
             } else if (event.key === "Tab" && !event.shiftKey && !this.completions.hidden && options.length > 0) {
-                // One step along the path, as in a shell.
-                this.input.value = (options[Math.max(0, this.chosen)]!.textContent ?? "") + (options.length === 1 ? "." : "");
-                void this.complete();
+                void this.stepAlong();
             } else if (event.key === "Enter") {
                 this.accept(this.chosen >= 0 && !this.completions.hidden ? options[this.chosen]!.textContent ?? "" : this.input.value);
             } else if (event.key === "Escape") {
