@@ -10,10 +10,12 @@
 #include <zelNet/PortRange.h>
 #include <zelNet/WebSocket.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 struct lws_context;
 struct lws_protocols;
@@ -141,6 +143,34 @@ private:
         void operator()(void* memory) const noexcept { std::free(memory); }
     };
 
+    /// Recursive, and fair: it goes to those who wait ahead of the one who has just had it. Who serves in a
+    /// loop would else take it again and again, while others wait to send.
+    class Mutex {
+    public:
+        void lock() {
+            const std::thread::id self = std::this_thread::get_id();
+            // relaxed: only this thread itself writes its id there, and takes it away
+            if (m_owner.load(std::memory_order_relaxed) != self) {
+                const std::lock_guard turn(m_turn);
+                m_mutex.lock();
+                m_owner.store(self, std::memory_order_relaxed);
+            }
+            ++m_depth;
+        }
+        void unlock() {
+            if (--m_depth != 0)
+                return;
+            m_owner.store({}, std::memory_order_relaxed);
+            m_mutex.unlock();
+        }
+
+    private:
+        std::mutex m_turn;  // no rank: held only by the one who waits next
+        std::mutex m_mutex; // no rank: the program's callbacks run under it, and take any lock
+        std::atomic<std::thread::id> m_owner{};
+        int m_depth = 0; // of the owner
+    };
+
     WebSocketServer(SocketCallback onConnect, SocketCallback onDisconnect, const zel::String& protocolName);
     void init(zel::uint16 port);
     [[nodiscard]] lws_context* makeContext(int port, const char* address, bool isSecure);
@@ -167,7 +197,7 @@ private:
     std::chrono::steady_clock::time_point m_nextSignOfLife; // of sockets that are paused
     std::chrono::milliseconds m_connectLimit = std::chrono::seconds(20);
     lws_context* m_secureContext = nullptr; // of encrypted outgoing connections, from the first one on
-    mutable std::recursive_mutex m_mutex; // no rank: the program's callbacks run under it, and take any lock
+    mutable Mutex m_mutex;
 };
 
 } // namespace zelNet

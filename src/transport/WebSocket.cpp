@@ -222,7 +222,7 @@ void WebSocket::connectionEnded() noexcept {
 // Receiving
 
 void WebSocket::setReceiveCallback(ReceiveCallback callback) {
-    std::unique_lock<std::recursive_mutex> lock;
+    std::unique_lock<WebSocketServer::Mutex> lock;
     if (m_server != nullptr)
         lock = std::unique_lock(m_server->m_mutex);
     m_receiveCallback = std::move(callback);

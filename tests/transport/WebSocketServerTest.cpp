@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <set>
 
 using testing::ElementsAre;
@@ -737,6 +738,47 @@ TEST_F(WebSocketServerTest, ThreadsMaySendWhileAnotherServes) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(std::set<std::string>(atServer.begin(), atServer.end()).size(), 3U * NumMessages);
+}
+
+/// Whether a thread of this process waits for something.
+bool isAsleep(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t place = text.rfind(") ");
+    return place != std::string::npos && text[place + 2] == 'S';
+}
+
+TEST_F(WebSocketServerTest, WhoServesInALoopLeavesTheirTurnToThoseWhoWaitToSend) {
+    ref_ptr<WebSocket> socket;
+    std::function<void()> onMessage;
+    const auto server = makeServer([&](WebSocket* client) {
+        socket = client;
+        client->setReceiveCallback([&](WebSocket*, zel::uint8*, zel::size_t) { onMessage(); });
+    });
+    const auto peer = connectTo(server->getPort());
+    const ref_ptr<Packet> packet = packetOf("in turn");
+    for (int i = 0; i < 10; ++i) {
+        std::atomic<pid_t> sender{0};
+        std::thread other;
+        onMessage = [&] {
+            other = std::thread([&] {
+                sender = ::gettid();
+                socket->send(packet.get());
+            });
+            while (sender.load() == 0 || !isAsleep(sender.load()))
+                std::this_thread::yield();
+        };
+        EXPECT_TRUE(peer->send(RawWebSocket::frame(RawWebSocket::Binary, "x")));
+        while (!other.joinable())
+            server->service(0);
+        server->service(0); // at once, but behind the one who waited
+        const bool hasCome = peer->takeFrame().isWhole;
+        EXPECT_TRUE(hasCome) << i;
+        other.join();
+        if (!hasCome)
+            (void)takeFrame(*peer);
+    }
 }
 
 } // namespace
