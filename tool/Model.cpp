@@ -54,7 +54,8 @@ LoadedModel::LoadedModel(const Arguments& arguments) {
         m_component = zel::Component::load(zel::Path(model), nullptr);
     }
     if (!m_component)
-        throw std::runtime_error("there is no model '" + model + "'");
+        throw std::runtime_error(isFile(model) ? "no component of '" + model + "' is named like the file"
+                                               : "there is no model '" + model + "'");
     zel::root()->addObject(m_component.get());
     m_component->rebind();
     for (const std::string& setting : arguments.getAll("--set")) {
@@ -65,7 +66,13 @@ LoadedModel::LoadedModel(const Arguments& arguments) {
         auto* value = dynamic_cast<zelData::Value*>(find(path));
         if (value == nullptr)
             throw std::runtime_error("'" + path + "' is no value of the model");
-        value->setExpression(setting.substr(equals + 1));
+        const std::string expression = setting.substr(equals + 1);
+        try {
+            value->verifyLiteral(expression);
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error("--set " + path + ": " + error.what());
+        }
+        value->setExpression(expression);
     }
 }
 
@@ -74,13 +81,19 @@ LoadedModel::~LoadedModel() {
         zel::root()->removeObject(m_component.get());
 }
 
+/// Elsewhere paths begin with the name of the model.
+std::string LoadedModel::hintFor(const std::string& path) const {
+    const std::string own = std::string(m_component->getName().c_str()) + ".";
+    return path.starts_with(own) ? ": paths begin below it, as in '" + path.substr(own.size()) + "'" : "";
+}
+
 zel::Object* LoadedModel::find(const std::string& path) const {
     zel::Object* object = m_component.get();
     for (const zel::Name& name : zel::Path(path)) {
         const auto* component = dynamic_cast<const zel::Component*>(object);
         object = component == nullptr ? nullptr : component->findObject(name);
         if (object == nullptr)
-            throw std::runtime_error("the model has nothing at '" + path + "'");
+            throw std::runtime_error("the model has nothing at '" + path + "'" + hintFor(path));
     }
     return object;
 }

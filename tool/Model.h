@@ -29,6 +29,8 @@ public:
     [[nodiscard]] zel::Object* find(const std::string& path) const;
 
 private:
+    [[nodiscard]] std::string hintFor(const std::string& path) const;
+
     zel::ref_ptr<zel::Component> m_component;
 };
 

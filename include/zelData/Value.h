@@ -201,6 +201,10 @@ public:
     ///     a function          such as "Math.Mul(@a, 2)": see FunctionValue
     /// @throws std::runtime_error, naming the value and the text, if it is none of these
     void setExpression(const zel::String& expression);
+    /// Asks whether setExpression would take the whole of a literal, of which it else takes what it can read:
+    /// 3 of "3,5", and 2 of "2.5" for an `Int`. For who hands on what somebody has typed.
+    /// @throws std::runtime_error with the reason; never for a text that is no literal
+    void verifyLiteral(const zel::String& expression) const;
     /// Sets the target from the source.
     static void copy(Value* target, const Value* source);
     /// Tells all that follow this value that its content has changed in place.

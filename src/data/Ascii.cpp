@@ -7,6 +7,7 @@
 #include <locale.h>
 
 #include <cstring>
+#include <limits>
 #include <system_error>
 
 namespace zelData {
@@ -47,6 +48,12 @@ AsciiText& AsciiText::fixed(double value) {
 
 AsciiText& AsciiText::general(double value) {
     append(toChars(m_end, limit(), value, std::chars_format::general, Digits));
+    return *this;
+}
+
+AsciiText& AsciiText::exact(double value) {
+    append(toChars(
+        m_end, limit(), value, std::chars_format::general, std::numeric_limits<double>::max_digits10));
     return *this;
 }
 

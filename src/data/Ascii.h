@@ -24,6 +24,8 @@ public:
     AsciiText& fixed(double value);
     /// As "%g".
     AsciiText& general(double value);
+    /// As "%.17g", from which the same number is read.
+    AsciiText& exact(double value);
     /// As "%lld".
     AsciiText& integer(zel::int64 value);
     AsciiText& text(std::string_view text);
@@ -42,6 +44,9 @@ public:
         return *this;
     }
 
+    [[nodiscard]] std::string str() const {
+        return std::string(m_buffer.data(), static_cast<const char*>(m_end));
+    }
     void assignTo(zel::String& target) const {
         target.assign(m_buffer.data(), static_cast<zel::size_t>(m_end - m_buffer.data()));
     }

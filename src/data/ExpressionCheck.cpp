@@ -206,35 +206,50 @@ zel::String readBack(const Format* format, const Format* ascii, std::string_view
     return written;
 }
 
+struct Misreading {
+    std::string fault;   // empty where there is none
+    std::string written; // how the text is read
+};
+
+/// Of a literal, which is no word of the type Bool.
+Misreading misreadingOf(const Format* format, std::string_view text) {
+    const Type* const type = format->getType();
+    const Format* const ascii = readableAsciiFormat(format);
+    if (type == nullptr || ascii == nullptr || ascii == format || asciiFormat(format) == nullptr)
+        return {}; // has no text, which is refused later, or is one
+    const std::string name = type->getName().str();
+    const Kind kind = kindOf(name);
+    if (kind == Kind::None || isWord(kind, text) || isPlainScalar(name, format->getSize(), text))
+        return {};
+    const zel::String written = readBack(format, ascii, text);
+    std::string fault = faultOf(kind, std::string(text), written);
+    if (!fault.empty())
+        fault = "is not wholly a value of type '" + format->fullName() + "': " + fault;
+    return {fault, written};
+}
+
+/// Whether the text is for a Bool, and is none.
+bool isNoBool(const Format* format, std::string_view text) {
+    return format->getType() != nullptr && format->getType()->getName().str() == "Bool" && text != "true" &&
+           text != "false";
+}
+
 void checkLiteral(const zel::TiXmlElement* element,
                   const char* attribute,
                   const Format* format,
                   std::string_view text) {
-    const Type* const type = format->getType();
-    const Format* const ascii = readableAsciiFormat(format);
-    if (type == nullptr || ascii == nullptr || ascii == format || asciiFormat(format) == nullptr)
-        return; // has no text, which is refused later, or is one
-    const std::string name = type->getName().str();
     const std::string literal = shortenedExpression(text);
-    if (name == "Bool") {
-        if (text != "true" && text != "false")
-            ZEL_XML_ERROR(
-                element,
-                zel::String::format("'%s' of the attribute '%s' is no Bool: it is 'true' or 'false'",
-                                    literal.c_str(),
-                                    attribute));
-        return;
-    }
-    const Kind kind = kindOf(name);
-    if (kind == Kind::None || isWord(kind, text) || isPlainScalar(name, format->getSize(), text))
-        return;
-    const zel::String written = readBack(format, ascii, text);
-    const std::string fault = faultOf(kind, std::string(text), written);
-    if (!fault.empty())
+    if (isNoBool(format, text))
+        ZEL_XML_ERROR(element,
+                      zel::String::format("'%s' of the attribute '%s' is no Bool: it is 'true' or 'false'",
+                                          literal.c_str(),
+                                          attribute));
+    const Misreading misreading = misreadingOf(format, text);
+    if (!misreading.fault.empty())
         zel::warnOnceAt(element,
-                        "'" + literal + "' of the attribute '" + attribute +
-                            "' is not wholly a value of type '" + format->fullName() + "': " + fault +
-                            (written == text ? std::string() : ". It is read as '" + written + "'"));
+                        "'" + literal + "' of the attribute '" + attribute + "' " + misreading.fault +
+                            (misreading.written == text ? std::string()
+                                                        : ". It is read as '" + misreading.written + "'"));
 }
 
 /// Looks at the numbers among the arguments of a function, and of those in it.
@@ -305,6 +320,19 @@ void checkExpression(const zel::TiXmlElement* element, const char* attribute, co
             format = named;
         text = stripped(text.substr(open + 1, text.size() - open - 2));
     }
+}
+
+void Value::verifyLiteral(const zel::String& expression) const {
+    const Format* const format = getFormat();
+    const std::string_view text = stripped(expression);
+    if (!isLiteral(text) || format == nullptr || format == Format::Auto())
+        return;
+    const std::string literal = "'" + shortenedExpression(text) + "' ";
+    if (isNoBool(format, text))
+        throw std::runtime_error(literal + "is no Bool: it is 'true' or 'false'");
+    const std::string fault = misreadingOf(format, text).fault;
+    if (!fault.empty())
+        throw std::runtime_error(literal + fault);
 }
 
 void setFromAttribute(Value& value, const zel::TiXmlElement* element, const char* attribute) {

@@ -1,8 +1,11 @@
+#include "data/Ascii.h"
+
 #include <zelData/FrameIO.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <string>
 
 namespace zelData {
 
@@ -87,10 +90,9 @@ void FrameWriter::forceFlush() {}
 void FrameWriter::endOfStream() {}
 
 void DebugFrameWriter::writeFrame(const Frame* frame) {
-    std::cout << zel::String::format("Frame %u (time: %f, dt: %f)\n",
-                                     static_cast<unsigned>(frame->getIndex()),
-                                     frame->getTimeStamp(),
-                                     frame->getTimeStep());
+    std::cout << "Frame " + std::to_string(static_cast<unsigned>(frame->getIndex())) +
+                     " (time: " + AsciiText().fixed(frame->getTimeStamp()).str() +
+                     ", dt: " + AsciiText().fixed(frame->getTimeStep()).str() + ")\n";
     frame->printSubtree();
 }
 

@@ -1,4 +1,5 @@
 #include "Fault.h"
+#include "data/Ascii.h"
 #include "data/FormatLookup.h"
 
 #include <zel/Exception.h>
@@ -34,7 +35,7 @@ void setNumber(TiXmlElement* element, const char* name, uint64 number) {
 
 /// With all digits, so that the same number comes back.
 void setReal(TiXmlElement* element, const char* name, double number) {
-    element->SetAttribute(name, zel::String::format("%.17g", number).c_str());
+    element->SetAttribute(name, AsciiText().exact(number).str());
 }
 
 bool isTrue(const TiXmlElement* element, const char* name) {

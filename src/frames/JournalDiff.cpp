@@ -1,3 +1,5 @@
+#include "data/Ascii.h"
+
 #include <zelData/JournalDiff.h>
 #include <zelData/PlainElements.h>
 #include <zelData/PlainJournal.h>
@@ -104,7 +106,7 @@ public:
     }
 
 private:
-    static std::string text(double number) { return zel::String::format("%.17g", number); }
+    static std::string text(double number) { return AsciiText().exact(number).str(); }
 
     bool areEqual(const zel::String& path, const PlainNode& a, const PlainNode& b) {
         if (describe(a) != describe(b))

@@ -30,6 +30,10 @@ using zel::uint64;
 
 namespace {
 
+/// The first versions whose headers tell the number of frames and the stride.
+constexpr zel::uint32 TellsNumber = ZEL_CALC_VERSION(2, 6, 1, 0);
+constexpr zel::uint32 TellsStride = ZEL_CALC_VERSION(2, 6, 3, 0);
+
 constexpr char Inspecting[] = "FileJournal: When inspecting the extra data document, ";
 
 // Texts. The parser drops blanks at the ends of a text and takes several for one, but for those in a section
@@ -235,12 +239,11 @@ void Session::load(const TiXmlElement* element) {
                                        ? 0
                                        : parse<double>(element, "computationTime");
     uint64 numFrames = 0;
-    if (versionNumber >= ZEL_CALC_VERSION(2, 6, 1, 0))
+    if (versionNumber >= TellsNumber)
         numFrames = parse<uint64>(element, "numFrames");
     else if (endFrame != zel::InvalidIndex && endFrame >= startFrame)
         numFrames = endFrame - startFrame + 1; // at most
-    const uint64 frameStride =
-        versionNumber < ZEL_CALC_VERSION(2, 6, 3, 0) ? 1 : parse<uint64>(element, "frameStride");
+    const uint64 frameStride = versionNumber < TellsStride ? 1 : parse<uint64>(element, "frameStride");
     const auto headerFormat = formatOf(parse<zel::String>(element, "headerFormat"), m_mode);
     const auto sceneDataOffset = parse<uint64>(element, "sceneDataOffset");
     const auto sceneDataSize = parse<uint64>(element, "sceneDataSize");
@@ -282,7 +285,8 @@ std::unique_ptr<TiXmlElement> Session::generateHeader() const {
     TiXmlElement* session = root.get();
     add(session, "name", zel::String(getName().c_str()));
     add(session, "version", getZelVersionString());
-    add(session, "versionNumber", uint64{getZelVersionNumber()});
+    // What goes on from an older version tells its number and stride too, and they are to be read.
+    add(session, "versionNumber", uint64{std::max(getZelVersionNumber(), TellsStride)});
     add(session, "is64BitReal", is64BitReal());
     add(session, "is64BitArchitecture", is64BitArchitecture());
     add(session, "isLittleEndian", isLittleEndian());

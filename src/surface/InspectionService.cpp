@@ -312,6 +312,7 @@ void InspectionService::Implementation::setValue(InspectionRequest& request) {
     const zelData::Type* type = value->getType();
     if (type == nullptr || type->getName().str() != "String")
         zel::verifyExpression(expression, value->getFormat());
+    value->verifyLiteral(expression);
     const zel::ref_ptr<zelData::Value> before(value->getFormat() == nullptr ? nullptr : value->clone());
     const zel::ref_ptr<zelData::Value> binding(value->getBinding());
     // A model file may name what comes later; here somebody waits for what he has asked for.

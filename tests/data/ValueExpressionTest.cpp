@@ -56,6 +56,26 @@ TEST(ValueExpressionTest, ReadsLiterals) {
     EXPECT_EQ(real->get(), std::numeric_limits<double>::infinity());
 }
 
+TEST(ValueExpressionTest, LiteralsThatAreNotTakenInWholeAreToldWhenAsked) {
+    const auto misread = [](const char* format, const char* text) {
+        return whatOf([&] { make(format)->verifyLiteral(text); });
+    };
+    EXPECT_EQ(misread("Real", "3,5"),
+              "'3,5' is not wholly a value of type 'Real:64bit': ',5' stands behind the number");
+    EXPECT_EQ(misread("Int:8bit", "300"),
+              "'300' is not wholly a value of type 'Int:8bit': '300' is out of range");
+    EXPECT_EQ(misread("UInt", "-3"), "'-3' is not wholly a value of type 'UInt:64bit': '-3' is below 0");
+    EXPECT_EQ(misread("Bool", "yes"), "'yes' is no Bool: it is 'true' or 'false'");
+    // What is whole, no literal, or without a format to hold it against.
+    make("Real")->verifyLiteral(" -3.5e2\n");
+    make("Vec3")->verifyLiteral("1 2 3");
+    make("Bool")->verifyLiteral("true");
+    make("Real")->verifyLiteral("@a.b");
+    make("Real")->verifyLiteral("Math.Add(3,5)");
+    make("String")->verifyLiteral("3,5");
+    make(nullptr)->verifyLiteral("3,5");
+}
+
 TEST(ValueExpressionTest, AnEmptyTextChangesNothing) {
     const ref_ptr<ValueT<double>> value(new ValueT<double>("v", 3));
     value->setExpression("");

@@ -361,6 +361,8 @@ TEST_F(FileJournalHeaderTest, ASessionOfAnOldVersionGoesOnWithAllItsFrames) {
     open();
     EXPECT_EQ(contents(), (Contents{{0, 0}, {1, 1}, {10, 10}}));
     EXPECT_EQ(session->getNumFrames(), 3U);
+    EXPECT_EQ(session->getZelVersionNumber(), ZEL_CALC_VERSION(2, 6, 3, 0))
+        << "its number of frames is told now";
 }
 
 TEST_F(FileJournalHeaderTest, TheOtherByteOrderIsRefused) {

@@ -1,6 +1,7 @@
 #include "DamageFixture.h"
 
 #include <zel/Notify.h>
+#include <zelCore/Version.h>
 #include <zelData/JournalRecovery.h>
 
 #include <numeric>
@@ -104,6 +105,13 @@ TEST_F(JournalRecoveryTest, ADamagedFrameEndsItsGroup) {
     EXPECT_EQ(report.gaps[1].end, table[8].headerOffset);
     ASSERT_EQ(report.faults.size(), 1U);
     EXPECT_EQ(report.faults[0].text, "the file is no record of a frame");
+}
+
+TEST_F(JournalRecoveryTest, OfAnOldVersionIsWholeAllTheSame) {
+    recordModel(12);
+    replaceElement("versionNumber", std::to_string(ZEL_CALC_VERSION(2, 6, 0, 0)));
+    flip(table[5].headerOffset + 48);
+    expectRecovered(without(12, {5, 6, 7}));
 }
 
 TEST_F(JournalRecoveryTest, SizesThatLieLeadToTheNextFrame) {

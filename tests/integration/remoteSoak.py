@@ -14,6 +14,7 @@ import pathlib
 import random
 import re
 import signal
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -170,19 +171,21 @@ def main():
             for each in clients:
                 each.start()
             time.sleep(SECONDS / 6)  # until all has been used once
-            begin, sizes, with_clients = beside.memory(), [], []
+            sizes, others, with_clients = [], [], []
             while time.time() < end and run.process.poll() is None and all(each.is_alive() for each in clients):
                 sizes.append(run.memory())
+                others.append(beside.memory())
                 with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
             for each in clients:
                 each.join(TIMEOUT * 4)
                 failed = failed or each.exitcode != 0
-        listed = beside.memory() - begin
     mean = sum(step for step, _ in with_clients) / len(with_clients)
     rate = sum(rate for _, rate in with_clients) / len(with_clients)
     print(f"a step: {alone[0]:.4f} ms alone at {alone[1]:.1f}/s, {mean:.4f} ms with clients at {rate:.1f}/s, ratio {mean / alone[0]:.3f}")
-    growth = (max(sizes) - listed) / sizes[0] - 1
-    print(f"memory: {sizes[0]} KB at first, {max(sizes)} KB at most, {sizes[-1]} KB at last; {listed} KB more without clients; {100 * growth:.1f} %")
+    third = max(1, len(sizes) // 3)
+    excess = [size - other for size, other in zip(sizes, others)]
+    growth = (statistics.median(excess[-third:]) - statistics.median(excess[:third])) / statistics.median(sizes[:third])
+    print(f"memory in KB with clients: {sizes}\nand without: {others}\nthe difference grows by {100 * growth:.1f} %")
     if SECONDS >= 600 and growth > 0.05:
         print("the memory grows")
         failed = True

@@ -308,9 +308,16 @@ def models_run_and_end_on_signals():
     assert re.fullmatch(ran % (10, "2.5", 2), zel("run", "Counter.zelComponent", "--frames", "10", "--threads", "2"))
     assert re.fullmatch(ran % (12, "3", 1), zel("run", "Counter.zelComponent", "--time", "3", "--threads", "1"))
     assert re.fullmatch(ran % (0, "0", 1), zel("run", "Counter.zelComponent", "--frames", "0", "--threads", "1"))
+    pathlib.Path("Other.zelComponent").write_text(MODEL)
+    zel("run", "./Other.zelComponent", "--frames", "1", code=3,
+        errors="zel: no component of './Other.zelComponent' is named like the file\n")
     for words, message in ((["./none"], "there is no file './none'"),
                            (["Counter.zelComponent", "--set", "end=1"], "the model has nothing at 'end'"),
+                           (["Counter.zelComponent", "--set", "Counter.start=1"],
+                            "the model has nothing at 'Counter.start': paths begin below it, as in 'start'"),
                            (["Counter.zelComponent", "--set", "clock=1"], "'clock' is no value of the model"),
+                           (["Counter.zelComponent", "--set", "start=3,5"],
+                            "--set start: '3,5' is not wholly a value of type 'Real:64bit': ',5' stands behind the number"),
                            (["Counter.zelComponent", "--clock", "start"], "'start' is no clock"),
                            (["Counter.zelComponent", "--path", "none"], "there is no folder 'none'")):
         zel("run", *words, "--frames", "1", code=3, errors=f"zel: {message}\n")
