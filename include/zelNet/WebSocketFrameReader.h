@@ -26,8 +26,8 @@ public:
     static constexpr zel::size_t MaxWaitingBytes = zel::size_t{256} << 20;
     static constexpr zel::size_t MaxWaitingFrames = 1024;
 
-    /// Takes the receive callback of the socket, and takes it away when it goes: a reader ahead of this one goes
-    /// first.
+    /// Takes the receive callback of the socket, and takes it away when it goes: a reader ahead of this one
+    /// goes first.
     /// @param threaded  see FrameIO
     /// @param onFault  with Throw, readFrame throws a std::runtime_error in place of each message that is no
     ///     frame, or whose frame ends the process otherwise; the peer gets no answer then
