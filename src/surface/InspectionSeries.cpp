@@ -190,7 +190,7 @@ void InspectionSeries::sendPiece(
         else {
             item["components"] = columns[i].components;
             if (columns[i].id)
-                item["id"] = static_cast<Json::UInt64>(*columns[i].id);
+                item["id"] = wholeToJson(*columns[i].id);
             place(item, columns[i].rows);
         }
         items.append(item);

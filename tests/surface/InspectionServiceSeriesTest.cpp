@@ -132,6 +132,12 @@ TEST_F(InspectionServiceSeriesTest, FollowsInstancesByTheirIds) {
     EXPECT_EQ(rows.items[4].numbers, std::vector<double>(9, None));
 }
 
+TEST_F(InspectionServiceSeriesTest, TellsIdsThatJsonLosesAsTexts) {
+    addTrack(2);
+    ask("'items':[{'path':'pond.fish.mass','id':1152921504606846976}]");
+    EXPECT_EQ(takePush(client, "Track.Points").header["items"][0]["id"], "1152921504606846976");
+}
+
 TEST_F(InspectionServiceSeriesTest, TellsAPartOfTheRun) {
     addTrack(20);
     const std::string items = "'items':[{'path':'pond.level'},{'path':'pond.fish.mass','index':0},"
