@@ -238,7 +238,10 @@ namespace {
 
 const Format* formatOf(const PlainNode& node, bool& isKnown) {
     const Format* format = findFormat(node.format.c_str());
-    isKnown = format != nullptr && (node.hasChildren() || format->getSize() == node.elementSize());
+    // Of no elements, none has a size that could tell otherwise.
+    const bool fits = node.numElements == 0 || node.hasChildren() || format == nullptr ||
+                      format->getSize() == node.elementSize();
+    isKnown = format != nullptr && fits;
     return isKnown ? format : getFormat("UInt:8bit");
 }
 

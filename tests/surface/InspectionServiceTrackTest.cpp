@@ -535,6 +535,21 @@ TEST_F(InspectionServiceTrackTest, StaysAtTheFrameAheadOfOneThatCanNotBeRead) {
     EXPECT_EQ(valueOf("pond.level").asDouble(), 3.5);
 }
 
+TEST_F(InspectionServiceTrackTest, ShowsAStorageThatHasBecomeEmpty) {
+    {
+        Pond pond(pathOf("pond.journal"), fishes, "run");
+        pond.write(5);
+        pond.catchAll();
+        pond.write(1); // no key frame: it tells what has gone
+    }
+    service->addJournal(pathOf("pond.journal"), "pond");
+    EXPECT_EQ(control(0, "seek", "'frame':5")["error"], "");
+    EXPECT_THAT(bufferAt("pond.fish.mass"), IsEmpty());
+    EXPECT_EQ(ask(client, "Buffer.Read", "{'path':'pond.fish.mass'}").header["type"], "Real:64bit");
+    EXPECT_EQ(control(0, "step", "'count':-1")["position"]["frame"], 4);
+    EXPECT_EQ(bufferAt("pond.fish.mass").size(), 2U);
+}
+
 TEST_F(InspectionServiceTrackTest, RefusesWhatIsNoJournal) {
     service->addJournal(pathOf("none.journal"), "none");
     service->addJournal(directory.write("text.journal", "to be or not to be"), "text");

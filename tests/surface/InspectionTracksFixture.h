@@ -84,6 +84,11 @@ protected:
             m_frame = index;
             write(time);
         }
+        /// No fish is left.
+        void catchAll() {
+            while (!m_fish->empty())
+                m_fish->destroyInstance(m_fish->getId(0));
+        }
         void close() {
             if (m_writer.get() != nullptr)
                 m_writer->endOfStream();
