@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 // A journal that is opened to be looked at: its headers, and the frames where nothing is wrong.
 
@@ -48,20 +49,31 @@ bool PlainJournal::refresh() {
     // Whoever goes on from an earlier frame writes others in the place of those behind it.
     if (!m_frames.empty() && !standsAt(*m_file, m_frames.back().offset, m_frames.back().record))
         return false;
+    const auto asItWas = [this,
+                          faults = std::exchange(m_faults, {}),
+                          session = std::exchange(m_session, nullptr),
+                          isClosed = std::exchange(m_isClosed, false),
+                          fileSize = std::exchange(m_fileSize, size),
+                          begin = m_begin,
+                          limit = m_limit] {
+        m_faults = faults;
+        m_session = session;
+        m_isClosed = isClosed;
+        m_fileSize = fileSize;
+        m_begin = begin;
+        m_limit = limit;
+        return false;
+    };
     const uint64 begin = m_begin;
-    m_fileSize = size;
-    m_faults.clear();
-    m_isClosed = false;
-    m_session = nullptr;
     try {
         readHeaders(Search::Records);
     } catch (const std::runtime_error&) {
-        return false;
+        return asItWas();
     }
     if (m_frames.empty())
         m_endOfFrames = m_begin;
     else if (m_begin != begin)
-        return false;
+        return asItWas();
     (void)walk(Search::Records);
     sortFaults();
     return true;

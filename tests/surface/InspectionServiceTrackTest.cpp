@@ -5,6 +5,7 @@
 #include <support/LogCapture.h>
 
 #include <filesystem>
+#include <fstream>
 #include <limits>
 
 using testing::ElementsAre;
@@ -548,6 +549,16 @@ TEST_F(InspectionServiceTrackTest, ShowsAStorageThatHasBecomeEmpty) {
     EXPECT_EQ(ask(client, "Buffer.Read", "{'path':'pond.fish.mass'}").header["type"], "Real:64bit");
     EXPECT_EQ(control(0, "step", "'count':-1")["position"]["frame"], 4);
     EXPECT_EQ(bufferAt("pond.fish.mass").size(), 2U);
+}
+
+TEST_F(InspectionServiceTrackTest, KeepsWhatIsOpenWhereTheFileIsNoJournalAnyMore) {
+    addTrack(8);
+    Json::Value before = trackOf(0);
+    std::fstream(pathOf("pond.journal"), std::ios::in | std::ios::out) << "different!";
+    const std::string fault = controlRefusal(0, "open");
+    EXPECT_THAT(fault, HasSubstr("is no journal"));
+    before["error"] = fault;
+    EXPECT_EQ(trackOf(0), before);
 }
 
 TEST_F(InspectionServiceTrackTest, RefusesWhatIsNoJournal) {
