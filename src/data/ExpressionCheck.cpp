@@ -206,38 +206,43 @@ zel::String readBack(const Format* format, const Format* ascii, std::string_view
     return written;
 }
 
+/// Whether literals are read into the format, which is no text itself. Where they can not be, that is refused
+/// later.
+bool takesLiterals(const Format* format) {
+    const Format* const ascii = readableAsciiFormat(format);
+    return format->getType() != nullptr && ascii != nullptr && ascii != format &&
+           asciiFormat(format) != nullptr;
+}
+
+/// Whether the text is for a Bool, and is none.
+bool isNoBool(const Format* format, std::string_view text) {
+    return format->getType()->getName().str() == "Bool" && text != "true" && text != "false";
+}
+
 struct Misreading {
     std::string fault;   // empty where there is none
     std::string written; // how the text is read
 };
 
-/// Of a literal, which is no word of the type Bool.
+/// Of a literal for a number, or several.
 Misreading misreadingOf(const Format* format, std::string_view text) {
-    const Type* const type = format->getType();
-    const Format* const ascii = readableAsciiFormat(format);
-    if (type == nullptr || ascii == nullptr || ascii == format || asciiFormat(format) == nullptr)
-        return {}; // has no text, which is refused later, or is one
-    const std::string name = type->getName().str();
+    const std::string name = format->getType()->getName().str();
     const Kind kind = kindOf(name);
     if (kind == Kind::None || isWord(kind, text) || isPlainScalar(name, format->getSize(), text))
         return {};
-    const zel::String written = readBack(format, ascii, text);
+    const zel::String written = readBack(format, readableAsciiFormat(format), text);
     std::string fault = faultOf(kind, std::string(text), written);
     if (!fault.empty())
         fault = "is not wholly a value of type '" + format->fullName() + "': " + fault;
     return {fault, written};
 }
 
-/// Whether the text is for a Bool, and is none.
-bool isNoBool(const Format* format, std::string_view text) {
-    return format->getType() != nullptr && format->getType()->getName().str() == "Bool" && text != "true" &&
-           text != "false";
-}
-
 void checkLiteral(const zel::TiXmlElement* element,
                   const char* attribute,
                   const Format* format,
                   std::string_view text) {
+    if (!takesLiterals(format))
+        return;
     const std::string literal = shortenedExpression(text);
     if (isNoBool(format, text))
         ZEL_XML_ERROR(element,
@@ -325,7 +330,7 @@ void checkExpression(const zel::TiXmlElement* element, const char* attribute, co
 void Value::verifyLiteral(const zel::String& expression) const {
     const Format* const format = getFormat();
     const std::string_view text = stripped(expression);
-    if (!isLiteral(text) || format == nullptr || format == Format::Auto())
+    if (!isLiteral(text) || isUntyped() || !takesLiterals(format))
         return;
     const std::string literal = "'" + shortenedExpression(text) + "' ";
     if (isNoBool(format, text))

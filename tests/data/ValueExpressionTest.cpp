@@ -65,11 +65,12 @@ TEST(ValueExpressionTest, LiteralsThatAreNotTakenInWholeAreToldWhenAsked) {
     EXPECT_EQ(misread("Int:8bit", "300"),
               "'300' is not wholly a value of type 'Int:8bit': '300' is out of range");
     EXPECT_EQ(misread("UInt", "-3"), "'-3' is not wholly a value of type 'UInt:64bit': '-3' is below 0");
-    EXPECT_EQ(misread("Bool", "yes"), "'yes' is no Bool: it is 'true' or 'false'");
+    EXPECT_EQ(misread("Bool", "1"), "'1' is no Bool: it is 'true' or 'false'");
     // What is whole, no literal, or without a format to hold it against.
     make("Real")->verifyLiteral(" -3.5e2\n");
-    make("Vec3")->verifyLiteral("1 2 3");
+    make("Vec3")->verifyLiteral("1, 2, 3");
     make("Bool")->verifyLiteral("true");
+    make("Bool:ascii")->verifyLiteral("1");
     make("Real")->verifyLiteral("@a.b");
     make("Real")->verifyLiteral("Math.Add(3,5)");
     make("String")->verifyLiteral("3,5");

@@ -343,11 +343,11 @@ TEST_F(InspectionServiceTest, RefusesValuesThatDoNotFit) {
     const auto set = [&](const std::string& path, const std::string& value) {
         return refusal(client, "Value.Set", "{'path':'" + path + "','value':" + value + "}");
     };
-    put(new ValueT<zel::int32>("count", 1));
+    put(new ValueT<zel::int64>("count", 1));
     EXPECT_EQ(set("top.a", "'3,5'"),
               "'3,5' is not wholly a value of type 'Real:64bit': ',5' stands behind the number");
     EXPECT_EQ(set("top.count", "2.5"),
-              "'2.5' is not wholly a value of type 'Int:32bit': '2.5' is no whole number");
+              "'2.5' is not wholly a value of type 'Int:64bit': '2.5' is no whole number");
     EXPECT_THAT(set("top.a", "'fast'"), HasSubstr("fast"));
     EXPECT_THAT(set("top.flag", "'maybe'"), HasSubstr("maybe"));
     EXPECT_EQ(set("top.a", "'No.Such.Function(1)'"), "'No.Such.Function(1)' names nothing that is there");

@@ -310,7 +310,8 @@ def models_run_and_end_on_signals():
     assert re.fullmatch(ran % (0, "0", 1), zel("run", "Counter.zelComponent", "--frames", "0", "--threads", "1"))
     pathlib.Path("Other.zelComponent").write_text(MODEL)
     zel("run", "./Other.zelComponent", "--frames", "1", code=3,
-        errors="zel: no component of './Other.zelComponent' is named like the file\n")
+        errors=f"Unable to find plugin for resource: '{os.getcwd()}/./Other.zelComponent'\n"
+               "zel: no component of './Other.zelComponent' is named like the file\n")
     for words, message in ((["./none"], "there is no file './none'"),
                            (["Counter.zelComponent", "--set", "end=1"], "the model has nothing at 'end'"),
                            (["Counter.zelComponent", "--set", "Counter.start=1"],
