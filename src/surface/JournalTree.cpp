@@ -185,7 +185,9 @@ void JournalTree::open(const zel::String& path) {
             show(0);
         return;
     }
-    const auto journal = std::make_shared<PlainJournal>(path, PlainJournal::Search::Records);
+    auto journal = m_journal ? nullptr : m_closed.lock();
+    if (journal == nullptr || journal->getPath() != path || !journal->refresh())
+        journal = std::make_shared<PlainJournal>(path, PlainJournal::Search::Records);
     size_t place = 0;
     if (!journal->getFrames().empty()) {
         if (getNumFrames() != 0)
@@ -203,7 +205,7 @@ void JournalTree::open(const zel::String& path) {
 void JournalTree::close() {
     const zel::TreeChange change;
     removeAllObjects();
-    m_journal = nullptr;
+    m_closed = std::exchange(m_journal, nullptr);
     m_place = 0;
     ++m_revision;
 }

@@ -27,7 +27,8 @@ public:
     /// that was shown. After a throw all is as before.
     /// @throws std::runtime_error
     void open(const zel::String& path);
-    /// The objects go, and their memory.
+    /// The objects go, and their memory. The journal goes with the last one who holds it; until then it is
+    /// opened anew with what it has read.
     void close();
     /// Shows the frame at the place.
     /// @throws std::runtime_error for one that can not be read; the frame ahead stays
@@ -49,6 +50,7 @@ public:
 
 private:
     std::shared_ptr<zelData::PlainJournal> m_journal;
+    std::weak_ptr<zelData::PlainJournal> m_closed; // the one ahead
     zel::size_t m_place = 0;
     zel::uint64 m_revision = 0;
 };

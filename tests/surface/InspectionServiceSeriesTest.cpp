@@ -81,6 +81,19 @@ protected:
         ask(members);
         return takeRows(client, 1);
     }
+    /// Takes the levels of so many frames, and whatever comes ahead of them.
+    void expectAllLevels(zel::size_t numFrames) {
+        Rows rows;
+        for (bool isDone = false; !isDone && !HasFailure();) {
+            const Message message = client.pushes.empty() ? take(client) : client.pushes.front();
+            if (!client.pushes.empty())
+                client.pushes.pop_front();
+            if (message.uri == "Track.Points")
+                isDone = add(rows, message);
+        }
+        EXPECT_EQ(rows.times.size(), numFrames);
+        EXPECT_EQ(rows.items[0].numbers.back(), static_cast<double>(numFrames - 1) / 2);
+    }
     std::string seriesRefusal(const std::string& header) { return refusal(client, "Track.Series", header); }
     void expectQuiet(Client& from) { EXPECT_TRUE(isQuiet(from)); }
 };
@@ -258,20 +271,30 @@ TEST_F(InspectionServiceSeriesTest, OpensTheJournal) {
     EXPECT_EQ(trackOf(0)["open"], true);
 }
 
-TEST_F(InspectionServiceSeriesTest, GoesOnWhenTheJournalIsClosed) {
+TEST_F(InspectionServiceSeriesTest, GoesOnWhenTheJournalIsClosedAndOpenedAnew) {
     addTrack(2000);
     ask("'items':[{'path':'pond.level'}]");
     send(client, "Track.Control", controls(0, "close"));
-    Rows rows;
-    for (bool isDone = false; !isDone && !HasFailure();) {
-        const Message message = client.pushes.empty() ? take(client) : client.pushes.front();
-        if (!client.pushes.empty())
-            client.pushes.pop_front();
-        if (message.uri == "Track.Points")
-            isDone = add(rows, message);
-    }
-    EXPECT_EQ(rows.times.size(), 2000U);
-    EXPECT_EQ(rows.items[0].numbers.back(), 1999 / 2.0);
+    expectAllLevels(2000);
+
+    ask("'items':[{'path':'pond.level'}]");
+    send(client, "Track.Control", controls(0, "close"));
+    send(client, "Track.Control", controls(0, "seek", "'frame':7"));
+    expectAllLevels(2000);
+    EXPECT_EQ(trackOf(0)["numFrames"], 2000);
+    EXPECT_EQ(valueOf("pond.level").asDouble(), 3.5);
+}
+
+TEST_F(InspectionServiceSeriesTest, GoesOnWhenAnotherJournalIsOpenedInItsPlace) {
+    const std::string file = record("pond.journal", 2000);
+    service->addJournal(file, "pond");
+    control(0, "open");
+    ask("'items':[{'path':'pond.level'}]");
+    send(client, "Track.Control", controls(0, "close"));
+    std::filesystem::rename(record("other.journal", 4), file);
+    send(client, "Track.Control", controls(0, "open"));
+    expectAllLevels(2000);
+    EXPECT_EQ(trackOf(0)["numFrames"], 4);
 }
 
 TEST_F(InspectionServiceSeriesTest, EndsAtAFrameThatCanNotBeRead) {
