@@ -122,12 +122,13 @@ def client(address, seed, number, end):
             sys.exit(1)
 
 
-def measure(remote, seconds):
-    """Milliseconds of a step, and steps a second."""
-    before = step_time(remote)
+def measure(remotes, seconds):
+    """Of each run the milliseconds of a step, and steps a second, over the same time."""
+    before = [step_time(remote) for remote in remotes]
     time.sleep(seconds)
-    after = step_time(remote)
-    return (after[0] - before[0]) / (after[1] - before[1]), (after[1] - before[1]) / seconds
+    after = [step_time(remote) for remote in remotes]
+    return [((wall - wall_before) / (count - count_before), (count - count_before) / seconds)
+            for (wall_before, count_before), (wall, count) in zip(before, after)]
 
 
 class Run:
@@ -166,24 +167,23 @@ def main():
     print(f"seed {seed}, {SECONDS:.0f} s, {NUM_CLIENTS} clients", flush=True)
     failed = False
     with tempfile.TemporaryDirectory() as folder, Run(folder, "past") as run, Run(folder, "beside") as beside:
-        with zelremote.connect(run.address, timeout=TIMEOUT) as remote:
-            alone = measure(remote, min(20.0, SECONDS))
+        with zelremote.connect(run.address, timeout=TIMEOUT) as remote, zelremote.connect(beside.address, timeout=TIMEOUT) as other:
             end = time.time() + SECONDS
             clients = [multiprocessing.Process(target=client, args=(run.address, seed + i, i, end)) for i in range(NUM_CLIENTS)]
             for each in clients:
                 each.start()
             time.sleep(SECONDS / 6)  # until all has been used once
-            sizes, others, with_clients = [], [], []
+            sizes, others, steps = [], [], []
             while time.time() < end and run.process.poll() is None and all(each.is_alive() for each in clients):
                 sizes.append(run.memory())
                 others.append(beside.memory())
-                with_clients.append(measure(remote, min(10.0, SECONDS / 6)))
+                steps.append(measure([remote, other], min(10.0, SECONDS / 6)))
             for each in clients:
                 each.join(TIMEOUT * 4)
                 failed = failed or each.exitcode != 0
-    mean = sum(step for step, _ in with_clients) / len(with_clients)
-    rate = sum(rate for _, rate in with_clients) / len(with_clients)
-    print(f"a step: {alone[0]:.4f} ms alone at {alone[1]:.1f}/s, {mean:.4f} ms with clients at {rate:.1f}/s, ratio {mean / alone[0]:.3f}")
+    (with_clients, rate), (without, other_rate) = ([statistics.mean(column) for column in zip(*each)] for each in zip(*steps))
+    print(f"a step: {without:.4f} ms without clients at {other_rate:.1f}/s, {with_clients:.4f} ms with them at {rate:.1f}/s, "
+          f"ratio {with_clients / without:.3f}")
     third = max(1, len(sizes) // 3)
     excess = [size - other for size, other in zip(sizes, others)]
     growth = (statistics.median(excess[-third:]) - statistics.median(excess[:third])) / statistics.median(sizes[:third])
