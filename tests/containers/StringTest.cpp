@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/PointLocale.h>
 
 #include <cstdarg>
 #include <sstream>
@@ -21,6 +22,7 @@ std::string formatUnchecked(const char* format, ...) {
 }
 
 TEST(StringTest, FormatsByTheRulesOfC) {
+    const zelTest::PointLocale point; // which are those of the locale
     EXPECT_EQ(String::format("%s has %d bodies, %.2f %%", "belt", 1024, 12.345),
               "belt has 1024 bodies, 12.35 %");
     EXPECT_EQ(String::format("plain"), "plain");

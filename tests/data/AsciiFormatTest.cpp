@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <support/CommaLocale.h>
 #include <support/LogCapture.h>
+#include <support/PointLocale.h>
 
 #include <cfloat>
 #include <cmath>
@@ -35,6 +36,7 @@ namespace {
 
 template <typename... Arguments>
 std::string printed(const char* format, Arguments... arguments) {
+    const zelTest::PointLocale point;
     std::string text(8192, '\0');
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -42,6 +44,11 @@ std::string printed(const char* format, Arguments... arguments) {
 #pragma GCC diagnostic pop
     text.resize(static_cast<size_t>(length));
     return text;
+}
+
+double numberOf(const std::string& text) {
+    const zelTest::PointLocale point;
+    return std::strtod(text.c_str(), nullptr);
 }
 
 /// Ordinary, extreme and special values, and random ones of all magnitudes.
@@ -218,7 +225,7 @@ TEST(AsciiFormatTest, ReadsRealsAsStrtod) {
                                          std::string(1000, '9'),
                                          "0." + std::string(1000, '0') + "1"};
     for (const std::string& text : texts) {
-        const double expected = std::strtod(text.c_str(), nullptr);
+        const double expected = numberOf(text);
         const double value = fromText<double>("Real:64bit", text);
         EXPECT_EQ(std::memcmp(&value, &expected, sizeof(value)), 0)
             << text << " gives " << value << ", not " << expected;
@@ -239,7 +246,7 @@ TEST(AsciiFormatTest, OctaveReadsWhatItsFormatShows) {
     EXPECT_EQ(octave("Real:64bit", std::numeric_limits<double>::quiet_NaN()), "NaN");
     for (const double value : manyReals()) {
         if (std::isfinite(value)) {
-            EXPECT_EQ(std::strtod(octave("Real:64bit", value).c_str(), nullptr), value);
+            EXPECT_EQ(numberOf(octave("Real:64bit", value)), value);
         }
     }
 }

@@ -13,6 +13,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/FirstLife.h>
 #include <support/StreamCapture.h>
 #include <tinyxml.h>
 
@@ -359,6 +360,7 @@ TEST(TypeManagerTest, StandsInFrontOfTheModelTreeAmongTheServices) {
 }
 
 TEST(TypeManagerTest, ARegistryThatWasShutDownComesUpAfresh) {
+    ZEL_FIRST_LIFE_ONLY();
     zelCore::init();
     Type* const before = getType("Real");
     EXPECT_TRUE(zelData::TypeManager::isInitialized());

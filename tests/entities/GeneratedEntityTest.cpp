@@ -7,6 +7,7 @@
 #include <zel/ValueEventEntity.h>
 #include <zelData/Type.h>
 
+#include <support/FirstLife.h>
 #include <support/PoolThreads.h>
 
 #include <mutex>
@@ -182,6 +183,7 @@ TEST_F(GeneratedEntityTest, TheClassOfAnEntityTakesPartInItsLoading) {
 }
 
 TEST_F(GeneratedEntityTest, ModelsCleanUpAtShutdown) {
+    ZEL_FIRST_LIFE_ONLY();
     write("Probe", "<Entity.Model name='Probe'/>");
     static_cast<void>(zelData::getEntity("Probe"));
     const int before = ProbeModel::s_cleanups;
@@ -275,6 +277,7 @@ TEST_F(DefaultStoragesTest, CountedEntitiesGetNewOnesWhenManyThreadsCreate) {
 }
 
 TEST_F(DefaultStoragesTest, GoAtShutdown) {
+    ZEL_FIRST_LIFE_ONLY();
     struct Listener : EntityStorage::EventListener {
         void destroyCallback(EntityStorage*) override { ++gone; }
         int gone = 0;

@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/TempDirectory.h"
 
 #include <zelCore/zelCore.h>
@@ -93,6 +94,7 @@ TEST_F(EnvironmentTest, ThereIsNoRegistry) {
 }
 
 TEST_F(EnvironmentTest, IsMadeAnewAfterShutdown) {
+    ZEL_FIRST_LIFE_ONLY();
     zelCore::init();
     Environment::instance()->getFilePath(Environment::ResourcePath).pushbackPath("mine");
     EXPECT_THAT(list(Environment::ResourcePath), Contains("mine"));

@@ -3,6 +3,7 @@
 #include <zelCore/Version.h>
 #include <zelIO/FileSystem.h>
 
+#include <support/PointLocale.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -468,6 +469,7 @@ TEST_F(FileJournalTest, PrintsItsSizes) {
     session->printFileStatistics();
     const std::string rule(78, '=');
     const auto& info = session->getFrameTable()[0];
+    const zelTest::PointLocale point; // of the expected text
     const double overhead = 100.0 * static_cast<double>(info.meta.headerSize) /
                             static_cast<double>(info.meta.headerSize + info.meta.dataSize);
     EXPECT_EQ(output.text(),

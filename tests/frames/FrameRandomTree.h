@@ -8,6 +8,8 @@
 #include <zelData/Type.h>
 #include <zelData/Value.h>
 
+#include <support/PointLocale.h>
+
 #include <algorithm>
 #include <map>
 #include <numeric>
@@ -67,6 +69,7 @@ public:
     static char kindOf(const std::string& name) { return name[0] == 's' ? name[1] : name[0]; }
 
     [[nodiscard]] Snapshot snapshot() const {
+        const zelTest::PointLocale point;
         Snapshot result;
         for (const std::string name : RandomTreeNames)
             if (zel::Object* object = find(name))

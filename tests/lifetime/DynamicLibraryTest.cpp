@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/LogCapture.h"
 #include "support/StreamCapture.h"
 #include "support/TempDirectory.h"
@@ -134,6 +135,7 @@ TEST_F(DynamicLibraryTest, AnOwnerKeepsItBeyondTheManager) {
 }
 
 TEST_F(DynamicLibraryTest, LibrariesGoAfterTheLastService) {
+    ZEL_FIRST_LIFE_ONLY();
     ASSERT_NE(load(), nullptr);
     int unloadsSeen = -1;
     new Service(-1000, [&] { unloadsSeen = unloads; });
@@ -143,6 +145,7 @@ TEST_F(DynamicLibraryTest, LibrariesGoAfterTheLastService) {
 }
 
 TEST_F(DynamicLibraryTest, ItsInitCallbackRunsOnLoadingAndAtEachLaterInitWhileItIsLoaded) {
+    ZEL_FIRST_LIFE_ONLY();
     zelCore::init();
     ref_ptr<DynamicLibrary> library(load());
     ASSERT_NE(library.get(), nullptr);

@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/StreamCapture.h"
 
 #include <zel/InitCallback.h>
@@ -153,6 +154,7 @@ TEST_F(InitCallbackTest, StaticShutdownCallsWhenItIsDestroyedAndNotAtShutdown) {
 }
 
 TEST_F(InitCallbackTest, TheMacrosRegisterTheirBodies) {
+    ZEL_FIRST_LIFE_ONLY();
     EXPECT_EQ(s_macroStatic, 1);
     zelCore::init();
     EXPECT_EQ(s_macroInit, 1);

@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/StreamCapture.h"
 
 #include <zel/Log.h>
@@ -62,6 +63,7 @@ TEST_F(SingletonManagerTest, TheInstanceHasOneOwner) {
 }
 
 TEST_F(SingletonManagerTest, DestroysByDescendingPriority) {
+    ZEL_FIRST_LIFE_ONLY();
     new LoggedService("b", 20000);
     new LoggedService("d", 5);
     new LoggedService("a", 30000);
@@ -71,6 +73,7 @@ TEST_F(SingletonManagerTest, DestroysByDescendingPriority) {
 }
 
 TEST_F(SingletonManagerTest, Priority10000GoesBefore9999WhateverCameFirst) {
+    ZEL_FIRST_LIFE_ONLY();
     new LoggedService("lower", 9999);
     new LoggedService("upper", 10000);
     manager().shutdown();
@@ -78,6 +81,7 @@ TEST_F(SingletonManagerTest, Priority10000GoesBefore9999WhateverCameFirst) {
 }
 
 TEST_F(SingletonManagerTest, UnregisteringFromTheUpperListDeletes) {
+    ZEL_FIRST_LIFE_ONLY();
     auto* service = new LoggedService("a", 10000);
     EXPECT_TRUE(manager().unregisterSingleton(service));
     EXPECT_THAT(s_log, ElementsAre("~a")); // deleted and not shut down
@@ -102,6 +106,7 @@ TEST_F(SingletonManagerTest, UnregisteringAnUnknownServiceIsFalse) {
 }
 
 TEST_F(SingletonManagerTest, AServiceMadeDuringShutdownComesAfterTheUpperList) {
+    ZEL_FIRST_LIFE_ONLY();
     new LoggedService("first", 30000, [] { new LoggedService("late", 40000); });
     new LoggedService("second", 20000);
     manager().shutdown();
@@ -110,6 +115,7 @@ TEST_F(SingletonManagerTest, AServiceMadeDuringShutdownComesAfterTheUpperList) {
 }
 
 TEST_F(SingletonManagerTest, UnregisteringDuringShutdownLeavesTheListsWhole) {
+    ZEL_FIRST_LIFE_ONLY();
     auto* victim = new LoggedService("victim", 20000);
     new LoggedService("killer", 30000, [victim] { manager().unregisterSingleton(victim); });
     new LoggedService("last", 10000);
@@ -118,6 +124,7 @@ TEST_F(SingletonManagerTest, UnregisteringDuringShutdownLeavesTheListsWhole) {
 }
 
 TEST_F(SingletonManagerTest, AServiceMayUnregisterItselfWhenItIsShutDown) {
+    ZEL_FIRST_LIFE_ONLY();
     LoggedService* lower = nullptr;
     LoggedService* upper = nullptr;
     upper = new LoggedService(
@@ -131,6 +138,7 @@ TEST_F(SingletonManagerTest, AServiceMayUnregisterItselfWhenItIsShutDown) {
 }
 
 TEST_F(SingletonManagerTest, AServiceIsShutDownOnceAlsoFromItsOwnShutdown) {
+    ZEL_FIRST_LIFE_ONLY();
     LoggedService* service = nullptr;
     service = new LoggedService("a", 20000, [&] { service->_shutdown(); });
     manager().shutdown();
@@ -147,6 +155,7 @@ void breed() {
 } // namespace
 
 TEST_F(SingletonManagerTest, TheLowerListIsGivenUpAfter200Passes) {
+    ZEL_FIRST_LIFE_ONLY();
     breed();
     manager().shutdown();
     // The first pass goes to the service of the CPU device, which is there from the start. The newest of the
@@ -171,6 +180,7 @@ TEST_F(SingletonManagerTest, StaysShutDown) {
 }
 
 TEST_F(SingletonManagerTest, PrintsTheUpperAndThenTheLowerList) {
+    ZEL_FIRST_LIFE_ONLY();
     auto* b = new LoggedService("b", 20000);
     auto* a = new LoggedService("a", 10000);
     new LoggedService("c", 7);
@@ -187,6 +197,7 @@ TEST_F(SingletonManagerTest, PrintsTheUpperAndThenTheLowerList) {
 }
 
 TEST_F(SingletonManagerTest, AMessageAfterNotifyIsGoneGetsAFreshNotify) {
+    ZEL_FIRST_LIFE_ONLY();
     zelCore::init();
     const Notify* fresh = nullptr;
     new LoggedService("late", 100, [&fresh] {
@@ -204,6 +215,7 @@ TEST_F(SingletonManagerTest, AMessageAfterNotifyIsGoneGetsAFreshNotify) {
 }
 
 TEST(SingletonManagerStressTest, ServicesRegisterFromManyThreads) {
+    ZEL_FIRST_LIFE_ONLY();
     s_log.clear();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -218,6 +230,7 @@ TEST(SingletonManagerStressTest, ServicesRegisterFromManyThreads) {
 }
 
 TEST(SingletonManagerDeathTest, HasNoInstanceAfterItsDestruction) {
+    ZEL_FIRST_LIFE_ONLY();
     EXPECT_EXIT(
         {
             s_log.clear();
@@ -254,6 +267,7 @@ TEST(SingletonManagerDeathTest, AfterAForcedShutdownNoServiceIsShutDownUpToTheEn
 }
 
 TEST_F(SingletonManagerTest, AServiceThatThrowsDoesNotKeepTheOthersFromTheirShutdown) {
+    ZEL_FIRST_LIFE_ONLY();
     new LoggedService("upper", 20001);
     new LoggedService("thrower", 20000, [] { throw std::runtime_error("disk full"); });
     new LoggedService("second", 19999, [] { throw std::runtime_error("and again"); });

@@ -1,3 +1,5 @@
+#include "support/FirstLife.h"
+
 #include <zel/Singleton.h>
 #include <zel/SingletonManager.h>
 
@@ -18,6 +20,7 @@ struct PlainService : Singleton {
 } // namespace
 
 TEST(SingletonTest, IsShutDownOnceOnly) {
+    ZEL_FIRST_LIFE_ONLY();
     auto* service = new PlainService(20000);
     service->_shutdown();
     service->_shutdown();
@@ -26,6 +29,7 @@ TEST(SingletonTest, IsShutDownOnceOnly) {
 }
 
 TEST(SingletonTest, KnowsItsPriority) {
+    ZEL_FIRST_LIFE_ONLY();
     auto* wish = new PlainService(20000);
     auto* none = new PlainService;
     EXPECT_EQ(wish->getPriority(), 20000);

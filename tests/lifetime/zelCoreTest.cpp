@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/StreamCapture.h"
 #include "support/TempDirectory.h"
 
@@ -71,6 +72,7 @@ TEST(InitTest, TheFirstMessageIsOfLevelDebugAndLeavesNoSelection) {
 }
 
 TEST(InitTest, InitStoresTheStartTick) {
+    ZEL_FIRST_LIFE_ONLY();
     EXPECT_EQ(getStartTick(), 0U);
     const uint64 before = Timer::now();
     zelCore::init();
@@ -87,6 +89,7 @@ TEST(InitTest, ResetStartTickGivesTheLowHalf) {
 }
 
 TEST(InitTest, TheLibraryCanBeStartedAgain) {
+    ZEL_FIRST_LIFE_ONLY();
     const TempDirectory directory;
     setenv("ZEL_LOG_ENABLE", "1", 1);
     setenv("ZEL_LOG_FILE", directory.path("run.txt").c_str(), 1);

@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/StreamCapture.h"
 #include "support/TempDirectory.h"
 
@@ -172,6 +173,7 @@ TEST_F(LoggerTest, TheLogLevelNeedsTheLog) {
 }
 
 TEST_F(LoggerTest, TwoRunsGetTwoNumbersAndThePlainNameIsNeverUsed) {
+    ZEL_FIRST_LIFE_ONLY();
     init({{"ZEL_LOG_ENABLE", "1"}});
     EXPECT_EQ(Logger::instance()->getLogFilename(), directory.path("zel-0001.log"));
     zelCore::shutdown();
@@ -343,6 +345,7 @@ TEST_F(LoggerTest, AnErrorThatThrowsIsInTheLog) {
 }
 
 TEST_F(LoggerTest, ShutdownClosesTheLogWithALastLine) {
+    ZEL_FIRST_LIFE_ONLY();
     init({{"ZEL_LOG_ENABLE", "1"}});
     zelCore::shutdown();
     // The library is shut down by then, so the thread is not named.
@@ -406,6 +409,7 @@ private:
 } // namespace
 
 TEST_F(LoggerTest, AMessageBehindTheLoggersEndGoesToTheSameLogWithTheProgramsSettings) {
+    ZEL_FIRST_LIFE_ONLY();
     init({{"ZEL_LOG_ENABLE", "1"}, {"ZEL_LOG_OVERWRITE", "1"}, {"ZEL_LOG_FILE", "run.log"}});
     std::string seen;
     new LateService(&seen);
@@ -418,6 +422,7 @@ TEST_F(LoggerTest, AMessageBehindTheLoggersEndGoesToTheSameLogWithTheProgramsSet
 }
 
 TEST_F(LoggerTest, ANumberedLogIsGoneOnWithAsWell) {
+    ZEL_FIRST_LIFE_ONLY();
     init({{"ZEL_LOG_ENABLE", "1"}});
     std::string seen;
     new LateService(&seen);
@@ -427,6 +432,7 @@ TEST_F(LoggerTest, ANumberedLogIsGoneOnWithAsWell) {
 }
 
 TEST_F(LoggerTest, ASessionThatFollowsALateMessageReadsTheEnvironment) {
+    ZEL_FIRST_LIFE_ONLY();
     init({});
     std::string seen;
     new LateService(&seen);

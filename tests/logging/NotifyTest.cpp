@@ -1,3 +1,4 @@
+#include "support/FirstLife.h"
 #include "support/LogCapture.h"
 #include "support/StreamCapture.h"
 
@@ -389,6 +390,7 @@ TEST_F(NotifyTest, MacrosAreSingleStatements) {
 }
 
 TEST_F(NotifyTest, IsMadeAnewAfterShutdown) {
+    ZEL_FIRST_LIFE_ONLY();
     notify->setThrowOnError(false);
     zelCore::shutdown();
     zelCore::init();

@@ -9,6 +9,7 @@
 #include <zelData/Format.h>
 #include <zelData/Type.h>
 
+#include <support/FirstLife.h>
 #include <support/MemoryDevice.h>
 #include <tinyxml.h>
 
@@ -159,6 +160,7 @@ TEST(CpuDeviceTest, IsOneForTheProcess) {
 }
 
 TEST(CpuDeviceTest, EndsWithTheServicesOfTheLibrary) {
+    ZEL_FIRST_LIFE_ONLY();
     zelCore::init();
     zel::observer_ptr<CpuDevice> device(CpuDevice::instance());
     ASSERT_NE(device.get(), nullptr);

@@ -7,6 +7,7 @@
 #include <zelIO/FilePathContainer.h>
 
 #include <json/value.h>
+#include <support/FirstLife.h>
 #include <support/LogCapture.h>
 #include <support/ModelFiles.h>
 #include <support/TempDirectory.h>
@@ -122,6 +123,7 @@ TEST_F(ModelTest, NamespaceCompletesAUniqueMatchToItsPath) {
 }
 
 TEST_F(ModelTest, EndsWithTheLibraryAndComesAnew) {
+    ZEL_FIRST_LIFE_ONLY();
     static std::atomic<Model*> slot{nullptr};
     bool cleaned = false;
     Model::createBuiltinModel("test.Ending", noModel(), slot)->setShutdownCleanup([&cleaned] {
