@@ -25,17 +25,20 @@ namespace {
     ZEL_THROW(Frame::MergeException, node, existing);
 }
 
-/// With those of the parts that belong to a node.
-void copyIds(zel::Object* copy, const zel::Object* node) {
+/// Gives a copy, and the parts that belong to it, the ids of its original, and no link to that: the original
+/// may be another thread's, and go at any time.
+void adopt(zel::Object* copy, const zel::Object* node) {
     copy->setId(node->getId());
     if (const auto* partial = dynamic_cast<const Frame::PartialBuffer*>(node)) {
         auto* partialCopy = static_cast<Frame::PartialBuffer*>(copy);
-        copyIds(partialCopy->getIndexBuffer(), partial->getIndexBuffer());
+        adopt(partialCopy->getIndexBuffer(), partial->getIndexBuffer());
         if (partial->getDataBuffer() != nullptr)
-            copyIds(partialCopy->getDataBuffer(), partial->getDataBuffer());
+            adopt(partialCopy->getDataBuffer(), partial->getDataBuffer());
     } else if (const auto* buffer = dynamic_cast<const Buffer*>(node)) {
+        auto* bufferCopy = static_cast<Buffer*>(copy);
+        bufferCopy->setOriginalBuffer(bufferCopy);
         if (buffer->getElementBuffer() != nullptr)
-            copyIds(static_cast<Buffer*>(copy)->getElementBuffer(), buffer->getElementBuffer());
+            adopt(bufferCopy->getElementBuffer(), buffer->getElementBuffer());
     }
 }
 
@@ -116,7 +119,7 @@ void Frame::mergeChildren(const Component* source, Component* target, bool overw
 template <typename Node>
 void Frame::addClone(const Node* node, Component* target) {
     const zel::ref_ptr<Node> clone(node->clone());
-    copyIds(clone.get(), node);
+    adopt(clone.get(), node);
     addNode(target, clone.get());
 }
 

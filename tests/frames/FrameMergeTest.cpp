@@ -167,6 +167,22 @@ TEST_F(FrameMergeTest, PartsOfNodesKeepTheirIdsToo) {
     EXPECT_EQ(target->getBuffer("arrays")->getElementBuffer()->getId(), 13U);
 }
 
+// The original may be another thread's, and go at any time.
+TEST_F(FrameMergeTest, CopiesHaveNoLinkToWhatTheyWereCopiedFrom) {
+    source->addBuffer(reals("buffer", {4, 5}).get(), "buffer");
+    source->addBuffer(partial("part", {1}, {6}, 3).get(), "part");
+    const ref_ptr<Buffer> arrays(new Buffer("arrays", zelData::getFormat("Array<Real>")));
+    arrays->setElementBuffer(reals("elements", {1}).get());
+    source->addBuffer(arrays.get(), "arrays");
+    target->merge(source.get(), true);
+    for (Buffer* copy : {target->getBuffer("buffer"),
+                         partAt("part").getIndexBuffer(),
+                         partAt("part").getDataBuffer(),
+                         target->getBuffer("arrays"),
+                         target->getBuffer("arrays")->getElementBuffer()})
+        EXPECT_EQ(copy->getOriginalBuffer(), copy) << copy->getName();
+}
+
 TEST_F(FrameMergeTest, ValuesOfTheSameFormatAreReplaced) {
     target->addValue(real("value", 1).get(), "value");
     source->addValue(real("value", 2).get(), "value");

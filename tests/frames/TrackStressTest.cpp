@@ -285,6 +285,30 @@ TEST_F(TrackStressTest, CopiesGoOnWhateverThreadsDoToThem) {
         copy(seed + i);
 }
 
+TEST_F(TrackStressTest, FramesThatTwoTracksExpandEndOnAnyThread) {
+    const ref_ptr<CollectingWriter> writers[]{ref_ptr<CollectingWriter>(new CollectingWriter),
+                                              ref_ptr<CollectingWriter>(new CollectingWriter)};
+    std::vector<ref_ptr<Track>> tracks;
+    for (const auto& writer : writers) {
+        tracks.emplace_back(new Track(nullptr, writer.get()));
+        tracks.back()->setExpandFrames(true);
+        tracks.back()->start();
+    }
+    constexpr uint64 NumPushed = 1000 / zelTest::StressDivisor;
+    for (uint64 i = 0; i < NumPushed; ++i) {
+        const ref_ptr<Frame> frame(frameOf(i, static_cast<double>(i), i % 50 == 0));
+        const ref_ptr<zelData::Buffer> buffer(new zelData::Buffer("buffer", zelData::getFormat("Real")));
+        buffer->resize(3);
+        frame->addBuffer(buffer.get(), "buffer");
+        for (const auto& track : tracks)
+            track->pushFrame(frame.get());
+    }
+    for (const auto& track : tracks)
+        track->stop();
+    for (const auto& writer : writers)
+        EXPECT_EQ(writer->indices().size(), NumPushed);
+}
+
 // Only script/test --soak runs these.
 
 TEST_F(TrackSoakTest, DISABLED_ReplaysGoOnWhateverThreadsDoToThem) {
