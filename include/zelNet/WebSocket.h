@@ -135,7 +135,8 @@ public:
     [[nodiscard]] bool isAuthenticated() const noexcept { return m_isAuthenticated; }
 
     /// False once the connection has ended.
-    [[nodiscard]] bool isOpen() const noexcept { return m_handle != nullptr; }
+    /// @threads any thread
+    [[nodiscard]] bool isOpen() const noexcept { return m_isOpen.load(std::memory_order_relaxed); }
     [[nodiscard]] bool isOutgoing() const noexcept { return m_isOutgoing; }
     /// Bytes that wait to be sent.
     /// @threads any thread
@@ -174,6 +175,7 @@ private:
     std::deque<PacketTransfer> m_queue;
     zel::size_t m_partialCapacity = 0;
     std::atomic<zel::size_t> m_numQueuedBytes{0}; // others may ask
+    std::atomic<bool> m_isOpen;                   // the same: whether there is a handle
     zel::size_t m_maxMessageSize = NoLimit;
     bool m_isOutgoing;
     bool m_isPaused = false;

@@ -31,6 +31,9 @@ void WebSocketFrameWriter::writeFrame(const zelData::Frame* frame) {
     zel::Vector<zel::ref_ptr<WebSocket>> clients;
     {
         const std::lock_guard lock(m_mutex);
+        // Nobody tells when a given one has gone.
+        const auto hasGone = [](const zel::ref_ptr<WebSocket>& client) { return !client->isOpen(); };
+        m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(), hasGone), m_clients.end());
         clients = m_clients;
     }
     if (clients.empty())

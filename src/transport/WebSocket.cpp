@@ -91,7 +91,7 @@ WebSocket::Packet* packetOf(const StructuredMessage& message) {
 } // namespace
 
 WebSocket::WebSocket(WebSocketServer* server, lws* handle, bool isOutgoing)
-    : m_server(server), m_handle(handle), m_isOutgoing(isOutgoing) {}
+    : m_server(server), m_handle(handle), m_isOpen(handle != nullptr), m_isOutgoing(isOutgoing) {}
 
 WebSocket::~WebSocket() {
     resetPartialMessage();
@@ -215,6 +215,7 @@ void WebSocket::closeSoon() {
 
 void WebSocket::connectionEnded() noexcept {
     m_handle = nullptr;
+    m_isOpen.store(false, std::memory_order_relaxed);
     dropQueue();
     resetPartialMessage();
 }

@@ -20,19 +20,26 @@ protected:
         serveAlso([writer] { (void)writer->service(0); });
         return writer;
     }
+    /// Throws where it is serialized.
+    static ref_ptr<Frame> frameTooDeepForAPacket() {
+        ref_ptr<Frame> frame = makeFrame();
+        zel::Component* parent = frame.get();
+        for (int i = 0; i < 600; ++i) {
+            const ref_ptr<zel::Component> child(new zel::Component("c"));
+            frame->addNode(parent, child.get());
+            parent = child.get();
+        }
+        frame->addNode(parent, real("t", 1).get());
+        return frame;
+    }
 };
 
 TEST_F(WebSocketFrameWriterTest, WithoutClientsNothingIsSerialized) {
     const auto writer = makeWriter();
-    const auto frame = makeFrame();
-    zel::Component* parent = frame.get();
-    for (int i = 0; i < 600; ++i) { // too deep for a packet
-        const ref_ptr<zel::Component> child(new zel::Component("c"));
-        frame->addNode(parent, child.get());
-        parent = child.get();
-    }
-    frame->addNode(parent, real("t", 1).get());
+    const auto frame = frameTooDeepForAPacket();
     EXPECT_NO_THROW(writer->writeFrame(frame.get()));
+    const auto peer = connectTo(writer->getPort());
+    EXPECT_THROW(writer->writeFrame(frame.get()), std::runtime_error);
 }
 
 TEST_F(WebSocketFrameWriterTest, EachClientGetsThePacket) {
@@ -92,6 +99,21 @@ TEST_F(WebSocketFrameWriterTest, WritesToAGivenSocket) {
     EXPECT_FALSE(writer->service(0)) << "that is somebody else's";
     writer->writeFrame(frameOf(4).get());
     EXPECT_EQ(takeFrame(*peer).payload, bytesOf(frameOf(4).get()));
+    socket = nullptr;
+}
+
+TEST_F(WebSocketFrameWriterTest, NothingIsSerializedForAGivenSocketThatHasGone) {
+    ref_ptr<zelNet::WebSocket> socket;
+    const auto server = makeServer([&](zelNet::WebSocket* connected) { socket = connected; });
+    const auto peer = connectTo(server->getPort());
+    const ref_ptr<WebSocketFrameWriter> writer(new WebSocketFrameWriter(socket.get()));
+    const auto frame = frameTooDeepForAPacket();
+    EXPECT_THROW(writer->writeFrame(frame.get()), std::runtime_error);
+    EXPECT_EQ(writer->getNumClients(), 1U);
+    peer->reset();
+    EXPECT_TRUE(serveUntil([&] { return !socket->isOpen(); }));
+    EXPECT_NO_THROW(writer->writeFrame(frame.get()));
+    EXPECT_EQ(writer->getNumClients(), 0U);
     socket = nullptr;
 }
 
