@@ -22,7 +22,7 @@ const std::vector<Command>& commands() {
          "Runs a model",
          "Loads a model file, or a model by its path such as solar.Solar, and ticks its clock until the "
          "frames are "
-         "done, the time has come, or Ctrl-C ends it after the present step; a second one ends it at once. "
+         "done, the time has come, or Ctrl-C ends it after the present step; a third one ends it at once. "
          "Folders in "
          "which models, plug-ins and data are looked for are those of ZEL_PLUGIN_PATH and ZEL_FILE_PATH, the "
          "ones "

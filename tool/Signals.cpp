@@ -12,9 +12,19 @@ namespace tool {
 
 namespace {
 
-/// Any thread may get the signal; nothing else is published by it.
-constinit std::atomic<int> s_signal{0};
+/// Any thread may get the signals; nothing else is published by them.
+constinit std::atomic<int> s_numSignals{0}, s_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free); // as a handler needs it
+
+extern "C" void takeSignal(int number) {
+    const int numBefore = s_numSignals.fetch_add(1, std::memory_order_relaxed);
+    if (numBefore == 0) {
+        s_signal.store(number, std::memory_order_relaxed);
+    } else if (numBefore > 1) {
+        (void)signal(number, SIG_DFL);
+        (void)raise(number); // comes once this returns
+    }
+}
 
 } // namespace
 
@@ -24,8 +34,8 @@ int endSignal() {
 
 void endOnSignals() {
     struct sigaction action {};
-    action.sa_handler = [](int number) { s_signal.store(number, std::memory_order_relaxed); };
-    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    action.sa_handler = takeSignal;
+    action.sa_flags = SA_RESTART;
     for (const int number : {SIGINT, SIGTERM})
         if (sigaction(number, &action, nullptr) != 0)
             throw std::system_error(errno, std::generic_category(), "sigaction");

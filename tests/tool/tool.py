@@ -428,6 +428,38 @@ def streams_go_on_when_a_reader_is_killed():
         assert is_whole(f"{kind}.third")[0] > is_whole(f"{kind}.second")[-1]
 
 
+def give_signals(process, *numbers):
+    """Each is taken ahead of the next one, which would else be the same."""
+    status = pathlib.Path(f"/proc/{process.pid}/status")
+    for number in numbers:
+        process.send_signal(number)
+        while process.poll() is None and int(re.search(r"ShdPnd:\s*(\S+)", status.read_text()).group(1), 16):
+            time.sleep(0)
+
+
+def the_third_signal_ends_a_command_at_once():
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        process = subprocess.Popen([ZEL, "journal", "record", "--from", f"ws:127.0.0.1:{server.getsockname()[1]}", "x"])
+        with server.accept()[0]:  # which says nothing
+            give_signals(process, signal.SIGINT, signal.SIGTERM)
+            assert process.poll() is None
+            give_signals(process, signal.SIGINT)
+            assert process.wait(60) == -signal.SIGINT
+    assert not os.path.exists("x")
+
+
+def journals_are_closed_when_a_signal_comes_twice():
+    run = Stream("--stream", "ws:0", "--stream", "tcp:0", "--budget", "1000000")
+    for number in (signal.SIGINT, signal.SIGTERM):
+        for port in run.ports:
+            path = f"{port[:3].strip(':')}.{number}"
+            process = recorder(port, path)
+            give_signals(process, number, number)  # as `timeout` does, to the process and to its group
+            assert end_of(process, 128 + number)[0].startswith("Ended by a signal.\nRecorded ")
+            assert is_whole(path)
+    run.end()
+
+
 def journals_are_closed_when_the_sender_is_killed():
     for kind, code, told in (("tcp", 1, "The connection was lost.\nRecorded "), ("ws", 0, "Recorded ")):
         run = Stream("--stream", f"{kind}:0")
