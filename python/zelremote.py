@@ -23,9 +23,10 @@ Recordings that the program offers, as `zel serve run.journal` does, are tracks:
         with remote.frames(track["id"]) as frames:         # each frame that the track comes to
             print(next(frames).nodes["height"].rows)
 
-The address is the one that the simulation prints; connect(port=..., token=...) does as well. What a simulation
-refuses is a RemoteError with its words; a connection that ends is a ConnectionError. All calls wait for their
-answer, for `timeout` seconds at most. Not for several threads at once.
+The address is the one that the simulation prints, with its token; connect(port=..., token=...) does as well. What a
+simulation refuses is a RemoteError with its words; a connection that cannot be made, or that ends, is a
+ConnectionError, which leaving a `with` block does not raise. All calls wait for their answer, for `timeout` seconds at
+most, and raise TimeoutError then. Not for several threads at once.
 
     python -m zelremote ADDRESS                    what runs there
     python -m zelremote ADDRESS tree [PATH]        the objects below the path
@@ -43,6 +44,7 @@ import argparse
 import array
 import base64
 import collections
+import errno
 import hashlib
 import json
 import os
@@ -61,6 +63,10 @@ NONE = 0xFFFFFFFF
 PROTOCOL = "zel_stream"
 MAX_MESSAGE = 256 << 20
 SIGN_OF_LIFE = 10.0  # seconds from one to the next
+NO_TOKEN = "Error: not authenticated!"
+WITHOUT_TOKEN = " Connect to the whole address that the simulation prints, '...#control=PORT&token=TOKEN', or with connect(..., token=TOKEN)."
+ENDED = "The simulation has ended the connection"
+SILENT = "The simulation does not answer"
 
 _PRE_HEADER = struct.Struct("<IIIIII")
 _CODES = {"f32": "f", "f64": "d", "i8": "b", "u8": "B", "i16": "h", "u16": "H", "i32": "i", "u32": "I", "i64": "q", "u64": "Q"}
@@ -141,7 +147,8 @@ class Series:
     """A quantity over the time of a track.
 
     `times` in seconds, and for each of them a number in `rows`, or a tuple of `components` numbers. Where the run has more frames
-    than points were asked for, two rows stand for several frames: the least and the greatest of them. `error` tells why the end lacks, or is empty.
+    than points were asked for, two rows stand for several frames: the least and the greatest of them. `error` tells why the end
+    lacks, or all of it, or is empty.
     """
 
     def __init__(self, path: str) -> None:
@@ -232,6 +239,16 @@ class Frame:
             waiting += [(path + ".", each) for each in child.get("children", [])]
 
 
+def _is_timeout(error: OSError) -> bool:
+    """Whether it is ours; one of the system's has a number."""
+    return isinstance(error, (TimeoutError, socket.timeout)) and error.errno is None
+
+
+def _told(error: OSError) -> OSError:
+    """What a failure of a connection is called, whatever the system calls it."""
+    return TimeoutError(SILENT) if _is_timeout(error) else ConnectionError(ENDED)
+
+
 class _WebSocket:
     """A connection that sends and takes whole messages.
 
@@ -239,17 +256,21 @@ class _WebSocket:
     """
 
     def __init__(self, host: str, port: int, timeout: float) -> None:
-        self._socket = socket.create_connection((host, port), timeout)
-        self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._input = bytearray()
         self._kind, self._whole = 0, bytearray()  # of a message in pieces
         self._sending = threading.Lock()
         self._closed = threading.Event()
         try:
-            self._shake_hands(host, port)
-        except BaseException:
-            self._socket.close()
-            raise
+            self._socket = socket.create_connection((host, port), timeout)
+            try:
+                self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                self._shake_hands(host, port)
+            except BaseException:
+                self._socket.close()
+                raise
+        except OSError as error:
+            kind = TimeoutError if _is_timeout(error) else ConnectionRefusedError if error.errno == errno.ECONNREFUSED else ConnectionError
+            raise kind(f"No connection to {host}:{port}: {error.strerror or error}") from error
         threading.Thread(target=_show_life, args=(weakref.ref(self), self._closed), daemon=True).start()
         weakref.finalize(self, self._closed.set)
 
@@ -259,7 +280,7 @@ class _WebSocket:
             f"GET / HTTP/1.1\r\nHost: {host}:{port}\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
             f"Sec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\nSec-WebSocket-Protocol: {PROTOCOL}\r\n\r\n"
         )
-        self._socket.sendall(request.encode())
+        self._send_all(request.encode())
         while b"\r\n\r\n" not in self._input:
             if len(self._input) > 65536:
                 raise ConnectionError("The peer does not speak HTTP")
@@ -273,10 +294,19 @@ class _WebSocket:
             raise ConnectionError(f"The peer refuses the connection: {lines[0]}")
 
     def _more(self) -> None:
-        data = self._socket.recv(1 << 20)
+        try:
+            data = self._socket.recv(1 << 20)
+        except OSError as error:
+            raise _told(error) from error
         if not data:
-            raise ConnectionError("The simulation has ended the connection")
+            raise ConnectionError(ENDED)
         self._input += data
+
+    def _send_all(self, data: bytes) -> None:
+        try:
+            self._socket.sendall(data)
+        except OSError as error:
+            raise _told(error) from error
 
     def _take(self, size: int) -> bytes:
         while len(self._input) < size:
@@ -289,7 +319,9 @@ class _WebSocket:
         """Lets what is sent and received now raise TimeoutError at that time.monotonic()."""
         left = None if end is None else end - time.monotonic()
         if left is not None and left <= 0:
-            raise TimeoutError("The simulation does not answer")
+            raise TimeoutError(SILENT)
+        if self._closed.is_set():
+            raise ConnectionError("The connection is closed")
         self._socket.settimeout(left)
 
     def show_life(self) -> None:
@@ -313,7 +345,7 @@ class _WebSocket:
         mask = os.urandom(4)
         masked = int.from_bytes(data, "little") ^ int.from_bytes((mask * (size // 4 + 1))[:size], "little")
         with self._sending:
-            self._socket.sendall(bytes(head) + mask + masked.to_bytes(size, "little"))
+            self._send_all(bytes(head) + mask + masked.to_bytes(size, "little"))
 
     def receive(self, end: Optional[float]) -> Tuple[int, bytes]:
         """A message that is text (1) or bytes (2). What a timeout interrupts goes on with the next call."""
@@ -327,7 +359,7 @@ class _WebSocket:
             opcode, final, begin, size = frame
             data = self._take(begin + size)[begin:]
             if opcode == 8:
-                raise ConnectionError("The simulation has ended the connection")
+                raise ConnectionError(ENDED)
             if opcode == 9:
                 self.send(data, 10)
             if opcode > 2:
@@ -406,8 +438,12 @@ class Watch:
         return self
 
     def __exit__(self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]) -> None:
-        if not isinstance(error, ConnectionError):
+        if isinstance(error, ConnectionError):
+            return
+        try:
             self.close()
+        except ConnectionError:
+            pass  # which has ended it, too
 
     def __iter__(self) -> Iterator[Update]:
         while True:
@@ -443,8 +479,12 @@ class Frames:
         return self
 
     def __exit__(self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]) -> None:
-        if not isinstance(error, ConnectionError):
+        if isinstance(error, ConnectionError):
+            return
+        try:
             self.close()
+        except ConnectionError:
+            pass  # which has ended it, too
 
     def __iter__(self) -> "Frames":
         return self
@@ -585,8 +625,8 @@ class Remote:
     ) -> List[Series]:
         """What stood at some paths over the track's time: values, or elements of buffers as (path, index).
 
-        An element of a storage is followed by the id of its instance; NaN where that is not alive. Waits for each
-        piece for `timeout` seconds, or for ever.
+        An element of a storage is followed by the id of its instance; NaN where that is not alive. What cannot be followed
+        has its `error`; raises RemoteError where there is nothing else. Waits for each piece for `timeout` seconds, or for ever.
         """
         self._series += 1
         pairs = [(item, None) if isinstance(item, str) else item for item in items]
@@ -606,6 +646,8 @@ class Remote:
                 else:
                     series[item["item"]]._append(times, item["components"], _doubles(item, message.payload))
         self._pushes.pop(("Track.Points", self._series), None)
+        if all(one.error and not len(one) for one in series):
+            raise RemoteError("; ".join(dict.fromkeys(one.error for one in series)))
         return series
 
     def frames(self, id: int, paths: Sequence[str] = ()) -> Frames:
@@ -656,7 +698,8 @@ class Remote:
         """A response; None for what else has come, which is kept."""
         kind, data = self._socket.receive(end)
         if kind == 1:
-            raise RemoteError(data.decode(errors="replace"))
+            text = data.decode(errors="replace")
+            raise RemoteError(text + WITHOUT_TOKEN if text == NO_TOKEN else text)
         message = _decode(data)
         if message.response != NONE:
             return message
@@ -680,7 +723,9 @@ class Remote:
 def connect(address: str = "", *, host: str = "127.0.0.1", port: int = 0, token: str = "", timeout: float = 30.0) -> Remote:
     """Connects to the address that a simulation prints, or to a port.
 
-    Raises OSError where nobody listens, and RemoteError where the token is not the right one.
+    Raises ConnectionError, with host and port in its text, where nobody listens (ConnectionRefusedError) or something else does,
+    TimeoutError where nobody answers, and RemoteError where the token is not the right one. Without the token that a
+    simulation wants, the first request raises RemoteError.
     """
     if address:
         parts = urllib.parse.urlsplit(address)

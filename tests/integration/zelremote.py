@@ -116,7 +116,12 @@ def a_simulation_is_steered_where_it_may_be():
         assert refusal(zelremote.connect, simulation.address.split("&")[0] + "&token=wrong") == (
             "RemoteError: The simulation does not take the token")
         with zelremote.connect(simulation.address.split("&")[0]) as remote:
-            assert refusal(remote.info) == "RemoteError: Error: not authenticated!"
+            assert refusal(remote.info) == (
+                "RemoteError: Error: not authenticated! Connect to the whole address that the simulation prints, "
+                "'...#control=PORT&token=TOKEN', or with connect(..., token=TOKEN).")
+        port = int(re.search(r"control=(\d+)", simulation.address).group(1))
+        with zelremote.connect(port=port, token="a b&c") as remote:
+            assert remote.info()["writable"] is True
 
 
 def lines_on_the_terminal_tell_the_same():
@@ -159,6 +164,9 @@ def recordings_are_played_and_plotted():
             [earth, nothing] = remote.series(0, [(position, 3), "one.nothing"])
             assert (len(earth), earth.components, earth.error) == (51, 3, "") and nothing.error != ""
             assert earth.rows[30] == then[3] and earth.rows[0] == start[3] and list(earth.times) == sorted(earth.times)
+            assert refusal(remote.series, 0, ["one.nothing"]) == f"RemoteError: {nothing.error}"
+            assert refusal(remote.series, 0, ["one.nothing", "two", "one.nothing"]) == (
+                f"RemoteError: {nothing.error}; There is no object 'two'")
             some = remote.series(0, [(position, 3)], start=earth.times[10], end=earth.times[20])[0]
             assert some.rows == earth.rows[10:21] and some.times == earth.times[10:21]
             assert remote.track(1, "seekTime", time=earth.times[10])["position"]["frame"] == 10
@@ -309,6 +317,49 @@ def peers_that_only_ping_are_not_waited_for():
     with zelremote.connect(port=Talker(ping).port) as remote:
         remote.timeout = 0.3
         assert refusal(remote.info) == "TimeoutError: The simulation does not answer"
+
+
+def who_is_not_there_is_told_by_host_and_port():
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        port = server.getsockname()[1]
+    assert refusal(zelremote.connect, port=port) == f"ConnectionRefusedError: No connection to 127.0.0.1:{port}: Connection refused"
+    result = subprocess.run([sys.executable, f"{SOURCES}/python/zelremote.py", f"http://localhost:1/#control={port}"],
+                            capture_output=True, text=True, timeout=120)
+    assert (result.returncode, result.stderr) == (1, f"zelremote: No connection to 127.0.0.1:{port}: Connection refused\n"), result
+    assert refusal(zelremote.connect, host="no.such.host.invalid", port=port).startswith(
+        f"ConnectionError: No connection to no.such.host.invalid:{port}: ")
+    port = Liar(b"", b"HTTP/1.1 403 Forbidden\r\n\r\n").port
+    assert refusal(zelremote.connect, port=port) == (
+        f"ConnectionError: No connection to 127.0.0.1:{port}: The peer refuses the connection: HTTP/1.1 403 Forbidden")
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        port = silent.getsockname()[1]
+        assert refusal(zelremote.connect, port=port, timeout=0.3) == (
+            f"TimeoutError: No connection to 127.0.0.1:{port}: The simulation does not answer")
+
+
+def a_simulation_that_goes_away_is_one_exception():
+    ended = "ConnectionError: The simulation has ended the connection"
+    with Served("run", MODEL, "--path", SOLAR, "--control", "0", code=-signal.SIGKILL) as simulation:
+        remote = zelremote.connect(simulation.address)
+        others = [zelremote.connect(simulation.address) for _ in range(2)]
+        with remote, others[0] as watching, others[1] as framing:
+            with watching.watch(["Solar.clock.time"]) as watch, framing.frames(framing.tracks()[0]["id"]) as frames:
+                watch.next(30)
+                frames.next(30)
+                simulation.process.kill()
+                simulation.process.wait(60)
+                for _ in range(3):
+                    assert refusal(remote.info) == ended
+            # Both have been left without an exception, though nobody heard of it.
+            def follow(updates):
+                with updates:
+                    while True:
+                        next(iter(updates))
+
+            assert refusal(follow, watch) == ended
+            assert refusal(follow, frames) == ended
+        assert refusal(remote.info) == "ConnectionError: The connection is closed"
+        remote.close()
 
 
 def what_a_timeout_interrupts_goes_on():
