@@ -86,6 +86,16 @@ TEST_F(TcpSocketFrameReaderTest, AStreamMayEndAtOnce) {
     EXPECT_TRUE(reader->isOpen());
 }
 
+TEST_F(TcpSocketFrameReaderTest, AnEndMarkerWithAPayloadOffsetGivesNullAndTheNextFrameIsRead) {
+    const std::string marker = preHeader(0xFFFFFFFF, 1, 0);
+    const auto reader = readerOf(bytesOf(frameOf(1).get()) + marker + marker + bytesOf(frameOf(2).get()));
+    expectFrame(read(*reader), 1);
+    EXPECT_EQ(reader->readFrame(), nullptr);
+    EXPECT_TRUE(reader->isOpen());
+    EXPECT_EQ(reader->readFrame(), nullptr);
+    expectFrame(read(*reader), 2);
+}
+
 TEST_F(TcpSocketFrameReaderTest, FramesOwnTheirElements) {
     const auto reader = readerOf(bytesOf(frameOf(1).get()) + bytesOf(frameOf(2).get()));
     const auto first = read(*reader);

@@ -196,6 +196,35 @@ TEST_F(TcpSocketFrameWriterTest, WritesToAGivenSocket) {
     EXPECT_EQ(read(reader), nullptr);
 }
 
+TEST_F(TcpSocketFrameWriterTest, ItsEndClosesItsClientsAndItsPort) {
+    auto writer = makeWriter();
+    const zel::uint16 port = writer->getPort();
+    const Client one(*writer), two(*writer);
+    writer->writeFrame(makeFrame().get());
+    EXPECT_EQ(writer->getNumClients(), 2U);
+    const std::size_t size = bytesOf(makeFrame().get()).size();
+    writer = nullptr;
+    for (const Client* client : {&one, &two}) {
+        EXPECT_EQ(client->take(size).size(), size) << "what was written comes yet";
+        EXPECT_THROW((void)client->take(1), NetError);
+    }
+    EXPECT_THROW(one.socket->open(IPAddress(Loopback, port), false), NetError);
+}
+
+TEST_F(TcpSocketFrameWriterTest, ItsEndClosesAGivenSocketThatOthersHold) {
+    zelTest::OpenServer server;
+    server.open(0, false);
+    const ref_ptr<TCPSocket> near(new TCPSocket);
+    near->open(IPAddress(Loopback, server.port()), false);
+    const ref_ptr<TCPSocket> far(server.accept());
+    ref_ptr<TcpSocketFrameWriter> writer(new TcpSocketFrameWriter(near.get()));
+    EXPECT_TRUE(near->isValid());
+    writer = nullptr;
+    EXPECT_FALSE(near->isValid());
+    zel::uint8 byte = 0;
+    EXPECT_THROW(far->recvBlocking(&byte, 1), NetError);
+}
+
 TEST_F(TcpSocketFrameWriterTest, AClientThatDoesNotReadIsDroppedWhenTheTrackIsStopped) {
     const auto writer = makeWriter();
     const Client lazy(*writer);

@@ -5,6 +5,7 @@
 #include <zelNet/StructuredMessage.h>
 
 #include <json/value.h>
+#include <libwebsockets.h>
 #include <support/LogCapture.h>
 #include <support/StreamCapture.h>
 #include <support/TempDirectory.h>
@@ -146,6 +147,38 @@ TEST_F(WebSocketServerDeathTest, ARangeThatIsUsedUpEndsTheProcess) {
         HasSubstr("zelVerify failed: `success', Unable to start websocket server with port range 1:3"));
 }
 
+TEST_F(WebSocketServerTest, TheLibraryBelowTellsErrorsAndWarningsAlone) {
+    constexpr int All = LLL_ERR | LLL_WARN | LLL_NOTICE | LLL_INFO;
+    const auto levels = [] {
+        int visible = 0;
+        for (const int level : {LLL_ERR, LLL_WARN, LLL_NOTICE, LLL_INFO})
+            visible |= lwsl_visible(level) != 0 ? level : 0;
+        return visible;
+    };
+    lws_set_log_level(All, nullptr);
+    ASSERT_EQ(levels(), All);
+    testing::internal::CaptureStderr();
+    const auto one = makeServer();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(levels(), LLL_ERR | LLL_WARN);
+    const auto start = std::min<zel::uint16>(one->getPort(), 65000);
+    const ref_ptr<PortRange> range(new PortRange(start, static_cast<zel::uint16>(start + 20)));
+    const WebSocketServer two(range.get(), {}, {}, Protocol);
+    EXPECT_EQ(levels(), LLL_ERR | LLL_WARN) << "silent only while it looks for a port";
+}
+
+TEST_F(WebSocketServerTest, IsFoundByTheContextOfItsConnections) {
+    const ref_ptr<WebSocketServer> server = makeServer();
+    const ref_ptr<WebSocketServer> other = makeServer();
+    const auto peer = connectTo(server->getPort());
+    lws_context* context = nullptr;
+    for (const auto& [handle, socket] : server->getClientSockets())
+        context = lws_get_context(handle);
+    ASSERT_NE(context, nullptr);
+    EXPECT_EQ(WebSocketServer::getServer(context), server.get());
+    EXPECT_EQ(WebSocketServer::getServer(nullptr), nullptr);
+}
+
 // Servicing
 
 TEST_F(WebSocketServerTest, ServiceWithNothingToDoSaysSo) {
@@ -160,6 +193,22 @@ TEST_F(WebSocketServerTest, ServiceSaysThatSomethingHappened) {
     const RawWebSocket peer(server->getPort());
     bool happened = false;
     EXPECT_TRUE(serveUntil([&] { return (happened = server->service(0)); }));
+}
+
+TEST_F(WebSocketServerTest, ServiceThatFindsNoEndLeavesTheRestForTheNextOneAndSaysSo) {
+    ref_ptr<WebSocket> socket;
+    const auto server = makeServer([&](WebSocket* client) { socket = client; });
+    const auto peer = connectTo(server->getPort());
+    const ref_ptr<Packet> packet = packetOf("x");
+    constexpr int NumPackets = 30000; // one goes out in a round, and a call has 10,000 of them at most
+    for (int i = 0; i < NumPackets; ++i)
+        socket->send(packet.get());
+    EXPECT_TRUE(server->service(0));
+    const zel::size_t waiting = socket->getNumQueuedBytes();
+    EXPECT_GE(waiting, NumPackets - 10000U);
+    EXPECT_TRUE(server->service(0));
+    EXPECT_LT(socket->getNumQueuedBytes(), waiting);
+    socket = nullptr;
 }
 
 TEST_F(WebSocketServerTest, ServiceAndConnectFromACallbackAreRefused) {
@@ -718,6 +767,69 @@ TEST_F(WebSocketServerSecureTest, AFileThatIsNoneThrows) {
     ::setenv("ZEL_SSL_PEM_FILE", "no/such/file", 1); // NOLINT(concurrency-mt-unsafe)
     EXPECT_THAT(whatOf([&] { WebSocketServer server(AnyPort, {}, {}, Protocol); }),
                 testing::StartsWith("libwebsocket init failed: "));
+}
+
+TEST_F(WebSocketServerSecureTest, AFailureWithoutReasonIsAnInternalError) {
+    ::setenv("ZEL_SSL_PEM_FILE", "no/such/file", 1); // NOLINT(concurrency-mt-unsafe)
+    static std::string told;
+    lws_set_log_level(LLL_ERR, [](int /*level*/, const char* line) {
+        told += line;
+        errno = 0;
+    });
+    EXPECT_EQ(whatOf([&] { WebSocketServer server(AnyPort, {}, {}, Protocol); }),
+              "libwebsocket init failed: Internal error\n");
+    lws_set_log_level(LLL_ERR | LLL_WARN, lwsl_emit_stderr);
+    EXPECT_THAT(told, HasSubstr("no/such/file"));
+}
+
+using WebSocketServerSecureDeathTest = WebSocketServerSecureTest;
+
+TEST_F(WebSocketServerSecureDeathTest, ARangeIsTriedInSilence) {
+    const auto port = std::min<zel::uint16>(makeServer()->getPort(), 65000);
+    ::setenv("ZEL_SSL_PEM_FILE", "no/such/file", 1); // NOLINT(concurrency-mt-unsafe)
+    testing::internal::CaptureStderr();
+    EXPECT_THROW(WebSocketServer(AnyPort, {}, {}, Protocol), NetError);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("no/such/file"));
+    EXPECT_DEATH(
+        {
+            const ref_ptr<PortRange> range(new PortRange(port, static_cast<zel::uint16>(port + 5)));
+            WebSocketServer(range.get(), {}, {}, Protocol);
+        },
+        testing::AllOf(HasSubstr("Unable to start websocket server with port range"),
+                       testing::Not(HasSubstr("no/such/file"))));
+}
+
+TEST_F(WebSocketServerSecureTest, CertificatesOfAnAuthorityCompleteTheChain) {
+    const auto run = [](const std::string& command) {
+        ASSERT_EQ(std::system(command.c_str()), 0) << command; // NOLINT(concurrency-mt-unsafe)
+    };
+    const std::string authority = directory / "authority", leaf = directory / "leaf";
+    run("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=authority -keyout " + authority +
+        ".key -out " + authority + ".pem 2> /dev/null");
+    run("openssl req -newkey rsa:2048 -nodes -subj /CN=localhost -keyout " + leaf + ".key -out " + leaf +
+        ".csr 2> /dev/null");
+    run("openssl x509 -req -days 2 -in " + leaf + ".csr -CA " + authority + ".pem -CAkey " + authority +
+        ".key -CAcreateserial -out " + leaf + ".crt 2> /dev/null");
+    run("cat " + leaf + ".key " + leaf + ".crt > " + leaf + ".pem");
+    /// How many certificates a server shows to who connects.
+    const auto numCertificates = [&] {
+        const auto server = makeServer();
+        const std::string shown = directory / "shown";
+        whileServed(*server, [&] {
+            run("openssl s_client -showcerts -connect 127.0.0.1:" + std::to_string(server->getPort()) +
+                " < /dev/null > " + shown + " 2> /dev/null");
+        });
+        std::ifstream file(shown);
+        int count = 0;
+        for (std::string line; std::getline(file, line);)
+            count += line == "-----BEGIN CERTIFICATE-----" ? 1 : 0;
+        return count;
+    };
+    ::setenv("ZEL_SSL_PEM_FILE", (leaf + ".pem").c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(numCertificates(), 1);
+    ::setenv("ZEL_SSL_CA_FILE", (authority + ".pem").c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(numCertificates(), 2);
+    ::unsetenv("ZEL_SSL_CA_FILE"); // NOLINT(concurrency-mt-unsafe)
 }
 
 TEST_F(WebSocketServerTest, ThreadsMaySendWhileAnotherServes) {
