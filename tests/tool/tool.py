@@ -373,12 +373,20 @@ class Stream:
         return output
 
 
+def size_of(path):
+    """Of a file that may not be there, and may come and go while it is made."""
+    try:
+        return os.path.getsize(path)
+    except FileNotFoundError:
+        return 0
+
+
 def recorder(port, path):
     """Records what comes from the port; some of it is there."""
     process = subprocess.Popen([ZEL, "journal", "record", "--from", port, path], stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, text=True)
     end = time.monotonic() + 60
-    while not os.path.exists(path) or os.path.getsize(path) < 50000:
+    while size_of(path) < 50000:
         assert process.poll() is None and time.monotonic() < end, process.communicate()
         time.sleep(0.01)
     return process
