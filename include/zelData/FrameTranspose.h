@@ -65,10 +65,10 @@ public:
     void setFrameStride(zel::uint64 stride);
     [[nodiscard]] zel::uint64 getFrameStride() const noexcept { return m_frameStride; }
 
-    /// Appends a row.
+    /// Appends a row. Frames are not copied: the columns of one must stay as they are until others are told.
     /// @throws std::runtime_error  for a storage, or its table of ids, that a key frame lacks or that never
-    ///     was there, and for elements that can not stand alone. An instance that is not alive ends the
-    ///     process
+    ///     was there, for elements that can not stand alone or change their format, and for a part that does
+    ///     not fit to its column; there is no row then. An instance that is not alive ends the process
     void writeFrame(const Frame* frame) override;
     /// Begins anew and reads the whole session. Reads nothing but what is registered.
     /// @throws std::runtime_error  naming the path of a track that has found nothing; what writeFrame and the

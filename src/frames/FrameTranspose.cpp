@@ -98,8 +98,11 @@ public:
             fail("Unable to locate", frame);
         if (node != nullptr)
             take(frame, node);
+        look();
         m_row = row;
     }
+    /// The row was taken back: the next one, of another frame, has its number.
+    void forgetRow() { m_row = zel::InvalidIndex; }
 
 private:
     [[noreturn]] void fail(const char* fault, const Frame* frame) const {
@@ -118,12 +121,17 @@ private:
         } else if (frame->isKeyFrame() || !m_idToIndex) {
             fail("Unable to locate idToIndex buffer for", frame);
         }
+        for (Column& column : m_columns)
+            take(column, frame, node);
+    }
+
+    /// Each row anew: the elements move when whoever has the frames changes them, or a row fails midway.
+    void look() {
         m_numIds = m_idToIndex->size();
         const bool isWide = m_idToIndex->getElementSize() == sizeof(uint64);
         m_wideIds = isWide ? m_idToIndex->data<uint64>() : nullptr;
         m_narrowIds = isWide ? nullptr : m_idToIndex->data<zel::uint32>();
         for (Column& column : m_columns) {
-            take(column, node);
             if (!column.buffer)
                 continue;
             column.format = column.buffer->getFormat();
@@ -133,7 +141,7 @@ private:
         }
     }
 
-    static void take(Column& column, const Frame::EntityStorage* node) {
+    void take(Column& column, const Frame* frame, const Frame::EntityStorage* node) {
         Object* const child = node->findObject(column.name);
         const Attribute* attribute =
             node->getModel() == nullptr ? nullptr : node->getModel()->getAttribute(column.name);
@@ -153,14 +161,25 @@ private:
         const uint64 size = node->size() * column.numElements;
         if (part == nullptr && column.buffer->size() == size)
             return;
+        if (part != nullptr && !fits(part, column.buffer.get()))
+            fail(zel::String::format("The part of '%s' does not fit to the column of", column.name.c_str())
+                     .c_str(),
+                 frame);
         if (!column.isOwn) {
             column.buffer = zel::ref_ptr<Buffer>(column.buffer->clone());
+            // The frame may be another thread's as well, and go at any time.
+            column.buffer->setOriginalBuffer(column.buffer.get());
             column.isOwn = true;
         }
         if (part == nullptr)
             column.buffer->resize(size);
         else
             scatter(part, column.buffer.get());
+    }
+
+    static bool fits(const Frame::PartialBuffer* part, const Buffer* column) {
+        const Buffer* data = part->getDataBuffer();
+        return data != nullptr && data->getFormat() == column->getFormat() && data->size() == part->size();
     }
 
     zel::Path m_path;
@@ -314,6 +333,9 @@ void FrameTranspose::registerTrack(Track* track) {
     } else {
         auto* ofValue = dynamic_cast<ValueTrack*>(track);
         zelVerifyN(ofValue, "'%s': a track is of a value or of an attribute", track->getPath().c_str());
+        const bool isNew =
+            std::find(m_valueTracks.begin(), m_valueTracks.end(), ofValue) == m_valueTracks.end();
+        zelVerifyN(isNew, "'%s': the track is registered", track->getPath().c_str());
         m_valueTracks.push_back(ofValue);
     }
     m_tracks.push_back(track);
@@ -347,6 +369,8 @@ void FrameTranspose::writeFrame(const Frame* frame) {
     } catch (...) {
         for (const zel::ref_ptr<Track>& track : m_tracks)
             track->rewind(row);
+        for (const auto& [path, storage] : m_storages)
+            storage->forgetRow();
         throw;
     }
     if (!m_time) {

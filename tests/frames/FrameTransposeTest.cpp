@@ -268,6 +268,129 @@ TEST_F(FrameTransposeTest, ARowThatFailsLeavesNoTrace) {
     EXPECT_EQ(transpose->getTimeBuffer()->size(), 1U);
 }
 
+TEST_F(FrameTransposeTest, ARowBehindOneThatFailedHasItsOwnData) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* first = transpose->registerTrack("a.planets", "mass", 0);
+    auto* second = transpose->registerTrack("b.planets", "mass", 0);
+    const auto write = [&](uint64 index, double mass, bool hasBoth) {
+        const ref_ptr<Frame> frame = frameAt(index, true);
+        frame->addStorage(planets({mass}, {0}).get(), "a.planets");
+        if (hasBoth)
+            frame->addStorage(planets({mass}, {0}).get(), "b.planets");
+        transpose->writeFrame(frame.get());
+    };
+    write(0, 1, true);
+    EXPECT_EQ(zelTest::whatOf([&] { write(1, 2, false); }),
+              "FrameTranspose: Unable to locate storage b.planets in frame 1");
+    write(2, 3, true);
+    EXPECT_THAT(realsOf(first), ElementsAre(1.0, 3.0));
+    EXPECT_THAT(realsOf(second), ElementsAre(1.0, 3.0));
+    EXPECT_THAT(zelTest::elementsOf<uint64>(transpose->getIndexBuffer()), ElementsAre(0U, 2U));
+}
+
+TEST_F(FrameTransposeTest, PartsThatDoNotFitToTheirColumnAreRefused) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* track = transpose->registerTrack("sun.planets", "mass", 0);
+    const auto write = [&](uint64 index, const ref_ptr<zel::Object>& column) {
+        const ref_ptr<Frame> frame = frameAt(index, false);
+        const ref_ptr<Frame::EntityStorage> storage = storageOf(2);
+        if (column)
+            storage->addObject(column.get());
+        frame->addStorage(storage.get(), "sun.planets");
+        transpose->writeFrame(frame.get());
+    };
+    const ref_ptr<Frame> start = frameAt(0, true);
+    start->addStorage(planets({1, 2}, {0, 1}).get(), "sun.planets");
+    transpose->writeFrame(start.get());
+
+    const std::string fault =
+        "FrameTranspose: The part of 'mass' does not fit to the column of storage sun.planets in frame ";
+    const auto part = [](const ref_ptr<Buffer>& data) {
+        return ref_ptr<zel::Object>(
+            new Frame::PartialBuffer("mass", numbers("places", {0}).get(), data.get(), 2));
+    };
+    EXPECT_EQ(zelTest::whatOf([&] { write(1, part(makeBuffer<zel::uint8>("data", "UInt:8bit", {3}))); }),
+              fault + "1");
+    const ref_ptr<Buffer> text(new Buffer("data", zelData::getFormat("String")));
+    text->resize(1);
+    EXPECT_EQ(zelTest::whatOf([&] { write(2, part(text)); }), fault + "2");
+    const ref_ptr<Frame::PartialBuffer> empty(new Frame::PartialBuffer("mass", 1, 2));
+    EXPECT_EQ(zelTest::whatOf([&] { write(3, empty); }), fault + "3");
+    empty->setDataBuffer(reals("data", {3, 4, 5}).get());
+    EXPECT_EQ(zelTest::whatOf([&] { write(4, empty); }), fault + "4");
+    write(5, {});
+    EXPECT_THAT(realsOf(track), ElementsAre(1.0, 1.0));
+}
+
+/// What has grown ahead of the fault has moved.
+TEST_F(FrameTransposeTest, AColumnStaysWholeWhereAPartFailsMidway) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* track = transpose->registerTrack("sun.planets", "mass", 0);
+    ref_ptr<Frame> frame = frameAt(0, true);
+    frame->addStorage(planets({1, 2}, {0, 1}).get(), "sun.planets");
+    transpose->writeFrame(frame.get());
+    frame = frameAt(1, false);
+    const ref_ptr<Frame::EntityStorage> storage = storageOf(2);
+    storage->addObject(partial("mass", {1, uint64{1} << 60U}, {20, 30}, 100000).get());
+    frame->addStorage(storage.get(), "sun.planets");
+    EXPECT_THROW(transpose->writeFrame(frame.get()), std::runtime_error);
+    transpose->writeFrame(frameAt(2, false).get());
+    EXPECT_THAT(realsOf(track), ElementsAre(1.0, 1.0));
+    EXPECT_EQ(track->getCurrentFrameAttributeBuffer()->size(), 100000U);
+}
+
+TEST_F(FrameTransposeTest, StoredCopiesHaveNoLinkToTheFrame) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* track = transpose->registerTrack("sun.planets", "mass", 0);
+    const ref_ptr<Frame> start = frameAt(0, true);
+    start->addStorage(planets({1, 2}, {0, 1}).get(), "sun.planets");
+    transpose->writeFrame(start.get());
+    EXPECT_EQ(track->getCurrentFrameAttributeBuffer(), start->getBuffer("sun.planets.mass"));
+    EXPECT_EQ(track->getIdToIndexBuffer(), start->getBuffer("sun.planets._idToIndex"));
+    const ref_ptr<Frame> next = frameAt(1, false);
+    const ref_ptr<Frame::EntityStorage> storage = storageOf(2);
+    storage->addObject(partial("mass", {1}, {20}, 2).get());
+    next->addStorage(storage.get(), "sun.planets");
+    transpose->writeFrame(next.get());
+    Buffer* copy = track->getCurrentFrameAttributeBuffer();
+    EXPECT_NE(copy, start->getBuffer("sun.planets.mass"));
+    EXPECT_EQ(copy->getOriginalBuffer(), copy);
+}
+
+TEST_F(FrameTransposeTest, TablesOfIdsAreOfNumbersAndOfEitherSize) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* track = transpose->registerTrack("sun.planets", "mass", 0);
+    const auto write = [&](uint64 index, const ref_ptr<Buffer>& table) {
+        const ref_ptr<Frame> frame = frameAt(index, true);
+        const ref_ptr<Frame::EntityStorage> storage = planets({1, 2}, {});
+        storage->addObject(table.get());
+        frame->addStorage(storage.get(), "sun.planets");
+        transpose->writeFrame(frame.get());
+    };
+    const zel::Name& name = zelData::EntityStorage::IdToIndexName;
+    write(0, makeBuffer<zel::uint32>(name, "UInt:32bit", {1, 0}));
+    EXPECT_EQ(zelTest::whatOf([&] {
+                  write(1, reals(name, {0, 1}));
+              }),
+              "FrameTranspose: No numbers in idToIndex buffer for storage sun.planets in frame 1");
+    write(2, numbers(name, {0, 1}));
+    EXPECT_THAT(realsOf(track), ElementsAre(2.0, 1.0));
+}
+
+TEST_F(FrameTransposeTest, ElementsThatCanNotStandAloneAreRefused) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* track = transpose->registerTrack("list");
+    const ref_ptr<Frame> frame = frameAt(0, true);
+    const ref_ptr<Buffer> list(new Buffer("list", zelData::getFormat("Array<Real>")));
+    list->resize(1);
+    frame->addBuffer(list.get(), "list");
+    EXPECT_EQ(zelTest::whatOf([&] { transpose->writeFrame(frame.get()); }),
+              "FrameTranspose: Elements of format " + list->getFormat()->fullName() +
+                  " can not stand alone: 'list'");
+    EXPECT_EQ(track->getBuffer(), nullptr);
+    EXPECT_EQ(transpose->getTimeBuffer(), nullptr);
+}
+
 TEST_F(FrameTransposeTest, ATrackThatFindsNothingIsNamed) {
     session->append(zelTest::frameOf(0, 1).get());
     const ref_ptr<FrameTranspose> transpose(new FrameTranspose(session));
@@ -334,6 +457,18 @@ TEST_F(FrameTransposeDeathTest, TracksAreRegisteredAheadOfTheFrames) {
     const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
     transpose->writeFrame(frameAt(0, true).get());
     EXPECT_DEATH((void)transpose->registerTrack("a"), "'a': tracks are registered ahead of the first frame");
+}
+
+TEST_F(FrameTransposeDeathTest, TracksAreRegisteredOnceAndHaveAPath) {
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(true));
+    auto* value = transpose->registerTrack("a");
+    auto* attribute = transpose->registerTrack("sun.planets", "mass", 0);
+    EXPECT_DEATH(transpose->registerTrack(value), "'a': the track is registered");
+    EXPECT_DEATH(transpose->registerTrack(attribute), "'sun.planets': the track is registered");
+    EXPECT_DEATH((void)transpose->registerTrack(zel::Path()), "a track needs a path");
+    EXPECT_DEATH(transpose->registerTrack(static_cast<FrameTranspose::Track*>(nullptr)),
+                 "zelVerify failed: `track'");
+    EXPECT_DEATH(transpose->setFrameStride(0), "zelVerify failed: `stride > 0'");
 }
 
 /// Random sessions of a value and a storage, beside a model by instance.
