@@ -453,8 +453,8 @@ void FrameTranspose::extractFrames(const zel::Range<double>& range) {
     {
         const Feed feed(this, reader.get());
         m_track->setFrameStride(m_frameStride);
+        (void)m_track->jumpToTime(range.lower()); // ahead of the start: nothing else is read
         m_track->start();
-        (void)m_track->jumpToTime(range.lower());
         while (const zel::ref_ptr<Frame> frame = m_track->popFrame(true)) {
             if (frame->getTimeStamp() > range.upper())
                 break;

@@ -23,6 +23,20 @@ using zelTest::MemorySession;
 
 namespace {
 
+/// Notes whether its track was at work when it was told to jump.
+class JumpNoter : public MemoryReader {
+public:
+    JumpNoter(MemorySession* session, bool threaded, bool& jumpedAtWork)
+        : MemoryReader(session, threaded), m_jumpedAtWork(jumpedAtWork) {}
+    bool jumpToTime(double time) override {
+        m_jumpedAtWork = m_jumpedAtWork || getTrack()->isRunning();
+        return MemoryReader::jumpToTime(time);
+    }
+
+private:
+    bool& m_jumpedAtWork;
+};
+
 /// A journal in memory that knows how to read.
 class ReadableJournal : public JournalArchive {
 public:
@@ -37,7 +51,7 @@ public:
         return {};
     }
     [[nodiscard]] zelData::FrameReader* createFrameReader(Session* session) override {
-        auto* reader = new MemoryReader(dynamic_cast<MemorySession*>(session), threaded);
+        auto* reader = new JumpNoter(dynamic_cast<MemorySession*>(session), threaded, jumpedAtWork);
         reader->failsAt = failsAt;
         return reader;
     }
@@ -48,6 +62,7 @@ public:
 
     bool threaded = true;
     uint64 failsAt = zel::InvalidIndex;
+    bool jumpedAtWork = false;
 };
 
 class FrameTransposeTest : public zelTest::FrameFixture {
@@ -427,6 +442,17 @@ TEST_F(FrameTransposeTest, RangesAndStridesChooseTheFrames) {
     transpose->extractFrames();
     EXPECT_THAT(realsOf(track), ElementsAre(0.0, 4.0, 8.0));
     EXPECT_THAT(zelTest::elementsOf<uint64>(transpose->getIndexBuffer()), ElementsAre(0U, 4U, 8U));
+}
+
+TEST_F(FrameTransposeTest, FramesAheadOfTheRangeAreNotRead) {
+    for (uint64 i = 0; i < 10; ++i)
+        session->append(zelTest::frameOf(i, static_cast<double>(i)).get());
+    journal->failsAt = 0;
+    const ref_ptr<FrameTranspose> transpose(new FrameTranspose(session));
+    auto* track = transpose->registerTrack("value");
+    transpose->extractFrames({2.5, 3});
+    EXPECT_THAT(realsOf(track), ElementsAre(5.0, 6.0));
+    EXPECT_FALSE(journal->jumpedAtWork);
 }
 
 TEST_F(FrameTransposeTest, StandsAtTheEndOfAnyTrack) {
