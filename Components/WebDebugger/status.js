@@ -56,7 +56,7 @@ var statusPanel;
         }
         /// Recordings and nothing that runs.
         get isRecording() {
-            return this.session.isConnected && this.session.clocks.length === 0 && this.all.journals.length > 0;
+            return this.session.clocks.length === 0 && this.all.journals.length > 0;
         }
         show(id, text, grade = "") {
             const value = this.values.get(id);

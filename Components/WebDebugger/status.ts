@@ -59,7 +59,7 @@ namespace statusPanel {
         }
         /// Recordings and nothing that runs.
         private get isRecording(): boolean {
-            return this.session.isConnected && this.session.clocks.length === 0 && this.all.journals.length > 0;
+            return this.session.clocks.length === 0 && this.all.journals.length > 0;
         }
         private show(id: string, text: string, grade = ""): void {
             const value = this.values.get(id)!;

@@ -11,6 +11,7 @@ var trackBar;
         constructor(root, all, session) {
             this.root = root;
             this.all = all;
+            this.session = session;
             this.list = el("ul", { class: "recordings", id: "recordings", "aria-label": "Recordings" });
             this.transport = el("div", { class: "transport", role: "group", "aria-label": "Time of the recordings" });
             this.play = ui.button("Play", "Play or pause the recordings", () => this.toggle());
@@ -24,6 +25,7 @@ var trackBar;
             this.error = el("p", { class: "error", id: "track-error", role: "alert" });
             this.entered = "";
             this.fault = "";
+            this.left = null;
             this.draw = () => this.render();
             this.play.id = "play";
             this.loop.id = "loop";
@@ -83,6 +85,7 @@ var trackBar;
             const { journals, open } = all;
             root.hidden = journals.length === 0;
             this.renderList(journals);
+            this.enable();
             this.transport.hidden = open.length === 0;
             ui.setText(this.error, this.fault !== "" ? this.fault : all.error);
             if (open.length === 0)
@@ -114,6 +117,20 @@ var trackBar;
             if (this.entered !== rate && document.activeElement !== this.rate)
                 this.entered = this.rate.value = rate;
         }
+        /// While there is no connection nothing is driven; who was at a control then finds back to it.
+        enable() {
+            const whyNot = this.session.isConnected ? "" : "There is no connection.";
+            const { activeElement } = document;
+            if (whyNot !== "" && this.root.contains(activeElement))
+                this.left = activeElement;
+            for (const control of this.root.querySelectorAll("button, input"))
+                ui.enable(control, whyNot);
+            if (whyNot !== "")
+                return;
+            if (document.activeElement === document.body)
+                this.left?.focus();
+            this.left = null;
+        }
         renderList(journals) {
             journals.forEach((track, i) => {
                 const chip = this.list.children[i] ?? this.makeChip();
@@ -127,7 +144,7 @@ var trackBar;
                     track.numFrames + (track.isClosed ? " frames" : " frames, being written"));
                 ui.setText(button, track.isOpen ? "Close" : "Open recording");
                 button.setAttribute("aria-label", (track.isOpen ? "Close " : "Open ") + track.name);
-                button.title = track.isOpen ? "Its objects go, and its memory" : "Its objects appear beside those of the run";
+                button.dataset.title = track.isOpen ? "Its objects go, and its memory" : "Its objects appear beside those of the run";
             });
             while (this.list.childElementCount > journals.length)
                 this.list.lastElementChild.remove();

@@ -21,9 +21,10 @@ namespace trackBar {
         private readonly error = el("p", { class: "error", id: "track-error", role: "alert" });
         private entered = "";
         private fault = "";
+        private left: HTMLElement | null = null;
         private readonly draw = (): void => this.render();
 
-        constructor(private readonly root: HTMLElement, private readonly all: tracks.Tracks, session: model.Session) {
+        constructor(private readonly root: HTMLElement, private readonly all: tracks.Tracks, private readonly session: model.Session) {
             this.play.id = "play";
             this.loop.id = "loop";
             this.whole.id = "range-whole";
@@ -90,6 +91,7 @@ namespace trackBar {
             const { journals, open } = all;
             root.hidden = journals.length === 0;
             this.renderList(journals);
+            this.enable();
             this.transport.hidden = open.length === 0;
             ui.setText(this.error, this.fault !== "" ? this.fault : all.error);
             if (open.length === 0)
@@ -122,6 +124,20 @@ namespace trackBar {
                 this.entered = this.rate.value = rate;
         }
 
+        /// While there is no connection nothing is driven; who was at a control then finds back to it.
+        private enable(): void {
+            const whyNot = this.session.isConnected ? "" : "There is no connection.";
+            const { activeElement } = document;
+            if (whyNot !== "" && this.root.contains(activeElement))
+                this.left = activeElement as HTMLElement;
+            for (const control of this.root.querySelectorAll<HTMLButtonElement | HTMLInputElement>("button, input"))
+                ui.enable(control, whyNot);
+            if (whyNot !== "")
+                return;
+            if (document.activeElement === document.body)
+                this.left?.focus();
+            this.left = null;
+        }
         private renderList(journals: readonly Track[]): void {
             journals.forEach((track, i) => {
                 const chip = (this.list.children[i] as HTMLElement | undefined) ?? this.makeChip();
@@ -135,7 +151,7 @@ namespace trackBar {
                     track.numFrames + (track.isClosed ? " frames" : " frames, being written"));
                 ui.setText(button, track.isOpen ? "Close" : "Open recording");
                 button.setAttribute("aria-label", (track.isOpen ? "Close " : "Open ") + track.name);
-                button.title = track.isOpen ? "Its objects go, and its memory" : "Its objects appear beside those of the run";
+                button.dataset.title = track.isOpen ? "Its objects go, and its memory" : "Its objects appear beside those of the run";
             });
             while (this.list.childElementCount > journals.length)
                 this.list.lastElementChild!.remove();

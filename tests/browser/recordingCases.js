@@ -333,6 +333,29 @@ const mockCases = {
             await until(page, () => parseInt(document.querySelector("#frame").textContent) > 5);
         });
     },
+    async recordings_wait_while_there_is_no_connection(browser) {
+        await withMock(browser, { live: false, recordings: TwoOpen }, async (page, mock) => {
+            await untilText(page, "#state", /^Recording$/);
+            await page.focus("#track-time");
+            await page.keyboard.press("End");
+            await untilText(page, "#track-position", /frame 1199$/);
+            const disabled = () => page.locator("#tracks").evaluate((bar) => [...bar.querySelectorAll("button, input")].map((control) => control.disabled));
+            assert.deepStrictEqual([...new Set(await disabled())], [false]);
+            await mock.hangUp();
+            await untilText(page, "#state", /^Connection lost$/);
+            await until(page, () => document.querySelector("#play").disabled);
+            assert.deepStrictEqual([...new Set(await disabled())], [true]);
+            assert.strictEqual(await page.getAttribute("#play", "title"), "There is no connection.");
+            for (const gone of ["#pause", "#fps", "#drift"])
+                assert.strictEqual(await page.isVisible(gone), false, gone);
+            await mock.listen(mock.port);
+            await untilText(page, "#state", /^Recording$/);
+            await until(page, () => document.activeElement.id === "track-time" && !document.querySelector("#play").disabled);
+            assert.strictEqual(await page.getAttribute("#play", "title"), "Play or pause the recordings");
+            await page.keyboard.press("Home");
+            await untilText(page, "#track-position", /frame 0$/);
+        });
+    },
     async slow_tasks_and_streams_that_lose_frames_are_listed(browser) {
         const streams = [{ name: "tcp", port: 4000, numFrames: 50, numLeftOut: 3, numClients: 1 }, { name: "ws", port: 4001, numFrames: 50, numLeftOut: 0, numClients: 2 }];
         await withMock(browser, { streams }, async (page) => {
