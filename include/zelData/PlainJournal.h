@@ -77,7 +77,8 @@ public:
     ~PlainJournal();
 
     /// Takes in the frames that were written since, of a file that was opened for its Records: those that are
-    /// known keep their places, and what was read stays. The cost is that of the new frames.
+    /// known keep their places, and what was read stays. The cost is that of the new frames, and of a look at
+    /// the last one that is known.
     /// @return false if the file is another one by now, or no longer holds what is known, which stays as it
     ///     was then: to be opened anew
     [[nodiscard]] bool refresh();
@@ -138,6 +139,8 @@ private:
     void readHeaders(Search search);
     void checkSession();
     void sortFaults();
+    /// The crc32 of the beginning and the end of the last frame; nothing where they can not be read.
+    [[nodiscard]] std::optional<zel::uint32> sumOfLastFrame() const;
     [[nodiscard]] bool walk(Search search);
     void scan();
     // Each answers why the frame cannot stand, and is empty if it can.
@@ -176,8 +179,9 @@ private:
 
     PlainFrame m_state; // the complete frame at m_place
     PlainFrame::Names m_names;
-    zel::size_t m_place = NoPlace; // in m_frames; NoPlace for none
-    struct ::stat m_data {};       // of the file when it was opened
+    zel::size_t m_place = NoPlace;        // in m_frames; NoPlace for none
+    struct ::stat m_data {};              // of the file when it was opened
+    std::optional<zel::uint32> m_lastSum; // of the last frame that is known, for refresh
 };
 
 } // namespace zelData

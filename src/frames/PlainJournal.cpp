@@ -1,5 +1,6 @@
 #include "FrameRecord.h"
 #include "JournalMeta.h"
+#include "JournalSums.h"
 #include "files/DiskFile.h"
 
 #include <zelData/PlainJournal.h>
@@ -22,6 +23,8 @@ using zelIO::FileSystem;
 namespace {
 
 constexpr uint64 EndOfHeaders = JournalMeta::JournalHeaderSize + JournalMeta::MaxHeaderSize;
+/// Bytes at either end of a frame that tell it from another one: enough, and soon read.
+constexpr uint64 SampleSize = uint64{1} << 20;
 
 } // namespace
 
@@ -38,6 +41,8 @@ PlainJournal::PlainJournal(const zel::String& path, Search search) : m_path(path
     if (search == Search::Scan || (!walk(search) && search == Search::Walk))
         scan();
     sortFaults();
+    if (search == Search::Records)
+        m_lastSum = sumOfLastFrame();
 }
 
 bool PlainJournal::refresh() {
@@ -46,8 +51,10 @@ bool PlainJournal::refresh() {
     if (!FileSystem::stat(m_path, data) || data.st_ino != m_data.st_ino || data.st_dev != m_data.st_dev ||
         !m_file->size(size) || size < m_endOfFrames)
         return false;
-    // Whoever goes on from an earlier frame writes others in the place of those behind it.
-    if (!m_frames.empty() && !standsAt(*m_file, m_frames.back().offset, m_frames.back().record))
+    // Whoever goes on from an earlier frame writes others in the place of those behind it, and their records
+    // may be alike.
+    if (!m_frames.empty() &&
+        (!standsAt(*m_file, m_frames.back().offset, m_frames.back().record) || sumOfLastFrame() != m_lastSum))
         return false;
     const auto asItWas = [this,
                           faults = std::exchange(m_faults, {}),
@@ -76,7 +83,22 @@ bool PlainJournal::refresh() {
         return asItWas();
     (void)walk(Search::Records);
     sortFaults();
+    m_lastSum = sumOfLastFrame();
     return true;
+}
+
+std::optional<zel::uint32> PlainJournal::sumOfLastFrame() const {
+    if (m_frames.empty())
+        return {};
+    const FrameEntry& last = m_frames.back();
+    std::vector<zel::uint8> bytes(std::min(last.end() - last.offset, SampleSize));
+    zel::uint32 sum = 0;
+    for (const uint64 offset : {last.offset, last.end() - bytes.size()}) {
+        if (!m_file->readAt(offset, bytes.data(), bytes.size()))
+            return {};
+        sum = JournalSums::add(sum, bytes.data(), bytes.size());
+    }
+    return sum;
 }
 
 void PlainJournal::sortFaults() {

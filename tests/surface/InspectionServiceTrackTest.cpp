@@ -485,6 +485,20 @@ TEST_F(InspectionServiceTrackTest, TakesInWhatIsWrittenMeanwhile) {
     EXPECT_EQ(control(0, "open")["closed"], true);
 }
 
+TEST_F(InspectionServiceTrackTest, ShowsWhatIsRecordedAgain) {
+    Pond pond(pathOf("pond.journal"), fishes, "run");
+    pond.write(11);
+    service->addJournal(pathOf("pond.journal"), "pond");
+    control(0, "seek", "'frame':10");
+    EXPECT_EQ(valueOf("pond.weather.heat").asDouble(), -10);
+    pond.goBackTo(8, 1000); // a key frame as before: all records stand where they stood
+    pond.write(4);
+    Json::Value track = control(0, "open");
+    EXPECT_EQ(track["numFrames"], 12);
+    EXPECT_EQ(track["position"]["frame"], 10);
+    EXPECT_EQ(valueOf("pond.weather.heat").asDouble(), 1000 - 10);
+}
+
 TEST_F(InspectionServiceTrackTest, ShowsAJournalWhoseLastFrameIsNotWholeYet) {
     Pond pond(pathOf("pond.journal"), fishes, "run");
     pond.write(3);

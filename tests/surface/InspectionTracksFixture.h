@@ -63,7 +63,7 @@ protected:
             m_level->set(i / 2);
             m_wind->set(zel::Vec3d(i, 2 * i, 3 * i));
             m_label->set("frame " + std::to_string(m_frame));
-            m_heat->set(-i);
+            m_heat->set(m_warmer - i);
             m_depths->data<double>()[1] = 10 + i;
             m_depths->commit();
             if (m_frame == 3)
@@ -83,6 +83,19 @@ protected:
         void writeAs(zel::uint64 index, double time) {
             m_frame = index;
             write(time);
+        }
+        /// Goes on from the frame, which is a key frame then, with heats above what they were.
+        void goBackTo(zel::uint64 frame, double warmer) {
+            close();
+            const zel::ref_ptr<zelData::FileJournal> journal(
+                new zelData::FileJournal(m_journal->getPath(), zelData::FileJournal::Tolerant));
+            auto* session = zelData::FileJournal::downcastSession(journal->getSessions().front());
+            session->setFrameHead(session->getFrameInfo(frame)->headerOffset);
+            m_journal = journal;
+            m_writer = new zelData::FileFrameWriter(session);
+            m_capture->requestKeyFrame();
+            m_frame = frame;
+            m_warmer = warmer;
         }
         /// No fish is left.
         void catchAll() {
@@ -109,6 +122,7 @@ protected:
         zel::ref_ptr<zelData::FileJournal> m_journal;
         zel::ref_ptr<zelData::FileFrameWriter> m_writer;
         zel::uint64 m_frame = 0;
+        double m_warmer = 0;
     };
 
     void SetUp() override {
