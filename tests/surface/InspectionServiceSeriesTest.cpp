@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <map>
 #include <utility>
@@ -93,6 +94,22 @@ protected:
         }
         EXPECT_EQ(rows.times.size(), numFrames);
         EXPECT_EQ(rows.items[0].numbers.back(), static_cast<double>(numFrames - 1) / 2);
+    }
+    /// A journal, "own.journal", of the component, which is changed ahead of each frame.
+    void
+    recordOwn(zel::Component* root, zel::uint64 numFrames, const std::function<void(zel::uint64)>& change) {
+        const zelTest::StreamCapture quiet(std::cout);
+        const zel::ref_ptr<zelData::FileJournal> journal(new zelData::FileJournal(pathOf("own.journal")));
+        zelData::FileJournal::Session* session = journal->createNewFileSession("run");
+        std::istringstream scene;
+        session->packSceneData(scene);
+        const zel::ref_ptr<zelData::FileFrameWriter> writer(new zelData::FileFrameWriter(session));
+        const zel::ref_ptr<zelData::FrameCapture> capture(new zelData::FrameCapture(root));
+        for (zel::uint64 i = 0; i < numFrames; ++i) {
+            change(i);
+            writer->writeFrame(capture->capture(i, static_cast<double>(i), 1).get());
+        }
+        writer->endOfStream();
     }
     std::string seriesRefusal(const std::string& header) { return refusal(client, "Track.Series", header); }
     void expectQuiet(Client& from) { EXPECT_TRUE(isQuiet(from)); }
@@ -239,30 +256,51 @@ TEST_F(InspectionServiceSeriesTest, IsNaNWhereAKeyFrameLacksTheDatum) {
     const zel::ref_ptr<zelData::Buffer> list(new zelData::Buffer("list", zelData::getFormat("Real")));
     root->addObject(value.get());
     root->addObject(list.get());
-    {
-        const zelTest::StreamCapture quiet(std::cout);
-        const zel::ref_ptr<zelData::FileJournal> journal(new zelData::FileJournal(pathOf("own.journal")));
-        zelData::FileJournal::Session* session = journal->createNewFileSession("run");
-        std::istringstream scene;
-        session->packSceneData(scene);
-        const zel::ref_ptr<zelData::FileFrameWriter> writer(new zelData::FileFrameWriter(session));
-        const zel::ref_ptr<zelData::FrameCapture> capture(new zelData::FrameCapture(root.get()));
-        for (zel::uint64 i = 0; i < 6; ++i) {
-            list->resize(i == 3 ? 0 : i); // empty ones are left out of frames
-            for (zel::uint64 k = 0; k < list->size(); ++k)
-                list->data<double>()[k] = static_cast<double>(i);
-            list->commit();
-            if (i == 4)
-                root->removeObject(value.get());
-            writer->writeFrame(capture->capture(i, static_cast<double>(i), 1).get());
-        }
-        writer->endOfStream();
-    }
+    recordOwn(root.get(), 6, [&](zel::uint64 i) {
+        list->resize(i == 3 ? 0 : i); // empty ones are left out of frames
+        for (zel::uint64 k = 0; k < list->size(); ++k)
+            list->data<double>()[k] = static_cast<double>(i);
+        list->commit();
+        if (i == 4)
+            root->removeObject(value.get());
+    });
     service->addJournal(pathOf("own.journal"), "pond");
     control(0, "seek", "'frame':2");
     Rows rows = series("'items':[{'path':'pond.value'},{'path':'pond.list','index':1}]");
     EXPECT_THAT(rows.items[0].numbers, ElementsAre(1, 1, 1, 1, None, None));
     EXPECT_THAT(rows.items[1].numbers, ElementsAre(None, None, 2, None, 4, 5));
+}
+
+TEST_F(InspectionServiceSeriesTest, IsNaNWhereTheDatumHasAnotherNumberOfComponents) {
+    const zel::ref_ptr<zel::Component> root(new zel::Component("root"));
+    recordOwn(root.get(), 6, [&](zel::uint64 i) {
+        if (i != 0 && i != 3)
+            return;
+        root->removeAllObjects();
+        if (i == 0)
+            root->addObject(new zelData::ValueT<double>("value", 7));
+        else
+            root->addObject(new zelData::ValueT<zel::Vec3d>("value", zel::Vec3d(1, 2, 3)));
+    });
+    service->addJournal(pathOf("own.journal"), "pond");
+    Rows rows = series("'items':[{'path':'pond.value'}]");
+    EXPECT_EQ(rows.items[0].components, 1U);
+    EXPECT_THAT(rows.items[0].numbers, ElementsAre(7, 7, 7, None, None, None));
+    control(0, "seek", "'frame':3");
+    rows = series("'items':[{'path':'pond.value'}]");
+    EXPECT_EQ(rows.items[0].components, 3U);
+    EXPECT_THAT(rows.items[0].numbers,
+                ElementsAre(None, None, None, None, None, None, None, None, None, 1, 2, 3, 1, 2, 3, 1, 2, 3));
+}
+
+TEST_F(InspectionServiceSeriesTest, RoundsWholeNumbersThatAreTooLarge) {
+    const zel::ref_ptr<zel::Component> root(new zel::Component("root"));
+    const zel::ref_ptr<zelData::ValueT<zel::uint64>> value(new zelData::ValueT<zel::uint64>("value", 0));
+    root->addObject(value.get());
+    recordOwn(root.get(), 3, [&](zel::uint64 i) { value->set((zel::uint64{1} << 53) + i); });
+    service->addJournal(pathOf("own.journal"), "pond");
+    Rows rows = series("'items':[{'path':'pond.value'}]");
+    EXPECT_THAT(rows.items[0].numbers, ElementsAre(0x1p53, 0x1p53, 0x1p53 + 2));
 }
 
 TEST_F(InspectionServiceSeriesTest, OpensTheJournal) {

@@ -269,6 +269,22 @@ TEST_F(InspectionServiceTrackTest, ShowsTwoJournalsAtOnce) {
     EXPECT_THAT(levels, ElementsAre(0.5, 4, 3));
 }
 
+TEST_F(InspectionServiceTrackTest, TellsItsPathAsOtherObjectsComeAndGo) {
+    const zel::ref_ptr<zel::Component> ahead(new zel::Component("ahead"));
+    zel::root()->addObject(ahead.get());
+    addTrack(5);
+    addTrack(9); // of the same name
+    ask(client, "Track.List");
+    const std::string before = trackOf(1)["path"].asString();
+    EXPECT_THAT(before, StartsWith("#"));
+    zel::root()->removeObject(ahead.get());
+    const Json::Value told = takePush(client, "Track.State").header["track"];
+    EXPECT_EQ(told["id"], 1);
+    EXPECT_NE(told["path"], before);
+    EXPECT_EQ(trackOf(1)["path"], told["path"]);
+    EXPECT_EQ(valueOf(told["path"].asString() + ".level").asDouble(), 0);
+}
+
 // Control
 
 TEST_F(InspectionServiceTrackTest, SeeksByFrameAndTime) {
@@ -398,6 +414,28 @@ TEST_F(InspectionServiceTrackTest, OpensWhatIsDriven) {
         EXPECT_EQ(control(0, action, members)["open"], true) << action;
         EXPECT_EQ(control(0, "close")["open"], false);
     }
+}
+
+TEST_F(InspectionServiceTrackTest, IsOpenAlsoBehindARequestThatIsRefused) {
+    { const Pond pond(pathOf("empty.journal"), fishes, "run"); }
+    service->addJournal(pathOf("empty.journal"), "empty");
+    EXPECT_EQ(controlRefusal(0, "seek", "'frame':'x'"),
+              "'frame' must be a whole number from 0 to 18446744073709551615");
+    EXPECT_EQ(trackOf(0)["open"], false);
+    EXPECT_EQ(controlRefusal(0, "seek", "'frame':0"), "The track 'empty' has no frames");
+    EXPECT_EQ(trackOf(0)["open"], true);
+}
+
+TEST_F(InspectionServiceTrackTest, PlaysOnWhenWhoHasSetItPlayingIsGone) {
+    addTrack(4);
+    Client other = connect();
+    ask(other, "Track.Control", controls(0, "loop", "'loop':true"));
+    ask(other, "Track.Control", controls(0, "play", "'rate':1e300"));
+    other = {};
+    ASSERT_TRUE(serveUntil([&] { return channel->getClients().size() == 1; }));
+    for (const int place : {3, 0})
+        while (trackOf(0)["position"]["index"] != place && !HasFailure())
+            EXPECT_EQ(trackOf(0)["playing"], true);
 }
 
 TEST_F(InspectionServiceTrackTest, RefusesWhatMeansNothing) {
@@ -700,6 +738,27 @@ TEST_F(InspectionServiceFramesTest, HoldWhatIsAskedFor) {
     EXPECT_EQ(realAt(*frame, "weather.heat"), 0);
     EXPECT_EQ(realAt(*frame, "level"), 0);
     EXPECT_EQ(frame->getNumObjects(), 2U);
+}
+
+TEST_F(InspectionServiceFramesTest, HoldAllWhereNoPathIsAskedFor) {
+    addTrack(3);
+    ask(client, "Track.Subscribe", "{'id':0,'paths':[]}");
+    const auto frame = takePacket(client);
+    EXPECT_EQ(realAt(*frame, "weather.heat"), 0);
+    EXPECT_EQ(realAt(*frame, "level"), 0);
+}
+
+TEST_F(InspectionServiceFramesTest, HoldWhatAPathLeadsToLater) {
+    service->addLiveTrack("run", clock.get(), top.get());
+    ask(client, "Track.Subscribe", "{'id':0,'paths':['a','later']}");
+    auto frame = takePacket(client);
+    EXPECT_EQ(frame->getResource("later"), nullptr);
+    ack(client, 0, 0);
+    top->addObject(new ValueT<double>("later", 8));
+    clock->tick();
+    frame = takePacket(client);
+    EXPECT_EQ(realAt(*frame, "later"), 8);
+    EXPECT_EQ(realAt(*frame, "a"), 1.5);
 }
 
 TEST_F(InspectionServiceFramesTest, WaitForTheirAcknowledgement) {
