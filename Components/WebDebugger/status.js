@@ -135,7 +135,7 @@ var statusPanel;
                 grade = motion === "standing" ? "bad" : motion === "running" || motion === "stepping" ? "good" : "idle";
                 detail = session.info === null ? session.detail : session.clockError !== "" ? session.clockError :
                     "process " + session.info.pid + (session.info.writable ? "" : ", read only");
-                if (this.isRecording) {
+                if (this.isRecording && session.info !== null) {
                     const { open, isPlaying, rate } = this.all;
                     state = "Recording";
                     grade = isPlaying ? "good" : "idle";

@@ -143,11 +143,11 @@ namespace statusPanel {
                 grade = motion === "standing" ? "bad" : motion === "running" || motion === "stepping" ? "good" : "idle";
                 detail = session.info === null ? session.detail : session.clockError !== "" ? session.clockError :
                     "process " + session.info.pid + (session.info.writable ? "" : ", read only");
-                if (this.isRecording) {
+                if (this.isRecording && session.info !== null) {
                     const { open, isPlaying, rate } = this.all;
                     state = "Recording";
                     grade = isPlaying ? "good" : "idle";
-                    detail = session.clockError !== "" ? session.clockError : open.length === 0 ? "not open" : (isPlaying ? "plays at " + ui.number(rate) + " s/s" : "paused") + ", process " + session.info!.pid;
+                    detail = session.clockError !== "" ? session.clockError : open.length === 0 ? "not open" : (isPlaying ? "plays at " + ui.number(rate) + " s/s" : "paused") + ", process " + session.info.pid;
                 }
                 if (session.waitingFor > 2000) {
                     state = "No answer";

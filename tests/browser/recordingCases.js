@@ -348,6 +348,13 @@ const mockCases = {
             assert.strictEqual(await page.getAttribute("#play", "title"), "There is no connection.");
             for (const gone of ["#pause", "#fps", "#drift"])
                 assert.strictEqual(await page.isVisible(gone), false, gone);
+            // Who it is may be long to tell.
+            mock.options.handlers = { "System.Info": () => null };
+            await mock.listen(mock.port);
+            await untilText(page, "#state", /^Connected$/);
+            mock.options.handlers = {};
+            await mock.hangUp();
+            await untilText(page, "#state", /^Connection lost$/);
             await mock.listen(mock.port);
             await untilText(page, "#state", /^Recording$/);
             await until(page, () => document.activeElement.id === "track-time" && !document.querySelector("#play").disabled);
