@@ -224,14 +224,20 @@ namespace tracks {
         openJournal(track: Track): Promise<boolean> {
             return this.control(track, "open", {});
         }
-        closeJournal(track: Track): Promise<boolean> {
-            return this.control(track, "close", {});
+        async closeJournal(track: Track): Promise<boolean> {
+            const isDone = await this.control(track, "close", {});
+            // What looped with others does so by itself.
+            if (this.loopsTogether && this.open.length === 1)
+                await this.setLoop(true);
+            return isDone;
         }
 
         async play(rate = this.rate): Promise<void> {
             this.chosenRate = rate;
             const { open } = this;
             if (open.length === 1) {
+                if (this.loopsTogether)
+                    await this.setLoop(true);
                 await this.control(open[0]!, "play", { rate });
                 return;
             }

@@ -165,6 +165,23 @@ test("several that play in a loop begin again when the last of them has come to 
     bench.tell(entry(2, { time: 10 }));
     assert.deepStrictEqual(bench.asked, [[1, "seekTime", 0], [2, "seekTime", 0]]);
 });
+test("what loops together loops on by itself when it is left alone", async () => {
+    const bench = await TracksBench.start(entry(1, { time: 5 }), entry(2, { time: 5 }));
+    bench.all.setLoop(true);
+    await bench.answerControls(entry(1, { time: 5 }), entry(2, { time: 5 }));
+    bench.all.closeJournal(bench.all.get(2));
+    await bench.answerControls(entry(2, { open: false, position: null }));
+    assert.deepStrictEqual(bench.asked, [[1, "loop", false], [2, "loop", false], [2, "close"], [1, "loop", true]]);
+    await bench.answerControls(entry(1, { time: 5, loop: true }));
+
+    const gone = await TracksBench.start(entry(1), entry(2));
+    gone.all.setLoop(true);
+    await gone.answerControls(entry(1), entry(2));
+    gone.tell(entry(2, { open: false, position: null })); // somebody else has closed it
+    gone.all.play();
+    await gone.answerControls(entry(1, { loop: true }));
+    assert.deepStrictEqual(gone.asked.slice(2), [[1, "loop", true], [1, "play", 1]]);
+});
 test("what somebody else has paused is not played on", async () => {
     const bench = await TracksBench.start(entry(1, { time: 2 }), entry(2, { time: 2 }));
     bench.all.play();
