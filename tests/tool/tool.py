@@ -356,7 +356,10 @@ def runs_are_recorded():
 class Stream:
     """A run that sends its frames until it is told to end."""
 
+    runs = []
+
     def __init__(self, *words):
+        self.runs.append(self)
         pathlib.Path("Counter.zelComponent").write_text(MODEL)
         self.process = subprocess.Popen([ZEL, "run", "Counter.zelComponent", *words], stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, text=True)
@@ -371,6 +374,14 @@ class Stream:
         output, errors = self.process.communicate(timeout=300)
         assert self.process.returncode == 130 and errors == "", (output, errors)
         return output
+
+    def give_up(self):
+        """The test has failed. Who reads from a run that has gone tells nothing of why, and nobody ends one that has not."""
+        self.process.kill()
+        if not self.process.stdout.closed:
+            told = self.process.communicate()
+            if self.process.returncode != -signal.SIGKILL:
+                print(f"A run ended with {self.process.returncode}:", *told, file=sys.stderr)
 
 
 def size_of(path):
@@ -666,7 +677,12 @@ def main():
     os.environ.pop("ZEL_FILE_PATH", None)
     with tempfile.TemporaryDirectory() as directory:
         os.chdir(directory)
-        globals()[sys.argv[5]]()
+        try:
+            globals()[sys.argv[5]]()
+        except Exception:
+            for run in Stream.runs:
+                run.give_up()
+            raise
 
 
 main()
