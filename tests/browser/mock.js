@@ -126,7 +126,7 @@ class Mock {
     }
     tick() {
         for (const track of this.tracks)
-            if (track.advance(1 / 60))
+            if (!this.standsStill && track.advance(1 / 60))
                 this.tellTrack(track);
         if (this.clock.pending > 0) {
             this.clock.pending -= 1;

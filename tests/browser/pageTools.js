@@ -3,6 +3,7 @@
 const assert = require("node:assert");
 const { spawn } = require("child_process");
 const path = require("path");
+const { isDeepStrictEqual } = require("node:util");
 const readline = require("readline");
 const { chromium } = require("playwright-core");
 const { Mock } = require("./mock.js");
@@ -80,6 +81,12 @@ class Browser {
 function until(page, condition, argument) {
     return page.waitForFunction(condition, argument, { timeout: Bound });
 }
+/// Until something here, as of the mock server, is as it must be.
+async function untilEqual(read, expected) {
+    for (const end = Date.now() + Bound; Date.now() < end && !isDeepStrictEqual(read(), expected);)
+        await new Promise((resolve) => setTimeout(resolve, 10));
+    assert.deepStrictEqual(read(), expected);
+}
 function textOf(page, selector) {
     return page.locator(selector).textContent();
 }
@@ -135,5 +142,5 @@ async function withMock(browser, options, use, viewport) {
 }
 
 module.exports = {
-    Simulation, Browser, Wide, Narrow, until, untilText, textOf, numberIn, running, goTo, plot, picture, coloursOf, curves, withMock,
+    Simulation, Browser, Wide, Narrow, until, untilText, untilEqual, textOf, numberIn, running, goTo, plot, picture, coloursOf, curves, withMock,
 };
